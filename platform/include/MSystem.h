@@ -1,0 +1,16 @@
+#pragma once
+
+#include <pthread.h>
+
+/// The set's system services, under the chip vendor's names. All operations may be repeated.
+class MSystem {
+  public:
+    static bool Initialize(int argc, char** argv, unsigned char flag);
+    /// Readies the graphics layers: picks DirectFB's system when the environment does not.
+    static bool InitializeDFBLayer();
+    static unsigned char bEnableInitialResLoading;
+};
+
+/// Plain mutex operations that also record who holds the lock. 0 for success.
+int pthread_mutex_lock_tracker(pthread_mutex_t* mutex, const char* function, int line);
+int pthread_mutex_unlock_tracker(pthread_mutex_t* mutex);

@@ -1,0 +1,134 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+/// Control of the software television set: everything that is not part of the vendor's interface
+/// and that only someone who owns the set can do: choose its outputs, look at its screen, read its
+/// counters, and, for tests, make it misbehave and read what it was asked to do.
+namespace tvset {
+
+/// Time as the set sees it. Implementations are safe for use from several threads.
+class Clock {
+  public:
+    virtual ~Clock() = default;
+    /// Milliseconds since an arbitrary origin, never falling.
+    virtual int64_t NowMs() = 0;
+    /// Sleeps until `NowMs()` has reached `ms` or `Interrupt()` is called, whichever is first.
+    virtual void SleepUntil(int64_t ms) = 0;
+    /// Ends every SleepUntil that is running now.
+    virtual void Interrupt() = 0;
+};
+
+/// The machine's monotonic clock, run `speed` times as fast (1.0: real time).
+std::shared_ptr<Clock> NewRealClock(double speed = 1.0);
+
+/// A clock that stands still until a test moves it.
+class ManualClock : public Clock {
+  public:
+    virtual void Advance(int64_t ms) = 0;
+};
+std::shared_ptr<ManualClock> NewManualClock();
+
+enum class Decoding {
+    Libav,       ///< H.264 and AAC, really decoded
+    PassThrough  ///< access units are "shown" in PTS order without decoding; for tests
+};
+enum class VideoOutput {
+    Headless,  ///< pictures go nowhere but can be snapshot
+    Window  ///< a DirectFB window on layer 1, below the subtitle window (X11 when DISPLAY is set)
+};
+enum class AudioOutput {
+    Silent,  ///< dropped in time
+    Device   ///< the default SDL2 audio device; Silent where none opens
+};
+
+struct Options {
+    Decoding decoding = Decoding::Libav;
+    VideoOutput video = VideoOutput::Headless;
+    AudioOutput audio = AudioOutput::Silent;
+    std::shared_ptr<Clock> clock;  ///< null: real time
+    bool holdOnePicture = false;   ///< the decoder keeps one picture back, as some hardware does
+};
+
+/// Takes effect at the next creation of a player. Not while one exists (returns false).
+bool Configure(const Options& options);
+
+/// Counters since the last creation of a player; they survive its end until the next one.
+struct Statistics {
+    uint64_t videoUnitsPushed = 0;
+    uint64_t audioUnitsPushed = 0;
+    uint64_t payloadsRefused = 0;
+    uint64_t framesDecoded = 0;
+    uint64_t framesShown = 0;
+    uint64_t framesDropped = 0;  ///< decoded, but too late to be shown
+    uint64_t decodeErrors = 0;
+    uint64_t audioPlayedMs = 0;
+    int64_t firstPictureMs = -1;  ///< set clock when the first picture was shown, -1 before
+    int pictureWidth = 0;
+    int pictureHeight = 0;
+    uint32_t shownPts = 0;
+};
+Statistics GetStatistics();
+
+/// Writes the picture on the screen (black when there is none) as an RGB PNG. False, with the
+/// reason in `error` when given, if there is nothing to write or the file cannot be written.
+bool WriteSnapshot(const std::string& path, std::string* error = nullptr);
+
+/// Called on the set's display thread for each picture shown. Must not block. Empty: none.
+void SetPictureListener(std::function<void(uint32_t ptsMs)> listener);
+
+/// What a test can do to the set. All of it is forgotten by `Reset()`.
+namespace control {
+
+enum class Operation {
+    CreateMediaItem,
+    Initialize,
+    Finalize,
+    Play,
+    Stop,
+    TrickMode,
+    Flush,
+    Delete,
+    SwitchAudio
+};
+
+void Reset();
+/// The next `count` payloads (video and audio alike) are refused; SIZE_MAX for ever.
+void RefusePayloads(size_t count);
+void RefuseVideoPayloads(size_t count);
+/// The next `count` calls of `operation` fail.
+void Fail(Operation operation, size_t count = 1);
+/// Events of the vendor's number `event` are kept back until released, or thrown away.
+void HoldEvent(uint32_t event, bool hold);
+void DropEvent(uint32_t event, bool drop);
+/// E_EVENT_INIT_OK is delivered before the handle is written: a fault some sets have.
+void DeliverInitBeforeHandle(bool on);
+/// The display stops taking pictures, as if the decoder hung.
+void Freeze(bool on);
+
+/// One thing the set was asked, or did.
+struct JournalEntry {
+    std::string call;  ///< vendor's name of the operation, "event" or "shown"
+    unsigned long item = 0;
+    uint64_t value = 0;         ///< event number, PTS, gauge type: by the call
+    uint32_t streamType = 0;    ///< payloads: 1 video, 0 audio
+    uint32_t size = 0;          ///< payloads: bytes
+    uint32_t crc32 = 0;         ///< payloads: IEEE 802.3 CRC
+    std::vector<uint8_t> head;  ///< payloads: first 8 bytes
+    std::vector<uint8_t>
+        record;  ///< MM_CreateMediaItem: ST_MEDIA_INFO; MM_SwitchAudioTrack: its record
+    int result = 0;
+    uint64_t thread = 0;
+    int64_t timeMs = 0;
+};
+/// Starts or stops recording; the journal is bounded to one million entries, the oldest kept.
+void Record(bool on);
+std::vector<JournalEntry> Journal();
+
+}  // namespace control
+}  // namespace tvset
