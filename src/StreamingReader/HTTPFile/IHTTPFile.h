@@ -16,7 +16,9 @@
 /// failed until Close and a new Open.
 ///
 /// Threading: any operation from any thread. CancelRequests and GetBytesInFlight work while a
-/// transfer runs, and end or observe it; Close ends it too.
+/// transfer runs, and end or observe it; Close and Abort end it too. A stalled transfer ends within
+/// about a second. While Open runs, every operation but Abort and Close waits for it; Close and
+/// Abort end it. Read requests to a blocking file are served one after the other.
 /// Ownership: held by a scoped pointer. Notify pointers are not owned and must outlive the request.
 /// Units: bytes.
 /// Errors: -2 bad URL or range, -3 beyond the end or nothing there, -4 not open, -7 in progress,
@@ -38,6 +40,10 @@ class IHTTPFile : boost::noncopyable {
     virtual OPALError CancelRequests(bool cancelInFlight, bool clearCompleted) = 0;
     /// Bytes of the running transfer received so far; never fails.
     virtual OPALError GetBytesInFlight(int& bytes) = 0;
-    /// Always 0.
+    /// Always 0. Ends whatever runs, an Open on another thread included, and waits for its end.
     virtual OPALError Close() = 0;
+    /// Ends the header request or transfer that runs now and every one that would come: until
+    /// Close, operations that report the file's health answer -28. For a shutdown: takes no lock
+    /// and never waits, even while Open holds the file's lock.
+    virtual void Abort() = 0;
 };
