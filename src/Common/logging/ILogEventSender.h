@@ -1,0 +1,31 @@
+#pragma once
+
+#include <boost/noncopyable.hpp>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "Common/OPALError.h"
+
+/// Uploads documents of log events.
+///
+/// Threading: Initialize, Send and Shutdown on the log thread and, once that has ended, the
+/// controller's; the rest from any thread.
+/// Ownership: the controller's; `context` is not owned.
+/// Units: milliseconds, bytes.
+class ILogEventSender : boost::noncopyable {
+  public:
+    virtual OPALError Initialize() = 0;
+    virtual void SetLocale(const std::string& country, const std::string& language) = 0;
+    virtual OPALError Send(const std::string& document) = 0;
+    virtual OPALError Shutdown() = 0;
+    /// How often to flush.
+    virtual int64_t GetTransactionInterval() = 0;
+    virtual size_t GetTransactionSize() = 0;
+    virtual bool IsLevel1Enabled() = 0;
+    virtual bool IsLevel2Enabled() = 0;
+    virtual bool IsLevel3Enabled() = 0;
+    /// The session under which to upload; the first one given stays.
+    virtual void SetContext(void* context) = 0;
+    virtual ~ILogEventSender() = default;
+};

@@ -1,0 +1,86 @@
+#include "Common/logging/LogEventSerializer.h"
+
+#include <boost/property_tree/ptree.hpp>
+#include <boost/property_tree/xml_parser.hpp>
+#include <sstream>
+
+#include "Common/logging/LogEvent.h"
+
+namespace {
+
+constexpr size_t kMaxBufferedSize = 0x10100;
+const std::string kPartialBuffer = "<partial-buffer>true</partial-buffer>";
+const std::string kActionEnd = "</action>";
+const std::string kDocumentEnd = "</action></device-event>";
+
+void EraseDeclaration(std::string& text) {
+    if (text.compare(0, 5, "<?xml") != 0)
+        return;
+    const size_t end = text.find("?>\n");
+    if (end != std::string::npos)
+        text.erase(0, end + 3);
+}
+
+/// The mark goes in front of the root element, outside the document: the service's parser takes it
+/// there, deliberately.
+void CutToSize(std::string& text, size_t maxSize, bool alreadyMarked) {
+    if (text.size() <= maxSize)
+        return;
+    if (!alreadyMarked)
+        text.insert(0, kPartialBuffer);
+    if (maxSize < kPartialBuffer.size())
+        return;
+    const size_t lastAction = text.rfind(kActionEnd, maxSize - kPartialBuffer.size());
+    if (lastAction == std::string::npos)
+        return;
+    text.erase(lastAction);
+    text += kDocumentEnd;
+}
+
+}  // namespace
+
+LogEventSerializer::~LogEventSerializer() {
+    Clear();
+}
+
+bool LogEventSerializer::AddEvent(LogEvent* event) {
+    if (m_bufferedSize >= kMaxBufferedSize) {
+        m_overflow = true;
+        return false;
+    }
+    m_events.push_back(event);
+    m_bufferedSize += event->GetSize();
+    return true;
+}
+
+void LogEventSerializer::Serialize(std::string& out, size_t maxSize) {
+    if (m_events.empty())
+        return;
+    boost::property_tree::ptree events;
+    if (m_overflow)
+        events.put("partial-buffer", "true");
+    while (!m_events.empty()) {
+        LogEvent* event = m_events.front();
+        m_events.pop_front();
+        event->Serialize(events);
+        LogEventFactory::Instance().Destroy(event);
+    }
+    boost::property_tree::ptree root;
+    root.put_child("device-event", events);
+
+    std::ostringstream stream;
+    boost::property_tree::xml_writer_settings<std::string> settings(' ', 0, "utf-8");
+    boost::property_tree::write_xml(stream, root, settings);
+    out = stream.str();
+    EraseDeclaration(out);
+    CutToSize(out, maxSize, m_overflow);
+    m_bufferedSize = 0;
+    m_overflow = false;
+}
+
+void LogEventSerializer::Clear() {
+    for (LogEvent* event : m_events)
+        LogEventFactory::Instance().Destroy(event);
+    m_events.clear();
+    m_bufferedSize = 0;
+}

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <boost/noncopyable.hpp>
+#include <boost/scoped_ptr.hpp>
+
+class ILogEventSender;
+class LogEvent;
+
+/// The process-wide collector of log events: any thread posts, one thread at nice 19 gathers them
+/// and sends a batch through the sender whenever it is asked to flush. Playback is never affected
+/// by what becomes of a log.
+///
+/// Threading: Post and Flush from any thread, without waiting for the network. Start and Stop from
+/// the controller's threads, one at a time; Stop joins the log thread.
+/// Ownership: the sender is not owned and must outlive Stop. An accepted event is the server's.
+/// Errors: before Start and after Stop every event is refused.
+class LogServer : boost::noncopyable {
+  public:
+    static LogServer& Instance();
+    virtual ~LogServer();
+
+    /// Starts the log thread, which connects the sender when its first message has been handled. A
+    /// running thread is stopped first. Null: nothing happens.
+    void Start(ILogEventSender* sender);
+    /// True: the event was taken over. False: the caller keeps it and destroys it.
+    [[nodiscard]] bool Post(LogEvent* event);
+    /// Posts the event, and destroys it if it is refused.
+    void PostOrDestroy(LogEvent* event);
+    void Flush();
+    /// Sends what is left and ends the log thread.
+    void Stop();
+
+  private:
+    LogServer();
+    class PIMPL;
+    boost::scoped_ptr<PIMPL> m_pimpl;
+};

@@ -1,0 +1,100 @@
+#include "StreamSwitchingAlgorithm/src/BandwidthMonitor.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "Common/logging/Logger.h"
+#include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
+
+namespace {
+
+constexpr uint64_t kBitsPerByteMsPerSecond = 8000;
+
+int Rate(int64_t bytes, int64_t ms) {
+    if (ms <= 0)
+        return 0;
+    const uint64_t rate =
+        static_cast<uint64_t>(bytes) * kBitsPerByteMsPerSecond / static_cast<uint64_t>(ms);
+    return static_cast<int>(std::min(rate, static_cast<uint64_t>(std::numeric_limits<int>::max())));
+}
+
+}  // namespace
+
+/// What lies in the window: bytes, the time they span, and where the samples in it begin.
+struct BandwidthMonitor::Window {
+    int64_t bytes = 0;
+    int64_t span = 0;
+    size_t firstIndex = 0;
+};
+
+BandwidthMonitor::BandwidthMonitor() : m_logger(getLogger("opal.BandwidthMonitor")) {}
+
+void BandwidthMonitor::AddSample(const BandwidthSample& sample) {
+    if (sample.interval.lower() >= sample.interval.upper())
+        return;
+    LOG4CXX_DEBUG(m_logger, "AddSample: size=" << sample.size
+                                               << ", interval.lower=" << sample.interval.lower()
+                                               << ", interval.upper=" << sample.interval.upper());
+    m_samples.push_back(sample);
+    // One a call, so that a count lowered later drains one sample at a time.
+    const int64_t limit = AlgorithmConfig::Instance().GetBandwidthMonitorSampleCount();
+    if (static_cast<int64_t>(m_samples.size()) > limit)
+        m_samples.pop_front();
+}
+
+int BandwidthMonitor::GetBandwidth(int64_t currentTime) {
+    Window window;
+    int effective = 0;
+    if (currentTime != 0 && !m_samples.empty()) {
+        window = MeasureWindow(currentTime);
+        const int64_t active = window.span - IdleTime(window.firstIndex);
+        if (active >= AlgorithmConfig::Instance().GetBandwidthMonitorMinWindowInterval())
+            effective = Rate(window.bytes, active);
+    }
+    LOG4CXX_DEBUG(m_logger, "GetBandwidth: current.time=" << currentTime << " bandwidth="
+                                                          << Rate(window.bytes, window.span)
+                                                          << " bandwidth.effective=" << effective);
+    return effective;
+}
+
+/// A sample wholly in the window counts whole; one that the window's start cuts counts by the share
+/// of its time that lies inside.
+BandwidthMonitor::Window BandwidthMonitor::MeasureWindow(int64_t now) const {
+    const int64_t length = AlgorithmConfig::Instance().GetBandwidthMonitorWindowInterval();
+    const int64_t windowStart = now - length;
+    Window window;
+    window.firstIndex = m_samples.size() - 1;
+    for (size_t i = m_samples.size(); i-- > 0;) {
+        const int64_t lower = m_samples[i].interval.lower();
+        const int64_t upper = m_samples[i].interval.upper();
+        const auto size = static_cast<int64_t>(m_samples[i].size);
+        if (lower > windowStart) {
+            window.bytes += size;
+            window.span = std::max({window.span, now - lower, upper - lower});
+            window.firstIndex = i;
+        } else if (upper > windowStart) {
+            const double fraction =
+                static_cast<double>(upper - windowStart) / static_cast<double>(upper - lower);
+            window.bytes += static_cast<int64_t>(static_cast<double>(size) * fraction);
+            window.span = std::max(window.span, length);
+            window.firstIndex = i;
+        }
+    }
+    return window;
+}
+
+/// The time between downloads, from `firstIndex` on. Downloads that overlap or touch are one.
+int64_t BandwidthMonitor::IdleTime(size_t firstIndex) const {
+    int64_t gaps = 0;
+    BandwidthSample::Interval busy = m_samples[firstIndex].interval;
+    for (size_t i = firstIndex + 1; i < m_samples.size(); ++i) {
+        const BandwidthSample::Interval& next = m_samples[i].interval;
+        if (boost::numeric::overlap(busy, next)) {
+            busy = boost::numeric::hull(busy, next);
+        } else {
+            gaps += next.lower() - busy.upper();
+            busy = next;
+        }
+    }
+    return gaps;
+}
