@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#pragma GCC visibility push(default)
+
 /// The set's media player service, under the chip vendor's names. libOPAL's player bridge is the
 /// only user. A set maker puts the vendor's library in the place of the software set that is built
 /// here; the records therefore keep the vendor's shapes, spare bytes included.
@@ -116,3 +118,5 @@ class MSrv_MM_PlayerInterface {
     virtual int MM_SetAudioVolume(unsigned char volume);
     virtual int MM_SetVideoBlackScreen(unsigned char on);
 };
+
+#pragma GCC visibility pop

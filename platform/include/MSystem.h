@@ -2,6 +2,8 @@
 
 #include <pthread.h>
 
+#pragma GCC visibility push(default)
+
 /// The set's system services, under the chip vendor's names. All operations may be repeated.
 class MSystem {
   public:
@@ -14,3 +16,5 @@ class MSystem {
 /// Plain mutex operations that also record who holds the lock. 0 for success.
 int pthread_mutex_lock_tracker(pthread_mutex_t* mutex, const char* function, int line);
 int pthread_mutex_unlock_tracker(pthread_mutex_t* mutex);
+
+#pragma GCC visibility pop

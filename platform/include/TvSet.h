@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#pragma GCC visibility push(default)
+
 /// Control of the software television set: everything that is not part of the vendor's interface
 /// and that only someone who owns the set can do: choose its outputs, look at its screen, read its
 /// counters, and, for tests, make it misbehave and read what it was asked to do.
@@ -18,13 +20,17 @@ class Clock {
     virtual ~Clock() = default;
     /// Milliseconds since an arbitrary origin, never falling.
     virtual int64_t NowMs() = 0;
-    /// Sleeps until `NowMs()` has reached `ms` or `Interrupt()` is called, whichever is first.
-    virtual void SleepUntil(int64_t ms) = 0;
+    /// How often `Interrupt()` has been called.
+    virtual uint64_t Interrupts() = 0;
+    /// Sleeps until `NowMs()` has reached `ms` or `Interrupts()` differs from `seen`, whichever is
+    /// first. Who reads `Interrupts()` before looking for work misses no wake-up.
+    virtual void SleepUntil(int64_t ms, uint64_t seen) = 0;
     /// Ends every SleepUntil that is running now.
     virtual void Interrupt() = 0;
 };
 
-/// The machine's monotonic clock, run `speed` times as fast (1.0: real time).
+/// The machine's monotonic clock, run `speed` times as fast from its creation on. At 1.0 `NowMs()`
+/// is std::chrono::steady_clock in milliseconds.
 std::shared_ptr<Clock> NewRealClock(double speed = 1.0);
 
 /// A clock that stands still until a test moves it.
@@ -55,6 +61,15 @@ struct Options {
     bool holdOnePicture = false;   ///< the decoder keeps one picture back, as some hardware does
 };
 
+/// What `pthread_mutex_lock_tracker` knows of a mutex that is held.
+struct MutexHolder {
+    std::string function;
+    int line = 0;
+    uint64_t thread = 0;  ///< kernel's thread number
+};
+/// False when nobody holds `mutex` through the tracker.
+bool FindMutexHolder(const void* mutex, MutexHolder& holder);
+
 /// Takes effect at the next creation of a player. Not while one exists (returns false).
 bool Configure(const Options& options);
 
@@ -65,7 +80,8 @@ struct Statistics {
     uint64_t payloadsRefused = 0;
     uint64_t framesDecoded = 0;
     uint64_t framesShown = 0;
-    uint64_t framesDropped = 0;  ///< decoded, but too late to be shown
+    uint64_t framesDropped = 0;   ///< decoded, but too late to be shown
+    uint64_t unitsDiscarded = 0;  ///< taken, but thrown away because a bound of the set was reached
     uint64_t decodeErrors = 0;
     uint64_t audioPlayedMs = 0;
     int64_t firstPictureMs = -1;  ///< set clock when the first picture was shown, -1 before
@@ -79,7 +95,8 @@ Statistics GetStatistics();
 /// reason in `error` when given, if there is nothing to write or the file cannot be written.
 bool WriteSnapshot(const std::string& path, std::string* error = nullptr);
 
-/// Called on the set's display thread for each picture shown. Must not block. Empty: none.
+/// Called on the set's display thread for each picture shown. Must not block. Empty: none. Returns
+/// only when a running call of the former listener is over; a listener must not call this.
 void SetPictureListener(std::function<void(uint32_t ptsMs)> listener);
 
 /// What a test can do to the set. All of it is forgotten by `Reset()`.
@@ -111,11 +128,11 @@ void DeliverInitBeforeHandle(bool on);
 /// The display stops taking pictures, as if the decoder hung.
 void Freeze(bool on);
 
-/// One thing the set was asked, or did.
+/// One thing the set was asked, or did. Queries (PTS, gauge, position, size) are not recorded.
 struct JournalEntry {
     std::string call;  ///< vendor's name of the operation, "event" or "shown"
     unsigned long item = 0;
-    uint64_t value = 0;         ///< event number, PTS, gauge type: by the call
+    uint64_t value = 0;         ///< event number, PTS, data type: by the call
     uint32_t streamType = 0;    ///< payloads: 1 video, 0 audio
     uint32_t size = 0;          ///< payloads: bytes
     uint32_t crc32 = 0;         ///< payloads: IEEE 802.3 CRC
@@ -126,9 +143,15 @@ struct JournalEntry {
     uint64_t thread = 0;
     int64_t timeMs = 0;
 };
+/// Waits until the set has nothing to do before its clock moves or it is asked something. False
+/// when that took more than `timeoutMs` of real time, or no player exists.
+bool WaitIdle(int timeoutMs = 10000);
+
 /// Starts or stops recording; the journal is bounded to one million entries, the oldest kept.
 void Record(bool on);
 std::vector<JournalEntry> Journal();
 
 }  // namespace control
 }  // namespace tvset
+
+#pragma GCC visibility pop

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+#include "TvSet.h"
+
+namespace tvset {
+
+class TvCore;
+
+/// The one player of the process, its options before and its counters after it, and the listener.
+///
+/// Threading: any thread. Ownership: holds the core from `Create` to `Destroy`; who is inside an
+/// operation keeps it alive until that returns.
+class Registry {
+  public:
+    static Registry& Get();
+
+    bool Configure(const Options& options);
+    /// Nothing while a player exists: the second stays without a core, and all it does fails.
+    void Create(void* player);
+    void Destroy(const void* player);
+    std::shared_ptr<TvCore> CoreOf(const void* player) const;
+    std::shared_ptr<TvCore> Current() const;
+    Statistics GetStatistics() const;
+
+    void SetListener(std::function<void(uint32_t)> listener);
+    void TellListener(uint32_t ptsMs);
+
+  private:
+    mutable std::mutex m_mutex;
+    Options m_options;
+    Statistics m_last;
+    std::shared_ptr<TvCore> m_core;
+    const void* m_player = nullptr;
+
+    std::mutex m_listenerMutex;  ///< held while the listener runs
+    std::function<void(uint32_t)> m_listener;
+};
+
+}  // namespace tvset

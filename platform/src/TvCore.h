@@ -1,0 +1,153 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "AudioOut.h"
+#include "Decoder.h"
+#include "EventService.h"
+#include "MSrv_MM_PlayerInterface.h"
+#include "Presenter.h"
+#include "TvSet.h"
+#include "VideoOut.h"
+#include "Wakeups.h"
+
+namespace tvset {
+
+/// The set behind the player service: queues of access units, a thread each for decoding, display
+/// and sound, and the media clock between them.
+///
+/// Threading: any thread may call any operation. One mutex guards all state; no decoder, output,
+/// listener or recipient is called with it held. `Flush`, `Stop` and `DeleteItem` wait for a
+/// picture that is just being put on the screen, nothing else blocks. Ownership and lifetime:
+/// `Disconnect`, or the destructor, ends the threads. Units: milliseconds. Errors: 0 for success,
+/// -1 for failure, 1 for a payload that was not taken.
+class TvCore {
+  public:
+    /// `options.clock` is set.
+    TvCore(const Options& options, void* instance);
+    ~TvCore();
+
+    TvCore(const TvCore&) = delete;
+    TvCore& operator=(const TvCore&) = delete;
+
+    int Connect();
+    int Disconnect();
+    EventService& Events() { return m_events; }
+
+    int CreateItem(const ST_MEDIA_INFO& info, unsigned long* item);
+    int DeleteItem(unsigned long item);
+    int Play(unsigned long item);
+    int Stop(unsigned long item);
+    int SetTrickMode(unsigned long item, const ST_TRICK_INFO& info);
+    int SetRectangle(unsigned long item, const ST_RECT& rect);
+    int Push(unsigned long item, const ST_MMPLAYER_DATA_INFO& data);
+    int Flush(unsigned long item);
+    int SwitchAudio(unsigned long item, uint32_t sampleRate, uint32_t channels);
+    int SetVolume(unsigned char volume);
+    int SetBlack(bool black);
+
+    uint32_t VideoPts() const;
+    unsigned long Gauge() const { return m_gauge; }
+    void PictureSize(int& width, int& height) const;
+
+    Statistics GetStatistics() const;
+    /// What is on the screen; whether it is covered.
+    Picture Screen(bool& black) const;
+    /// After a test's orders changed.
+    void ControlChanged();
+    bool WaitIdle(int timeoutMs) { return m_wakeups.WaitIdle(timeoutMs); }
+
+  private:
+    // One thread each.
+    void DecodeLoop();
+    void DisplayLoop();
+    void AudioLoop();
+    // Steps of the loops; true if something was done, otherwise when to look again.
+    bool DecodeStep(std::unique_lock<std::mutex>& lock, int64_t& nextMs);
+    bool DisplayStep(std::unique_lock<std::mutex>& lock, int64_t& nextMs);
+    bool AudioStep(std::unique_lock<std::mutex>& lock, int64_t& nextMs);
+    void DecodeUnit(std::unique_lock<std::mutex>& lock);
+    void DrainDecoder(std::unique_lock<std::mutex>& lock);
+    void KeepPictures(std::vector<Picture>& pictures, uint64_t generation);
+    void ShowFront(std::unique_lock<std::mutex>& lock);
+    void PlaySound(std::unique_lock<std::mutex>& lock, int64_t aheadMs);
+    bool PrepareSound(std::unique_lock<std::mutex>& lock);
+
+    // With m_mutex held.
+    bool IsItem(unsigned long item) const { return m_connected && item != 0 && item == m_item; }
+    bool Running() const;
+    bool Starved() const;
+    bool HasPicture() const { return m_pictures.size() > m_keptBack; }
+    void PopPicture();
+    void Refresh();
+    void DropAll(std::unique_lock<std::mutex>& lock);
+    void DropAudio();
+    int PushVideo(Unit unit, bool forItem);
+    int PushAudio(Unit unit);
+
+    const Options m_options;
+    const size_t m_keptBack;  ///< pictures that wait for the next before they are shown
+    Wakeups m_wakeups;
+    EventService m_events;
+
+    mutable std::mutex m_mutex;
+    std::condition_variable m_shownOne;
+    std::vector<std::thread> m_threads;
+    std::unique_ptr<VideoDecoder> m_decoder;       ///< used by the decode thread only
+    std::unique_ptr<VideoOut> m_videoOut;          ///< used by the display thread only
+    std::unique_ptr<AudioDecoder> m_audioDecoder;  ///< used by the sound thread only
+    std::unique_ptr<AudioOut> m_audioOut;          ///< likewise
+
+    bool m_connected = false;
+    bool m_stop = false;
+    unsigned long m_item = 0;
+    unsigned long m_lastItem = 0;
+    bool m_playing = false;
+    bool m_paused = false;
+
+    std::deque<Unit> m_video;  ///< not yet decoded; without an item: staged for the next
+    size_t m_videoBytes = 0;   ///< of m_video, and of what passes through undecoded in m_pictures
+    std::deque<Picture> m_pictures;
+    uint64_t m_generation = 0;  ///< counts flushes: what was decoded before one is not kept
+    bool m_resetDecoder = false;
+    bool m_decoding = false;
+    int64_t m_starvedSince = -1;
+
+    std::deque<Unit> m_audio;
+    size_t m_audioBytes = 0;
+    uint64_t m_audioGeneration = 0;
+    bool m_openAudio = false;
+    bool m_flushAudio = false;
+    uint32_t m_audioRate = 0;
+    uint32_t m_audioChannels = 0;
+    bool m_soundRuns = false;
+    int64_t m_audioPlayedUs = 0;
+
+    Presenter m_presenter;
+    Picture m_screen;
+    bool m_black = false;
+    ST_RECT m_rect{};
+    bool m_outputChanged = false;
+    bool m_showing = false;
+    Statistics m_statistics;
+
+    // Read without the mutex by the position queries.
+    std::atomic<bool> m_hasPicture{false};
+    std::atomic<uint32_t> m_shownPts{0};
+    std::atomic<uint32_t> m_pushedPts{0};
+    std::atomic<unsigned long> m_gauge{0};
+    std::atomic<unsigned> m_volume{100};
+};
+
+/// Calls the application's listener. Never with a lock of the core held.
+void TellPictureListener(uint32_t ptsMs);
+
+}  // namespace tvset

@@ -1,0 +1,297 @@
+#include <algorithm>
+#include <iterator>
+
+extern "C" {
+#include <libavutil/frame.h>
+}
+
+#include "Control.h"
+#include "TvCore.h"
+
+namespace tvset {
+namespace {
+
+/// A decoder without data for this long is asked for what it holds back.
+constexpr int64_t kDrainAfterMs = 200;
+/// Sound later than this is left out.
+constexpr int64_t kAudioLateMs = 100;
+
+void Scale(std::vector<int16_t>& samples, unsigned percent) {
+    if (percent < 100) {
+        for (int16_t& sample : samples) {
+            sample = static_cast<int16_t>(sample * static_cast<int>(percent) / 100);
+        }
+    }
+}
+
+}  // namespace
+
+// Decoding
+
+void TvCore::DecodeLoop() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (!m_stop) {
+        const uint64_t ticket = m_wakeups.Ticket();
+        int64_t nextMs = kNever;
+        if (!DecodeStep(lock, nextMs)) {
+            m_wakeups.Sleep(Sleeper::Decode, lock, nextMs, ticket);
+        }
+    }
+    lock.unlock();
+    m_wakeups.End(Sleeper::Decode);
+}
+
+bool TvCore::DecodeStep(std::unique_lock<std::mutex>& lock, int64_t& nextMs) {
+    if (m_resetDecoder) {
+        m_resetDecoder = false;
+        lock.unlock();
+        m_decoder->Reset();
+        lock.lock();
+        return true;
+    }
+    if (m_item == 0) {
+        return false;
+    }
+    if (!m_video.empty()) {
+        if (m_pictures.size() >= m_decoder->MaxWaiting() + m_keptBack) {
+            return false;
+        }
+        DecodeUnit(lock);
+        return true;
+    }
+    Refresh();
+    if (m_starvedSince < 0 || m_decoder->Held() == 0) {
+        return false;
+    }
+    if (m_wakeups.NowMs() < m_starvedSince + kDrainAfterMs) {
+        nextMs = m_starvedSince + kDrainAfterMs;
+        return false;
+    }
+    DrainDecoder(lock);
+    return true;
+}
+
+void TvCore::DecodeUnit(std::unique_lock<std::mutex>& lock) {
+    const Unit unit = std::move(m_video.front());
+    m_video.pop_front();
+    m_videoBytes -= unit.Cost();
+    const uint64_t generation = m_generation;
+    m_decoding = true;
+    lock.unlock();
+    std::vector<Picture> pictures;
+    const unsigned errors = m_decoder->Decode(unit, pictures);
+    lock.lock();
+    m_statistics.decodeErrors += errors;
+    KeepPictures(pictures, generation);
+}
+
+void TvCore::DrainDecoder(std::unique_lock<std::mutex>& lock) {
+    const uint64_t generation = m_generation;
+    m_decoding = true;
+    lock.unlock();
+    std::vector<Picture> pictures;
+    m_decoder->Drain(pictures);
+    lock.lock();
+    KeepPictures(pictures, generation);
+}
+
+void TvCore::KeepPictures(std::vector<Picture>& pictures, uint64_t generation) {
+    m_decoding = false;
+    if (generation == m_generation) {
+        const int64_t now = m_wakeups.NowMs();
+        for (Picture& picture : pictures) {
+            picture.readyMs = now;
+            m_videoBytes += picture.cost;
+            auto place = m_pictures.end();
+            while (!m_decoder->InOrder() && place != m_pictures.begin() &&
+                   std::prev(place)->pts > picture.pts) {
+                --place;
+            }
+            m_pictures.insert(place, std::move(picture));
+            ++m_statistics.framesDecoded;
+        }
+    }
+    Refresh();
+    m_wakeups.Wake();
+}
+
+// Display
+
+void TvCore::DisplayLoop() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (!m_stop) {
+        const uint64_t ticket = m_wakeups.Ticket();
+        int64_t nextMs = kNever;
+        if (!DisplayStep(lock, nextMs)) {
+            m_wakeups.Sleep(Sleeper::Display, lock, nextMs, ticket);
+        }
+    }
+    lock.unlock();
+    m_wakeups.End(Sleeper::Display);
+}
+
+bool TvCore::DisplayStep(std::unique_lock<std::mutex>& lock, int64_t& nextMs) {
+    if (m_outputChanged) {
+        m_outputChanged = false;
+        const ST_RECT rect = m_rect;
+        const bool black = m_black;
+        lock.unlock();
+        m_videoOut->SetRectangle(rect);
+        m_videoOut->SetBlack(black);
+        lock.lock();
+        return true;
+    }
+    Presenter::Candidate candidate{};
+    if (HasPicture()) {
+        candidate = {m_pictures.front().pts, m_pictures.front().readyMs,
+                     m_pictures.front().frame != nullptr};
+    }
+    const bool pipeEmpty = m_video.empty() && !m_decoding;
+    const Presenter::Decision decision =
+        m_presenter.Next(HasPicture() ? &candidate : nullptr, pipeEmpty, m_wakeups.NowMs());
+    switch (decision.action) {
+        case Presenter::Action::Wait:
+            nextMs = decision.untilMs;
+            return false;
+        case Presenter::Action::Drop:
+            ++m_statistics.framesDropped;
+            PopPicture();
+            m_wakeups.Wake();
+            return true;
+        case Presenter::Action::Show:
+            ShowFront(lock);
+            return true;
+    }
+    return false;
+}
+
+void TvCore::PopPicture() {
+    m_videoBytes -= m_pictures.front().cost;
+    m_pictures.pop_front();
+    Refresh();
+}
+
+void TvCore::ShowFront(std::unique_lock<std::mutex>& lock) {
+    const Picture picture = m_pictures.front();
+    PopPicture();
+    m_showing = true;
+    m_screen = picture;
+    lock.unlock();
+    m_videoOut->Show(picture);
+    control::JournalEntry entry;
+    entry.call = "shown";
+    entry.value = picture.pts;
+    Control::Get().Append(std::move(entry));
+    lock.lock();
+    const int64_t now = m_wakeups.NowMs();
+    m_presenter.Shown(picture.pts, now);
+    if (picture.frame) {
+        m_statistics.pictureWidth = picture.frame->width;
+        m_statistics.pictureHeight = picture.frame->height;
+    }
+    if (m_statistics.firstPictureMs < 0) {
+        m_statistics.firstPictureMs = now;
+    }
+    ++m_statistics.framesShown;
+    // The gauge moves last: who sees it changed must also see the new PTS, or a jump forward would
+    // be taken for a decoder that has run dry behind a full queue.
+    m_shownPts = picture.pts;
+    m_hasPicture = true;
+    ++m_gauge;
+    m_showing = false;
+    m_shownOne.notify_all();
+    m_wakeups.Wake();
+    lock.unlock();
+    TellPictureListener(picture.pts);
+    lock.lock();
+}
+
+// Sound
+
+void TvCore::AudioLoop() {
+    // A device may take its time to open; pictures do not wait for it.
+    m_audioOut = NewAudioOut(m_options.audio);
+    m_audioDecoder = m_options.decoding == Decoding::Libav ? NewLibavAudioDecoder()
+                                                           : NewPassThroughAudioDecoder();
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (!m_stop) {
+        const uint64_t ticket = m_wakeups.Ticket();
+        int64_t nextMs = kNever;
+        if (!AudioStep(lock, nextMs)) {
+            m_wakeups.Sleep(Sleeper::Audio, lock, nextMs, ticket);
+        }
+    }
+    lock.unlock();
+    m_audioOut.reset();
+    m_audioDecoder.reset();
+    m_wakeups.End(Sleeper::Audio);
+}
+
+bool TvCore::PrepareSound(std::unique_lock<std::mutex>& lock) {
+    const bool running = Running();
+    if (!m_openAudio && !m_flushAudio && running == m_soundRuns) {
+        return false;
+    }
+    const bool open = m_openAudio;
+    const bool flush = m_flushAudio;
+    const uint32_t rate = m_audioRate;
+    const uint32_t channels = m_audioChannels;
+    m_openAudio = m_flushAudio = false;
+    m_soundRuns = running;
+    lock.unlock();
+    if (flush) {
+        m_audioOut->Flush();
+    }
+    if (open) {
+        m_audioDecoder->Open(rate, channels);
+    }
+    m_audioOut->Pause(!running);
+    lock.lock();
+    return true;
+}
+
+bool TvCore::AudioStep(std::unique_lock<std::mutex>& lock, int64_t& nextMs) {
+    if (PrepareSound(lock)) {
+        return true;
+    }
+    if (!Running() || !m_presenter.Anchored() || m_audio.empty()) {
+        return false;
+    }
+    const int64_t pts = m_audio.front().pts;
+    const int64_t now = m_wakeups.NowMs();
+    const int64_t aheadMs = pts - m_presenter.MediaTime(now);
+    if (aheadMs < -kAudioLateMs) {
+        m_audioBytes -= m_audio.front().Cost();
+        m_audio.pop_front();
+        return true;
+    }
+    if (aheadMs > m_audioOut->LeadMs()) {
+        nextMs = m_presenter.WhenDue(pts - m_audioOut->LeadMs());
+        return false;
+    }
+    PlaySound(lock, aheadMs);
+    return true;
+}
+
+void TvCore::PlaySound(std::unique_lock<std::mutex>& lock, int64_t aheadMs) {
+    const Unit unit = std::move(m_audio.front());
+    m_audio.pop_front();
+    m_audioBytes -= unit.Cost();
+    const uint64_t generation = m_audioGeneration;
+    lock.unlock();
+    Sound sound;
+    const bool decoded = m_audioDecoder->Decode(unit, m_audioOut->WantsSamples(), sound);
+    Scale(sound.samples, m_volume);
+    lock.lock();
+    if (!decoded) {
+        ++m_statistics.decodeErrors;
+    }
+    if (generation == m_audioGeneration && decoded) {
+        m_audioPlayedUs += sound.durationUs;
+        lock.unlock();
+        m_audioOut->Play(sound.samples, aheadMs);
+        lock.lock();
+    }
+}
+
+}  // namespace tvset
