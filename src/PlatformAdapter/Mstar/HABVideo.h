@@ -35,7 +35,7 @@ int HABVideo_Configure(HHABVIDEO hHABVideo, const std::string& codecId, int widt
 int HABVideo_Queue(HHABVIDEO hHABVideo, void* pVideoData, int32_t dataSize, uint32_t timestamp);
 int HABVideo_Flush(HHABVIDEO hHABVideo);
 int HABVideo_Pause(HHABVIDEO hHABVideo, bool paused);
-/// The player is not told. An unknown rate stands still at the last position.
+/// The player is not told. At an unknown rate every block gets the decoder time 0.
 int HABVideo_SetRate(HHABVIDEO hHABVideo, OPALPlayRate rate);
 /// Media time of the picture on the screen, 0 before the decoder plays.
 int HABVideo_GetPosition(HHABVIDEO hHABVideo, int64_t* ms);

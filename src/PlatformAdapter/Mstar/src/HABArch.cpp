@@ -1,0 +1,42 @@
+#include "PlatformAdapter/Mstar/HABArch.h"
+
+#include <new>
+
+#include "Common/Assert.h"
+#include "PlatformAdapter/Mstar/src/HABArchRecord.h"
+
+int HABArch_New(HABArch** phHABArch) {
+    OPAL_ASSERT(phHABArch != nullptr, "phHABArch != __null");
+    HABArch* pHABArch = new (std::nothrow) HABArch;
+    OPAL_ASSERT(pHABArch != nullptr, "pHABArch != __null");
+    *phHABArch = pHABArch;
+    return HAB_OK;
+}
+
+int HABArch_Delete(HHABARCH hHABArch) {
+    OPAL_ASSERT(hHABArch != nullptr, "hHABArch != __null");
+    delete hHABArch;
+    return HAB_OK;
+}
+
+int HABArch_suspendExecution(HHABARCH hHABArch, uint32_t /*ms*/) {
+    OPAL_ASSERT(hHABArch != nullptr, "hHABArch != __null");
+    return HAB_OK;
+}
+
+int HABArch_GetPreferences(HHABARCH /*hHABArch*/, HABPreferences& prefs) {
+    prefs.flag1 = true;
+    prefs.flag2 = false;
+    prefs.flag3 = true;
+    prefs.subtitleLanguage = "french";
+    prefs.subtitleFlag = true;
+    prefs.audioLanguage = "english";
+    prefs.audioFlag = true;
+    prefs.audioCodec = "A_AC3";
+    return HAB_OK;
+}
+
+void HABArch_SetClosing(HHABARCH hHABArch) {
+    if (hHABArch)
+        hHABArch->closing = 1;
+}
