@@ -1,0 +1,28 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "opal-package/Film.h"
+
+namespace opal::package {
+
+struct SourceFilmOptions {
+    std::string input;  ///< a path, or any URL that libavformat opens
+    /// Passes the coded pictures on as well (FilmSink::OnPacket), and refuses a source whose
+    /// pictures a television set does not decode as they are.
+    bool copy = false;
+    /// Takes remarks that do not stop the work, one line each.
+    std::function<void(const std::string&)> warn;
+};
+
+/// A film that FFmpeg's libraries read: the first video stream and every audio stream. Throws
+/// PackageError for a source that is not there (InputOutput) or that cannot be packaged (Refused),
+/// naming the file and, where there is one, the command that mends it.
+std::unique_ptr<Film> OpenSourceFilm(const SourceFilmOptions& options);
+
+/// The command that turns a source into one that can be packaged with --copy.
+std::string MendingCommand(const std::string& input);
+
+}  // namespace opal::package
