@@ -1,0 +1,122 @@
+#include "StreamingDemux/EBML/ClusterParser.h"
+
+#include <boost/make_shared.hpp>
+
+#include "StreamingDemux/EBML/EBMLIDs.h"
+#include "StreamingDemux/EBML/EBMLReader.h"
+#include "StreamingDemux/EBML/EBMLTree.h"
+#include "StreamingDemux/EBML/src/BlockNodeElement.h"
+
+using namespace opal::ebml;
+
+ClusterParser::ClusterParser() {
+    m_schema.SetDefaultPolicy(EBMLElementPolicy_CacheTree);
+    m_schema.AddContainer(kCluster);
+    m_schema.AddContainer(kBlockGroup);
+    m_schema.AddData(kTimecode);
+    for (const uint64_t id : {kBlock, kBlockDuration, kReferenceBlock}) {
+        m_schema.AddFactory(
+            id, boost::make_shared<EBMLSchema::ElementFactory_Templ<BlockNodeElement>>());
+    }
+}
+
+ClusterParser::~ClusterParser() = default;
+
+OPALError ClusterParser::SetCluster(qutl::MemoryBuffer<unsigned char>& data, uint32_t tag) {
+    if (data.IsEmpty())
+        return OPAL_ERROR_INVALID_ARGUMENT;
+    m_groups.clear();
+    m_groupIndex = 0;
+    m_clusterTimecode = 0;
+    m_tree.reset();
+    m_clusterData.Attach(data);
+    m_tree.reset(new EBMLTree(&m_schema, m_clusterData.GetData(),
+                              static_cast<int64_t>(m_clusterData.GetSize())));
+    if (m_tree->GetID() != kCluster)
+        return OPAL_ERROR_GENERAL;
+    const EBMLElement* timecode = m_tree->FindFirstChild(kTimecode);
+    const uint8_t* value = timecode ? timecode->GetCompleteData() : nullptr;
+    if (!value)
+        return OPAL_ERROR_GENERAL;
+    m_clusterTimecode = static_cast<int64_t>(ReadUInt(value, timecode->GetSize()));
+    m_tag = tag;
+    return OPAL_OK;
+}
+
+OPALError ClusterParser::GetNextBlock(BlockNode& block, size_t padding) {
+    return GetBlock(Direction::Forward, block, padding);
+}
+
+OPALError ClusterParser::GetPreviousBlock(BlockNode& block, size_t padding) {
+    return GetBlock(Direction::Backward, block, padding);
+}
+
+OPALError ClusterParser::Reset() {
+    m_groups.clear();
+    m_groupIndex = 0;
+    m_clusterTimecode = 0;
+    m_tag = 0;
+    m_tree.reset();
+    m_clusterData.Resize(0, false);
+    return OPAL_OK;
+}
+
+OPALError ClusterParser::GetBlock(Direction direction, BlockNode& block, size_t padding) {
+    if (!m_tree)
+        return OPAL_ERROR_NOT_READY;
+    const OPALError result = Step(direction);
+    return result == OPAL_OK ? ReadGroup(*m_groups[m_groupIndex], block, padding) : result;
+}
+
+OPALError ClusterParser::Step(Direction direction) {
+    if (m_groups.empty()) {
+        CollectGroups();
+        if (m_groups.empty())
+            return OPAL_ERROR_END_OF_DATA;
+        m_groupIndex = direction == Direction::Forward ? 0 : m_groups.size() - 1;
+        return OPAL_OK;
+    }
+    if (direction == Direction::Forward) {
+        if (m_groupIndex + 1 == m_groups.size())
+            return OPAL_ERROR_END_OF_DATA;
+        ++m_groupIndex;
+    } else {
+        if (m_groupIndex == 0)
+            return OPAL_ERROR_END_OF_DATA;
+        --m_groupIndex;
+    }
+    return OPAL_OK;
+}
+
+void ClusterParser::CollectGroups() {
+    for (EBMLElement* group = m_tree->FindFirstChild(kBlockGroup); group;
+         group = m_tree->FindNextChild(kBlockGroup))
+        m_groups.push_back(group);
+}
+
+OPALError ClusterParser::ReadGroup(EBMLElement& group, BlockNode& block, size_t padding) const {
+    // The schema makes every Block a BlockNodeElement.
+    auto* element = static_cast<BlockNodeElement*>(group.FindFirstChild(kBlock));
+    if (!element)
+        return OPAL_ERROR_GENERAL;
+    int16_t relativeTimecode = 0;
+    OPALError result = element->ParseBlockHeader(relativeTimecode);
+    if (result != OPAL_OK)
+        return result;
+    block.timecode = static_cast<int64_t>(static_cast<uint64_t>(m_clusterTimecode) +
+                                          static_cast<uint64_t>(int64_t{relativeTimecode}));
+    result = element->CopyPayload(block, padding);
+    if (result != OPAL_OK)
+        return result;
+    block.flags = group.FindFirstChild(kReferenceBlock) ? 0 : BlockNode::kKeyFrame;
+    const EBMLElement* duration = group.FindFirstChild(kBlockDuration);
+    const uint8_t* value = duration ? duration->GetCompleteData() : nullptr;
+    // Signed, deliberately: a single byte above 0x7F is a negative duration.
+    block.duration = value ? ReadInt(value, duration->GetSize()) : 0;
+    block.level = m_tag;
+    return OPAL_OK;
+}
+
+IClusterParser* NewClusterParser() {
+    return new ClusterParser;
+}
