@@ -29,6 +29,7 @@ struct RequestRecord {
     uint64_t connection = 0;  ///< from 1 in the order of accepting
     std::string method;
     std::string target;             ///< path with query, as it was sent
+    std::string path;               ///< without query, decoded; what patterns match
     std::string rangeText;          ///< "0-119,220-319"; empty without a Range header
     std::vector<ByteRange> ranges;  ///< empty without a Range header, or if it was not understood
     int status = 0;                 ///< 0 until the reply starts
@@ -99,7 +100,7 @@ class Origin {
     uint64_t AddFault(const Fault& fault);
     /// Holds every matching request before its reply: AddFault(Fault::HoldRequest().On(pattern)).
     uint64_t Hold(const std::string& pattern);
-    void Resume(uint64_t faultId);   ///< what the rule holds or stalls now goes on; it stays
+    void Resume(uint64_t faultId);   ///< what the rule (0: any) holds or stalls now goes on
     void Release(uint64_t faultId);  ///< the same, and the rule goes
     void ClearFaults();              ///< Release() for all rules
     /// Resets every connection there is now.
@@ -116,7 +117,7 @@ class Origin {
     void ClearLog();  ///< numbers go on counting; requests still running are kept
     size_t ConnectionsAccepted() const;
     size_t ConnectionsOpen() const;
-    /// Called with each record when its reply has ended. Set it before Start().
+    /// Called with each record when its reply has ended.
     void SetObserver(std::function<void(const RequestRecord&)> observer);
 
   private:
