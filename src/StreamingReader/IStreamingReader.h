@@ -30,7 +30,9 @@ enum StreamingReaderState : int {
 ///
 /// Threading: a manager's thread runs Open and DownloadNext, others the rest. The lock is held over
 /// a whole transfer, so most calls wait for it; GetError, HasError, GetState, GetBytesInFlight,
-/// GetBytesAhead, GetClusterIndex and CancelTransfers take no lock and never wait.
+/// GetBytesAhead, GetClusterIndex, CancelTransfers and AbortTransfers do not take it. GetState,
+/// GetBytesAhead and GetClusterIndex must not come while another thread opens the reader anew or
+/// finalises it.
 /// Ownership: buffer and notify are not owned. GetFont's and GetClusterIndex's pointers stay valid
 /// until Finalize.
 /// Units: milliseconds, bytes.
@@ -58,12 +60,17 @@ class IStreamingReader : boost::noncopyable {
     virtual OPALError Run() = 0;
     virtual OPALError DownloadNext(OPALPlayRate rate) = 0;
     virtual OPALError DownloadNextTrick(OPALPlayRate rate) = 0;
+    /// Ends the running transfer of a cluster with -28, and lets none begin before Start or Seek. A
+    /// reader that is not open yet is left alone.
     virtual OPALError CancelTransfers() = 0;
     virtual OPALError GetFont(const void*& data, size_t& size) = 0;
     virtual OPALError GetBytesInFlight(size_t& bytes) = 0;
     /// Bytes of the clusters that make up the next `ms` milliseconds.
     virtual OPALError GetBytesAhead(int64_t ms, size_t& bytes) = 0;
     virtual OPALError GetClusterIndex(IClusterIndex*& index) = 0;
+    /// Ends whatever runs, an Open too, and lets nothing begin before Finalize: Open then answers
+    /// -8, DownloadNext -28. For a shutdown; takes no lock and never waits.
+    virtual void AbortTransfers() = 0;
 };
 
 /// A new reader, owned by the caller; null for an empty url, a header size of 0, a null buffer or

@@ -84,15 +84,23 @@ class ReaderManager : boost::noncopyable {
     Reader Current();
     /// What an operation answers without a current reader.
     OPALError NoReaderResult();
+    /// The common form of the operations on the current reader; the lock is the caller's.
+    template <typename Operation>
+    OPALError OnCurrent(Operation operation) {
+        const Reader reader = Current();
+        return reader ? operation(*reader) : NoReaderResult();
+    }
     OPALError AddReader(const std::string& url, size_t headerRequestSize, IClusterBuffer* buffer,
                         IStreamingReaderNotify* notify, OPALStreamType type, size_t level);
     OPALError StartThread();
+    /// Starts it again if a failure has ended it. m_mutex is held.
+    OPALError RestartEndedThread();
     /// Opens the current reader on the caller's thread after Initialize; -1 unless it then stands
     /// ready.
     OPALError OpenAfterInitialize();
     /// Every such call lets the thread go on if it waits, or not wait if it is in a transfer.
     void WakeThread();
-    bool IsThreadEnded();
+    bool IsThreadEnded() const { return m_threadEnded; }
 
     std::vector<Reader> m_readers;  ///< levels first, then trick tracks; see m_stateMutex
     size_t m_current = kNone;       ///< see m_stateMutex
@@ -101,15 +109,18 @@ class ReaderManager : boost::noncopyable {
     boost::condition_variable_any m_wakeup;
 
   private:
-    enum class Round { Continue, End };
-
     void ThreadMain();
     OPALError EventLoop();
-    Round RunState(Lock& lock, int state, OPALError& result);
-    Round Download(Lock& lock, OPALError& result);
+    bool RunRound(Lock& lock, OPALError& result);
+    bool Download(Lock& lock, OPALError& result);
+    uint64_t BeginTransfer();
+    bool EndTransfer();
+    uint64_t Generation();
     void WaitForWake(Lock& lock, uint64_t generation);
-    void LockAborting(Lock& lock);
+    void LockAfterAbort(Lock& lock);
     void LockAfterCancel(Lock& lock);
+    void SetCancelled(bool cancelled);
+    bool IsCancelled();
 
     /// Innermost lock, held over nothing but the fields it guards. m_readers and m_current are
     /// written with both locks held, so either one is enough to read them.
@@ -118,7 +129,8 @@ class ReaderManager : boost::noncopyable {
     bool m_transferring = false;    ///< the thread is inside DownloadNext
     bool m_startRequested = false;  ///< Start came meanwhile
     bool m_cancelled = false;       ///< Cancel came, and neither Start nor Seek since
-    bool m_threadEnded = false;
+
+    bool m_threadEnded = false;  ///< by a failure; guarded by m_mutex
 };
 
 /// Video: a reader for each level, then one for each trick track. All levels up to the current one

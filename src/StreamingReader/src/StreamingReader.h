@@ -1,0 +1,107 @@
+#pragma once
+
+#include <atomic>
+#include <boost/scoped_ptr.hpp>
+#include <boost/thread/condition_variable.hpp>
+#include <boost/thread/locks.hpp>
+#include <boost/thread/recursive_mutex.hpp>
+#include <boost/thread/thread.hpp>
+#include <string>
+#include <vector>
+
+#include "Common/MemoryBuffer.h"
+#include "StreamingReader/HTTPFile/IHTTPFile.h"
+#include "StreamingReader/IStreamingReader.h"
+
+class StreamHeaderParser;
+
+/// The reader of one file behind an IHTTPFile. See IStreamingReader.
+///
+/// StartThread, StartDelayed and Run are its stand-alone mode; the managers drive DownloadNext
+/// themselves. Exceptions of libraries end that thread as OPAL_ERROR_GENERAL.
+class StreamingReader : public IStreamingReader, public HTTPRequestNotify {
+  public:
+    /// Takes `http` over.
+    StreamingReader(const std::string& url, size_t headerRequestSize, IClusterBuffer* buffer,
+                    IStreamingReaderNotify* notify, OPALStreamType streamType, size_t level,
+                    IHTTPFile* http);
+    ~StreamingReader() override;
+
+    OPALError Open() override;
+    OPALError StartThread() override;
+    OPALError Start() override;
+    OPALError StartDelayed(int64_t delayMs) override;
+    OPALError Stop() override;
+    OPALError Seek(int64_t& timeMs) override;
+    OPALError Finalize() override;
+    OPALError GetPosition(int64_t& timeMs) override;
+    OPALError GetTrackInfo(AudioStreamInfo& info) override;
+    OPALError GetDuration(int64_t& ms) override;
+    OPALError GetError() override;
+    int GetState() override;
+    OPALError SetError(OPALError code) override;
+    bool HasError() override;
+    OPALError Run() override;
+    OPALError DownloadNext(OPALPlayRate rate) override;
+    OPALError DownloadNextTrick(OPALPlayRate rate) override;
+    OPALError CancelTransfers() override;
+    OPALError GetFont(const void*& data, size_t& size) override;
+    OPALError GetBytesInFlight(size_t& bytes) override;
+    OPALError GetBytesAhead(int64_t ms, size_t& bytes) override;
+    OPALError GetClusterIndex(IClusterIndex*& index) override;
+    void AbortTransfers() override;
+
+    void OnRequestComplete(const HTTPRequest& request) override;
+
+  private:
+    using Lock = boost::unique_lock<boost::recursive_mutex>;
+
+    void ResetState();
+    OPALError FetchRange(int64_t offset, int64_t size, qutl::MemoryBuffer<unsigned char>& bytes);
+    OPALError ReadHeaders();
+    OPALError FetchIndex(int64_t cuesOffset, int64_t segmentOffset, uint64_t totalSize);
+    void TakeHeaderFields(StreamHeaderParser& parser);
+    OPALError BuildRanges(OPALPlayRate rate, bool forward, std::vector<ByteRange>& ranges);
+    OPALError BuildTrickRanges(OPALPlayRate rate, bool forward, std::vector<ByteRange>& ranges);
+    OPALError Transfer(const std::vector<ByteRange>& ranges,
+                       qutl::MemoryBuffer<unsigned char>& bytes);
+    void Wake();
+    void WaitForWake(Lock& lock, uint64_t wakes);
+    void DelayStart(Lock& lock);
+
+    IStreamingReaderNotify* const m_pNotify;
+    boost::recursive_mutex m_mutex;
+    boost::thread m_thread;
+    IClusterBuffer* const m_pBuffer;
+    AudioStreamInfo m_track;
+    const std::string m_url;
+    const int64_t m_headerRequestSize;
+    const boost::scoped_ptr<IHTTPFile> m_pHTTP;
+    boost::scoped_ptr<IClusterIndex> m_pIndex;
+    std::atomic<bool> m_hasError{false};
+    std::atomic<int32_t> m_clusterIndex{0};
+    std::atomic<OPALError> m_error{OPAL_OK};
+    std::atomic<bool> m_opened{false};
+    std::atomic<bool> m_stopped{true};
+    int64_t m_duration = 0;
+    int64_t m_frameDuration = 0;
+    boost::condition_variable_any m_wakeup;
+    const OPALStreamType m_streamType;
+    const size_t m_level;
+    int64_t m_startDelay = 0;
+    qutl::MemoryBuffer<unsigned char> m_font;
+    int64_t m_skipFrames = 0;
+    int64_t m_trimFrames = 0;
+    uint32_t m_framesPerCluster = 0;
+    std::atomic<bool> m_isSubtitle{false};
+
+    /// m_pIndex once it is filled, for those that take no lock.
+    std::atomic<IClusterIndex*> m_index{nullptr};
+    /// CancelTransfers came, and neither Start nor Seek since. Tested before each transfer, so that
+    /// a cancel between two transfers is not lost.
+    std::atomic<bool> m_cancelled{false};
+    /// AbortTransfers came, and no Finalize since.
+    std::atomic<bool> m_aborted{false};
+    /// Counts the wakes, under m_mutex: a wait that ends without one is resumed.
+    uint64_t m_wakes = 0;
+};
