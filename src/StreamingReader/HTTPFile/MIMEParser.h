@@ -17,7 +17,7 @@
 /// Deliberate: an empty line within a body yields one part more, from there to the same boundary.
 ///
 /// Call AddData, GetPartCount, then GetNextPart that many times: a later parse forgets the parts
-/// that were not fetched. Every byte is searched at most twice, however the reply is cut.
+/// that were not fetched. The work is linear in the reply, however it is cut and whatever it holds.
 ///
 /// Threading: none; it belongs to its request.
 /// Ownership: keeps all bytes of the reply until Reset or destruction.

@@ -1,0 +1,427 @@
+#include "StreamingReader/HTTPFile/HTTPFile.h"
+
+#include <strings.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <boost/thread/lock_guard.hpp>
+#include <fstream>
+#include <limits>
+#include <sstream>
+
+#include "Common/Assert.h"
+#include "Common/StreamingTuning.h"
+#include "Common/network/NetworkInterface.h"
+
+namespace {
+
+constexpr char kFileScheme[] = "file://";
+constexpr char kHttpScheme[] = "http://";
+constexpr long kMaxRedirects = 10;
+// Beyond these libcurl refuses to take the option, which would count as a programming error.
+constexpr size_t kMaxUrlLength = 1 << 20;
+constexpr size_t kMaxRanges = 100000;
+
+bool StartsWith(const std::string& text, const char* prefix) {
+    return text.compare(0, std::char_traits<char>::length(prefix), prefix) == 0;
+}
+
+CURL* NewHandle() {
+    static const CURLcode initialised = curl_global_init(CURL_GLOBAL_DEFAULT);
+    return initialised == CURLE_OK ? curl_easy_init() : nullptr;
+}
+
+template <typename Value>
+void SetOption(CURL* handle, CURLoption option, Value value) {
+    const CURLcode code = curl_easy_setopt(handle, option, value);
+    OPAL_ASSERT(code == CURLE_OK, "false");
+}
+
+}  // namespace
+
+HTTPFile::HTTPFile(bool isThreaded) : threaded(isThreaded) {}
+
+HTTPFile::~HTTPFile() {
+    (void)Close();
+}
+
+OPALError HTTPFile::Open(const std::string& location) {
+    if (location.empty() || location.size() > kMaxUrlLength)
+        return OPAL_ERROR_INVALID_ARGUMENT;
+    const bool local = StartsWith(location, kFileScheme);
+    if (!local && !StartsWith(location, kHttpScheme))
+        return OPAL_ERROR_INVALID_ARGUMENT;
+
+    Lock lock(mutex);
+    if (curl)
+        return OPAL_ERROR_NOT_READY;
+    if (m_aborted)
+        return OPAL_ERROR_CANCELLED;
+    curl = NewHandle();
+    if (!curl)
+        return OPAL_ERROR_GENERAL;
+    Reset_Unlocked();
+    url = location;
+    OPALError result = local ? OpenLocal_Unlocked() : OpenRemote_Unlocked();
+    if (result == OPAL_OK && fileSize <= 0)
+        result = OPAL_ERROR_GENERAL;
+    if (result == OPAL_OK)
+        result = InitCURLOptions_Unlocked(false);
+    if (result == OPAL_OK && threaded) {
+        try {
+            worker = boost::thread(&HTTPFile::RunWorker, this);
+        } catch (const boost::thread_resource_error&) {
+            result = OPAL_ERROR_GENERAL;
+        }
+    }
+    if (result != OPAL_OK)
+        Close_Unlocked();
+    return result;
+}
+
+OPALError HTTPFile::OpenLocal_Unlocked() {
+    std::ifstream file(url.substr(sizeof(kFileScheme) - 1), std::ios::binary | std::ios::ate);
+    if (!file)
+        return OPAL_ERROR_CONNECT;
+    fileSize = file.tellg();
+    return OPAL_OK;
+}
+
+OPALError HTTPFile::OpenRemote_Unlocked() {
+    const OPALError result = InitCURLOptions_Unlocked(true);
+    if (result != OPAL_OK)
+        return result;
+    lastCurlCode = curl_easy_perform(curl);
+    if (m_aborted)
+        return OPAL_ERROR_CANCELLED;
+    if (m_closers > 0)
+        return OPAL_ERROR_TERMINATED;
+    if (lastCurlCode != CURLE_OK)
+        return MapError_Unlocked(lastCurlCode);
+    const char* address = nullptr;
+    if (curl_easy_getinfo(curl, CURLINFO_LOCAL_IP, &address) == CURLE_OK && address)
+        localAddress = address;
+    return OPAL_OK;
+}
+
+OPALError HTTPFile::InitCURLOptions_Unlocked(bool headerOnly) {
+    const StreamingTuning& tuning = StreamingTuning::Instance();
+    curl_easy_reset(curl);
+    SetOption(curl, CURLOPT_URL, url.c_str());
+    SetOption(curl, CURLOPT_FAILONERROR, 1L);
+    SetOption(curl, CURLOPT_NOSIGNAL, 1L);
+    SetOption(curl, CURLOPT_CONNECTTIMEOUT, static_cast<long>(tuning.GetConnectionTimeout()));
+    SetOption(curl, CURLOPT_TIMEOUT, static_cast<long>(tuning.GetTransferTimeout()));
+    SetOption(curl, CURLOPT_SOCKOPTFUNCTION, &HTTPFile::OnSocket);
+    SetOption(curl, CURLOPT_FOLLOWLOCATION, 1L);
+    SetOption(curl, CURLOPT_MAXREDIRS, kMaxRedirects);
+    if (headerOnly) {
+        SetOption(curl, CURLOPT_NOBODY, 1L);
+        SetOption(curl, CURLOPT_HEADERDATA, this);
+        SetOption(curl, CURLOPT_HEADERFUNCTION, &HTTPFile::OnHeader);
+    } else {
+        SetOption(curl, CURLOPT_NOBODY, 0L);
+        SetOption(curl, CURLOPT_WRITEDATA, this);
+        SetOption(curl, CURLOPT_WRITEFUNCTION, &HTTPFile::OnBody);
+    }
+    // With the header request too: that is what lets Close and Abort end it.
+    SetOption(curl, CURLOPT_NOPROGRESS, 0L);
+    SetOption(curl, CURLOPT_XFERINFODATA, this);
+    SetOption(curl, CURLOPT_XFERINFOFUNCTION, &HTTPFile::OnProgress);
+    return OPAL_OK;
+}
+
+int HTTPFile::OnSocket(void*, curl_socket_t socket, curlsocktype purpose) {
+    if (purpose == CURLSOCKTYPE_IPCXN) {
+        const int on = 1;
+        (void)setsockopt(socket, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
+    }
+    return CURL_SOCKOPT_OK;
+}
+
+/// Runs within Open, so under `mutex`. The last good length of a redirect chain wins; a length of 0
+/// or less fails the transfer, in a redirect too: deliberate.
+size_t HTTPFile::OnHeader(char* bytes, size_t size, size_t count, void* user) {
+    if (!user)
+        return 0;
+    static constexpr char kName[] = "Content-Length: ";
+    constexpr size_t kNameLength = sizeof(kName) - 1;
+    constexpr size_t kMaxNumberLength = 32;
+    const size_t length = size * count;
+    if (length < kNameLength || strncasecmp(bytes, kName, kNameLength) != 0)
+        return length;
+    try {
+        // The line is not NUL-terminated.
+        std::istringstream text(
+            std::string(bytes + kNameLength, std::min(kMaxNumberLength, length - kNameLength)));
+        int64_t number = 0;
+        if (!(text >> number) || number <= 0)
+            return 0;
+        static_cast<HTTPFile*>(user)->fileSize = number;
+    } catch (const std::exception&) {
+        return 0;
+    }
+    return length;
+}
+
+size_t HTTPFile::OnBody(char* bytes, size_t size, size_t count, void* user) {
+    if (!user)
+        return 0;
+    HTTPFile& file = *static_cast<HTTPFile*>(user);
+    const size_t length = size * count;
+    try {
+        boost::lock_guard<boost::mutex> lock(file.mutex);
+        if (file.cancelInFlight || file.CheckStatus_Unlocked() != OPAL_OK || file.pending.empty())
+            return 0;
+        return file.pending.front().Write(bytes, length) == OPAL_OK ? length : 0;
+    } catch (const std::exception&) {
+        return 0;  // no memory; nothing may be thrown through libcurl
+    }
+}
+
+int HTTPFile::OnProgress(void* user, curl_off_t, curl_off_t now, curl_off_t, curl_off_t) {
+    HTTPFile& file = *static_cast<HTTPFile*>(user);
+    boost::lock_guard<boost::mutex> lock(file.progressMutex);
+    file.bytesInFlight =
+        static_cast<int32_t>(std::min<curl_off_t>(now, std::numeric_limits<int32_t>::max()));
+    return file.cancelInFlight || file.IsEnding() ? -1 : 0;
+}
+
+bool HTTPFile::IsEnding() const {
+    return m_aborted || m_closers > 0;
+}
+
+OPALError HTTPFile::CheckStatus_Unlocked() const {
+    if (!curl || fileSize <= 0)
+        return OPAL_ERROR_NOT_READY;
+    if (closing)
+        return OPAL_ERROR_TERMINATED;
+    if (m_aborted)
+        return OPAL_ERROR_CANCELLED;
+    return MapError_Unlocked(lastCurlCode);
+}
+
+OPALError HTTPFile::MapError_Unlocked(CURLcode code) const {
+    if (code == CURLE_OK)
+        return OPAL_OK;
+    if (!localAddress.empty()) {
+        const NetworkInterface& network = NetworkInterface::Instance();
+        if (!network.IsLinkUp(localAddress))
+            return OPAL_ERROR_LINK_DOWN;
+        if (network.IsLinkUnknown(localAddress))
+            return OPAL_ERROR_LINK_UNKNOWN;
+    }
+    switch (code) {
+        case CURLE_COULDNT_RESOLVE_HOST:
+        case CURLE_COULDNT_CONNECT:
+            return OPAL_ERROR_CONNECT;
+        case CURLE_HTTP_RETURNED_ERROR: {
+            long status = 0;
+            (void)curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+            if (status >= 400 && status <= 499)
+                return OPAL_ERROR_HTTP_CLIENT;
+            if (status >= 500 && status <= 599)
+                return OPAL_ERROR_HTTP_SERVER;
+            return OPAL_ERROR_GENERAL;
+        }
+        case CURLE_OPERATION_TIMEDOUT:
+            return OPAL_ERROR_TIMEOUT;
+        case CURLE_RANGE_ERROR:
+            return OPAL_ERROR_RANGE;
+        default:
+            return OPAL_ERROR_GENERAL;
+    }
+}
+
+OPALError HTTPFile::GetSize(int64_t& size) {
+    size = 0;
+    Lock lock(mutex);
+    const OPALError status = CheckStatus_Unlocked();
+    if (status == OPAL_OK)
+        size = fileSize;
+    return status;
+}
+
+OPALError HTTPFile::RequestRange(int64_t offset, int64_t length, HTTPRequestNotify* notify) {
+    if (length < 0 && offset >= 0) {
+        Lock lock(mutex);
+        length = fileSize - offset;
+    }
+    return RequestRanges({ByteRange(offset, length)}, notify);
+}
+
+OPALError HTTPFile::CheckRanges_Unlocked(const std::vector<ByteRange>& ranges) const {
+    if (ranges.empty() || ranges.size() > kMaxRanges)
+        return OPAL_ERROR_INVALID_ARGUMENT;
+    for (const ByteRange& range : ranges) {
+        if (range.offset < 0)
+            return OPAL_ERROR_INVALID_ARGUMENT;
+        if (range.offset >= fileSize)
+            return OPAL_ERROR_OUT_OF_RANGE;
+        // A negative length or an end beyond 64 bits comes from an index that is out of order.
+        if (range.length <= 0 || range.length > std::numeric_limits<int64_t>::max() - range.offset)
+            return OPAL_ERROR_INVALID_ARGUMENT;
+    }
+    return OPAL_OK;
+}
+
+OPALError HTTPFile::RequestRanges(const std::vector<ByteRange>& ranges, HTTPRequestNotify* notify) {
+    Lock lock(mutex);
+    while (!threaded && m_performing)  // the handle serves one caller at a time
+        m_idle.wait(lock);
+    OPALError result = CheckStatus_Unlocked();
+    if (result == OPAL_OK)
+        result = CheckRanges_Unlocked(ranges);
+    if (result != OPAL_OK)
+        return result;
+    pending.emplace_back(ranges, notify);
+    if (!threaded)
+        return DownloadRequest_Unlocked(lock);
+    wakeup.notify_one();
+    return OPAL_OK;
+}
+
+OPALError HTTPFile::DownloadRequest_Unlocked(Lock& lock) {
+    if (pending.empty())
+        return OPAL_ERROR_NOT_READY;
+    SetOption(curl, CURLOPT_RANGE, pending.front().BuildRangeString().c_str());
+    pending.front().MarkStart();
+    m_performing = true;
+    m_runningDropped = false;
+    lock.unlock();
+    const CURLcode code = curl_easy_perform(curl);
+    lock.lock();
+    m_performing = false;
+    m_idle.notify_all();
+    {
+        boost::lock_guard<boost::mutex> progress(progressMutex);
+        bytesInFlight = 0;
+    }
+    if (cancelInFlight &&
+        (code == CURLE_WRITE_ERROR || code == CURLE_ABORTED_BY_CALLBACK || code == CURLE_OK)) {
+        // The canceller has emptied the queue. A request that came since then stays and is served
+        // next; one that this transfer has begun on a flag left over is begun again.
+        lastCurlCode = CURLE_OK;
+        cancelInFlight = false;
+        return OPAL_ERROR_CANCELLED;
+    }
+    lastCurlCode = code;
+    const OPALError status = CheckStatus_Unlocked();
+    if (status == OPAL_OK) {
+        pending.front().MarkEnd();
+        completed.splice(completed.end(), pending, pending.begin());
+        completed.back().Notify();
+    } else if (!m_runningDropped) {
+        pending.pop_front();  // a request that failed is lost
+    }
+    cancelInFlight = false;
+    if (!threaded)
+        lastCurlCode = CURLE_OK;
+    return status;
+}
+
+void HTTPFile::RunWorker() {
+    try {
+        ServeQueue();
+    } catch (const std::exception&) {
+        Lock lock(mutex);
+        lastCurlCode = CURLE_OUT_OF_MEMORY;
+    }
+}
+
+void HTTPFile::ServeQueue() {
+    Lock lock(mutex);
+    while (CheckStatus_Unlocked() == OPAL_OK) {
+        if (pending.empty())
+            wakeup.wait(lock);
+        else
+            (void)DownloadRequest_Unlocked(lock);  // the status says whether to go on
+    }
+}
+
+OPALError HTTPFile::GetCompletedRequest(HTTPRequest& request, bool peek) {
+    request.Reset();
+    Lock lock(mutex);
+    const OPALError status = CheckStatus_Unlocked();
+    if (status != OPAL_OK)
+        return status;
+    if (!completed.empty()) {
+        request.Assign(completed.front(), !peek);
+        if (!peek)
+            completed.pop_front();
+        return OPAL_OK;
+    }
+    if (pending.empty())
+        return OPAL_ERROR_OUT_OF_RANGE;
+    request.Assign(pending.front(), false);
+    return OPAL_ERROR_NOT_YET;
+}
+
+OPALError HTTPFile::CancelRequests(bool cancelRunning, bool clearCompleted) {
+    Lock lock(mutex);
+    const OPALError status = CheckStatus_Unlocked();
+    if (status != OPAL_OK)
+        return status;
+    if (!pending.empty()) {
+        if (cancelRunning) {
+            pending.clear();
+            m_runningDropped = true;
+            cancelInFlight = true;
+        } else {
+            pending.erase(std::next(pending.begin()), pending.end());
+        }
+    }
+    if (clearCompleted)
+        completed.clear();
+    return OPAL_OK;
+}
+
+OPALError HTTPFile::GetBytesInFlight(int& bytes) {
+    boost::lock_guard<boost::mutex> lock(progressMutex);
+    bytes = bytesInFlight;
+    return OPAL_OK;
+}
+
+OPALError HTTPFile::Close() {
+    ++m_closers;
+    {
+        boost::lock_guard<boost::mutex> oneAtATime(m_closeMutex);
+        Lock lock(mutex);
+        closing = true;
+        wakeup.notify_all();
+        boost::thread ending;
+        ending.swap(worker);
+        lock.unlock();
+        if (ending.joinable())
+            ending.join();
+        lock.lock();
+        while (m_performing)
+            m_idle.wait(lock);
+        Close_Unlocked();
+        m_aborted = false;
+    }
+    --m_closers;
+    return OPAL_OK;
+}
+
+void HTTPFile::Abort() {
+    m_aborted = true;
+}
+
+void HTTPFile::Reset_Unlocked() {
+    url.clear();
+    fileSize = 0;
+    closing = false;
+    cancelInFlight = false;
+    lastCurlCode = CURLE_OK;
+    pending.clear();
+    completed.clear();
+    localAddress.clear();
+}
+
+void HTTPFile::Close_Unlocked() {
+    if (curl)
+        curl_easy_cleanup(curl);
+    curl = nullptr;
+    Reset_Unlocked();
+}
