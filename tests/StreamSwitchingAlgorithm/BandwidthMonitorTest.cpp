@@ -1,0 +1,67 @@
+#include <gmock/gmock.h>
+
+#include <vector>
+
+#include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
+#include "StreamSwitchingAlgorithm/src/BandwidthMonitor.h"
+
+namespace {
+
+constexpr int64_t kNow = 100000;
+
+struct Download {
+    size_t bytes;
+    int64_t from;  // before now
+    int64_t to;
+};
+
+int Estimate(const std::vector<Download>& downloads, int64_t now = kNow) {
+    BandwidthMonitor monitor;
+    for (const Download& download : downloads)
+        monitor.AddSample(
+            BandwidthSample(download.bytes, kNow - download.from, download.from - download.to));
+    return monitor.GetBandwidth(now);
+}
+
+class BandwidthMonitorTest : public testing::Test {
+  protected:
+    void SetUp() override { AlgorithmConfig::Instance().Reset(); }
+};
+
+}  // namespace
+
+TEST_F(BandwidthMonitorTest, CountsActiveTimeInTheWindowOnly) {
+    const struct {
+        const char* what;
+        std::vector<Download> downloads;
+        int estimate;
+    } rows[] = {
+        {"none", {}, 0},
+        {"one, whole in the window", {{1000000, 2000, 0}}, 4000000},
+        {"two with a gap", {{500000, 3000, 2500}, {500000, 1000, 500}}, 5333333},
+        {"one that the window's start cuts", {{1000000, 5000, 1000}}, 1500000},
+        {"all before the window", {{1000000, 9000, 5000}, {1000000, 5000, 4000}}, 0},
+        {"too little active time", {{1000000, 300, 0}}, 0},
+        {"just enough active time", {{125000, 1000, 0}}, 1000000},
+        {"no measurable duration", {{1000000, 2000, 0}, {9000000, 500, 500}}, 4000000},
+        {"overlapping ones add up", {{500000, 2000, 0}, {500000, 1500, 500}}, 4000000},
+        {"touching ones leave no gap", {{500000, 2000, 1000}, {500000, 1000, 0}}, 4000000},
+        {"a gap before the window is none of it", {{1, 9000, 8000}, {500000, 2000, 0}}, 2000000},
+        {"beyond what an int holds", {{0xFFFFFFFF, 2000, 0}}, 2147483647},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(Estimate(row.downloads), row.estimate) << row.what;
+    EXPECT_EQ(Estimate({{1000000, 2000, 0}}, 0), 0) << "time 0 has no estimate";
+}
+
+TEST_F(BandwidthMonitorTest, KeepsTheNewestSamplesOnly) {
+    AlgorithmConfig::Global global;
+    global.bandwidthMonitorSampleCount = 2;
+    ASSERT_EQ(AlgorithmConfig::Instance().Set(global, {}, {}), OPAL_OK);
+    EXPECT_EQ(Estimate({{9000000, 3500, 3000}, {250000, 2000, 1000}, {250000, 1000, 0}}), 2000000);
+    AlgorithmConfig::Instance().Reset();
+}
+
+TEST_F(BandwidthMonitorTest, ANegativeDurationIsTheCallersFault) {
+    EXPECT_THROW(BandwidthSample(1, 0, -1), std::exception);
+}

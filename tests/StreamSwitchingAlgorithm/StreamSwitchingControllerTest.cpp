@@ -1,0 +1,179 @@
+#include <gmock/gmock.h>
+
+#include <boost/make_shared.hpp>
+#include <thread>
+#include <vector>
+
+#include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
+#include "SwitchingFixture.h"
+
+using opal::test::FakeAudioTrack;
+using opal::test::SwitchingSession;
+
+namespace {
+
+const std::vector<int> kLadder = {500000, 1000000, 2000000, 4000000};
+
+class SwitchingControllerTest : public testing::Test {
+  protected:
+    void SetUp() override { AlgorithmConfig::Instance().Reset(); }
+};
+
+int Requirement(IStreamSwitchingController& controller, OPALStreamType type) {
+    int ms = -1;
+    controller.GetBufferRequirement(ms, type);
+    return ms;
+}
+
+}  // namespace
+
+// A whole session in virtual time: clusters at 5 Mbit/s with 30 ms between them, buffered 2 s more
+// at each report. It explores while there is less than a second of transfer to go by, then follows
+// the estimate; steady mode comes once a level has lasted for 15 s. Then an interruption.
+TEST_F(SwitchingControllerTest, StartsLowClimbsSettlesAndFallsBackOnARestart) {
+    SwitchingSession session(kLadder);
+    ASSERT_EQ(session.controller->GetCurrentLevel(), 0);
+    session.GiveIndexes();
+    std::vector<int> levels;
+    std::vector<int> estimates;
+    std::vector<int64_t> times;
+    int level = 0;
+    for (int i = 0; i < 15; ++i) {
+        const int64_t bytes = kLadder[static_cast<size_t>(level)] / 4;
+        level = session.Video(bytes, bytes * 8 / 5000, 2000 * (i + 1), 30);
+        levels.push_back(level);
+        estimates.push_back(session.controller->GetBandwidth());
+        times.push_back(session.clock.ElapsedMs());
+    }
+    EXPECT_THAT(std::vector<int>(levels.begin(), levels.begin() + 6),
+                testing::ElementsAre(0, 1, 2, 2, 3, 3));
+    EXPECT_THAT(std::vector<int>(estimates.begin(), estimates.begin() + 4),
+                testing::ElementsAre(0, 0, 0, 5000000));
+    EXPECT_EQ(levels.back(), 3);
+    EXPECT_EQ(times.back(), 18850);
+    EXPECT_EQ(session.controller->GetMaxBuffer(), -1);
+
+    session.clock.Advance(20500 - session.clock.ElapsedMs());
+    session.Restart();
+    EXPECT_EQ(session.controller->GetMaxBuffer(), 16000);
+    EXPECT_EQ(session.Video(125000, 200, 2000), 0) << "the buffer is not above the delay";
+    EXPECT_EQ(session.Video(125000, 200, 4000), 3) << "the hold counter outlives a restart";
+}
+
+TEST_F(SwitchingControllerTest, ReservesTheEnglishTrackElseTheFirst) {
+    const auto required = [](std::vector<boost::shared_ptr<IAudioTrack>> tracks) {
+        SwitchingSession session(kLadder, 2, tracks);
+        session.controller->SetBandwidth(1000000);
+        return Requirement(*session.controller, OPAL_STREAM_AUDIO);
+    };
+    EXPECT_EQ(required({}), 0);
+    const auto german = boost::make_shared<FakeAudioTrack>("ger", 0);
+    const auto english = boost::make_shared<FakeAudioTrack>("eng", 64000);
+    const auto french = boost::make_shared<FakeAudioTrack>("fre", 64000);
+    EXPECT_EQ(required({german, english}), 2000) << "two seconds, whatever the rate";
+    EXPECT_EQ(required({german, french}), 0) << "the first, which reserves nothing";
+}
+
+TEST_F(SwitchingControllerTest, AudioReportsCountForTheLinkAndForAudioOnly) {
+    SwitchingSession session(kLadder, 2, {boost::make_shared<FakeAudioTrack>("eng", 64000)});
+    session.controller->GetCurrentLevel();
+    session.GiveIndexes();
+    EXPECT_FALSE(session.controller->IsAudioBuffered());
+    StreamSwitchingNotify::Message audio;
+    audio.downloadSize = 1000000;
+    audio.downloadTime = 2000;
+    audio.bufferedDuration = 5000;
+    session.clock.Advance(2000);
+    audio.timeSinceStart = session.clock.ElapsedMs();
+    session.controller->GetNotify()->Notify(OPAL_STREAM_AUDIO,
+                                            StreamSwitchingNotify::EVENT_DOWNLOAD_COMPLETE, audio);
+    EXPECT_TRUE(session.controller->IsAudioBuffered());
+    EXPECT_EQ(session.controller->GetAudioExcessBuffer(), 3000);
+    EXPECT_EQ(session.controller->GetBandwidth(), 0) << "decided on video reports only";
+    EXPECT_EQ(session.controller->GetMaxBuffer(), 16000);
+    session.Video(1, 1, 2000);
+    EXPECT_NEAR(session.controller->GetBandwidth(), 4000000, 4000);
+}
+
+TEST_F(SwitchingControllerTest, SteadyModeEndsWithAnyDropAndIsOffWhenDisabled) {
+    for (bool disabled : {false, true}) {
+        AlgorithmConfig::Global global;
+        global.minBufferedToEnterAgile = 40000;
+        global.disableSteadyState = disabled;
+        AlgorithmConfig::Mode agile;
+        AlgorithmConfig::Mode steady;
+        steady.minPeriodUpSwitch = 3600000;
+        ASSERT_EQ(AlgorithmConfig::Instance().Set(global, agile, steady), OPAL_OK);
+        SwitchingSession session(kLadder);
+        session.controller->GetCurrentLevel();
+        session.GiveIndexes();
+        // 20 s at level 2 under 2.5 Mbit/s.
+        for (int i = 0; i < 12; ++i)
+            session.Video(625000, 2000, 10000);
+        ASSERT_EQ(session.controller->GetCurrentLevel(), 2);
+        // Six times that: steady mode stays, agile mode goes up.
+        for (int i = 0; i < 3; ++i)
+            session.Video(3750000, 2000, 10000);
+        EXPECT_EQ(session.controller->GetCurrentLevel(), disabled ? 3 : 2);
+        // A drop, and up again at once: agile again.
+        for (int i = 0; i < 3; ++i)
+            session.Video(100000, 2000, 10000);
+        ASSERT_EQ(session.controller->GetCurrentLevel(), 0);
+        for (int i = 0; i < 3; ++i)
+            session.Video(3750000, 2000, 10000);
+        EXPECT_EQ(session.controller->GetCurrentLevel(), 3);
+    }
+    AlgorithmConfig::Instance().Reset();
+}
+
+TEST_F(SwitchingControllerTest, StartUpModeHintAndZeroBandwidth) {
+    SwitchingSession two({500000, 1000000});
+    EXPECT_EQ(two.controller->GetInitialBandwidthMode(), InitialBandwidthMode_LowestLevel);
+    SwitchingSession four(kLadder);
+    EXPECT_EQ(four.controller->GetInitialBandwidthMode(), InitialBandwidthMode_BandwidthProbe);
+    four.controller->SetBandwidth(0);
+    four.controller->SetStartupTime(1500);
+    EXPECT_EQ(four.controller->GetCurrentLevel(), 0);
+
+    AlgorithmConfig::Global global;
+    global.maxLevelDrop = 0;
+    ASSERT_EQ(AlgorithmConfig::Instance().Set(global, {}, {}), OPAL_OK);
+    const std::vector<int> ladder = {200000, 400000, 600000, 800000};
+    SwitchingSession hint(ladder);
+    hint.controller->SetBandwidth(1000000);
+    hint.controller->SetStartupTime(1500);
+    EXPECT_EQ(hint.controller->GetCurrentLevel(), 1) << "637500 are trusted";
+
+    SwitchingSession probe({25000, 50000, 100000, 200000, 400000});
+    probe.controller->SetBandwidth(512000);
+    probe.controller->SetStartupTime(1500);
+    EXPECT_EQ(probe.controller->GetCurrentLevel(), 2);
+    AlgorithmConfig::Instance().Reset();
+}
+
+TEST_F(SwitchingControllerTest, QueriesAndReportsMayComeFromAnyThread) {
+    SwitchingSession session(kLadder);
+    session.controller->GetCurrentLevel();
+    session.GiveIndexes();
+    IStreamSwitchingController& controller = *session.controller;
+    std::thread queries([&controller] {
+        for (int i = 0; i < 2000; ++i) {
+            const int level = controller.GetCurrentLevel();
+            EXPECT_TRUE(level >= 0 && level < 4);
+            controller.IsVideoBuffered();
+            controller.GetMaxBuffer();
+        }
+    });
+    StreamSwitchingNotify::Message message;
+    message.downloadSize = 250000;
+    message.downloadTime = 400;
+    message.bufferedDuration = 4000;
+    for (int i = 0; i < 2000; ++i) {
+        message.timeSinceStart += 500;
+        controller.GetNotify()->Notify(OPAL_STREAM_VIDEO,
+                                       StreamSwitchingNotify::EVENT_DOWNLOAD_COMPLETE, message);
+        if (i % 100 == 0)
+            session.Restart();
+    }
+    queries.join();
+}
