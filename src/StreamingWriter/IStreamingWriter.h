@@ -17,8 +17,11 @@ class IPlatform;
 /// the blocks to one sink. In the push model a thread of its own does so; in the pull model the
 /// application asks for each block.
 ///
-/// Threading: Start, Pause, SetRate, Flush, PullBlock and WriteBlocks exclude each other and wait
-/// for a round that runs; GetError, GetBufferedDuration and IsEndOfStream never wait for it.
+/// Threading: Start, SetRate, Flush, PullBlock, GetLevelForTime and WriteBlocks exclude each other
+/// and wait for a round that runs, so that none runs after Pause. Pause tells the sink before it
+/// waits, which ends a round that the sink holds up. GetError, GetBufferedDuration, IsEndOfStream
+/// and SetDiscardLevel never wait for a round. Finalize waits for the thread, hence must not come
+/// from a call of the sink's.
 /// Ownership: buffer and sink are not owned.
 /// Units: milliseconds.
 /// Errors: -7 nothing now, -9 end of the stream; any other failure ends the loop and sticks.
@@ -40,6 +43,8 @@ class IStreamingWriter : boost::noncopyable {
     virtual OPALError SetDiscardLevel(size_t level) = 0;
     /// A disabled writer takes nothing to its sink.
     virtual OPALError SetDisabled(bool disabled) = 0;
+    /// Pull model only, else -3. The sink is offered the block too; that it is full (-7) is not
+    /// told, since the caller has the block.
     virtual OPALError PullBlock(qutl::MemoryBuffer<unsigned char>& data, int64_t& time,
                                 int64_t& duration, uint32_t& level, uint32_t& flags) = 0;
     /// Which level is on the screen at `timeMs`; -1, with `level` as it was, if not known. Video
