@@ -31,7 +31,12 @@ class DirectFBVideoOut : public VideoOut {
   public:
     DFBResult Open() {
         (void)MSystem::InitializeDFBLayer();
-        DFBResult result = DirectFBInit(nullptr, nullptr);
+        // Arguments of its own, or DirectFB reads the application's.
+        std::string name = "television";
+        char* arguments[] = {name.data(), nullptr};
+        int count = 1;
+        char** list = arguments;
+        DFBResult result = DirectFBInit(&count, &list);
         IDirectFB* directFB = nullptr;
         if (result == DFB_OK) {
             result = DirectFBCreate(&directFB);

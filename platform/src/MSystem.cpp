@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <map>
 #include <mutex>
+#include <string>
 
 #include "Control.h"
 #include "TvSet.h"
@@ -28,9 +29,9 @@ bool MSystem::InitializeDFBLayer() {
     // Read by DirectFB when its first user starts it, which may be never.
     const char* display = std::getenv("DISPLAY");
     const bool x11 = display != nullptr && *display != '\0';
-    const char* arguments = x11 ? "system=x11,mode=1280x720,no-sighandler,quiet"
-                                : "system=dummy,mode=1280x720,no-sighandler,quiet";
-    return setenv("DFBARGS", arguments, 0) == 0;
+    const std::string arguments = std::string(x11 ? "system=x11" : "system=dummy") +
+                                  ",mode=1280x720,no-cursor,no-sighandler,quiet";
+    return setenv("DFBARGS", arguments.c_str(), 0) == 0;
 }
 
 int pthread_mutex_lock_tracker(pthread_mutex_t* mutex, const char* function, int line) {

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+/// Material made for the tests with libavcodec's encoders.
+namespace film {
+
+struct AccessUnit {
+    std::vector<uint8_t> bytes;
+    uint32_t pts = 0;
+    bool key = false;
+};
+using Stream = std::vector<AccessUnit>;
+
+constexpr int kFrameMs = 40;
+constexpr int kWidth = 320;
+constexpr int kHeight = 180;
+
+/// 3 s of H.264, Annex B, parameter sets in band, 25 pictures a second of 320x180, a key picture
+/// each second and two B pictures between references. Picture n is plain grey of `GreyOf(n)`.
+const Stream& Video();
+/// As `Video()`, of another size and of one second.
+Stream SmallVideo(int width, int height);
+/// The grey of picture n in 8 bit RGB.
+int GreyOf(int n);
+
+/// Raw AAC LC, a tone; PTS from 0.
+Stream Audio(int ms, int sampleRate, int channels);
+
+}  // namespace film
