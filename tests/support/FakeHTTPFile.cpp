@@ -202,7 +202,7 @@ class FakeHTTPFile::Impl {
                 return OPAL_ERROR_INVALID_ARGUMENT;
             if (range.offset >= static_cast<int64_t>(bytes->size()))
                 return OPAL_ERROR_OUT_OF_RANGE;
-            if (range.length <= 0)
+            if (range.length <= 0 || range.length > INT64_MAX - range.offset)
                 return OPAL_ERROR_INVALID_ARGUMENT;
         }
         return OPAL_OK;
@@ -225,12 +225,13 @@ class FakeHTTPFile::Impl {
         return active.rule.result;
     }
 
-    void Deliver(const std::string& reply, size_t from, size_t to, FakeRequest& record) {
+    OPALError Deliver(const std::string& reply, size_t from, size_t to, FakeRequest& record) {
         HTTPRequestInternal& request = pending.front();
-        if (to > from)
-            (void)request.Write(reply.data() + from, to - from);
+        if (to > from && request.Write(reply.data() + from, to - from) != OPAL_OK)
+            return OPAL_ERROR_GENERAL;
         inFlight = static_cast<int>(to);
         record.bytes = request.GetBytesReceived();
+        return OPAL_OK;
     }
 
     OPALError Transfer(Lock& lock, FakeRequest& record) {
@@ -242,15 +243,14 @@ class FakeHTTPFile::Impl {
         if (rule) {
             end -= std::min(end, static_cast<size_t>(rule->rule.bytesLeftOut));
             delivered = std::min(end, static_cast<size_t>(rule->rule.bytesFirst));
-            Deliver(reply, 0, delivered, record);
+            result = Deliver(reply, 0, delivered, record);
             server.changed.notify_all();
-            result = Suffer(lock, *rule);
+            if (result == OPAL_OK)
+                result = Suffer(lock, *rule);
         }
         if (Ending() != OPAL_OK)
             return Ending();
-        if (result == OPAL_OK)
-            Deliver(reply, delivered, end, record);
-        return result;
+        return result == OPAL_OK ? Deliver(reply, delivered, end, record) : result;
     }
 
     const std::shared_ptr<FakeHTTPServer> keepAlive;

@@ -1,0 +1,305 @@
+// What every IHTTPFile has to do, run on the real one against a loopback origin and on the fake
+// that stands in for it in the readers' tests.
+#include <gtest/gtest.h>
+#include <opal-origin/Origin.h>
+
+#include <chrono>
+#include <future>
+#include <memory>
+#include <string>
+
+#include "Common/Clock.h"
+#include "StreamingReader/HTTPFile/HTTPFile.h"
+#include "support/FakeHTTPFile.h"
+
+namespace {
+
+using opal::origin::Fault;
+using opal::test::FakeRule;
+using Kind = FakeRule::Kind;
+
+constexpr int64_t kWaitMs = 10000;
+
+/// A server with files, and faults that strike until they are released.
+class Server {
+  public:
+    virtual ~Server() = default;
+    virtual IHTTPFile* NewFile() = 0;
+    /// The file's URL.
+    virtual std::string Add(const std::string& name, const std::string& bytes) = 0;
+    virtual uint64_t FailReads(int status, OPALError result) = 0;
+    /// Stops before the reply, or behind so many bytes of it.
+    virtual uint64_t Hold(Kind kind, int64_t behindBytes) = 0;
+    virtual bool WaitForHeld(uint64_t id) = 0;
+    virtual void Release(uint64_t id) = 0;
+};
+
+class RealServer : public Server {
+  public:
+    RealServer() {
+        std::string error;
+        if (!m_origin.Start(&error))
+            throw std::runtime_error(error);
+    }
+    IHTTPFile* NewFile() override { return new HTTPFile(false); }
+    std::string Add(const std::string& name, const std::string& bytes) override {
+        m_origin.AddFile("/" + name, bytes);
+        return m_origin.Url("/" + name);
+    }
+    uint64_t FailReads(int status, OPALError) override {
+        return m_origin.AddFault(Fault::Status(status).Get());
+    }
+    uint64_t Hold(Kind kind, int64_t behindBytes) override {
+        const Fault fault = behindBytes > 0 ? Fault::StallAt(behindBytes) : Fault::HoldRequest();
+        return m_origin.AddFault(kind == Kind::Open ? fault.Head() : fault.Get());
+    }
+    bool WaitForHeld(uint64_t id) override { return m_origin.WaitForHeld(id, 1, kWaitMs); }
+    void Release(uint64_t id) override { m_origin.Release(id); }
+
+  private:
+    opal::origin::Origin m_origin;
+};
+
+class FakeServer : public Server {
+  public:
+    IHTTPFile* NewFile() override { return new opal::test::FakeHTTPFile(m_server); }
+    std::string Add(const std::string& name, const std::string& bytes) override {
+        m_server->AddFile("http://fake/" + name, bytes);
+        return "http://fake/" + name;
+    }
+    uint64_t FailReads(int, OPALError result) override {
+        return m_server->AddRule(FakeRule::Fail(result, {}, Kind::Read));
+    }
+    uint64_t Hold(Kind kind, int64_t behindBytes) override {
+        FakeRule rule = FakeRule::Hold({}, kind);
+        rule.bytesFirst = behindBytes;
+        return m_server->AddRule(rule);
+    }
+    bool WaitForHeld(uint64_t id) override { return m_server->WaitForHeld(id, 1, kWaitMs); }
+    void Release(uint64_t id) override { m_server->Release(id); }
+
+  private:
+    const std::shared_ptr<opal::test::FakeHTTPServer> m_server{new opal::test::FakeHTTPServer};
+};
+
+struct Listener : HTTPRequestNotify {
+    void OnRequestComplete(const HTTPRequest& request) override {
+        ++calls;
+        lastOffset = request.GetOffset(0);
+    }
+    int calls = 0;
+    int64_t lastOffset = -1;
+};
+
+class HTTPFileContract : public testing::TestWithParam<bool> {
+  protected:
+    HTTPFileContract() {
+        if (GetParam())
+            server.reset(new RealServer);
+        else
+            server.reset(new FakeServer);
+        for (int n = 0; n < 100000; ++n)
+            content += static_cast<char>('a' + n % 23);
+        url = server->Add("film.mkv", content);
+        file.reset(server->NewFile());
+    }
+
+    std::string Take() {
+        HTTPRequest request;
+        qutl::MemoryBuffer<unsigned char> bytes;
+        EXPECT_EQ(OPAL_OK, file->GetCompletedRequest(request, false));
+        request.TakeData(bytes);
+        return std::string(bytes.GetData(), bytes.GetData() + bytes.GetSize());
+    }
+
+    void ExpectServesReads() {
+        ASSERT_EQ(OPAL_OK, file->RequestRange(10, 5, nullptr));
+        EXPECT_EQ(content.substr(10, 5), Take());
+        HTTPRequest none;
+        EXPECT_EQ(OPAL_ERROR_OUT_OF_RANGE, file->GetCompletedRequest(none, false));
+    }
+
+    void ExpectNotOpen() {
+        int64_t size = 7;
+        HTTPRequest none;
+        EXPECT_EQ(OPAL_ERROR_NOT_READY, file->GetSize(size));
+        EXPECT_EQ(0, size);
+        EXPECT_EQ(OPAL_ERROR_NOT_READY, file->RequestRange(0, 1, nullptr));
+        EXPECT_EQ(OPAL_ERROR_NOT_READY, file->GetCompletedRequest(none, true));
+        EXPECT_EQ(OPAL_ERROR_NOT_READY, file->CancelRequests(true, true));
+    }
+
+    std::unique_ptr<Server> server;
+    std::string content;
+    std::string url;
+    std::unique_ptr<IHTTPFile> file;
+};
+
+TEST_P(HTTPFileContract, FailedOpenLeavesTheFileClosedAndReusable) {
+    ExpectNotOpen();
+    for (const char* bad : {"", "https://127.0.0.1/film.mkv", "HTTP://127.0.0.1/", "film.mkv"})
+        EXPECT_EQ(OPAL_ERROR_INVALID_ARGUMENT, file->Open(bad)) << bad;
+    EXPECT_EQ(OPAL_ERROR_GENERAL, file->Open(server->Add("empty.mkv", "")));
+    EXPECT_EQ(OPAL_ERROR_HTTP_CLIENT, file->Open(url + ".missing"));
+    ExpectNotOpen();
+    EXPECT_EQ(OPAL_OK, file->Close());
+    ASSERT_EQ(OPAL_OK, file->Open(url));
+    EXPECT_EQ(OPAL_ERROR_NOT_READY, file->Open(url));
+    int64_t size = 0;
+    EXPECT_EQ(OPAL_OK, file->GetSize(size));
+    EXPECT_EQ(100000, size);
+    ExpectServesReads();
+    EXPECT_EQ(OPAL_OK, file->Close());
+    ExpectNotOpen();
+}
+
+TEST_P(HTTPFileContract, ReadsRanges) {
+    ASSERT_EQ(OPAL_OK, file->Open(url));
+    Listener listener;
+    ASSERT_EQ(OPAL_OK, file->RequestRange(99999, -1, &listener));
+    ASSERT_EQ(OPAL_OK, file->RequestRanges({{500, 3}, {10, 4}, {99990, 10}}, &listener));
+    ASSERT_EQ(OPAL_OK, file->RequestRange(99990, 50, &listener)) << "ends with the file";
+    EXPECT_EQ(3, listener.calls);
+    EXPECT_EQ(99990, listener.lastOffset);
+    HTTPRequest peeked;
+    for (int n = 0; n < 2; ++n) {
+        EXPECT_EQ(OPAL_OK, file->GetCompletedRequest(peeked, true));
+        EXPECT_EQ(1u, peeked.GetBytesReceived());
+        EXPECT_TRUE(peeked.GetData()->IsEmpty());
+    }
+    EXPECT_EQ(content.substr(99999), Take());
+    EXPECT_EQ(content.substr(500, 3) + content.substr(10, 4) + content.substr(99990), Take());
+    EXPECT_EQ(content.substr(99990) + std::string(40, '\0'), Take());
+    const ByteRange good(0, 1);
+    for (const ByteRange bad : {ByteRange(-1, 5), ByteRange(5, 0), ByteRange(INT64_MIN, -1)}) {
+        EXPECT_EQ(OPAL_ERROR_INVALID_ARGUMENT,
+                  file->RequestRange(bad.offset, bad.length, &listener));
+        EXPECT_EQ(OPAL_ERROR_INVALID_ARGUMENT, file->RequestRanges({good, bad}, &listener));
+    }
+    EXPECT_EQ(OPAL_ERROR_INVALID_ARGUMENT, file->RequestRanges({good, {5, -3}}, &listener));
+    EXPECT_EQ(OPAL_ERROR_INVALID_ARGUMENT, file->RequestRange(5, INT64_MAX, &listener));
+    EXPECT_EQ(OPAL_ERROR_INVALID_ARGUMENT, file->RequestRanges({}, &listener));
+    EXPECT_EQ(OPAL_ERROR_OUT_OF_RANGE, file->RequestRange(100000, 10, &listener));
+    EXPECT_EQ(OPAL_ERROR_OUT_OF_RANGE, file->RequestRange(100000, -1, &listener));
+    EXPECT_EQ(3, listener.calls);
+    ExpectServesReads();
+}
+
+TEST_P(HTTPFileContract, AFailedReadIsLostAndTheNextOneServed) {
+    ASSERT_EQ(OPAL_OK, file->Open(url));
+    Listener listener;
+    const uint64_t clientFault = server->FailReads(404, OPAL_ERROR_HTTP_CLIENT);
+    EXPECT_EQ(OPAL_ERROR_HTTP_CLIENT, file->RequestRange(0, 10, &listener));
+    server->Release(clientFault);
+    const uint64_t serverFault = server->FailReads(503, OPAL_ERROR_HTTP_SERVER);
+    EXPECT_EQ(OPAL_ERROR_HTTP_SERVER, file->RequestRange(0, 10, &listener));
+    server->Release(serverFault);
+    EXPECT_EQ(0, listener.calls);
+    ExpectServesReads();
+}
+
+TEST_P(HTTPFileContract, CancelEndsTheRunningRead) {
+    ASSERT_EQ(OPAL_OK, file->Open(url));
+    ASSERT_EQ(OPAL_OK, file->RequestRange(0, 3, nullptr));
+    Listener listener;
+    const uint64_t held = server->Hold(Kind::Read, 60000);
+    auto read =
+        std::async(std::launch::async, [&] { return file->RequestRange(20, -1, &listener); });
+    ASSERT_TRUE(server->WaitForHeld(held));
+    int inFlight = 0;
+    for (int64_t n = 0; n < kWaitMs && inFlight < 60000; ++n) {
+        EXPECT_EQ(OPAL_OK, file->GetBytesInFlight(inFlight));
+        opal::SleepMs(1);
+    }
+    EXPECT_EQ(60000, inFlight);
+    EXPECT_EQ(content.substr(0, 3), Take());
+    HTTPRequest running;
+    EXPECT_EQ(OPAL_ERROR_NOT_YET, file->GetCompletedRequest(running, false));
+    EXPECT_EQ(20, running.GetOffset(0));
+    EXPECT_EQ(60000u, running.GetBytesReceived());
+    EXPECT_TRUE(running.GetData()->IsEmpty());
+    EXPECT_EQ(OPAL_OK, file->CancelRequests(false, true));
+    EXPECT_EQ(OPAL_ERROR_NOT_YET, file->GetCompletedRequest(running, false)) << "left running";
+    EXPECT_EQ(OPAL_OK, file->CancelRequests(true, false));
+    ASSERT_EQ(std::future_status::ready, read.wait_for(std::chrono::milliseconds(1500)));
+    EXPECT_EQ(OPAL_ERROR_CANCELLED, read.get());
+    EXPECT_EQ(0, listener.calls);
+    EXPECT_EQ(OPAL_OK, file->GetBytesInFlight(inFlight));
+    EXPECT_EQ(0, inFlight);
+    server->Release(held);
+    EXPECT_EQ(OPAL_OK, file->CancelRequests(true, true)) << "nothing to cancel leaves no trace";
+    ExpectServesReads();
+}
+
+TEST_P(HTTPFileContract, CloseAndAbortEndARead) {
+    for (const bool abort : {false, true}) {
+        ASSERT_EQ(OPAL_OK, file->Open(url));
+        const uint64_t held = server->Hold(Kind::Read, 1000);
+        auto read =
+            std::async(std::launch::async, [&] { return file->RequestRange(0, -1, nullptr); });
+        ASSERT_TRUE(server->WaitForHeld(held));
+        const auto start = std::chrono::steady_clock::now();
+        if (abort) {
+            file->Abort();
+            EXPECT_EQ(OPAL_ERROR_CANCELLED, read.get());
+            EXPECT_EQ(OPAL_ERROR_CANCELLED, file->RequestRange(0, 1, nullptr)) << "for good";
+            int64_t size = 0;
+            EXPECT_EQ(OPAL_ERROR_CANCELLED, file->GetSize(size));
+        }
+        EXPECT_EQ(OPAL_OK, file->Close());
+        EXPECT_GT(std::chrono::seconds(2), std::chrono::steady_clock::now() - start);
+        if (!abort) {
+            EXPECT_EQ(OPAL_ERROR_TERMINATED, read.get());
+        }
+        server->Release(held);
+        ExpectNotOpen();
+    }
+    ASSERT_EQ(OPAL_OK, file->Open(url));
+    ExpectServesReads();
+}
+
+TEST_P(HTTPFileContract, CloseAndAbortEndAnOpen) {
+    for (const bool abort : {false, true}) {
+        const uint64_t held = server->Hold(Kind::Open, 0);
+        auto open = std::async(std::launch::async, [&] { return file->Open(url); });
+        ASSERT_TRUE(server->WaitForHeld(held));
+        const auto start = std::chrono::steady_clock::now();
+        if (abort) {
+            file->Abort();
+            EXPECT_EQ(OPAL_ERROR_CANCELLED, open.get());
+            EXPECT_EQ(OPAL_ERROR_CANCELLED, file->Open(url));
+        }
+        EXPECT_EQ(OPAL_OK, file->Close());
+        EXPECT_GT(std::chrono::seconds(2), std::chrono::steady_clock::now() - start);
+        if (!abort) {
+            EXPECT_EQ(OPAL_ERROR_TERMINATED, open.get());
+        }
+        server->Release(held);
+    }
+    ASSERT_EQ(OPAL_OK, file->Open(url));
+    ExpectServesReads();
+}
+
+TEST_P(HTTPFileContract, ReadsFromSeveralThreadsAreServedOneByOne) {
+    ASSERT_EQ(OPAL_OK, file->Open(url));
+    std::vector<std::future<OPALError>> reads;
+    for (int n = 0; n < 8; ++n)
+        reads.push_back(std::async(
+            std::launch::async, [this, n] { return file->RequestRange(n, 50000 + n, nullptr); }));
+    for (auto& read : reads)
+        EXPECT_EQ(OPAL_OK, read.get());
+    size_t sum = 0;
+    for (int n = 0; n < 8; ++n) {
+        const std::string bytes = Take();
+        EXPECT_EQ(content.substr(bytes.size() - 50000, bytes.size()), bytes);
+        sum += bytes.size();
+    }
+    EXPECT_EQ(8u * 50000 + 28, sum);
+}
+
+INSTANTIATE_TEST_SUITE_P(, HTTPFileContract, testing::Bool(),
+                         [](const testing::TestParamInfo<bool>& real) {
+                             return real.param ? "Real" : "Fake";
+                         });
+
+}  // namespace

@@ -1,0 +1,262 @@
+// The real file alone: header requests, broken replies, the worker, error mapping, local files.
+#include "StreamingReader/HTTPFile/HTTPFile.h"
+
+#include <gtest/gtest.h>
+#include <opal-origin/Origin.h>
+#include <opal-origin/ScriptedServer.h>
+
+#include <chrono>
+#include <future>
+#include <memory>
+#include <string>
+
+#include "Common/Clock.h"
+#include "Common/StreamingTuning.h"
+#include "Common/network/NetworkInterface.h"
+#include "support/TemporaryDirectory.h"
+
+namespace {
+
+using opal::origin::Fault;
+using opal::origin::ScriptedReply;
+using opal::origin::ScriptedServer;
+
+constexpr int64_t kWaitMs = 10000;
+
+class HTTPFileTest : public testing::Test {
+  protected:
+    HTTPFileTest() {
+        SetLink("1", "up");
+        opal::NetworkSource source;
+        source.sysfsRoot = sysfs.Path();
+        opal::SetNetworkSource(source);
+        std::string error;
+        if (!origin.Start(&error))
+            throw std::runtime_error(error);
+        origin.AddGeneratedFile("/film.mkv", 5000000);
+        url = origin.Url("/film.mkv");
+    }
+    ~HTTPFileTest() override {
+        StreamingTuning::OverrideTimeouts(60, 60);
+        opal::SetNetworkSource();
+    }
+
+    void SetLink(const std::string& carrier, const std::string& state) {
+        sysfs.Write("class/net/lo/carrier", carrier + "\n");
+        sysfs.Write("class/net/lo/operstate", state + "\n");
+    }
+
+    static OPALError Size(HTTPFile& file) {
+        int64_t size = 0;
+        return file.GetSize(size);
+    }
+
+    /// Waits until a threaded file answers other than "in progress".
+    static OPALError Await(IHTTPFile& file, HTTPRequest& request) {
+        for (int64_t n = 0; n < kWaitMs; ++n) {
+            const OPALError result = file.GetCompletedRequest(request, false);
+            if (result != OPAL_ERROR_NOT_YET)
+                return result;
+            opal::SleepMs(1);
+        }
+        return OPAL_ERROR_NOT_YET;
+    }
+
+    opal::test::TemporaryDirectory sysfs;
+    opal::origin::Origin origin;
+    std::string url;
+};
+
+TEST_F(HTTPFileTest, HeaderRequestGivesTheSizeOrAnError) {
+    const struct {
+        const char* head;
+        OPALError result;
+    } kCases[] = {
+        {"404 No\r\nContent-Length: 0", OPAL_ERROR_GENERAL},
+        {"404 No\r\nContent-Length: 9", OPAL_ERROR_HTTP_CLIENT},
+        {"503 No\r\nContent-Length: 9", OPAL_ERROR_HTTP_SERVER},
+        {"302 There\r\nLocation: /b\r\nContent-Length: 0", OPAL_ERROR_GENERAL},
+        {"302 There\r\nLocation: /b\r\nContent-Length: 7", OPAL_OK},
+        {"200 OK\r\nX: y", OPAL_ERROR_GENERAL},
+        {"200 OK\r\nContent-Length: -5", OPAL_ERROR_GENERAL},
+        {"200 OK\r\nContent-Length: 99999999999999999999", OPAL_ERROR_GENERAL},
+        {"200 OK\r\nCONTENT-LENGTH: 1000", OPAL_OK},
+        {"200 OK\r\nContent-Length:1000", OPAL_ERROR_GENERAL},
+    };
+    HTTPFile file(false);
+    for (const auto& test : kCases) {
+        ScriptedServer server(
+            {{"HTTP/1.1 " + std::string(test.head) + "\r\nConnection: close\r\n\r\n", 0,
+              ScriptedReply::After::Close},
+             {"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\nConnection: close\r\n\r\n", 1,
+              ScriptedReply::After::Close}});
+        EXPECT_EQ(test.result, file.Open(server.Url("/a"))) << test.head;
+        EXPECT_EQ(0u, server.Requests().at(0).find("HEAD /a HTTP/1.1\r\n"));
+        int64_t size = 0;
+        EXPECT_EQ(test.result == OPAL_OK ? OPAL_OK : OPAL_ERROR_NOT_READY, file.GetSize(size));
+        EXPECT_EQ(test.result == OPAL_OK ? 1000 : 0, size);
+        EXPECT_EQ(OPAL_OK, file.Close());
+    }
+    EXPECT_EQ(OPAL_ERROR_INVALID_ARGUMENT, file.Open("http://" + std::string(9000000, 'a')));
+    EXPECT_EQ(OPAL_OK, file.Open(url));
+}
+
+TEST_F(HTTPFileTest, RepliesOtherThanTheRangesAreContained) {
+    HTTPFile file(false);
+    ASSERT_EQ(OPAL_OK, file.Open(url));
+    HTTPRequest request;
+    origin.AddFault(Fault::IgnoreRange().Get());
+    ASSERT_EQ(OPAL_OK, file.RequestRange(100, 100, nullptr));
+    ASSERT_EQ(OPAL_OK, file.GetCompletedRequest(request, false));
+    EXPECT_EQ(100u, request.GetBytesReceived());
+    ASSERT_EQ(100u, request.GetData()->GetSize());
+    EXPECT_EQ(origin.GeneratedByte(99), request.GetData()->GetData()[99]) << "the file's start";
+    EXPECT_EQ(OPAL_ERROR_GENERAL, file.RequestRanges({{0, 5}, {9, 5}}, nullptr))
+        << "a reply far longer than its parts is refused";
+
+    ScriptedServer plain(
+        {{"HTTP/1.1 200 OK\r\nContent-Length: 4294967296\r\n\r\n", 0, ScriptedReply::After::Keep},
+         {"HTTP/1.1 206 Partial\r\nContent-Length: 10\r\n\r\n0123456789", 0,
+          ScriptedReply::After::Keep}});
+    HTTPFile large(false);
+    ASSERT_EQ(OPAL_OK, large.Open(plain.Url("/a")));
+    ASSERT_EQ(OPAL_OK, large.RequestRanges({{0, 5}, {5, 5}}, nullptr))
+        << "ranges joined by the server";
+    ASSERT_EQ(OPAL_OK, large.GetCompletedRequest(request, false));
+    EXPECT_EQ(0u, request.GetBytesReceived());
+    ASSERT_EQ(10u, request.GetData()->GetSize());
+    EXPECT_EQ(0, request.GetData()->GetData()[9]);
+    EXPECT_EQ(OPAL_ERROR_GENERAL, large.RequestRange(0, -1, nullptr)) << "above 32 bits";
+    EXPECT_EQ(OPAL_OK, large.RequestRange(0, 10, nullptr));
+}
+
+TEST_F(HTTPFileTest, AllRangesTravelOverOneConnection) {
+    for (const bool threaded : {false, true}) {
+        HTTPFile file(threaded);
+        ASSERT_EQ(OPAL_OK, file.Open(url));
+        for (int64_t n = 0; n < 120; ++n)
+            ASSERT_EQ(OPAL_OK, file.RequestRange(n * 1000, 1000, nullptr));
+        for (int64_t n = 0; n < 120; ++n) {
+            HTTPRequest request;
+            ASSERT_EQ(OPAL_OK, Await(file, request));
+            ASSERT_EQ(n * 1000, request.GetOffset(0));
+            for (int64_t at = 0; at < 1000; ++at)
+                ASSERT_EQ(origin.GeneratedByte(n * 1000 + at), request.GetData()->GetData()[at]);
+        }
+        EXPECT_EQ(threaded ? 2u : 1u, origin.ConnectionsAccepted());
+    }
+}
+
+TEST_F(HTTPFileTest, ServerErrorAfterACancelLeavesTheFileUsable) {
+    HTTPFile file(false);
+    ASSERT_EQ(OPAL_OK, file.Open(url));
+    const uint64_t held = origin.AddFault(Fault::HoldRequest().Get());
+    auto read = std::async(std::launch::async, [&] { return file.RequestRange(0, 10, nullptr); });
+    ASSERT_TRUE(origin.WaitForHeld(held, 1, kWaitMs));
+    origin.AddFault(Fault::Status(500).Get().Times(1));
+    ASSERT_EQ(OPAL_OK, file.CancelRequests(true, false));
+    origin.DropConnections();  // ends with a code that is none of a cancelled transfer's
+    const OPALError result = read.get();
+    EXPECT_TRUE(result == OPAL_ERROR_CANCELLED || result == OPAL_ERROR_GENERAL) << result;
+    origin.Release(held);
+    EXPECT_EQ(OPAL_ERROR_HTTP_SERVER, file.RequestRange(0, 10, nullptr));
+    EXPECT_EQ(OPAL_OK, file.RequestRange(0, 10, nullptr));
+}
+
+TEST_F(HTTPFileTest, ThreadedCancelKeepsOrDropsTheRunningRequest) {
+    HTTPFile file(true);
+    ASSERT_EQ(OPAL_OK, file.Open(url));
+    const uint64_t held = origin.AddFault(Fault::HoldRequest().Get());
+    for (int64_t n = 0; n < 3; ++n)
+        ASSERT_EQ(OPAL_OK, file.RequestRange(n, 10, nullptr));
+    ASSERT_TRUE(origin.WaitForHeld(held, 1, kWaitMs));
+    ASSERT_EQ(OPAL_OK, file.CancelRequests(false, false));
+    origin.Resume(held);
+    HTTPRequest request;
+    ASSERT_EQ(OPAL_OK, Await(file, request));
+    EXPECT_EQ(0, request.GetOffset(0));
+    EXPECT_EQ(OPAL_ERROR_OUT_OF_RANGE, file.GetCompletedRequest(request, false));
+
+    ASSERT_EQ(OPAL_OK, file.RequestRange(50, 10, nullptr));
+    ASSERT_TRUE(origin.WaitForHeld(held, 1, kWaitMs));
+    ASSERT_EQ(OPAL_OK, file.CancelRequests(true, false));
+    ASSERT_EQ(OPAL_OK, file.RequestRange(60, 10, nullptr)) << "queued while the old one ends";
+    origin.Release(held);
+    ASSERT_EQ(OPAL_OK, Await(file, request));
+    EXPECT_EQ(60, request.GetOffset(0));
+    EXPECT_EQ(10u, request.GetBytesReceived());
+    EXPECT_EQ(OPAL_OK, Size(file));
+}
+
+TEST_F(HTTPFileTest, ThreadedCloseEndsAStalledTransfer) {
+    HTTPFile file(true);
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_EQ(OPAL_OK, file.Open(url));
+        const uint64_t held = origin.AddFault(Fault::StallAt(1000).Get());
+        ASSERT_EQ(OPAL_OK, file.RequestRange(0, -1, nullptr));
+        ASSERT_EQ(OPAL_OK, file.RequestRange(0, 10, nullptr));
+        ASSERT_TRUE(origin.WaitForHeld(held, 1, kWaitMs));
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(OPAL_OK, file.Close());
+        EXPECT_GT(std::chrono::seconds(2), std::chrono::steady_clock::now() - start);
+        origin.Release(held);
+    }
+}
+
+TEST_F(HTTPFileTest, ThreadedFailureSticksAndNamesTheLink) {
+    const struct {
+        const char* carrier;
+        const char* state;
+        OPALError result;
+    } kCases[] = {{"1", "up", OPAL_ERROR_CONNECT},
+                  {"0", "unknown", OPAL_ERROR_CONNECT},
+                  {"0", "down", OPAL_ERROR_LINK_DOWN},
+                  {"", "down", OPAL_ERROR_LINK_UNKNOWN}};
+    HTTPFile file(true);
+    for (const auto& test : kCases) {
+        ASSERT_TRUE(origin.Port() != 0);
+        ASSERT_EQ(OPAL_OK, file.Open(url));
+        origin.Stop();
+        SetLink(test.carrier, test.state);
+        ASSERT_EQ(OPAL_OK, file.RequestRange(0, 10, nullptr));
+        HTTPRequest request;
+        EXPECT_EQ(test.result, Await(file, request));
+        EXPECT_EQ(test.result, file.RequestRange(0, 10, nullptr));
+        EXPECT_EQ(test.result, Size(file));
+        EXPECT_EQ(test.result, file.CancelRequests(true, true));
+        EXPECT_EQ(OPAL_OK, file.Close());
+        EXPECT_EQ(OPAL_ERROR_CONNECT, file.Open(url)) << "an Open never blames the link";
+        ASSERT_TRUE(origin.Start());
+    }
+}
+
+TEST_F(HTTPFileTest, TimeOutsAreReported) {
+    StreamingTuning::OverrideTimeouts(1, 1);
+    HTTPFile file(false);
+    const uint64_t heldHead = origin.AddFault(Fault::HoldRequest().Head());
+    EXPECT_EQ(OPAL_ERROR_TIMEOUT, file.Open(url));
+    origin.Release(heldHead);
+    ASSERT_EQ(OPAL_OK, file.Open(url));
+    const uint64_t heldGet = origin.AddFault(Fault::StallAt(5).Get());
+    EXPECT_EQ(OPAL_ERROR_TIMEOUT, file.RequestRange(0, 10, nullptr));
+    origin.Release(heldGet);
+    EXPECT_EQ(OPAL_OK, file.RequestRange(0, 10, nullptr));
+}
+
+TEST_F(HTTPFileTest, ReadsLocalFiles) {
+    const opal::test::TemporaryDirectory folder;
+    HTTPFile file(false);
+    EXPECT_EQ(OPAL_ERROR_CONNECT, file.Open("file://" + folder.File("missing")));
+    EXPECT_EQ(OPAL_ERROR_GENERAL, file.Open("file://" + folder.Write("empty", "")));
+    ASSERT_EQ(OPAL_OK, file.Open("file://" + folder.Write("digits", "0123456789")));
+    ASSERT_EQ(OPAL_OK, file.RequestRange(3, -1, nullptr));
+    HTTPRequest request;
+    ASSERT_EQ(OPAL_OK, file.GetCompletedRequest(request, false));
+    ASSERT_EQ(7u, request.GetBytesReceived());
+    EXPECT_EQ('9', request.GetData()->GetData()[6]);
+    ASSERT_EQ(OPAL_OK, file.RequestRanges({{0, 2}, {5, 2}}, nullptr));
+    ASSERT_EQ(OPAL_OK, file.GetCompletedRequest(request, false));
+    EXPECT_EQ(0u, request.GetBytesReceived()) << "no multipart reply, so no part: deliberate";
+}
+
+}  // namespace

@@ -1,0 +1,148 @@
+#include "Common/network/NetworkInterface.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+
+#include <string>
+
+#include "Common/ConfigurationFiles.h"
+#include "Common/network/NetworkCaptureConfig.h"
+#include "support/TemporaryDirectory.h"
+
+namespace {
+
+/// Interfaces that exist for the test alone: two with the same address, one that is down, one of
+/// another family, one without address.
+struct Interfaces {
+    Interfaces() {
+        Set(0, "wlan0", IFF_UP, AF_INET, "10.0.0.5");
+        Set(1, "eth3", IFF_UP, AF_INET, "10.0.0.5");
+        Set(2, "eth4", 0, AF_INET, "10.0.0.5");
+        Set(3, "eth5", IFF_UP, AF_INET6, "10.0.0.5");
+        Set(4, "eth6", IFF_UP, AF_INET, "10.0.0.5");
+        entries[4].ifa_addr = nullptr;
+    }
+    void Set(int n, const char* name, unsigned flags, sa_family_t family, const char* address) {
+        addresses[n].sin_family = family;
+        inet_pton(AF_INET, address, &addresses[n].sin_addr);
+        entries[n].ifa_name = const_cast<char*>(name);
+        entries[n].ifa_flags = flags;
+        entries[n].ifa_addr = reinterpret_cast<sockaddr*>(&addresses[n]);
+        entries[n].ifa_next = n < 4 ? &entries[n + 1] : nullptr;
+    }
+    ifaddrs entries[5] = {};
+    sockaddr_in addresses[5] = {};
+    int result = 0;
+    int asked = 0;
+    int freed = 0;
+};
+
+Interfaces* g_interfaces = nullptr;
+
+class NetworkInterfaceTest : public testing::Test {
+  protected:
+    NetworkInterfaceTest() {
+        g_interfaces = &interfaces;
+        opal::NetworkSource source;
+        source.sysfsRoot = sysfs.Path();
+        source.getAddresses = [](ifaddrs** list) {
+            ++g_interfaces->asked;
+            *list = g_interfaces->entries;
+            return g_interfaces->result;
+        };
+        source.freeAddresses = [](ifaddrs*) { ++g_interfaces->freed; };
+        opal::SetNetworkSource(source);
+    }
+    ~NetworkInterfaceTest() override { opal::SetNetworkSource(); }
+
+    /// What the files of an interface say; null: there is no such file.
+    void SetLink(const std::string& name, const char* carrier, const char* state) {
+        const std::string folder = "class/net/" + name + "/";
+        std::filesystem::remove_all(sysfs.File(folder));
+        if (carrier)
+            sysfs.Write(folder + "carrier", carrier);
+        if (state)
+            sysfs.Write(folder + "operstate", state);
+    }
+
+    /// "up" or "down", with "?" behind it if the state is unknown.
+    static std::string Link(const std::string& address) {
+        const NetworkInterface& network = NetworkInterface::Instance();
+        return std::string(network.IsLinkUp(address) ? "up" : "down") +
+               (network.IsLinkUnknown(address) ? "?" : "");
+    }
+
+    opal::test::TemporaryDirectory sysfs;
+    Interfaces interfaces;
+};
+
+TEST_F(NetworkInterfaceTest, BothFilesHaveToSayDown) {
+    const struct {
+        const char* carrier;
+        const char* state;
+        const char* link;
+    } kCases[] = {{"1\n", "up\n", "up"},      {"0\n", "down\n", "down"},
+                  {"0\n", "unknown\n", "up"}, {"0\n", "downtown\n", "up"},
+                  {"1\n", "down\n", "up"},    {"0\n", nullptr, "up"},
+                  {"", "down\n", "up?"},      {"x", "up\n", "up?"},
+                  {nullptr, "down\n", "up?"}, {nullptr, nullptr, "up?"}};
+    for (const auto& test : kCases) {
+        SetLink("eth0", test.carrier, test.state);
+        EXPECT_EQ(test.link, Link(""))
+            << (test.carrier ? test.carrier : "none") << " " << (test.state ? test.state : "none");
+    }
+    EXPECT_EQ(0, interfaces.asked) << "without an address eth0 is meant";
+}
+
+TEST_F(NetworkInterfaceTest, LooksAtTheLastInterfaceThatHasTheAddress) {
+    SetLink("eth0", "1", "up");
+    SetLink("wlan0", "1", "up");
+    SetLink("eth3", "0", "down");
+    EXPECT_EQ("down", Link("10.0.0.5"));
+    EXPECT_EQ("up", Link("10.0.0.6")) << "nobody's address is eth0's";
+    EXPECT_EQ(interfaces.asked, interfaces.freed);
+    interfaces.result = -1;
+    EXPECT_EQ("up", Link("10.0.0.5"));
+    EXPECT_NE(interfaces.asked, interfaces.freed) << "nothing was given";
+}
+
+TEST(NetworkCaptureConfig, LoadsTheFileOrChangesNothing) {
+    const opal::test::TemporaryDirectory folder;
+    opal::SetConfigurationDirectory(folder.Path());
+    NetworkCaptureConfig config;
+    config.device = "ifb0";
+    config.snapshotLength = 7;
+    EXPECT_EQ(OPAL_ERROR_GENERAL, config.Load()) << "no file";
+    const std::string good =
+        "<?xml version=\"1.0\"?><settings><device>eth1</device><other/>"
+        "<filter>port 8080</filter><snapshot-length>96</snapshot-length></settings>";
+    std::string nested;
+    for (int n = 0; n < 30000; ++n)
+        nested += "<settings>";
+    for (const std::string& bad :
+         {std::string(), std::string("settings"), good.substr(0, good.size() - 20),
+          std::string(
+              "<settings><device>x</device><snapshot-length>many</snapshot-length></settings>"),
+          std::string("<settings><device/></settings>"), nested}) {
+        folder.Write("kmt_net_cap_config.xml", bad);
+        EXPECT_EQ(OPAL_ERROR_GENERAL, config.Load()) << bad.substr(0, 200);
+    }
+    EXPECT_EQ("ifb0", config.device);
+    EXPECT_EQ(7u, config.snapshotLength);
+
+    folder.Write("kmt_net_cap_config.xml", "<settings/>");
+    EXPECT_EQ(OPAL_OK, config.Load());
+    EXPECT_EQ("", config.device);
+    EXPECT_EQ("port 80", config.filter);
+    EXPECT_EQ(7u, config.snapshotLength) << "has no default";
+    folder.Write("kmt_net_cap_config.xml", good);
+    EXPECT_EQ(OPAL_OK, config.Load());
+    EXPECT_EQ("eth1", config.device);
+    EXPECT_EQ("port 8080", config.filter);
+    EXPECT_EQ(96u, config.snapshotLength);
+    opal::SetConfigurationDirectory(".");
+}
+
+}  // namespace
