@@ -36,6 +36,7 @@ AudioEncoder::AudioEncoder(int sampleRate, int bitrate, Output output)
     context.bit_rate = bitrate;
     context.profile = FF_PROFILE_AAC_LOW;
     context.time_base = {1, sampleRate};
+    context.log_level_offset = AV_LOG_DEBUG - AV_LOG_INFO;
     context.flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     av_channel_layout_default(&context.ch_layout, 2);
     const int code = avcodec_open2(&context, codec, nullptr);

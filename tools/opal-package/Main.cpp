@@ -5,6 +5,7 @@
 #include <iostream>
 #include <string>
 
+#include "opal-package/Av.h"
 #include "opal-package/Dump.h"
 #include "opal-package/Error.h"
 #include "opal-package/Packager.h"
@@ -177,6 +178,8 @@ int Run(CommandLine& line) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // What the libraries have to say of a source would tear the progress bar apart.
+    av_log_set_level(AV_LOG_ERROR);
     CLI::App app("Makes a presentation folder for adaptive streaming from a video");
     CommandLine line;
     Declare(app, line);

@@ -157,7 +157,7 @@ class SourceFilm : public Film {
         AVFormatContext* context = nullptr;
         int code = avformat_open_input(&context, m_options.input.c_str(), nullptr, nullptr);
         if (code < 0) {
-            const bool unknown = code == AVERROR_INVALIDDATA;
+            const bool unknown = code == AVERROR_INVALIDDATA || code == AVERROR_EOF;
             throw PackageError(unknown ? Failure::Refused : Failure::InputOutput,
                                m_options.input + ": cannot be opened: " + AvErrorText(code) +
                                    (unknown ? "; is it a video file?" : ""));

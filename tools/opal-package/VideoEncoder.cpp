@@ -10,6 +10,8 @@ namespace {
 /// Groups of pictures end where a key frame is asked for; this only bounds what happens if none is.
 constexpr int kLongestGroup = 100000;
 constexpr int kThreads = 2;
+/// The encoder's reports are for those who raise libavutil's log level.
+constexpr int kQuieter = AV_LOG_DEBUG - AV_LOG_INFO;
 /// Quality of a trick picture, which is seen for a fraction of a second.
 constexpr const char* kTrickQuality = "28";
 
@@ -37,6 +39,7 @@ VideoEncoder::VideoEncoder(const VideoEncoderOptions& options, Output output)
     context.gop_size = options.allKey ? 1 : kLongestGroup;
     context.max_b_frames = options.allKey ? 0 : 2;
     context.thread_count = kThreads;
+    context.log_level_offset = kQuieter;
     AVDictionary* settings = nullptr;
     av_dict_set(&settings, "preset", options.preset.c_str(), 0);
     av_dict_set(&settings, "profile", "high", 0);
