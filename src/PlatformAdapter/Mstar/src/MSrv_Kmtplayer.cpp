@@ -31,13 +31,14 @@ bool g_videoCodecSet = false;
 bool g_audioCodecSet = false;
 std::atomic<KMTPlayerIoCallback> g_ioCallbacks[kIoCallbackCount] = {};
 
-// Guards the existence of _pMMInterface and g_mutex: shared by every call into the player, whole
-// while they are made or destroyed. The event thread does not take it, since it is waited for with
-// the lock held.
+// Held shared by every call into the player, and whole by what makes, changes or destroys player,
+// item, g_mutex and formats, so that no call meets a player that is being destroyed. The event
+// thread does not take it, since it is waited for with the lock held. Taken before g_mutex.
 std::shared_mutex g_playerMutex;
 using UseLock = std::shared_lock<std::shared_mutex>;
 using ChangeLock = std::unique_lock<std::shared_mutex>;
 
+// The set's own record of who creates an item or pushes.
 class PayloadLock {
   public:
     PayloadLock(const char* function, int line) : m_locked(g_mutexReady) {
@@ -275,18 +276,21 @@ int KMTPlayer_RegisterIoCallback(const KMTPlayerIoCallback (&table)[kIoCallbackC
 }
 
 int KMTPlayer_SetVideoCodec(int codec) {
+    ChangeLock lock(g_playerMutex);
     g_videoCodec = codec;
     g_videoCodecSet = true;
     return 1;
 }
 
 int KMTPlayer_SetAudioCodec(int codec) {
+    ChangeLock lock(g_playerMutex);
     g_audioCodec = codec;
     g_audioCodecSet = true;
     return 1;
 }
 
 int KMTPlayer_SetAudioSampleRate(int sampleRate) {
+    ChangeLock lock(g_playerMutex);
     KMT_PRINT("#### Sample rate : %u ####\n", static_cast<unsigned>(sampleRate));
     if (sampleRate < 1)
         return 0;
@@ -295,7 +299,7 @@ int KMTPlayer_SetAudioSampleRate(int sampleRate) {
 }
 
 int KMTPlayer_CreateMediaItem() {
-    UseLock lock(g_playerMutex);
+    ChangeLock lock(g_playerMutex);
     PayloadLock payloads(__func__, __LINE__);
     if (!g_videoCodecSet && !g_audioCodecSet)
         return 0;
@@ -322,7 +326,7 @@ int KMTPlayer_CreateMediaItem() {
 }
 
 int KMTPlayer_DeleteMediaItem() {
-    UseLock lock(g_playerMutex);
+    ChangeLock lock(g_playerMutex);
     g_displayRect = {};
     if (!_pMMInterface || _u32Item == 0) {
         KMT_PRINT("Error: KMTPlayer_DeleteMediaItem => _pMMInterface == NULL !!!");
