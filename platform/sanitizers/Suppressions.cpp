@@ -1,0 +1,33 @@
+// What the sanitizers find in the system libraries under the television set. Part of every program
+// that links it in a sanitizer build; these hooks are only looked for in the program itself.
+
+#if defined(__SANITIZE_THREAD__)
+#define OPAL_THREAD_SANITIZER 1
+#elif defined(__SANITIZE_ADDRESS__)
+#define OPAL_ADDRESS_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define OPAL_THREAD_SANITIZER 1
+#elif __has_feature(address_sanitizer)
+#define OPAL_ADDRESS_SANITIZER 1
+#endif
+#endif
+
+#if defined(OPAL_THREAD_SANITIZER)
+extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions();
+const char* __tsan_default_suppressions() {
+    return
+        // libdirect's exit handlers destroy mutexes and use them again, also where DirectFB was
+        // never started.
+        "mutex:libdirect-1.7\n"
+        // DirectFB takes its own mutexes in both orders while it starts.
+        "deadlock:libfusion-1.7\n"
+        "deadlock:libdirect-1.7\n";
+}
+#elif defined(OPAL_ADDRESS_SANITIZER)
+extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions();
+const char* __lsan_default_suppressions() {
+    // SDL keeps its hints and its table of audio drivers until the process ends.
+    return "leak:libSDL2\n";
+}
+#endif
