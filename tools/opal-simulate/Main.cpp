@@ -1,0 +1,196 @@
+#include <log4cxx/level.h>
+#include <log4cxx/logger.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <iostream>
+#include <map>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Common/ConfigurationFiles.h"
+#include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
+#include "opal-simulate/Film.h"
+#include "opal-simulate/Link.h"
+#include "opal-simulate/Report.h"
+#include "opal-simulate/Session.h"
+#include "opal-simulate/SimulatedClock.h"
+#include "opal-simulate/Tunables.h"
+
+namespace {
+
+using namespace opal::simulate;
+
+constexpr int kExitUsage = 2;
+constexpr int kExitInput = 3;
+
+struct Options {
+    std::string film;
+    std::vector<std::string> traces;
+    std::string configFolder;
+    std::vector<std::string> settings;
+    std::vector<std::string> grid;
+    int audioKbps = 0;
+    int loops = 1;
+    int top = 10;
+    unsigned jobs = std::max(1u, std::thread::hardware_concurrency());
+    bool json = false;
+    bool csv = false;
+    bool decisions = false;
+};
+
+std::vector<std::string> TraceFiles(const std::vector<std::string>& paths) {
+    std::vector<std::string> files;
+    for (const std::string& path : paths) {
+        if (!std::filesystem::is_directory(path)) {
+            files.push_back(path);
+            continue;
+        }
+        std::vector<std::string> inFolder;
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(path)) {
+            if (entry.is_regular_file() && entry.path().extension() == ".json")
+                inFolder.push_back(entry.path().string());
+        }
+        std::sort(inFolder.begin(), inFolder.end());
+        files.insert(files.end(), inFolder.begin(), inFolder.end());
+    }
+    return files;
+}
+
+/// All sessions under the present tunables, spread over `jobs` threads, in the order of the traces.
+std::vector<Result> PlayAll(const Film& film, const std::vector<Trace>& traces, unsigned jobs) {
+    // A session that stands still for ten times its film will not come to an end.
+    const double limitMs = 10.0 * static_cast<double>(film.DurationMs()) + 600000.0;
+    std::vector<Result> results(traces.size());
+    std::atomic<size_t> next{0};
+    std::vector<std::thread> threads;
+    for (unsigned i = 0; i < std::min<size_t>(jobs, traces.size()); ++i) {
+        threads.emplace_back([&] {
+            for (size_t at = next++; at < traces.size(); at = next++)
+                results[at] = Play(film, traces[at], limitMs);
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    return results;
+}
+
+void PrintDecisions(const Film& film, const Trace& trace) {
+    std::printf("%10s %8s %6s %10s\n", "time_s", "cluster", "level", "kbit/s");
+    const double limitMs = 10.0 * static_cast<double>(film.DurationMs()) + 600000.0;
+    (void)Play(film, trace, limitMs, [&film](double ms, size_t cluster, int level) {
+        std::printf("%10.3f %8zu %6d %10d\n", ms / 1000.0, cluster, level,
+                    film.levels[static_cast<size_t>(level)].bitrate / 1000);
+    });
+}
+
+void Run(const Options& options) {
+    if (!options.configFolder.empty()) {
+        opal::SetConfigurationDirectory(options.configFolder);
+        if (!LoadConfigFile())
+            throw std::runtime_error(options.configFolder +
+                                     "/kmt_ssa_config.xml: not there, or a value is not right");
+    }
+    Tunables tunables = Tunables::Current();
+    for (const std::string& setting : options.settings)
+        tunables.Set(setting);
+    tunables.Apply();
+
+    Film film = ReadFilm(options.film);
+    film.audioBitrate = options.audioKbps * 1000;
+    for (Film::Level& level : film.levels) {
+        const std::vector<int64_t> once = level.clusterSizes;
+        for (int i = 1; i < options.loops; ++i)
+            level.clusterSizes.insert(level.clusterSizes.end(), once.begin(), once.end());
+    }
+    std::vector<Trace> traces;
+    for (const std::string& file : TraceFiles(options.traces))
+        traces.push_back(ReadTrace(file));
+    if (traces.empty())
+        throw std::runtime_error("no trace files (*.json) found");
+
+    if (options.decisions) {
+        PrintDecisions(film, traces.front());
+        return;
+    }
+    if (!options.grid.empty()) {
+        std::vector<Trial> trials;
+        for (const Tunables& candidate : Grid(tunables, options.grid)) {
+            candidate.Apply();
+            trials.push_back(
+                {candidate.Describe(), Summarise(PlayAll(film, traces, options.jobs))});
+        }
+        PrintTrials(trials, static_cast<size_t>(options.top));
+        return;
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    const std::vector<Result> results = PlayAll(film, traces, options.jobs);
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    if (options.json)
+        PrintJson(results, tunables.Describe(), seconds);
+    else if (options.csv)
+        PrintCsv(results);
+    else
+        PrintTable(results, seconds);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    CLI::App app(
+        "Plays a film over bandwidth traces in virtual time, with the library's own stream\n"
+        "switching, and tells how the sessions went.\n\n"
+        "  opal-simulate --film presentation.json --trace traces/\n"
+        "  opal-simulate --film film.json --trace traces/ --set maxLevelDrop=0 --audio 128\n"
+        "  opal-simulate --film film.json --trace traces/ --grid upperGuardTrigger=0,15,30\n\n"
+        "Exit codes: 0 done, 2 wrong usage, 3 input that cannot be read.");
+    app.add_option("--film", options.film,
+                   "Film description: segment_duration_ms, bitrates_kbps, segment_sizes_bits; the "
+                   "presentation.json of opal-package is one")
+        ->required();
+    app.add_option("--trace", options.traces, "Trace files, or folders of them")->required();
+    app.add_option("--config", options.configFolder, "Folder of a kmt_ssa_config.xml");
+    app.add_option("--set", options.settings,
+                   "A tunable, NAME=VALUE: named as in kmt_ssa_config.xml, times in ms; agile.NAME "
+                   "and steady.NAME for the modes");
+    app.add_option("--grid", options.grid,
+                   "Try each value, NAME=V1,V2,...; several span a grid. Prints the best: fewest "
+                   "stalls, then bitrate, then steps");
+    app.add_option("--top", options.top, "How many of a grid to print")->check(CLI::Range(1, 1000));
+    app.add_option("--audio", options.audioKbps, "An audio track of this many kbit/s")
+        ->check(CLI::Range(0, 2000));
+    app.add_option("--loop", options.loops, "Play the film this many times in a row")
+        ->check(CLI::Range(1, 100));
+    app.add_option("--jobs", options.jobs, "Threads; all cores by default")
+        ->check(CLI::Range(1, 256));
+    app.add_flag("--decisions", options.decisions, "Print each decision over the first trace");
+    auto* json = app.add_flag("--json", options.json, "Results as JSON");
+    app.add_flag("--csv", options.csv, "Results as CSV")->excludes(json);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : kExitUsage;
+    }
+    log4cxx::Logger::getRootLogger()->setLevel(log4cxx::Level::getOff());
+    static SimulatedClock clock;
+    opal::SetClock(&clock);
+    try {
+        Run(options);
+    } catch (const std::exception& error) {
+        std::cerr << "opal-simulate: " << error.what() << "\n";
+        return kExitInput;
+    }
+    return 0;
+}

@@ -1,0 +1,578 @@
+#include "opal-simulate/Session.h"
+
+#include <algorithm>
+#include <boost/make_shared.hpp>
+#include <boost/scoped_ptr.hpp>
+#include <chrono>
+#include <cmath>
+#include <deque>
+#include <memory>
+#include <mutex>
+
+#include "Common/ObjectFactory.h"
+#include "Common/StreamingTuning.h"
+#include "Common/network/BandwidthProbe.h"
+#include "SMILParser/IAudioTrack.h"
+#include "SMILParser/IVideoLevel.h"
+#include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
+#include "StreamSwitchingAlgorithm/IStreamSwitchingController.h"
+#include "StreamingDemux/EBML/IClusterIndex.h"
+#include "StreamingReader/HTTPFile/IHTTPFile.h"
+#include "opal-simulate/SimulatedClock.h"
+
+namespace opal::simulate {
+namespace {
+
+constexpr double kTurnMs = 10.0;         ///< of the event loop
+constexpr double kManagerPollMs = 20.0;  ///< of a reader manager
+constexpr int64_t kVideoCapacity = 0xC00000;
+constexpr int64_t kAudioCapacity = 384000;
+constexpr int64_t kMaxAudioLeadMs = 5000;
+constexpr int64_t kUnderflowMs = 501;
+constexpr int64_t kEndOfStreamMs = 500;
+constexpr int64_t kSinkAheadMs = 2000;  ///< what the video sink takes ahead of its position
+/// What opening a file transfers beside its index: the answer to the header request, the file's
+/// header, and the first bytes of the index.
+constexpr double kOpenBytes[] = {0.0, 1000.0, 18.0};
+constexpr double kManifestBytes = 4000.0;
+constexpr double kCuePointBytes = 20.0;
+
+class SimulatedLevel : public IVideoLevel {
+  public:
+    SimulatedLevel(const Film::Level& level, size_t index)
+        : m_level(level), m_uri("level" + std::to_string(index)) {}
+    std::string GetURI() const override { return m_uri; }
+    std::string GetMimeType() const override { return {}; }
+    size_t GetHeaderRequestSize() const override { return 1000; }
+    int GetVBVSize() const override { return m_level.vbv; }
+    int GetBitrate() const override { return m_level.bitrate; }
+    int GetWidth() const override { return 0; }
+    int GetHeight() const override { return 0; }
+    bool GetParam(const std::string&, std::string&) const override { return false; }
+
+  private:
+    const Film::Level& m_level;
+    const std::string m_uri;
+};
+
+class SimulatedAudio : public IAudioTrack {
+  public:
+    explicit SimulatedAudio(int bitrate) : m_bitrate(bitrate) {}
+    std::string GetURI() const override { return "audio"; }
+    std::string GetLanguage() const override { return "eng"; }
+    std::string GetMimeType() const override { return {}; }
+    size_t GetHeaderRequestSize() const override { return 1000; }
+    int GetReservedBandwidth() const override { return m_bitrate; }
+    int64_t GetAssetId() const override { return 0; }
+    bool GetParam(const std::string&, std::string&) const override { return false; }
+
+  private:
+    const int m_bitrate;
+};
+
+class SimulatedIndex : public IClusterIndex {
+  public:
+    explicit SimulatedIndex(const Film::Level& level) : m_sizes(level.clusterSizes) {}
+    OPALError Parse(const uint8_t*, int64_t) override { return OPAL_OK; }
+    size_t GetCount() const override { return m_sizes.size(); }
+    OPALError GetEntry(size_t, ClusterIndexEntry&) const override {
+        return OPAL_ERROR_OUT_OF_RANGE;
+    }
+    OPALError FindByTime(int64_t, ClusterIndexEntry&) const override { return OPAL_ERROR_GENERAL; }
+    int64_t GetTime(size_t index) const override {
+        return index < m_sizes.size() ? static_cast<int64_t>(index) * Film::kClusterMs : 0;
+    }
+    int64_t GetOffset(size_t) const override { return 0; }
+    int64_t GetSize(size_t index) const override {
+        return index < m_sizes.size() ? m_sizes[index] : 0;
+    }
+    size_t GetFrameCount(size_t) const override { return 0; }
+    uint32_t GetHeaderSize(size_t) const override { return 0; }
+    OPALError GetFrame(size_t, size_t, int64_t&, uint32_t&) const override {
+        return OPAL_ERROR_RANGE;
+    }
+
+  private:
+    const std::vector<int64_t>& m_sizes;
+};
+
+/// The session of this thread, for the file that the probe opens.
+class Session;
+thread_local Session* t_session = nullptr;
+
+/// One stream's reader and buffer.
+struct Stream {
+    size_t level = 0;
+    size_t nextCluster = 0;
+    Transfer transfer;
+    bool awake = false;  ///< its manager polls, rather than wait for the loop
+    double nextPollMs = 0.0;
+    int64_t maxDurationMs = -1;
+    int64_t capacity = 0;
+    int64_t usedBytes = 0;
+    std::deque<std::pair<int64_t, size_t>> clusters;  ///< bytes and level of each
+    int64_t takenEndMs = 0;                           ///< media time the writer has taken up to
+
+    int64_t BufferedMs(double positionMs) const {
+        return static_cast<int64_t>(clusters.size()) * Film::kClusterMs + takenEndMs -
+               static_cast<int64_t>(positionMs);
+    }
+};
+
+class Session : private BandwidthProbeNotify {
+  public:
+    Session(const Film& film, const Trace& trace, double limitMs, const DecisionListener& listener)
+        : m_film(film), m_link(trace), m_limitMs(limitMs), m_listener(listener) {
+        m_result.trace = trace.name;
+        m_video.capacity = kVideoCapacity;
+        m_audio.capacity = kAudioCapacity;
+    }
+
+    Result Run();
+    /// Lets a transfer of `bytes` run to its end with nothing else going on. False when the session
+    /// gave up on it.
+    bool TransferAlone(double bytes);
+    int64_t FileSize() const;
+
+  private:
+    enum class Message { Start, VideoCluster, AudioCluster };
+
+    void OnProbe(int kind, int64_t size, int64_t duration) override;
+
+    void Initialize();
+    void DetermineStartLevel();
+    bool OpenAlone(size_t clusters);
+    void StartPlayback();
+
+    void Step();
+    void PassTime(double ms);
+    void CompleteTransfers();
+    void PollManager(Stream& stream, bool video);
+    void CompleteCluster(Stream& stream, bool video);
+    void TakeClusters(Stream& stream, bool video);
+    void AdvancePlayback(double ms);
+
+    void LoopTurn();
+    void Handle(Message message);
+    void HandleVideoCluster();
+    void SwitchLevel();
+    void ContinueOpening();
+    void WakeVideo() { Wake(m_video); }
+    void Wake(Stream& stream);
+    bool IsReadyToStart();
+    void CheckUnderflow();
+
+    bool AtEnd(const Stream& stream) const { return stream.nextCluster >= m_film.ClusterCount(); }
+    int64_t ClusterSize(const Stream& stream, bool video) const;
+    double NowMs() const { return m_link.NowMs(); }
+
+    const Film& m_film;
+    Link m_link;
+    const double m_limitMs;
+    const DecisionListener& m_listener;
+    Result m_result;
+
+    boost::scoped_ptr<IStreamSwitchingController> m_switching{NewStreamSwitchingController()};
+    std::vector<std::unique_ptr<IClusterIndex>> m_indexes;
+    std::vector<IClusterIndex*> m_openIndexes;
+
+    Stream m_video;
+    Stream m_audio;
+    double m_initDoneMs = 0.0;
+
+    std::deque<Message> m_queue;
+    bool m_playing = false;
+    bool m_started = false;  ///< has ever played
+    bool m_paused = true;
+    bool m_audioAhead = false;
+    bool m_failed = false;
+    double m_positionMs = 0.0;
+    double m_stallSinceMs = 0.0;
+
+    /// A switch that waits for the levels on the way to be opened blocks the loop.
+    std::deque<double> m_toFetch;
+    Transfer m_fetch;
+    size_t m_wantedLevel = 0;
+};
+
+/// The file of level 0 as the probe sees it.
+class ProbedFile : public IHTTPFile {
+  public:
+    OPALError Open(const std::string&) override {
+        return t_session->TransferAlone(0.0) ? OPAL_OK : OPAL_ERROR_TIMEOUT;
+    }
+    OPALError GetSize(int64_t& size) override {
+        size = t_session->FileSize();
+        return OPAL_OK;
+    }
+    OPALError RequestRange(int64_t offset, int64_t length, HTTPRequestNotify*) override {
+        const int64_t available = std::max(int64_t{1}, t_session->FileSize() - offset);
+        const auto bytes = static_cast<double>(std::min(length, available));
+        return t_session->TransferAlone(bytes) ? OPAL_OK : OPAL_ERROR_TIMEOUT;
+    }
+    OPALError RequestRanges(const std::vector<ByteRange>&, HTTPRequestNotify*) override {
+        return OPAL_ERROR_NOT_READY;
+    }
+    OPALError GetCompletedRequest(HTTPRequest&, bool) override { return OPAL_OK; }
+    OPALError CancelRequests(bool, bool) override { return OPAL_OK; }
+    OPALError GetBytesInFlight(int& bytes) override {
+        bytes = 0;
+        return OPAL_OK;
+    }
+    OPALError Close() override { return OPAL_OK; }
+    void Abort() override {}
+};
+
+class ProbedFileObject : public HTTPFileObject {
+  public:
+    bool Accepts(int) const override { return true; }
+    IHTTPFile* Create(bool) override { return new ProbedFile; }
+};
+
+void RegisterProbedFile() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        ObjectFactory::Instance().Register(boost::make_shared<ProbedFileObject>(), true);
+    });
+}
+
+bool Session::TransferAlone(double bytes) {
+    Transfer transfer;
+    m_link.Start(transfer, bytes);
+    while (!transfer.IsDone()) {
+        m_link.Advance(kTurnMs);
+        if (NowMs() - transfer.startMs >
+            1000.0 * static_cast<double>(StreamingTuning::Instance().GetTransferTimeout())) {
+            m_failed = true;
+            break;
+        }
+    }
+    SimulatedClock::SetNowMs(NowMs());
+    return !m_failed;
+}
+
+int64_t Session::FileSize() const {
+    int64_t size = 0;
+    for (int64_t cluster : m_film.levels.front().clusterSizes)
+        size += cluster;
+    return size;
+}
+
+void Session::OnProbe(int, int64_t size, int64_t duration) {
+    const double bandwidth =
+        duration == 0 ? 0.0 : static_cast<double>(size) * 8000.0 / static_cast<double>(duration);
+    m_switching->SetBandwidth(
+        static_cast<int>(std::min(bandwidth, static_cast<double>(INT32_MAX))));
+}
+
+bool Session::OpenAlone(size_t clusters) {
+    for (double bytes : kOpenBytes) {
+        if (!TransferAlone(bytes))
+            return false;
+    }
+    return TransferAlone(kCuePointBytes * static_cast<double>(clusters));
+}
+
+void Session::Initialize() {
+    SimulatedClock::SetNowMs(0.0);
+    std::vector<boost::shared_ptr<IVideoLevel>> levels;
+    for (size_t i = 0; i < m_film.levels.size(); ++i) {
+        levels.push_back(boost::make_shared<SimulatedLevel>(m_film.levels[i], i));
+        m_indexes.push_back(std::make_unique<SimulatedIndex>(m_film.levels[i]));
+    }
+    std::vector<boost::shared_ptr<IAudioTrack>> tracks;
+    if (m_film.audioBitrate > 0)
+        tracks.push_back(boost::make_shared<SimulatedAudio>(m_film.audioBitrate));
+    if (!TransferAlone(0.0) || !TransferAlone(kManifestBytes))
+        return;
+    (void)m_switching->SetLevels(levels, tracks);
+    m_initDoneMs = NowMs();
+    DetermineStartLevel();
+    m_openIndexes.assign(m_film.levels.size(), nullptr);
+    for (size_t level = 0; level <= m_video.level && !m_failed; ++level) {
+        if (OpenAlone(m_film.ClusterCount()))
+            m_openIndexes[level] = m_indexes[level].get();
+    }
+    m_switching->SetClusterIndexes(&m_openIndexes);
+}
+
+void Session::DetermineStartLevel() {
+    int level = 0;
+    const InitialBandwidthMode mode = m_switching->GetInitialBandwidthMode();
+    if (mode == InitialBandwidthMode_BandwidthProbe) {
+        const StreamingTuning& tuning = StreamingTuning::Instance();
+        BandwidthProbe probe(this, tuning.GetProbeInitialSize(), tuning.GetProbeDuration());
+        if (probe.Probe("level0") == OPAL_OK) {
+            m_switching->SetStartupTime(static_cast<int64_t>(NowMs()));
+            level = std::max(0, m_switching->GetCurrentLevel() - 1);
+        }
+    } else {
+        if (mode == InitialBandwidthMode_BandwidthHint) {
+            m_switching->SetStartupTime(static_cast<int64_t>(NowMs()));
+            m_switching->SetBandwidth(AlgorithmConfig::Instance().GetBandwidthHint());
+        }
+        level = std::max(0, m_switching->GetCurrentLevel());
+    }
+    m_video.level = static_cast<size_t>(level);
+}
+
+void Session::StartPlayback() {
+    if (m_film.audioBitrate > 0 && !OpenAlone(m_film.ClusterCount()))
+        return;
+    if (m_film.audioBitrate > 0)
+        Wake(m_audio);
+    WakeVideo();
+    m_paused = false;
+    m_queue.push_back(Message::Start);
+}
+
+Result Session::Run() {
+    t_session = this;
+    RegisterProbedFile();
+    Initialize();
+    if (!m_failed)
+        StartPlayback();
+    while (!m_failed && !m_result.finished && NowMs() < m_limitMs)
+        Step();
+    if (m_started && !m_playing && !m_result.finished)
+        m_result.stallMs += NowMs() - m_stallSinceMs;
+    m_result.playMs = m_positionMs;
+    t_session = nullptr;
+    return m_result;
+}
+
+void Session::Step() {
+    PassTime(kTurnMs);
+    PollManager(m_video, true);
+    if (m_film.audioBitrate > 0)
+        PollManager(m_audio, false);
+    if (m_toFetch.empty() && !m_fetch.active)
+        LoopTurn();
+    else
+        ContinueOpening();
+}
+
+void Session::PassTime(double ms) {
+    while (ms > 1e-9) {
+        const double passed = m_link.Advance(ms);
+        SimulatedClock::SetNowMs(NowMs());
+        AdvancePlayback(passed);
+        CompleteTransfers();
+        ms -= passed;
+    }
+}
+
+void Session::AdvancePlayback(double ms) {
+    if (!m_playing || m_paused)
+        return;
+    TakeClusters(m_video, true);
+    TakeClusters(m_audio, false);
+    m_positionMs = std::min(m_positionMs + ms, static_cast<double>(m_video.takenEndMs));
+}
+
+void Session::TakeClusters(Stream& stream, bool video) {
+    while (!stream.clusters.empty() &&
+           static_cast<double>(stream.takenEndMs) <= m_positionMs + kSinkAheadMs) {
+        const auto [bytes, level] = stream.clusters.front();
+        stream.clusters.pop_front();
+        stream.usedBytes -= bytes;
+        stream.takenEndMs += Film::kClusterMs;
+        if (video) {
+            m_result.bitrateSum += m_film.levels[level].bitrate;
+            ++m_result.clusters;
+        }
+    }
+}
+
+void Session::CompleteTransfers() {
+    if (m_video.transfer.IsDone())
+        CompleteCluster(m_video, true);
+    if (m_audio.transfer.IsDone())
+        CompleteCluster(m_audio, false);
+}
+
+int64_t Session::ClusterSize(const Stream& stream, bool video) const {
+    return video ? m_film.levels[stream.level].clusterSizes[stream.nextCluster]
+                 : int64_t{m_film.audioBitrate} * Film::kClusterMs / 8000;
+}
+
+void Session::Wake(Stream& stream) {
+    if (stream.awake)
+        return;
+    stream.awake = true;
+    stream.nextPollMs = NowMs() + kManagerPollMs;
+}
+
+/// One round of a reader manager: the next cluster, if there is room for its bytes.
+void Session::PollManager(Stream& stream, bool video) {
+    if (!stream.awake || stream.transfer.active || NowMs() + 1e-6 < stream.nextPollMs)
+        return;
+    stream.nextPollMs = NowMs() + kManagerPollMs;
+    if (AtEnd(stream)) {
+        stream.awake = false;
+        return;
+    }
+    const int64_t size = ClusterSize(stream, video);
+    if (size > stream.capacity)
+        m_failed = true;
+    else if (size <= stream.capacity - stream.usedBytes)
+        m_link.Start(stream.transfer, static_cast<double>(size));
+}
+
+void Session::CompleteCluster(Stream& stream, bool video) {
+    const int64_t size = ClusterSize(stream, video);
+    m_result.bytes += size;
+    StreamSwitchingNotify::Message sample;
+    sample.downloadTime = std::llround(NowMs() - stream.transfer.startMs);
+    sample.downloadSize = size;
+    sample.timeSinceStart = std::llround(NowMs() - m_initDoneMs);
+    sample.clusterIndex = stream.nextCluster;
+    stream.transfer.active = false;
+    stream.nextPollMs = NowMs() + kManagerPollMs;
+    if (video)
+        stream.maxDurationMs = m_switching->GetMaxBuffer();
+
+    const auto queuedMs = static_cast<int64_t>(stream.clusters.size()) * Film::kClusterMs;
+    if (stream.maxDurationMs > 0 && queuedMs + Film::kClusterMs > stream.maxDurationMs) {
+        ++m_result.refetches;  // the bytes are lost, and the same cluster comes again
+        return;
+    }
+    stream.clusters.emplace_back(size, stream.level);
+    stream.usedBytes += size;
+    ++stream.nextCluster;
+    stream.awake = false;
+    sample.bufferedDuration = stream.BufferedMs(m_positionMs);
+
+    const auto before = std::chrono::steady_clock::now();
+    m_switching->GetNotify()->Notify(video ? OPAL_STREAM_VIDEO : OPAL_STREAM_AUDIO,
+                                     StreamSwitchingNotify::EVENT_DOWNLOAD_COMPLETE, sample);
+    if (video) {
+        m_result.decisionNs +=
+            std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - before)
+                .count();
+        ++m_result.decisions;
+    }
+    m_queue.push_back(video ? Message::VideoCluster : Message::AudioCluster);
+}
+
+void Session::LoopTurn() {
+    if (m_playing && AtEnd(m_video) && m_video.clusters.empty() &&
+        static_cast<double>(m_video.takenEndMs) - m_positionMs <= kEndOfStreamMs) {
+        m_result.finished = true;
+        return;
+    }
+    if (!m_queue.empty()) {
+        const Message message = m_queue.front();
+        m_queue.pop_front();
+        Handle(message);
+    }
+    CheckUnderflow();
+}
+
+void Session::Handle(Message message) {
+    switch (message) {
+        case Message::Start:
+            m_playing = IsReadyToStart();
+            if (!m_playing) {
+                m_queue.push_back(Message::Start);
+            } else {
+                m_paused = false;
+                if (m_started)
+                    m_result.stallMs += NowMs() - m_stallSinceMs;
+                else
+                    m_result.startupMs = NowMs();
+                m_started = true;
+            }
+            break;
+        case Message::VideoCluster:
+            HandleVideoCluster();
+            break;
+        case Message::AudioCluster:
+            if (!m_audioAhead)
+                Wake(m_audio);
+            break;
+    }
+}
+
+void Session::HandleVideoCluster() {
+    if (m_playing && !AtEnd(m_video))
+        SwitchLevel();
+    if (m_toFetch.empty())
+        WakeVideo();
+    if (m_film.audioBitrate == 0)
+        return;
+    m_audioAhead =
+        m_audio.BufferedMs(m_positionMs) - m_video.BufferedMs(m_positionMs) > kMaxAudioLeadMs;
+    if (!m_audioAhead)
+        Wake(m_audio);
+}
+
+void Session::SwitchLevel() {
+    const auto before = std::chrono::steady_clock::now();
+    const int level = m_switching->GetCurrentLevel();
+    m_result.decisionNs +=
+        std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - before).count();
+    if (m_listener)
+        m_listener(NowMs(), m_video.nextCluster, level);
+    if (level < 0 || static_cast<size_t>(level) == m_video.level ||
+        static_cast<size_t>(level) >= m_film.levels.size())
+        return;
+    m_wantedLevel = static_cast<size_t>(level);
+    ++m_result.switches;
+    m_result.stepSum += std::abs(level - static_cast<int>(m_video.level));
+    for (size_t i = 0; i <= m_wantedLevel; ++i) {
+        if (m_openIndexes[i])
+            continue;
+        m_toFetch.insert(m_toFetch.end(), std::begin(kOpenBytes), std::end(kOpenBytes));
+        m_toFetch.push_back(kCuePointBytes * static_cast<double>(m_film.ClusterCount()));
+    }
+    if (m_toFetch.empty())
+        m_video.level = m_wantedLevel;
+}
+
+/// The loop stands while the files of the levels up to the wanted one are opened, one request after
+/// the other.
+void Session::ContinueOpening() {
+    if (m_fetch.IsDone()) {
+        m_fetch.active = false;
+        m_toFetch.pop_front();
+    }
+    if (m_fetch.active)
+        return;
+    if (!m_toFetch.empty()) {
+        m_link.Start(m_fetch, m_toFetch.front());
+        return;
+    }
+    for (size_t i = 0; i <= m_wantedLevel; ++i)
+        m_openIndexes[i] = m_indexes[i].get();
+    m_video.level = m_wantedLevel;
+    WakeVideo();
+}
+
+bool Session::IsReadyToStart() {
+    if (AtEnd(m_video))
+        return true;
+    return m_switching->IsVideoBuffered() &&
+           (m_film.audioBitrate == 0 || m_switching->IsAudioBuffered());
+}
+
+void Session::CheckUnderflow() {
+    if (!m_playing || m_video.BufferedMs(m_positionMs) >= kUnderflowMs || AtEnd(m_video))
+        return;
+    m_paused = true;
+    m_playing = false;
+    m_switching->GetNotify()->Notify(OPAL_STREAM_VIDEO, StreamSwitchingNotify::EVENT_RESTART,
+                                     StreamSwitchingNotify::Message());
+    m_queue.push_back(Message::Start);
+    ++m_result.stalls;
+    m_stallSinceMs = NowMs();
+}
+
+}  // namespace
+
+Result Play(const Film& film, const Trace& trace, double limitMs,
+            const DecisionListener& listener) {
+    return Session(film, trace, limitMs, listener).Run();
+}
+
+}  // namespace opal::simulate

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "opal-simulate/Film.h"
+#include "opal-simulate/Link.h"
+
+namespace opal::simulate {
+
+/// What came of a session.
+struct Result {
+    std::string trace;
+    double startupMs = 0.0;  ///< from the start of initialisation to playing
+    double playMs = 0.0;     ///< media time played
+    double stallMs = 0.0;    ///< time waited after playback had started
+    int stalls = 0;
+    double bitrateSum = 0.0;  ///< of the levels of the clusters played
+    int clusters = 0;         ///< clusters played
+    int switches = 0;
+    int stepSum = 0;    ///< levels moved, over all switches
+    int64_t bytes = 0;  ///< downloaded, clusters fetched again included
+    int refetches = 0;  ///< clusters fetched again because the buffer's duration was full
+    int64_t decisions = 0;
+    double decisionNs = 0.0;  ///< time spent deciding
+    bool finished = false;    ///< played to the end within the time allowed
+
+    double MeanKbps() const { return clusters == 0 ? 0.0 : bitrateSum / clusters / 1000.0; }
+    double StallShare() const {
+        return playMs + stallMs <= 0.0 ? 0.0 : stallMs / (playMs + stallMs);
+    }
+    double MeanStep() const {
+        return switches == 0 ? 0.0 : static_cast<double>(stepSum) / switches;
+    }
+};
+
+/// Told of each decision: session time, ms; cluster the level was chosen for; level.
+using DecisionListener = std::function<void(double, size_t, int)>;
+
+/// Plays a film over a trace in virtual time: the real switching code and the real probe, under the
+/// rules of readers and event loop. A turn of the loop is 10 ms and handles one message; managers
+/// poll every 20 ms; a cluster that meets a full buffer is fetched again; audio runs at most 5 s
+/// ahead; below 501 ms of video playback stops until the buffers are ready again.
+///
+/// Threading: sessions may run side by side, one a thread, under a SimulatedClock. The tunables are
+/// the process's.
+/// `limitMs`: session time after which a session that stands still is given up.
+Result Play(const Film& film, const Trace& trace, double limitMs,
+            const DecisionListener& listener = nullptr);
+
+}  // namespace opal::simulate

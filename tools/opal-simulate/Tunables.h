@@ -1,0 +1,34 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
+
+namespace opal::simulate {
+
+/// A set of switching tunables, settable by name.
+class Tunables {
+  public:
+    /// What is in force now.
+    static Tunables Current();
+
+    /// "NAME=VALUE", named as in the settings file, times in ms; "agile." or "steady." in front of
+    /// the modes' ones. Throws std::runtime_error that names what is wrong.
+    void Set(const std::string& assignment);
+    /// Puts the set in force, under the bounds that hold for a settings file too.
+    void Apply() const;
+    /// What was set by name, as it was given.
+    std::string Describe() const;
+
+  private:
+    AlgorithmConfig::Global m_global;
+    AlgorithmConfig::Mode m_agile;
+    AlgorithmConfig::Mode m_steady;
+    std::vector<std::string> m_given;
+};
+
+/// Every combination of "NAME=V1,V2,..." on top of `base`; at most 100,000.
+std::vector<Tunables> Grid(const Tunables& base, const std::vector<std::string>& axes);
+
+}  // namespace opal::simulate
