@@ -1,0 +1,34 @@
+# Headers, library, pkg-config file and CMake package of an installation.
+include(CMakePackageConfigHelpers)
+
+set(OPAL_PUBLIC_HEADERS
+  Common/Export.h Common/MemoryBuffer.h Common/OPALError.h Common/OPALPlayRate.h
+  Common/OPALStreamType.h Common/OPALWriterModel.h Common/logging/Logger.h
+  PlatformAdapter/Mstar/HABPreferences.h
+  StreamingController/IStreamingController.h StreamingController/IStreamingControllerNotify.h
+  StreamingController/StreamingControllerTypes.h)
+
+foreach(header ${OPAL_PUBLIC_HEADERS})
+  get_filename_component(folder ${header} DIRECTORY)
+  install(FILES ${CMAKE_SOURCE_DIR}/src/${header}
+          DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/opal/${folder})
+endforeach()
+install(FILES platform/include/TvSet.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/opal)
+
+install(TARGETS OPAL opal_tvset EXPORT OPALTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/opal)
+install(EXPORT OPALTargets NAMESPACE OPAL:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/OPAL)
+configure_package_config_file(cmake/OPALConfig.cmake.in ${CMAKE_BINARY_DIR}/OPALConfig.cmake
+  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/OPAL)
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/OPALConfigVersion.cmake
+  VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_BINARY_DIR}/OPALConfig.cmake ${CMAKE_BINARY_DIR}/OPALConfigVersion.cmake
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/OPAL)
+configure_file(cmake/opal.pc.in ${CMAKE_BINARY_DIR}/opal.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/opal.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+if(OPAL_BUILD_TOOLS)
+  install(TARGETS opal-package opal-origin opal-play opal-simulate
+          RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
