@@ -1,0 +1,181 @@
+#include "Common/logging/ILogEventSender.h"
+#include "Common/logging/LogEvent.h"
+#include "Common/logging/LogServer.h"
+#include "ContentSession/IProtectedContent.h"
+#include "PlatformAdapter/Mstar/HABArch.h"
+#include "PlatformAdapter/Mstar/HABTimer.h"
+#include "SMILParser/ISMILParser.h"
+#include "StreamingController/src/CallbackScope.h"
+#include "StreamingController/src/FinalizingScope.h"
+#include "StreamingDemux/EBML/IClusterBuffer.h"
+#include "StreamingReader/Readers.h"
+#include "StreamingWriter/IStreamingWriter.h"
+
+namespace {
+
+OPALError FlushSink(IPlatform* sink) {
+    return sink ? sink->Flush() : OPAL_OK;
+}
+
+}  // namespace
+
+bool StreamingController::IsInCallback() const {
+    return CallbackScope::IsCalling(this);
+}
+
+// Finalize waits for threads, and three things could make them wait in turn: a transfer, the set
+// (a refused payload, a text on the screen), and m_mutex, held by an operation that waits for one
+// of the first two. So those are ended first, without m_mutex; a started Initialize... ends soon
+// too, since whatever it creates from now on is interrupted as well.
+OPALError StreamingController::Finalize() {
+    if (IsInCallback())
+        return OPAL_ERROR_GENERAL;  // it would wait for its own thread
+    FinalizingScope finalizing(m_finalizing);
+    Interrupt();
+    boost::lock_guard<boost::mutex> lifecycle(m_lifecycleMutex);
+    EndLoop();
+    StopLogSender();
+    Lock lock(m_mutex);
+    return TearDown(false);
+}
+
+void StreamingController::Interrupt() {
+    boost::shared_lock<boost::shared_mutex> lock(m_objectsMutex);
+    HABArch_SetClosing(m_hArch);
+    if (m_pReaders)
+        m_pReaders->AbortTransfers();
+    if (m_pProbe)
+        m_pProbe->Abort();
+}
+
+// A second Initialize... without a Finalize between: the running session must not go on with the
+// new one's manifest.
+void StreamingController::EndPreviousSession() {
+    if (!m_hArch && !m_thread.joinable() && !m_pLogSender)
+        return;
+    FinalizingScope finalizing(m_finalizing);
+    Interrupt();
+    EndLoop();
+    StopLogSender();
+    Lock lock(m_mutex);
+    (void)TearDown(true);
+}
+
+void StreamingController::EndLoop() {
+    (void)Terminate(OPAL_ERROR_TERMINATED);
+    if (m_thread.joinable())
+        m_thread.join();
+}
+
+void StreamingController::StopLogSender() {
+    if (!m_pLogSender)
+        return;
+    LogServer::Instance().Stop();
+    (void)m_pLogSender->Shutdown();
+    m_pLogSender.reset();
+}
+
+OPALError StreamingController::TearDown(bool keepForNextSession) {
+    if (m_pSwitching)
+        m_pSwitching->SetClusterIndexes(nullptr);
+    if (m_pReaders)
+        (void)m_pReaders->Finalize();
+    // A leftover start would play the next session unasked.
+    StreamingControllerMessage leftover;
+    while (m_queue.Pop(leftover)) {
+    }
+    for (IStreamingWriter* writer :
+         {m_pVideoWriter.get(), m_pAudioWriter.get(), m_pSubtitleWriter.get()}) {
+        if (writer)
+            (void)writer->Finalize();
+    }
+    const OPALError video = FlushSink(m_pVideoPlatform.get());
+    if (m_pVideoPlatform)
+        (void)m_pVideoPlatform->Stop();
+    const OPALError audio = FlushSink(m_pAudioPlatform.get());
+    const OPALError subtitle = FlushSink(m_pSubtitlePlatform.get());
+    if (m_pProtectedContent && m_sessionContent && !keepForNextSession)
+        (void)m_pProtectedContent->Close();
+    DropObjects(keepForNextSession);
+    ResetFigures();
+    if (!keepForNextSession)
+        m_pNotify = nullptr;
+    if (audio != OPAL_OK)
+        return audio;
+    return video != OPAL_OK ? video : subtitle;
+}
+
+void StreamingController::DropObjects(bool keepForNextSession) {
+    boost::unique_lock<boost::shared_mutex> lock(m_objectsMutex);
+    m_pReaders.reset();
+    m_pVideoWriter.reset();
+    m_pAudioWriter.reset();
+    m_pSubtitleWriter.reset();
+    m_pVideoPlatform.reset();
+    m_pAudioPlatform.reset();
+    m_pSubtitlePlatform.reset();
+    m_configureAudio = nullptr;
+    m_configureSubtitles = nullptr;
+    if (m_hTimer)
+        (void)HABTimer_Delete(m_hTimer);
+    m_hTimer = nullptr;
+    if (m_hArch)
+        (void)HABArch_Delete(m_hArch);
+    m_hArch = nullptr;
+    for (IClusterBuffer* buffer :
+         {m_pVideoBuffer.get(), m_pAudioBuffer.get(), m_pSubtitleBuffer.get()}) {
+        if (buffer)
+            (void)buffer->Clear();
+    }
+    m_pProbe.reset();
+    m_probeNotify.controller = nullptr;
+    m_pReaderNotify.reset();
+    m_pSubtitleNotify.reset();
+    if (keepForNextSession)
+        return;
+    m_pVideoBuffer.reset();
+    m_pAudioBuffer.reset();
+    m_pSubtitleBuffer.reset();
+    if (m_sessionContent)
+        m_pProtectedContent.reset();
+    m_pSMILParser.reset();
+    m_pSwitching.reset();
+}
+
+void StreamingController::ResetFigures() {
+    m_buffering.Reset();
+    m_initialized = false;
+    m_writersPaused = m_savedWritersPaused = false;
+    m_playRate = OPAL_PLAYRATE_ONEX;
+    m_subtitlesOn = false;
+    m_trickClusterArrived = false;
+    m_duration = 0;
+    m_positionSeconds = 0;
+    m_subtitleTargetBytes = 0;
+    m_sessionContent = false;
+    m_pausedWhilePlaying = false;
+    m_audioAhead = false;
+    m_lastVideoSample = m_lastAudioSample = StreamSwitchingNotify::Message();
+    m_timeInitDone = m_lastPlayReport = Ptime();
+    m_stopRequested = false;
+    m_startSequence = m_stopSequence = 0;
+    m_jumpPending = false;
+    m_pendingSubtitle = kNone;
+}
+
+// The first call wins. What fails while the session is being finalised fails because of that, and
+// is no error to tell.
+OPALError StreamingController::Terminate(OPALError code) {
+    Lock lock(m_mutex);
+    if (m_terminated)
+        return m_error;
+    m_error = m_finalizing != 0 ? OPAL_ERROR_TERMINATED : code;
+    m_terminated = true;
+    if (m_error != OPAL_ERROR_TERMINATED) {
+        LogServer::Instance().PostOrDestroy(LogEventFactory::Instance().NewErrorLogEvent(m_error));
+        const std::string text = ContentErrorText(m_error);
+        Tell(
+            [&](IStreamingControllerNotify& listener) { listener.OnError(m_error, text.c_str()); });
+    }
+    return m_error;
+}
