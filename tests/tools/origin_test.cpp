@@ -39,6 +39,20 @@ double SecondsOf(const std::function<void()>& action) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
+// A loaded machine makes things late now and then, so one of several tries must be in time; none
+// may be early.
+void ExpectDuration(double seconds, double tolerance, const std::function<void()>& action) {
+    double last = 0;
+    for (int i = 0; i < 6; ++i) {
+        last = SecondsOf(action);
+        ASSERT_GT(last, seconds - tolerance) << "too early";
+        if (last < seconds + tolerance) {
+            return;
+        }
+    }
+    ADD_FAILURE() << last << " s instead of " << seconds << " in the last of six tries";
+}
+
 class OriginTest : public testing::Test {
   protected:
     void SetUp() override {
@@ -215,49 +229,51 @@ TEST_F(OriginTest, LibcurlReadsManyRangesOverOneConnection) {
     EXPECT_EQ(120U, m_origin.Log("/big.mkv").size());
 }
 
-// How long a download of so many bytes takes, head included.
-double Download(const Origin& origin, int64_t bytes) {
+void Download(const Origin& origin, int64_t bytes) {
     OriginClient client(origin.Port(), 60000);
-    return SecondsOf([&] {
-        const ClientReply reply = client.Get("/big.mkv", "0-" + std::to_string(bytes - 1));
-        EXPECT_EQ(static_cast<size_t>(bytes), reply.body.size());
-    });
+    const ClientReply reply = client.Get("/big.mkv", "0-" + std::to_string(bytes - 1));
+    EXPECT_EQ(static_cast<size_t>(bytes), reply.body.size());
+}
+
+double CpuSeconds() {
+    timespec time{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
 }
 
 TEST_F(OriginTest, TheRateIsKeptWithoutBurningTime) {
     constexpr double head = 230;
     for (const int64_t rate : {100000, 1000000, 8000000, 50000000}) {
         m_origin.SetRate(rate);
-        timespec cpuBefore{};
-        timespec cpuAfter{};
-        clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &cpuBefore);
         const int64_t bytes = rate / 8;  // one second's
         const double expected = (static_cast<double>(bytes) + head) * 8 / static_cast<double>(rate);
-        EXPECT_NEAR(expected, Download(m_origin, bytes), expected * 0.05) << rate;
-        clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &cpuAfter);
-        const double cpu = static_cast<double>(cpuAfter.tv_sec - cpuBefore.tv_sec) +
-                           static_cast<double>(cpuAfter.tv_nsec - cpuBefore.tv_nsec) * 1e-9;
-        EXPECT_LT(cpu, 0.5) << rate;  // both ends, sanitizers included
+        ExpectDuration(expected, expected * 0.05, [&] {
+            const double before = CpuSeconds();
+            Download(m_origin, bytes);
+            EXPECT_LT(CpuSeconds() - before, 0.5) << rate;  // both ends, sanitizers included
+        });
     }
 }
 
 TEST_F(OriginTest, ConnectionsShareTheLink) {
     m_origin.SetRate(8000000);
-    double first = 0;
-    double second = 0;
-    std::thread other([&] { second = Download(m_origin, 400000); });
-    first = Download(m_origin, 400000);
-    other.join();
-    EXPECT_NEAR(0.8, std::max(first, second), 0.06);
-    EXPECT_GT(std::min(first, second), 0.6);
+    ExpectDuration(0.8, 0.06, [&] {
+        double other = 0;
+        std::thread thread([&] { other = SecondsOf([&] { Download(m_origin, 400000); }); });
+        Download(m_origin, 400000);
+        thread.join();
+        EXPECT_GT(other, 0.6);  // alone it would have taken 0.4
+    });
 }
 
 TEST_F(OriginTest, ScriptsAndLiveChangesOfTheRateTakeEffect) {
     RateScript script;
     std::string error;
     ASSERT_TRUE(RateScript::FromText("0 8M, 0.3 0, 0.7 80M", &script, &error));
-    m_origin.SetRateScript(script);
-    EXPECT_NEAR(0.72, Download(m_origin, 500000), 0.06);  // 300 kB, nothing, the rest in 20 ms
+    ExpectDuration(0.72, 0.06, [&] {  // 300 kB, nothing, the rest in 20 ms
+        m_origin.SetRateScript(script);
+        Download(m_origin, 500000);
+    });
 
     m_origin.SetRate(0);
     OriginClient client(m_origin.Port());
@@ -268,7 +284,7 @@ TEST_F(OriginTest, ScriptsAndLiveChangesOfTheRateTakeEffect) {
     EXPECT_EQ("0123456789", client.Read().body);
 
     m_origin.SetLatency(120);
-    EXPECT_NEAR(0.12, SecondsOf([&] { EXPECT_EQ(200, client.Head("/a.mkv").status); }), 0.06);
+    ExpectDuration(0.12, 0.01, [&] { EXPECT_EQ(200, client.Head("/a.mkv").status); });
 }
 
 TEST_F(OriginTest, TheLogTellsWhatWasAskedAndSent) {
@@ -339,7 +355,7 @@ TEST_F(OriginTest, StopsAtOnceAndComesBackAtTheSamePort) {
     EXPECT_EQ(3U, m_origin.ConnectionsOpen());
 
     const uint16_t port = m_origin.Port();
-    EXPECT_LT(SecondsOf([&] { m_origin.Stop(); }), 1.0);
+    EXPECT_LT(SecondsOf([&] { m_origin.Stop(); }), 2.0);
     EXPECT_EQ(0U, m_origin.ConnectionsOpen());
     EXPECT_EQ(End::Reset, held.Read().end);
     EXPECT_EQ(End::Reset, slow.Read().end);
