@@ -182,15 +182,16 @@ TEST_F(PackagedSource, CopyRefusesMisplacedKeyFramesAndSaysHowToMendThem) {
 TEST_F(PackagedSource, CopyRefusesAnOpenGroupOfPictures) {
     const auto input =
         MakeSource("a.mkv", Tenths(4000), [](int64_t time) { return time % 2000 == 0; });
+    const LibavView view(input);
     // One picture of the second group shown ahead of that group's key frame.
     std::vector<Cluster> clusters = {{0, {}}};
-    for (const auto& block : LibavView(input).blocks) {
+    for (const auto& block : view.blocks) {
         const int64_t time = block.timeMs == 2100 ? 1950 : block.timeMs;
         clusters[0].blocks.push_back({time, 0, block.key, block.data});
     }
     TrackDescription track;
     track.codecId = "V_MPEG4/ISO/AVC";
-    const AVCodecParameters& parameters = *LibavView(input).context->streams[0]->codecpar;
+    const AVCodecParameters& parameters = *view.context->streams[0]->codecpar;
     track.codecPrivate.assign(parameters.extradata,
                               parameters.extradata + parameters.extradata_size);
     track.width = 160;

@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "Common/MemoryBuffer.h"
@@ -41,8 +42,8 @@ inline bool operator==(const SeenBlock& a, const SeenBlock& b) {
 /// Everything that the library makes of a media file, read in the way it opens a stream: header
 /// request, index, cluster after cluster.
 struct LibraryView {
-    LibraryView(const std::vector<uint8_t>& bytes, uint64_t headerSize) {
-        const auto at = [&bytes](int64_t offset) { return bytes.data() + offset; };
+    LibraryView(std::vector<uint8_t> file, uint64_t headerSize) : bytes(std::move(file)) {
+        const auto at = [this](int64_t offset) { return bytes.data() + offset; };
         Expect(header.Parse(bytes.data(), static_cast<int64_t>(headerSize)), "header");
         Expect(header.GetSegmentDataOffset(segmentOffset), "Segment");
         Expect(header.FindCuesPosition(cuesOffset), "Cues position");
@@ -78,7 +79,8 @@ struct LibraryView {
         return all;
     }
 
-    StreamHeaderParser header;
+    std::vector<uint8_t> bytes;
+    StreamHeaderParser header;  // points into the bytes
     int64_t segmentOffset = 0;
     int64_t cuesOffset = 0;
     bool endsWithCues = false;
