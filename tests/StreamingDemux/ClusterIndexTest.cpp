@@ -133,11 +133,12 @@ TEST(ClusterIndex, CutAtEveryLengthYieldsAPrefix) {
 TEST(ClusterIndex, ElementsBeyondTheirParentsDoNotMultiplyTheWork) {
     // Each entry of ten bytes holds positions that claim to reach beyond the buffer's end. Taken at
     // their word, 100,000 of them are 5,000,000,000 elements to visit.
-    std::string cues = "1c53bb6b01ffffffffffffff";
+    Bytes cues = Hex("1c53bb6b01ffffffffffffff");
+    const Bytes entry = Hex("bb88b71ffffffff18101");
     for (int i = 0; i < 100000; ++i)
-        cues += "bb88b71ffffffff18101";
+        cues.insert(cues.end(), entry.begin(), entry.end());
     ClusterIndex index(kCuesOffset, kSegmentOffset);
-    EXPECT_EQ(Parse(index, cues), OPAL_ERROR_GENERAL);
+    EXPECT_EQ(Parse(index, cues, cues.size()), OPAL_ERROR_GENERAL);
     EXPECT_LT(index.GetCount(), 20u);
 }
 
