@@ -9,10 +9,12 @@
 #include <cstdio>
 #include <exception>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <map>
 #include <mutex>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -22,6 +24,7 @@
 #include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
 #include "opal-simulate/Film.h"
 #include "opal-simulate/Link.h"
+#include "opal-simulate/Recording.h"
 #include "opal-simulate/Report.h"
 #include "opal-simulate/Session.h"
 #include "opal-simulate/SimulatedClock.h"
@@ -33,11 +36,13 @@ using namespace opal::simulate;
 
 constexpr int kExitUsage = 2;
 constexpr int kExitInput = 3;
+constexpr int kExitDiffers = 4;
 
 struct Options {
     std::string film;
     std::vector<std::string> traces;
     std::string configFolder;
+    std::string replay;
     std::vector<std::string> settings;
     std::vector<std::string> grid;
     int audioKbps = 0;
@@ -94,6 +99,31 @@ void PrintDecisions(const Film& film, const Trace& trace) {
     });
 }
 
+/// Feeds a recorded session to the switching code and prints both sides' decisions. False if they
+/// differ.
+bool PrintReplay(const std::string& path) {
+    std::ifstream file(path);
+    if (!file)
+        throw std::runtime_error(path + ": cannot be opened");
+    std::ostringstream text;
+    text << file.rdbuf();
+    const Recording recorded = Recording::FromJson(text.str());
+    const Recording replayed = Replay(recorded);
+    size_t different = 0;
+    std::printf("%10s %8s %8s\n", "time_s", "session", "replay");
+    for (size_t i = 0; i < recorded.calls.size(); ++i) {
+        if (recorded.calls[i].kind != Recording::Kind::GetCurrentLevel)
+            continue;
+        const auto then = static_cast<int>(recorded.calls[i].answer);
+        const auto now = static_cast<int>(replayed.calls[i].answer);
+        different += then != now ? 1 : 0;
+        std::printf("%10.3f %8d %8d%s\n", recorded.calls[i].nowMs / 1000.0, then, now,
+                    then != now ? "  differs" : "");
+    }
+    std::printf("%zu decisions, %zu differ\n", recorded.Decisions().size(), different);
+    return different == 0;
+}
+
 void Run(const Options& options) {
     if (!options.configFolder.empty()) {
         opal::SetConfigurationDirectory(options.configFolder);
@@ -106,6 +136,8 @@ void Run(const Options& options) {
         tunables.Set(setting);
     tunables.Apply();
 
+    if (options.film.empty() || options.traces.empty())
+        throw std::runtime_error("needs --film and --trace, or --replay; see --help");
     Film film = ReadFilm(options.film);
     film.audioBitrate = options.audioKbps * 1000;
     for (Film::Level& level : film.levels) {
@@ -155,12 +187,16 @@ int main(int argc, char** argv) {
         "  opal-simulate --film presentation.json --trace traces/\n"
         "  opal-simulate --film film.json --trace traces/ --set maxLevelDrop=0 --audio 128\n"
         "  opal-simulate --film film.json --trace traces/ --grid upperGuardTrigger=0,15,30\n\n"
-        "Exit codes: 0 done, 2 wrong usage, 3 input that cannot be read.");
-    app.add_option("--film", options.film,
-                   "Film description: segment_duration_ms, bitrates_kbps, segment_sizes_bits; the "
-                   "presentation.json of opal-package is one")
-        ->required();
-    app.add_option("--trace", options.traces, "Trace files, or folders of them")->required();
+        "Exit codes: 0 done, 2 wrong usage, 3 input that cannot be read,\n"
+        "4 a replay that decides otherwise.");
+    auto* replay = app.add_option("--replay", options.replay,
+                                  "Decide a recorded session again and compare; needs no film");
+    auto* film = app.add_option(
+        "--film", options.film,
+        "Film description: segment_duration_ms, bitrates_kbps, segment_sizes_bits; the "
+        "presentation.json of opal-package is one");
+    film->excludes(replay);
+    app.add_option("--trace", options.traces, "Trace files, or folders of them")->needs(film);
     app.add_option("--config", options.configFolder, "Folder of a kmt_ssa_config.xml");
     app.add_option("--set", options.settings,
                    "A tunable, NAME=VALUE: named as in kmt_ssa_config.xml, times in ms; agile.NAME "
@@ -187,6 +223,8 @@ int main(int argc, char** argv) {
     static SimulatedClock clock;
     opal::SetClock(&clock);
     try {
+        if (!options.replay.empty())
+            return PrintReplay(options.replay) ? 0 : kExitDiffers;
         Run(options);
     } catch (const std::exception& error) {
         std::cerr << "opal-simulate: " << error.what() << "\n";

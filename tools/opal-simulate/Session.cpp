@@ -12,13 +12,11 @@
 #include "Common/ObjectFactory.h"
 #include "Common/StreamingTuning.h"
 #include "Common/network/BandwidthProbe.h"
-#include "SMILParser/IAudioTrack.h"
-#include "SMILParser/IVideoLevel.h"
 #include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
 #include "StreamSwitchingAlgorithm/IStreamSwitchingController.h"
-#include "StreamingDemux/EBML/IClusterIndex.h"
 #include "StreamingReader/HTTPFile/IHTTPFile.h"
 #include "opal-simulate/SimulatedClock.h"
+#include "opal-simulate/SimulatedStreams.h"
 
 namespace opal::simulate {
 namespace {
@@ -36,65 +34,6 @@ constexpr int64_t kSinkAheadMs = 2000;  ///< what the video sink takes ahead of 
 constexpr double kOpenBytes[] = {0.0, 1000.0, 18.0};
 constexpr double kManifestBytes = 4000.0;
 constexpr double kCuePointBytes = 20.0;
-
-class SimulatedLevel : public IVideoLevel {
-  public:
-    SimulatedLevel(const Film::Level& level, size_t index)
-        : m_level(level), m_uri("level" + std::to_string(index)) {}
-    std::string GetURI() const override { return m_uri; }
-    std::string GetMimeType() const override { return {}; }
-    size_t GetHeaderRequestSize() const override { return 1000; }
-    int GetVBVSize() const override { return m_level.vbv; }
-    int GetBitrate() const override { return m_level.bitrate; }
-    int GetWidth() const override { return 0; }
-    int GetHeight() const override { return 0; }
-    bool GetParam(const std::string&, std::string&) const override { return false; }
-
-  private:
-    const Film::Level& m_level;
-    const std::string m_uri;
-};
-
-class SimulatedAudio : public IAudioTrack {
-  public:
-    explicit SimulatedAudio(int bitrate) : m_bitrate(bitrate) {}
-    std::string GetURI() const override { return "audio"; }
-    std::string GetLanguage() const override { return "eng"; }
-    std::string GetMimeType() const override { return {}; }
-    size_t GetHeaderRequestSize() const override { return 1000; }
-    int GetReservedBandwidth() const override { return m_bitrate; }
-    int64_t GetAssetId() const override { return 0; }
-    bool GetParam(const std::string&, std::string&) const override { return false; }
-
-  private:
-    const int m_bitrate;
-};
-
-class SimulatedIndex : public IClusterIndex {
-  public:
-    explicit SimulatedIndex(const Film::Level& level) : m_sizes(level.clusterSizes) {}
-    OPALError Parse(const uint8_t*, int64_t) override { return OPAL_OK; }
-    size_t GetCount() const override { return m_sizes.size(); }
-    OPALError GetEntry(size_t, ClusterIndexEntry&) const override {
-        return OPAL_ERROR_OUT_OF_RANGE;
-    }
-    OPALError FindByTime(int64_t, ClusterIndexEntry&) const override { return OPAL_ERROR_GENERAL; }
-    int64_t GetTime(size_t index) const override {
-        return index < m_sizes.size() ? static_cast<int64_t>(index) * Film::kClusterMs : 0;
-    }
-    int64_t GetOffset(size_t) const override { return 0; }
-    int64_t GetSize(size_t index) const override {
-        return index < m_sizes.size() ? m_sizes[index] : 0;
-    }
-    size_t GetFrameCount(size_t) const override { return 0; }
-    uint32_t GetHeaderSize(size_t) const override { return 0; }
-    OPALError GetFrame(size_t, size_t, int64_t&, uint32_t&) const override {
-        return OPAL_ERROR_RANGE;
-    }
-
-  private:
-    const std::vector<int64_t>& m_sizes;
-};
 
 /// The session of this thread, for the file that the probe opens.
 class Session;
@@ -277,12 +216,13 @@ void Session::Initialize() {
     SimulatedClock::SetNowMs(0.0);
     std::vector<boost::shared_ptr<IVideoLevel>> levels;
     for (size_t i = 0; i < m_film.levels.size(); ++i) {
-        levels.push_back(boost::make_shared<SimulatedLevel>(m_film.levels[i], i));
-        m_indexes.push_back(std::make_unique<SimulatedIndex>(m_film.levels[i]));
+        levels.push_back(boost::make_shared<SimulatedLevel>(
+            "level" + std::to_string(i), m_film.levels[i].bitrate, m_film.levels[i].vbv));
+        m_indexes.push_back(std::make_unique<SimulatedIndex>(m_film.levels[i].clusterSizes));
     }
     std::vector<boost::shared_ptr<IAudioTrack>> tracks;
     if (m_film.audioBitrate > 0)
-        tracks.push_back(boost::make_shared<SimulatedAudio>(m_film.audioBitrate));
+        tracks.push_back(boost::make_shared<SimulatedAudio>("eng", m_film.audioBitrate));
     if (!TransferAlone(0.0) || !TransferAlone(kManifestBytes))
         return;
     (void)m_switching->SetLevels(levels, tracks);
