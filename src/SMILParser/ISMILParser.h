@@ -36,6 +36,8 @@ class ISMILParser : boost::noncopyable {
     virtual size_t GetSubtitleTrackCount() const = 0;
     virtual OPALError GetSubtitleTrack(size_t index,
                                        boost::shared_ptr<ISubtitleTrack>& track) const = 0;
+    /// Ends the fetch that runs, and every one to come, with -28. For a shutdown; any thread.
+    virtual void Abort() {}
 };
 
 /// A new parser, owned by the caller; null when there is no memory.

@@ -93,6 +93,7 @@ class Scanner {
     }
 
     bool Element() {
+        m_extent.depth = std::max(m_extent.depth, m_depth + 1);
         ++m_position;
         SkipSpace();
         if (!Name())
@@ -104,11 +105,9 @@ class Scanner {
             if (*m_position == '>') {
                 ++m_position;
                 ++m_depth;
-                m_extent.depth = std::max(m_extent.depth, m_depth);
                 return true;
             }
             if (*m_position == '/') {
-                m_extent.depth = std::max(m_extent.depth, m_depth + 1);
                 m_position += m_position[1] == '>' ? 2 : 1;
                 return m_position[-1] == '>';
             }

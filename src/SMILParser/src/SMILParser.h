@@ -3,10 +3,13 @@
 #include <log4cxx/logger.h>
 #include <tinyxml.h>
 
+#include <boost/thread/mutex.hpp>
 #include <string>
 #include <vector>
 
 #include "SMILParser/ISMILParser.h"
+
+class IHTTPFile;
 
 /// Walks the manifest with TinyXML. Only the element and attribute names that it knows are looked
 /// at, compared as exact strings; everything else is ignored. One parser, one parse.
@@ -26,6 +29,7 @@ class SMILParser : public ISMILParser {
     size_t GetSubtitleTrackCount() const override { return m_subtitleTracks.size(); }
     OPALError GetSubtitleTrack(size_t index,
                                boost::shared_ptr<ISubtitleTrack>& track) const override;
+    void Abort() override;
 
   private:
     /// How a walk goes on behind an element.
@@ -34,6 +38,7 @@ class SMILParser : public ISMILParser {
         Stop,   ///< quietly: what follows is not read
         Failed  ///< an element lacks what it must have
     };
+    class Fetching;
     struct VideoAttributes;
     struct TrackAttributes;
 
@@ -60,6 +65,9 @@ class SMILParser : public ISMILParser {
     static bool GetIntoElemBlock(const TiXmlHandle& parent, TiXmlHandle& element,
                                  const std::string& name);
 
+    boost::mutex m_fetchMutex;
+    IHTTPFile* m_file = nullptr;  ///< of the fetch that runs; under m_fetchMutex
+    bool m_aborted = false;       ///< under m_fetchMutex
     log4cxx::LoggerPtr m_logger;
     TiXmlDocument m_document;
     std::vector<boost::shared_ptr<IVideoLevel>> m_videoLevels;

@@ -1,0 +1,59 @@
+// A manifest. The bounds that guard the XML parser rest on counting as it does: for every text that
+// they let through, its document must not be larger than what was counted.
+
+#include <tinyxml.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+
+#include "Common/Assert.h"
+#include "Common/logging/Logger.h"
+#include "SMILParser/ISMILParser.h"
+#include "SMILParser/src/ManifestScan.h"
+
+namespace {
+
+void Measure(const TiXmlNode& node, size_t depth, opal::ManifestExtent& extent) {
+    if (const TiXmlElement* element = node.ToElement()) {
+        extent.depth = std::max(extent.depth, ++depth);
+        size_t attributes = 0;
+        for (const TiXmlAttribute* a = element->FirstAttribute(); a; a = a->Next())
+            ++attributes;
+        extent.nodes += attributes;
+        extent.attributesOfElement = std::max(extent.attributesOfElement, attributes);
+    }
+    for (const TiXmlNode* child = node.FirstChild(); child; child = child->NextSibling()) {
+        ++extent.nodes;
+        Measure(*child, depth, extent);
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static const bool quiet = [] {
+        getLogger("opal.SMILParser")->setLevel(log4cxx::Level::getOff());
+        return true;
+    }();
+    (void)quiet;
+    std::string text(reinterpret_cast<const char*>(data), size);
+    const opal::ManifestExtent counted = opal::ScanManifest(text);
+    if (opal::IsWithinBounds(counted)) {
+        TiXmlDocument document;
+        document.SetTabSize(0);
+        text.append(4, '\0');
+        document.Parse(text.c_str(), nullptr, TIXML_ENCODING_UTF8);
+        opal::ManifestExtent found;
+        Measure(document, 0, found);
+        OPAL_ASSERT(found.depth <= counted.depth, "depth");
+        OPAL_ASSERT(found.nodes <= counted.nodes, "nodes");
+        OPAL_ASSERT(found.attributesOfElement <= counted.attributesOfElement, "attributes");
+    }
+    const std::unique_ptr<ISMILParser> parser(NewSMILParser());
+    (void)parser->ParseSMILData(text.c_str(), std::max<size_t>(size, 1));
+    boost::shared_ptr<IVideoLevel> level, previous;
+    for (size_t i = 0; i < parser->GetVideoLevelCount(); ++i, previous = level)
+        OPAL_ASSERT(parser->GetVideoLevel(i, level) == OPAL_OK, "levels are there");
+    return 0;
+}
