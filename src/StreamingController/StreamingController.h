@@ -213,6 +213,7 @@ class StreamingController : public IStreamingController {
     };
 
     class CallbackScope;
+    class FetchingScope;
     class FinalizingScope;
 
     static constexpr int kNoPlayState = -1;
@@ -230,7 +231,7 @@ class StreamingController : public IStreamingController {
                          const std::string& country, const std::string& language,
                          std::string& assetId);
     OPALError LoadServiceAlgorithmConfig();
-    OPALError CreateParser(OPALWriterModel model);
+    OPALError FetchManifest(ISMILParser& parser, const std::string& url);
     OPALError CreateSwitchingController();
     OPALError GiveLevelsToSwitching();
     OPALError InitializeInternal(const std::string& ticket, const std::string& country,
@@ -422,6 +423,7 @@ class StreamingController : public IStreamingController {
 
     boost::mutex m_lifecycleMutex;
     boost::shared_mutex m_objectsMutex;
+    ISMILParser* m_pFetchingParser = nullptr;  ///< while it fetches; under m_objectsMutex
     /// Calls of Finalize under way: a failure then is a consequence of the shutdown.
     std::atomic<int> m_finalizing{0};
     /// Stop was handled and nothing started since: what is still queued must not start a reader.

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <iostream>
 #include <limits>
+#include <memory>
 #include <vector>
 
 #include "Common/Assert.h"
@@ -105,15 +106,16 @@ OPALError StreamingController::BuildFromManifest(const std::string& url, const s
     CreateLogSender(country, language);
     LogServer::Instance().Start(m_pLogSender.get());
     Trace("After Log Init : time=");
-    OPALError code = CreateParser(model);
+    m_writerModel = model;
+    std::unique_ptr<ISMILParser> parser(NewSMILParser());
+    if (!parser)
+        return OPAL_ERROR_NO_MEMORY;
+    OPALError code = CreateSwitchingController();
+    if (code == OPAL_OK)
+        code = FetchManifest(*parser, url);
     if (code != OPAL_OK)
         return code;
-    code = CreateSwitchingController();
-    if (code != OPAL_OK)
-        return code;
-    code = m_pSMILParser->ParseSMILFile(url);
-    if (code != OPAL_OK)
-        return code;
+    Publish(m_pSMILParser, parser.release());
     Trace("After InitFromUrl : time=");
     code = GiveLevelsToSwitching();
     if (code != OPAL_OK)
@@ -142,23 +144,22 @@ OPALError StreamingController::BuildFromTicket(const std::string& tixString,
         LogServer::Instance().Start(m_pLogSender.get());
     }
     Trace("After Log Init : time=");
-    OPALError code = CreateParser(model);
-    if (code != OPAL_OK)
-        return code;
+    m_writerModel = model;
+    std::unique_ptr<ISMILParser> parser(NewSMILParser());
+    if (!parser)
+        return OPAL_ERROR_NO_MEMORY;
     std::string assetId;
-    code = OpenTicket(tixString, sessionData, country, language, assetId);
-    if (code != OPAL_OK)
-        return code;
-    code = CreateSwitchingController();
-    if (code != OPAL_OK)
-        return code;
+    OPALError code = OpenTicket(tixString, sessionData, country, language, assetId);
+    if (code == OPAL_OK)
+        code = CreateSwitchingController();
     std::string manifest;
-    code = m_pProtectedContent->GetManifest(manifest);
+    if (code == OPAL_OK)
+        code = m_pProtectedContent->GetManifest(manifest);
+    if (code == OPAL_OK)
+        code = parser->ParseSMILData(manifest.c_str(), manifest.size());
     if (code != OPAL_OK)
         return code;
-    code = m_pSMILParser->ParseSMILData(manifest.c_str(), manifest.size());
-    if (code != OPAL_OK)
-        return code;
+    Publish(m_pSMILParser, parser.release());
     Trace("Exiting StreamingController::InitializeFromTIXString : time=");
     code = GiveLevelsToSwitching();
     if (code != OPAL_OK)
@@ -208,10 +209,29 @@ OPALError StreamingController::LoadServiceAlgorithmConfig() {
     return code == OPAL_OK ? AlgorithmConfig::Instance().Set(global, agile, steady) : code;
 }
 
-OPALError StreamingController::CreateParser(OPALWriterModel model) {
-    m_writerModel = model;
-    Publish(m_pSMILParser, NewSMILParser());
-    return m_pSMILParser ? OPAL_OK : OPAL_ERROR_NO_MEMORY;
+/// Makes a parser known to Interrupt while it fetches.
+class StreamingController::FetchingScope {
+  public:
+    FetchingScope(StreamingController& controller, ISMILParser& parser) : m_controller(controller) {
+        Set(&parser);
+    }
+    ~FetchingScope() { Set(nullptr); }
+    FetchingScope(const FetchingScope&) = delete;
+    FetchingScope& operator=(const FetchingScope&) = delete;
+
+  private:
+    void Set(ISMILParser* parser) {
+        boost::unique_lock<boost::shared_mutex> lock(m_controller.m_objectsMutex);
+        m_controller.m_pFetchingParser = parser;
+    }
+    StreamingController& m_controller;
+};
+
+OPALError StreamingController::FetchManifest(ISMILParser& parser, const std::string& url) {
+    const FetchingScope fetching(*this, parser);
+    if (m_finalizing != 0)
+        Interrupt();
+    return parser.ParseSMILFile(url);
 }
 
 OPALError StreamingController::CreateSwitchingController() {

@@ -46,6 +46,8 @@ void StreamingController::Interrupt() {
         m_pReaders->AbortTransfers();
     if (m_pProbe)
         m_pProbe->Abort();
+    if (m_pFetchingParser)
+        m_pFetchingParser->Abort();
 }
 
 // A second Initialize... without a Finalize between: the running session must not go on with the
@@ -131,6 +133,7 @@ void StreamingController::DropObjects(bool keepForNextSession) {
     m_probeNotify.controller = nullptr;
     m_pReaderNotify.reset();
     m_pSubtitleNotify.reset();
+    m_pSMILParser.reset();
     if (keepForNextSession)
         return;
     m_pVideoBuffer.reset();
@@ -138,7 +141,6 @@ void StreamingController::DropObjects(bool keepForNextSession) {
     m_pSubtitleBuffer.reset();
     if (m_sessionContent)
         m_pProtectedContent.reset();
-    m_pSMILParser.reset();
     m_pSwitching.reset();
 }
 
