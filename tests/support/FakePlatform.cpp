@@ -1,18 +1,12 @@
 #include "support/FakePlatform.h"
 
 #include <algorithm>
-#include <boost/chrono.hpp>
-#include <boost/thread/locks.hpp>
 #include <utility>
 
 namespace opal::test {
 namespace {
 
-using Lock = boost::unique_lock<boost::mutex>;
-
-boost::chrono::milliseconds ToBoost(std::chrono::milliseconds time) {
-    return boost::chrono::milliseconds(time.count());
-}
+using Lock = std::unique_lock<std::mutex>;
 
 }  // namespace
 
@@ -103,12 +97,12 @@ int64_t FakePlatform::ClusterTimeMs() const {
 
 bool FakePlatform::WaitForBlocks(size_t count, std::chrono::milliseconds timeout) const {
     Lock lock(m_mutex);
-    return m_changed.wait_for(lock, ToBoost(timeout), [&] { return m_blocks.size() >= count; });
+    return m_changed.wait_for(lock, timeout, [&] { return m_blocks.size() >= count; });
 }
 
 bool FakePlatform::WaitForCalls(Op op, size_t count, std::chrono::milliseconds timeout) const {
     Lock lock(m_mutex);
-    return m_changed.wait_for(lock, ToBoost(timeout), [&] {
+    return m_changed.wait_for(lock, timeout, [&] {
         const auto found = m_calls.find(op);
         return (found == m_calls.end() ? 0 : found->second) >= count;
     });

@@ -1,11 +1,11 @@
 #pragma once
 
-#include <boost/thread/condition_variable.hpp>
-#include <boost/thread/mutex.hpp>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -21,7 +21,7 @@ class CallJournal {
     void Clear();
 
   private:
-    mutable boost::mutex m_mutex;
+    mutable std::mutex m_mutex;
     std::vector<std::string> m_lines;
 };
 
@@ -123,8 +123,8 @@ class FakePlatform : public IPlatform {
 
     const std::string m_name;
     CallJournal* const m_journal;
-    mutable boost::mutex m_mutex;
-    mutable boost::condition_variable m_changed;
+    mutable std::mutex m_mutex;
+    mutable std::condition_variable m_changed;
     std::map<Op, Script> m_scripts;
     std::map<Op, size_t> m_calls;
     std::function<void(const Block&)> m_queueHook;
