@@ -189,7 +189,7 @@ TEST(AvcStream, LengthsThatDoNotFitAreRefused) {
     const Bytes good = {0, 2, 0x65, 1, 0, 1, 0x41};
     ASSERT_TRUE(SplitLengthPrefixed(good.data(), good.size(), 2, units));
     EXPECT_EQ(units, (std::vector<NalUnit>{{0x65, 1}, {0x41}}));
-    for (size_t cut : {1, 2, 3, 5, 6}) {
+    for (size_t cut : {1u, 2u, 3u, 5u, 6u}) {
         EXPECT_FALSE(SplitLengthPrefixed(good.data(), cut, 2, units)) << cut;
     }
     const Bytes huge = {0xFF, 0xFF, 0xFF, 0xFF, 0x65};

@@ -141,7 +141,7 @@ TEST(MatroskaWriter, SizesAndValuesAtTheirBorders) {
     std::vector<Cluster> clusters;
     int64_t time = 0;
     for (size_t size :
-         {1, 118, 122, 123, 124, 126, 127, 128, 16376, 16378, 16379, 16384, 2097151}) {
+         {1u, 118u, 122u, 123u, 124u, 126u, 127u, 128u, 16376u, 16378u, 16379u, 16384u, 2097151u}) {
         clusters.push_back({time, {{time, 0, true, Payload(size, 1)}}});
         time += 2000;
     }

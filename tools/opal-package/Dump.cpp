@@ -220,7 +220,11 @@ class Dumper {
         const auto bytes = Read(0, m_headerSize);
         const auto size = static_cast<int64_t>(bytes.size());
         EBMLTree first(&m_schema, bytes.data(), size);
-        PrintElement(first, 1);
+        m_out << "  EBML header\n";
+        for (EBMLElement* child = first.GetFirstChild(); child != nullptr;
+             child = first.GetNextChild()) {
+            PrintElement(*child, 2);
+        }
         const auto ebmlSize = static_cast<int64_t>(
             std::min<uint64_t>(first.GetTotalSize(), static_cast<uint64_t>(size)));
         EBMLTree segment(&m_schema, bytes.data() + ebmlSize, size - ebmlSize);
@@ -231,8 +235,7 @@ class Dumper {
         }
     }
 
-    template <typename Element>
-    void PrintElement(Element& element, int depth) {
+    void PrintElement(EBMLElement& element, int depth) {
         const Name* name = FindName(element.GetID());
         m_out << std::string(static_cast<size_t>(depth) * 2, ' ');
         if (name == nullptr) {
@@ -251,15 +254,7 @@ class Dumper {
             }
         } else {
             m_out << ": ";
-            PrintValue(*name, static_cast<EBMLElement&>(element));
-        }
-    }
-
-    void PrintElement(EBMLTree& tree, int depth) {
-        m_out << std::string(static_cast<size_t>(depth) * 2, ' ') << "EBML header\n";
-        for (EBMLElement* child = tree.GetFirstChild(); child != nullptr;
-             child = tree.GetNextChild()) {
-            PrintElement(*child, depth + 1);
+            PrintValue(*name, element);
         }
     }
 

@@ -17,6 +17,7 @@ struct FilmInfo {
     std::string name;  ///< for messages
     int width = 0;     ///< in square pixels
     int height = 0;
+    int codedWidth = 0;  ///< of the source's own pixels; 0 when it has none
     AVRational frameRate = {25, 1};
     int64_t durationMs = 0;  ///< 0 when not known beforehand
     std::vector<FilmSound> sounds;

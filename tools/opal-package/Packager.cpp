@@ -405,11 +405,11 @@ class Work : public FilmSink {
     void PlanCopy() {
         const FilmInfo& info = m_film->Info();
         Entry entry;
-        entry.width = info.width;
+        entry.width = info.codedWidth;
         entry.height = info.height;
         entry.file = "level0-" + std::to_string(info.height) + "p-copy.mkv";
         entry.mime = "video/x-matroska";
-        Note("level 0: " + std::to_string(info.width) + "x" + std::to_string(info.height) +
+        Note("level 0: " + std::to_string(info.codedWidth) + "x" + std::to_string(info.height) +
              ", copied");
         Add<CopyOutput>(entry, m_options.input, info.frameRate);
     }

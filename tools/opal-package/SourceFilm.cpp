@@ -191,12 +191,13 @@ class SourceFilm : public Film {
         m_info.width = std::clamp(static_cast<int>(std::lround(parameters.width * av_q2d(aspect))),
                                   kSmallestSide, kLargestSide);
         m_info.height = parameters.height;
+        m_info.codedWidth = parameters.width;
         const AVRational rate = av_guess_frame_rate(m_input.get(), &stream, nullptr);
         if (rate.num > 0 && rate.den > 0 && av_q2d(rate) <= 240) {
             m_info.frameRate = rate;
         }
         if (m_input->duration > 0) {
-            m_info.durationMs = av_rescale_q(m_input->duration, AV_TIME_BASE_Q, kMilliseconds);
+            m_info.durationMs = av_rescale(m_input->duration, 1000, AV_TIME_BASE);
         }
         m_startMs = stream.start_time == AV_NOPTS_VALUE
                         ? 0
