@@ -105,6 +105,21 @@ class OriginClient {
         return reply;
     }
 
+    /// Reads and drops so many bytes behind the replies read so far; how many came.
+    size_t Skip(size_t bytes) {
+        size_t skipped = std::min(bytes, m_input.size());
+        m_input.erase(0, skipped);
+        char buffer[65536];
+        while (skipped < bytes) {
+            const ssize_t n = recv(m_socket, buffer, std::min(bytes - skipped, sizeof buffer), 0);
+            if (n <= 0) {
+                break;
+            }
+            skipped += static_cast<size_t>(n);
+        }
+        return skipped;
+    }
+
     /// What comes behind the replies read so far, up to the connection's end or the time-out.
     std::string ReadRest(ClientReply::End* pEnd) {
         while (Receive(pEnd)) {

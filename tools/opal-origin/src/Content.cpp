@@ -76,8 +76,14 @@ class GeneratedSource : public Source {
     explicit GeneratedSource(int64_t size) : m_size(size) {}
     int64_t Size() const override { return m_size; }
     size_t Read(int64_t offset, char* pBuffer, size_t length) const override {
-        for (size_t i = 0; i < length; ++i) {
-            pBuffer[i] = static_cast<char>(Origin::GeneratedByte(offset + static_cast<int64_t>(i)));
+        // Within 256 bytes only the lowest byte of the offset changes.
+        for (size_t i = 0; i < length;) {
+            const int64_t at = offset + static_cast<int64_t>(i);
+            const int upper = Origin::GeneratedByte(at & ~int64_t{255});
+            const size_t end = std::min(length, i + 256 - static_cast<size_t>(at & 255));
+            for (int low = static_cast<int>(at & 255); i < end; ++i, ++low) {
+                pBuffer[i] = static_cast<char>(upper ^ low);
+            }
         }
         return length;
     }

@@ -55,6 +55,7 @@ class Link {
     Time m_scriptStart{0};
     std::deque<Slot> m_queue;
     Time m_start{0};  // the front's transmission began here; with an empty queue: the link is free
+    Time m_lateness{0};  // of the last grant
 };
 
 }  // namespace opal::origin
