@@ -1,5 +1,8 @@
 #include "MSystem.h"
 
+#include <dlfcn.h>
+
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <mutex>
@@ -17,6 +20,32 @@ std::map<const void*, tvset::MutexHolder>& Holders() {
     return *holders;
 }
 
+/// Whether the X server of DISPLAY offers GLX. DirectFB's x11 system then crashes while it starts.
+bool ServerHasGlx() {
+    using OpenDisplay = void* (*)(const char*);
+    using QueryExtension = int (*)(void*, const char*, int*, int*, int*);
+    using CloseDisplay = int (*)(void*);
+    void* library = dlopen("libX11.so.6", RTLD_NOW | RTLD_LOCAL);
+    if (library == nullptr) {
+        return false;
+    }
+    const auto open = reinterpret_cast<OpenDisplay>(dlsym(library, "XOpenDisplay"));
+    const auto query = reinterpret_cast<QueryExtension>(dlsym(library, "XQueryExtension"));
+    const auto close = reinterpret_cast<CloseDisplay>(dlsym(library, "XCloseDisplay"));
+    bool found = false;
+    void* display =
+        open != nullptr && query != nullptr && close != nullptr ? open(nullptr) : nullptr;
+    if (display != nullptr) {
+        int opcode = 0;
+        int event = 0;
+        int error = 0;
+        found = query(display, "GLX", &opcode, &event, &error) != 0;
+        close(display);
+    }
+    dlclose(library);
+    return found;
+}
+
 }  // namespace
 
 unsigned char MSystem::bEnableInitialResLoading = 1;
@@ -27,8 +56,19 @@ bool MSystem::Initialize(int, char**, unsigned char) {
 
 bool MSystem::InitializeDFBLayer() {
     // Read by DirectFB when its first user starts it, which may be never.
+    if (std::getenv("DFBARGS") != nullptr) {
+        return true;
+    }
     const char* display = std::getenv("DISPLAY");
-    const bool x11 = display != nullptr && *display != '\0';
+    bool x11 = display != nullptr && *display != '\0';
+    if (x11 && ServerHasGlx()) {
+        std::fprintf(stderr,
+                     "television set: the X server %s offers GLX, with which DirectFB crashes; "
+                     "nothing will be seen. Use one without (Xephyr :9 -extension GLX), or set "
+                     "DFBARGS=system=x11 to try all the same.\n",
+                     display);
+        x11 = false;
+    }
     const std::string arguments = std::string(x11 ? "system=x11" : "system=dummy") +
                                   ",mode=1280x720,no-cursor,no-sighandler,quiet";
     return setenv("DFBARGS", arguments.c_str(), 0) == 0;

@@ -15,6 +15,8 @@ namespace {
 constexpr int64_t kDrainAfterMs = 200;
 /// Sound later than this is left out.
 constexpr int64_t kAudioLateMs = 100;
+/// Sound this early belongs to no picture to come, and would hold up all that follows.
+constexpr int64_t kAudioEarlyMs = 10000;
 
 void Scale(std::vector<int16_t>& samples, unsigned percent) {
     if (percent < 100) {
@@ -260,7 +262,7 @@ bool TvCore::AudioStep(std::unique_lock<std::mutex>& lock, int64_t& nextMs) {
     const int64_t pts = m_audio.front().pts;
     const int64_t now = m_wakeups.NowMs();
     const int64_t aheadMs = pts - m_presenter.MediaTime(now);
-    if (aheadMs < -kAudioLateMs) {
+    if (aheadMs < -kAudioLateMs || aheadMs > kAudioEarlyMs) {
         m_audioBytes -= m_audio.front().Cost();
         m_audio.pop_front();
         return true;

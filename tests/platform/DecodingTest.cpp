@@ -1,6 +1,7 @@
 // What is on the screen when the set really decodes.
 
 #include <png.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -25,8 +26,9 @@ class Decoding : public PlayerFixture {
   protected:
     void SetUp() override { Open(tvset::Options()); }
 
-    Image Snapshot() {
-        const std::string path = testing::TempDir() + "opal_tvset_snapshot.png";
+    static Image Snapshot() {
+        const std::string path =
+            testing::TempDir() + "opal_tvset_" + std::to_string(::getpid()) + ".png";
         std::string error;
         EXPECT_TRUE(tvset::WriteSnapshot(path, &error)) << error;
         Image image;
@@ -43,7 +45,7 @@ class Decoding : public PlayerFixture {
     }
 
     /// That the screen is plain, of the grey of picture n.
-    void ExpectPicture(int n) {
+    static void ExpectPicture(int n) {
         const Image image = Snapshot();
         ASSERT_EQ(image.width, film::kWidth);
         ASSERT_EQ(image.height, film::kHeight);
@@ -60,8 +62,8 @@ class Decoding : public PlayerFixture {
 TEST_F(Decoding, TheSnapshotIsThePictureOfItsTime) {
     StartPlaying();
     const Image nothing = Snapshot();
-    EXPECT_EQ(nothing.width, 1280);
-    EXPECT_EQ(nothing.height, 720);
+    ASSERT_EQ(nothing.width, 1280);
+    ASSERT_EQ(nothing.height, 720);
     EXPECT_EQ(*std::max_element(nothing.rgb.begin(), nothing.rgb.end()), 0);
     PushFilm(0, 75);
     for (int n = 0; n <= 70; n += 10) {
@@ -73,7 +75,7 @@ TEST_F(Decoding, TheSnapshotIsThePictureOfItsTime) {
     }
     ASSERT_EQ(m_player->MM_SetVideoBlackScreen(1), 0);
     const Image black = Snapshot();
-    EXPECT_EQ(black.width, film::kWidth);
+    ASSERT_EQ(black.width, film::kWidth);
     EXPECT_EQ(*std::max_element(black.rgb.begin(), black.rgb.end()), 0);
     ASSERT_EQ(m_player->MM_SetVideoBlackScreen(0), 0);
     ExpectPicture(72);  // two pictures stay in the decoder at the end of a stream

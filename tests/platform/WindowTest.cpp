@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "MSystem.h"
 #include "PlayerFixture.h"
 
 extern char** environ;
@@ -25,7 +26,8 @@ constexpr int kHeight = 720;
 /// A virtual X server whose frame buffer is a file.
 class XServer {
   public:
-    XServer() : m_folder(testing::TempDir() + "opal_tvset_x" + std::to_string(::getpid())) {
+    explicit XServer(bool glx = false)
+        : m_folder(testing::TempDir() + "opal_tvset_x" + std::to_string(::getpid())) {
         std::filesystem::create_directories(m_folder);
         int ends[2];
         if (::pipe(ends) != 0) {
@@ -100,6 +102,17 @@ class XServer {
     pid_t m_pid = -1;
     std::string m_display;
 };
+
+TEST(XServer, IsLeftAloneWhereDirectFBWouldCrash) {
+    const XServer server(true);
+    ASSERT_FALSE(server.Display().empty()) << "no X server";
+    ::setenv("DISPLAY", server.Display().c_str(), 1);
+    ::unsetenv("DFBARGS");
+    EXPECT_TRUE(MSystem::InitializeDFBLayer());
+    EXPECT_EQ(std::string(std::getenv("DFBARGS")).rfind("system=dummy", 0), 0u);
+    ::unsetenv("DFBARGS");
+    ::unsetenv("DISPLAY");
+}
 
 /// A window as the subtitles have it: indexed, in the lowest class of layer 1, made after the
 /// player's. Its upper half is opaque white. Kept until the process ends.
