@@ -30,9 +30,7 @@ enum StreamingReaderState : int {
 ///
 /// Threading: a manager's thread runs Open and DownloadNext, others the rest. The lock is held over
 /// a whole transfer, so most calls wait for it; GetError, HasError, GetState, GetBytesInFlight,
-/// GetBytesAhead, GetClusterIndex, CancelTransfers and AbortTransfers do not take it. GetState,
-/// GetBytesAhead and GetClusterIndex must not come while another thread opens the reader anew or
-/// finalises it.
+/// GetBytesAhead, GetClusterIndex, CancelTransfers and AbortTransfers do not take it.
 /// Ownership: buffer and notify are not owned. GetFont's and GetClusterIndex's pointers stay valid
 /// until Finalize.
 /// Units: milliseconds, bytes.

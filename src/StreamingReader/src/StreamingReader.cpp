@@ -119,7 +119,7 @@ OPALError StreamingReader::Seek(int64_t& timeMs) {
     Lock lock(m_mutex);
     if (m_hasError)
         return m_error;
-    if (!m_index)
+    if (!m_pIndex)
         return OPAL_ERROR_NOT_READY;
 
     ClusterIndexEntry entry;
@@ -163,7 +163,7 @@ OPALError StreamingReader::GetPosition(int64_t& timeMs) {
     Lock lock(m_mutex);
     if (m_hasError)
         return m_error;
-    if (!m_index)
+    if (!m_pIndex)
         return OPAL_ERROR_NOT_READY;
     timeMs = m_pIndex->GetTime(static_cast<size_t>(m_clusterIndex.load()));
     return OPAL_OK;
@@ -186,7 +186,7 @@ OPALError StreamingReader::GetError() {
 }
 
 int StreamingReader::GetState() {
-    if (const IClusterIndex* index = m_index) {
+    if (const auto index = Index()) {
         const int32_t position = m_clusterIndex;
         if (position < 0 || static_cast<size_t>(position) >= index->GetCount())
             return STREAMING_READER_END;
@@ -216,7 +216,7 @@ OPALError StreamingReader::DownloadNext(OPALPlayRate rate) {
         return OPAL_OK;
     if (m_hasError)
         return m_error;
-    if (!m_index)
+    if (!m_pIndex)
         return OPAL_ERROR_NOT_READY;
     const bool forward = GetRateValue(rate) > 0;
     const int32_t position = m_clusterIndex;
@@ -370,7 +370,7 @@ OPALError StreamingReader::GetBytesAhead(int64_t ms, size_t& bytes) {
         bytes = static_cast<size_t>(m_headerRequestSize);
         return OPAL_OK;
     }
-    const IClusterIndex* index = m_index;
+    const auto index = Index();
     if (!index || ms <= 0)
         return OPAL_OK;
     const int64_t position = m_clusterIndex;
@@ -388,13 +388,12 @@ OPALError StreamingReader::GetBytesAhead(int64_t ms, size_t& bytes) {
 }
 
 OPALError StreamingReader::GetClusterIndex(IClusterIndex*& index) {
-    index = m_index;
+    index = Index().get();
     return OPAL_OK;
 }
 
 void StreamingReader::ResetState() {
-    m_index = nullptr;
-    m_pIndex.reset();
+    SetIndex({});
     m_hasError = false;
     m_clusterIndex = 0;
     m_error.store(OPAL_OK);
@@ -445,11 +444,10 @@ OPALError StreamingReader::ReadHeaders() {
     result = FetchRange(cuesOffset, kElementHeaderBytes, cuesHeader);
     if (result != OPAL_OK)
         return result;
-    if (cuesHeader.GetSize() < static_cast<size_t>(kElementHeaderBytes))
-        return OPAL_ERROR_GENERAL;
     uint64_t id = 0;
     uint64_t totalSize = 0;
-    result = parser.ReadElementHeader(cuesHeader.GetData(), id, totalSize);
+    result = StreamHeaderParser::ReadElementHeader(
+        cuesHeader.GetData(), static_cast<int64_t>(cuesHeader.GetSize()), id, totalSize);
     if (result != OPAL_OK)
         return result;
     int64_t segmentOffset = 0;
@@ -470,8 +468,8 @@ void StreamingReader::TakeHeaderFields(StreamHeaderParser& parser) {
 
 OPALError StreamingReader::FetchIndex(int64_t cuesOffset, int64_t segmentOffset,
                                       uint64_t totalSize) {
-    m_pIndex.reset(NewClusterIndex(cuesOffset, segmentOffset));
-    if (!m_pIndex)
+    const boost::shared_ptr<IClusterIndex> index(NewClusterIndex(cuesOffset, segmentOffset));
+    if (!index)
         return OPAL_ERROR_OUT_OF_RANGE;
     if (totalSize > static_cast<uint64_t>(std::numeric_limits<int64_t>::max()))
         return OPAL_ERROR_INVALID_ARGUMENT;
@@ -479,17 +477,26 @@ OPALError StreamingReader::FetchIndex(int64_t cuesOffset, int64_t segmentOffset,
     OPALError result = FetchRange(cuesOffset, static_cast<int64_t>(totalSize), cues);
     if (result != OPAL_OK)
         return result;
-    result = m_pIndex->Parse(cues.GetData(), static_cast<int64_t>(cues.GetSize()));
+    result = index->Parse(cues.GetData(), static_cast<int64_t>(cues.GetSize()));
     if (result != OPAL_OK)
         return result;
     m_framesPerCluster = 0;
-    if (m_frameDuration > 0 && m_pIndex->GetCount() > 1)
+    if (m_frameDuration > 0 && index->GetCount() > 1)
         m_framesPerCluster = static_cast<uint32_t>(
-            FramesBetween(m_pIndex->GetTime(0), m_pIndex->GetTime(1), m_frameDuration));
-    // Published only now: a filled index never changes again, so no lock is needed to read it.
-    m_index = m_pIndex.get();
+            FramesBetween(index->GetTime(0), index->GetTime(1), m_frameDuration));
+    SetIndex(index);
     m_opened = true;
     return OPAL_OK;
+}
+
+void StreamingReader::SetIndex(const boost::shared_ptr<IClusterIndex>& index) {
+    boost::lock_guard<boost::mutex> lock(m_indexMutex);
+    m_pIndex = index;
+}
+
+boost::shared_ptr<IClusterIndex> StreamingReader::Index() {
+    boost::lock_guard<boost::mutex> lock(m_indexMutex);
+    return m_pIndex;
 }
 
 OPALError StreamingReader::StartThread() {

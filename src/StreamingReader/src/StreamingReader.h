@@ -2,8 +2,10 @@
 
 #include <atomic>
 #include <boost/scoped_ptr.hpp>
+#include <boost/shared_ptr.hpp>
 #include <boost/thread/condition_variable.hpp>
 #include <boost/thread/locks.hpp>
+#include <boost/thread/mutex.hpp>
 #include <boost/thread/recursive_mutex.hpp>
 #include <boost/thread/thread.hpp>
 #include <string>
@@ -57,6 +59,8 @@ class StreamingReader : public IStreamingReader, public HTTPRequestNotify {
     using Lock = boost::unique_lock<boost::recursive_mutex>;
 
     void ResetState();
+    void SetIndex(const boost::shared_ptr<IClusterIndex>& index);
+    boost::shared_ptr<IClusterIndex> Index();
     OPALError FetchRange(int64_t offset, int64_t size, qutl::MemoryBuffer<unsigned char>& bytes);
     OPALError ReadHeaders();
     OPALError FetchIndex(int64_t cuesOffset, int64_t segmentOffset, uint64_t totalSize);
@@ -77,7 +81,7 @@ class StreamingReader : public IStreamingReader, public HTTPRequestNotify {
     const std::string m_url;
     const int64_t m_headerRequestSize;
     const boost::scoped_ptr<IHTTPFile> m_pHTTP;
-    boost::scoped_ptr<IClusterIndex> m_pIndex;
+    boost::shared_ptr<IClusterIndex> m_pIndex;  ///< see m_indexMutex
     std::atomic<bool> m_hasError{false};
     std::atomic<int32_t> m_clusterIndex{0};
     std::atomic<OPALError> m_error{OPAL_OK};
@@ -95,8 +99,9 @@ class StreamingReader : public IStreamingReader, public HTTPRequestNotify {
     uint32_t m_framesPerCluster = 0;
     std::atomic<bool> m_isSubtitle{false};
 
-    /// m_pIndex once it is filled, for those that take no lock.
-    std::atomic<IClusterIndex*> m_index{nullptr};
+    /// Innermost lock. m_pIndex is set, once it is filled, with m_mutex held too, so either one is
+    /// enough to read it; a filled index does not change.
+    boost::mutex m_indexMutex;
     /// CancelTransfers came, and neither Start nor Seek since. Tested before each transfer, so that
     /// a cancel between two transfers is not lost.
     std::atomic<bool> m_cancelled{false};
