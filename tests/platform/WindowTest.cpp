@@ -34,9 +34,13 @@ class XServer {
             return;
         }
         const std::string fd = std::to_string(ends[1]);
-        const std::vector<std::string> arguments = {
-            "Xvfb",        "-extension", "GLX",    "-displayfd", fd,    "-screen", "0",
-            "1280x720x24", "-fbdir",     m_folder, "-nolisten",  "tcp", "-noreset"};
+        const std::vector<std::string> arguments = {"Xvfb",      glx ? "+extension" : "-extension",
+                                                    "GLX",       "-displayfd",
+                                                    fd,          "-screen",
+                                                    "0",         "1280x720x24",
+                                                    "-fbdir",    m_folder,
+                                                    "-nolisten", "tcp",
+                                                    "-noreset"};
         std::vector<char*> argv;
         for (const std::string& argument : arguments) {
             argv.push_back(const_cast<char*>(argument.c_str()));
