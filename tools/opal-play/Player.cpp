@@ -1,0 +1,475 @@
+#include "opal-play/Player.h"
+
+#include <algorithm>
+
+#include "Common/logging/Logger.h"
+#include "TvSet.h"
+#include "opal-play/MonotonicTime.h"
+#include "opal-play/Rates.h"
+
+namespace opal::play {
+namespace {
+
+constexpr int kTurnMs = 20;
+constexpr int64_t kKeyJumpMs = 10000;
+// The listener hears of the end up to half a second before the last picture.
+constexpr int64_t kTailQuietMs = 300;
+constexpr int64_t kTailLimitMs = 2000;
+
+OPALWriterModel Model(const Options& options) {
+    return options.pull ? OPAL_WRITER_MODEL_PULL : OPAL_WRITER_MODEL_PUSH;
+}
+
+void SetUpTheSet(const Options& options) {
+    tvset::Options set;
+    set.decoding = options.passThrough ? tvset::Decoding::PassThrough : tvset::Decoding::Libav;
+    set.video = options.window ? tvset::VideoOutput::Window : tvset::VideoOutput::Headless;
+    set.audio = options.sound ? tvset::AudioOutput::Device : tvset::AudioOutput::Silent;
+    tvset::Configure(set);
+}
+
+}  // namespace
+
+Player::Player(const Options& options, Console& console, int64_t startedMs)
+    : m_options(options),
+      m_console(console),
+      m_startedMs(startedMs),
+      m_snapshots(m_wake, options.snapshotFolder, options.snapshotsAtMs),
+      m_pull(options.blocksFile) {}
+
+Player::~Player() {
+    Close();
+}
+
+int Player::Run() {
+    CatchSignals(m_wake);
+    SetUpTheSet(m_options);
+    ListenToDiagnostics();
+    m_controller.reset(NewStreamingController());
+    m_controller->SetNotify(&m_listener);
+    m_opener = std::thread([this] { Open(); });
+    while (!m_finished) {
+        if (m_wake.Wait(m_keyboard.Fd(), kTurnMs)) {
+            for (const KeyPress& press : m_keyboard.Read())
+                HandleKey(press);
+        }
+        Turn();
+    }
+    Summary summary = Summarise();
+    Close();
+    if (m_options.strict)
+        summary.faults = FindFaults(summary);
+    m_console.Print(m_options.json ? SummaryJson(summary) : SummaryText(summary));
+    for (const std::string& fault : summary.faults)
+        m_console.Error(m_options.url + ": " + fault);
+    return ExitCodeOf(summary);
+}
+
+/// The figures of the network are in no operation of the library, but its loggers tell them.
+void Player::ListenToDiagnostics() {
+    m_appender = std::make_shared<MeterAppender>(m_meter);
+    for (const char* name : {"opal.StreamingController", "opal.BandwidthMonitor"}) {
+        const log4cxx::LoggerPtr logger = getLogger(name);
+        logger->addAppender(m_appender);
+        logger->setLevel(log4cxx::Level::getTrace());
+    }
+}
+
+void Player::Open() {
+    OPALError code = OPAL_ERROR_TERMINATED;
+    if (!m_closing)
+        code = m_controller->InitializeFromSMILFile(m_options.url, m_options.country,
+                                                    m_options.language, Model(m_options));
+    if (code == OPAL_OK && !m_closing)
+        code =
+            m_options.startMs > 0 ? m_controller->Resume(m_options.startMs) : m_controller->Play();
+    m_openerDone = true;
+    Notice notice;
+    notice.kind = Notice::Kind::Opened;
+    notice.value = code;
+    m_listener.Post(std::move(notice));
+}
+
+void Player::Close() {
+    m_closing = true;
+    m_pull.Stop();
+    if (m_controller) {
+        // Ends a start that still waits for the network; it may only be on its way there.
+        do {
+            (void)m_controller->Finalize();
+            m_wake.Wait(-1, m_openerDone ? 0 : kTurnMs);
+        } while (!m_openerDone);
+    }
+    if (m_opener.joinable())
+        m_opener.join();
+    m_controller.reset();
+    for (const char* name : {"opal.StreamingController", "opal.BandwidthMonitor"}) {
+        if (m_appender)
+            getLogger(name)->removeAppender(m_appender);
+    }
+}
+
+void Player::Turn() {
+    Notice notice;
+    while (!m_finished && m_listener.Take(notice))
+        Handle(notice);
+    if (CaughtSignal() != 0)
+        Finish(Outcome::Signal);
+    if (m_finished)
+        return;
+    CheckFirstPicture();
+    TakeSnapshots();
+    PerformDueActions();
+    CheckTail();
+    CheckLimits();
+    ShowProgress();
+}
+
+void Player::Finish(Outcome outcome) {
+    if (m_finished)
+        return;
+    m_positionMs = PositionMs();
+    m_endedMs = MonotonicMs();
+    m_finished = true;
+    m_outcome = outcome;
+}
+
+void Player::Fail(const std::string& text) {
+    m_errors.push_back(text);
+    m_console.Error(m_options.url + ": " + text);
+}
+
+void Player::Require(OPALError code, const std::string& what) {
+    if (code != OPAL_OK)
+        Fail(what + ": " + ErrorText(code));
+}
+
+void Player::Handle(const Notice& notice) {
+    using Kind = Notice::Kind;
+    switch (notice.kind) {
+        case Kind::Opened:
+            return HandleOpened(static_cast<OPALError>(notice.value));
+        case Kind::Play:
+        case Kind::Rate:
+            return HandlePlaying(static_cast<OPALPlayRate>(notice.value));
+        case Kind::Pause:
+            // A trick rate tells of a pause before it starts.
+            if (m_state == State::Playing)
+                m_state = State::Paused;
+            m_pace.Interrupt();
+            return;
+        case Kind::Stop:
+            m_state = State::Stopped;
+            return;
+        case Kind::EndOfStream:
+            return HandleEndOfStream();
+        case Kind::AudioTrack:
+            return m_console.Line("audio track " + std::to_string(notice.value));
+        case Kind::SubtitleTrack:
+            return m_console.Line(notice.value < 0
+                                      ? std::string("subtitles off")
+                                      : "subtitle track " + std::to_string(notice.value));
+        case Kind::Underflow:
+            ++m_underflows;
+            m_state = State::Buffering;
+            m_pace.Interrupt();
+            return m_console.Line("underflow at " + TimeText(PositionMs()));
+        case Kind::Level:
+            return HandleLevel(notice);
+        case Kind::Position:
+            return HandlePosition(notice);
+        case Kind::Subtitle:
+            return m_console.Line("subtitle at " + TimeText(notice.value) + ": " + notice.text);
+        case Kind::Error: {
+            const OPALError code = static_cast<OPALError>(notice.value);
+            Fail(notice.text.empty() ? ErrorText(code) : notice.text + ": " + ErrorText(code));
+            if (code != OPAL_ERROR_AUDIO_UNSUPPORTED)
+                Finish(Outcome::Error);
+            return;
+        }
+    }
+}
+
+void Player::HandleOpened(OPALError code) {
+    if (code != OPAL_OK) {
+        // A reader's failure may have been told already, with the same code.
+        if (m_errors.empty())
+            Fail(ErrorText(code));
+        return Finish(Outcome::Error);
+    }
+    m_opened = true;
+    (void)m_controller->GetDuration(m_durationMs);
+    for (size_t i = 0; i < m_controller->GetVideoLevelCount(); ++i) {
+        VideoLevelInfo info;
+        (void)m_controller->GetVideoLevelInfo(i, info);
+        m_levels.push_back({info.bitrate, info.width, info.height});
+    }
+    if (m_state == State::Opening)
+        Jumped(m_options.startMs, State::Buffering);
+    if (m_options.pull)
+        m_pull.Start(*m_controller);
+    if (m_options.audioTrack > 0)
+        Perform({0, Action::Kind::Audio, m_options.audioTrack});
+    if (m_options.subtitleTrack >= 0)
+        Perform({0, Action::Kind::Subtitle, m_options.subtitleTrack});
+}
+
+void Player::HandlePlaying(OPALPlayRate rate) {
+    m_rate = rate;
+    m_state = rate == OPAL_PLAYRATE_ONEX ? State::Playing : State::Trick;
+    m_snapshots.SetLive(m_state == State::Playing);
+    m_pull.SetSpeed(RateSpeed(rate));
+    m_pace.Interrupt();
+    m_positionAtMs = MonotonicMs();
+    if (m_playedSinceMs < 0)
+        m_playedSinceMs = m_positionAtMs;
+}
+
+void Player::HandleLevel(const Notice& notice) {
+    if (m_levelTold) {
+        ++m_levelChanges;
+        m_console.Line("level " + std::to_string(notice.from.index + 1) + " to " +
+                       std::to_string(notice.to.index + 1) + " of " +
+                       std::to_string(notice.levelCount) + ": " + std::to_string(notice.to.width) +
+                       "x" + std::to_string(notice.to.height) + " " +
+                       BitrateText(notice.to.bitrate));
+    }
+    m_levelTold = true;  // the first one tells the level to start with
+}
+
+void Player::HandlePosition(const Notice& notice) {
+    m_positionMs = notice.value;
+    m_positionAtMs = MonotonicMs();
+    if (notice.level < m_levels.size())
+        m_level = notice.level;
+    if (m_state == State::Playing)
+        m_pace.Report(m_positionMs, m_positionAtMs);
+}
+
+void Player::HandleEndOfStream() {
+    if (RateSpeed(m_rate) < 0) {
+        // Back at the start: a television goes on forward from there.
+        m_console.Line("back at the start");
+        return SetRate(OPAL_PLAYRATE_ONEX);
+    }
+    m_state = State::Ending;
+    m_tailSinceMs = MonotonicMs();
+    m_endedMs = m_tailSinceMs;
+}
+
+void Player::HandleKey(const KeyPress& press) {
+    using Kind = Action::Kind;
+    if (press.key == Key::Character && press.character == 'q')
+        return Finish(Outcome::Quit);
+    if (!m_opened)
+        return;
+    if (press.key == Key::Left || press.key == Key::Right)
+        return SeekTo(PositionMs() + (press.key == Key::Right ? kKeyJumpMs : -kKeyJumpMs));
+    if (press.key == Key::Up || press.key == Key::Down)
+        return SetRate(NextRate(m_rate, press.key == Key::Up));
+    if (press.key != Key::Character)
+        return;
+    const char c = press.character;
+    const size_t tracks = m_controller->GetAudioTrackCount();
+    if (c == ' ')
+        Perform({0, m_state == State::Paused ? Kind::Play : Kind::Pause, 0});
+    else if (c >= '0' && c <= '9')
+        SeekTo(m_durationMs * (c - '0') / 10);
+    else if (c == 'a' && tracks > 0)
+        Perform({0, Kind::Audio,
+                 static_cast<int64_t>((m_controller->GetCurrentAudioTrack() + 1) % tracks)});
+    else if (c == 's' && !m_options.snapshotFolder.empty())
+        Perform({0, Kind::Snapshot, 0});
+}
+
+void Player::Perform(const Action& action) {
+    using Kind = Action::Kind;
+    std::string error;
+    switch (action.kind) {
+        case Kind::Seek:
+            return SeekTo(action.value);
+        case Kind::Rate:
+            return SetRate(static_cast<OPALPlayRate>(action.value));
+        case Kind::Pause:
+            m_snapshots.SetLive(false);
+            return Require(m_controller->Pause(), "pause");
+        case Kind::Play:
+            m_state = State::Buffering;
+            return Require(m_controller->Play(), "play");
+        case Kind::Stop:
+            return Require(m_controller->Stop(), "stop");
+        case Kind::Audio:
+            return Require(m_controller->SetAudioTrack(static_cast<size_t>(action.value)),
+                           "audio track " + std::to_string(action.value));
+        case Kind::Subtitle:
+            return Require(m_controller->SetSubtitleTrack(static_cast<size_t>(action.value)),
+                           "subtitle track " + std::to_string(action.value));
+        case Kind::Snapshot:
+            if (!m_snapshots.TakeNow(PositionMs(), error))
+                Fail(error);
+            return;
+        case Kind::Quit:
+            return Finish(Outcome::Quit);
+    }
+}
+
+void Player::PerformDueActions() {
+    while (!m_finished && m_opened && m_playedSinceMs >= 0 &&
+           m_nextAction < m_options.actions.size() &&
+           MonotonicMs() - m_playedSinceMs >= m_options.actions[m_nextAction].atMs)
+        Perform(m_options.actions[m_nextAction++]);
+}
+
+void Player::SeekTo(int64_t positionMs) {
+    int64_t position = std::clamp<int64_t>(positionMs, 0, std::max<int64_t>(m_durationMs, 0));
+    m_snapshots.SetLive(false);
+    const OPALError code = m_controller->Seek(position);
+    if (code != OPAL_OK)
+        return Require(code, "seek to " + TimeText(positionMs));
+    Jumped(position, State::Buffering);
+}
+
+void Player::SetRate(OPALPlayRate rate) {
+    m_snapshots.SetLive(false);
+    const int64_t position = PositionMs();
+    const OPALError code = m_controller->SetPlayRate(rate);
+    if (code != OPAL_OK)
+        return Require(code, "rate " + RateText(rate));
+    Jumped(position, State::Buffering);
+    m_rate = rate;
+}
+
+void Player::Jumped(int64_t positionMs, State state) {
+    m_state = state;
+    m_positionMs = positionMs;
+    m_positionAtMs = MonotonicMs();
+    m_pace.Interrupt();
+}
+
+bool Player::MoreToCome() const {
+    return m_nextAction < m_options.actions.size() || m_keyboard.Fd() >= 0;
+}
+
+void Player::CheckLimits() {
+    const int64_t now = MonotonicMs();
+    if (m_options.timeLimitMs > 0 && now - m_startedMs >= m_options.timeLimitMs)
+        Finish(Outcome::TimeLimit);
+    else if (m_options.pictureLimit > 0 &&
+             tvset::GetStatistics().framesShown >= m_options.pictureLimit)
+        Finish(Outcome::PictureLimit);
+    else if (m_state == State::Stopped && !MoreToCome())
+        Finish(Outcome::Quit);
+}
+
+void Player::CheckFirstPicture() {
+    if (m_firstPictureTold)
+        return;
+    const tvset::Statistics set = tvset::GetStatistics();
+    if (set.firstPictureMs < 0)
+        return;
+    m_firstPictureTold = true;
+    char text[128];
+    std::snprintf(text, sizeof text, "first picture after %.3f s",
+                  static_cast<double>(set.firstPictureMs - m_startedMs) / 1000);
+    m_console.Line(text);
+}
+
+/// What is still on its way to the screen when the end is told belongs to the film.
+void Player::CheckTail() {
+    if (m_state != State::Ending)
+        return;
+    const int64_t now = MonotonicMs();
+    const tvset::Statistics set = tvset::GetStatistics();
+    if (set.framesShown != m_tailPictures) {
+        m_tailPictures = set.framesShown;
+        m_tailSinceMs = now;
+        m_positionMs = std::max<int64_t>(m_positionMs, set.shownPts);
+    }
+    const bool quiet = now - m_tailSinceMs >= kTailQuietMs;
+    if ((quiet || now - m_endedMs >= kTailLimitMs) && m_nextAction >= m_options.actions.size())
+        Finish(Outcome::EndOfStream);
+}
+
+void Player::TakeSnapshots() {
+    std::string error;
+    if (!m_snapshots.TakeDue(error))
+        Fail(error);
+}
+
+std::string Player::StateText() const {
+    switch (m_state) {
+        case State::Opening:
+            return "opening";
+        case State::Buffering:
+            return "buffering";
+        case State::Playing:
+            return "playing";
+        case State::Trick:
+            return RateText(m_rate);
+        case State::Paused:
+            return "paused";
+        case State::Stopped:
+            return "stopped";
+        case State::Ending:
+            return "ending";
+    }
+    return "";
+}
+
+/// The library reports once a second; in between the position moves with the rate.
+int64_t Player::PositionMs() const {
+    if (m_state != State::Playing && m_state != State::Trick)
+        return m_positionMs;
+    const int64_t moved = (MonotonicMs() - m_positionAtMs) * RateSpeed(m_rate);
+    return std::clamp<int64_t>(m_positionMs + moved, 0, std::max(m_durationMs, m_positionMs));
+}
+
+void Player::ShowProgress() {
+    const int64_t now = MonotonicMs();
+    if (now - m_lastProgressMs < m_console.ProgressIntervalMs())
+        return;
+    m_lastProgressMs = now;
+    Status status;
+    status.state = StateText();
+    status.positionMs = PositionMs();
+    status.durationMs = m_durationMs;
+    status.level = m_level;
+    status.levelCount = m_levels.size();
+    if (m_level < m_levels.size())
+        status.levelInfo = m_levels[m_level];
+    if (m_opened)
+        (void)m_controller->GetBufferedDuration(OPAL_STREAM_VIDEO, status.bufferedMs);
+    status.linkBitsPerSecond = m_meter->Figures().linkBitsPerSecond;
+    m_console.Progress(ProgressText(status));
+}
+
+Summary Player::Summarise() const {
+    const tvset::Statistics set = tvset::GetStatistics();
+    Summary summary;
+    summary.url = m_options.url;
+    summary.outcome = m_outcome;
+    summary.errors = m_errors;
+    summary.startupMs = set.firstPictureMs < 0 ? -1 : set.firstPictureMs - m_startedMs;
+    summary.positionMs = m_positionMs;
+    summary.durationMs = m_durationMs;
+    summary.realMs = m_endedMs - m_startedMs;
+    summary.pace = m_pace.Value();
+    summary.framesDecoded = set.framesDecoded;
+    summary.framesShown = set.framesShown;
+    summary.framesDropped = set.framesDropped;
+    summary.decodeErrors = set.decodeErrors;
+    summary.audioPlayedMs = set.audioPlayedMs;
+    summary.underflows = m_underflows;
+    summary.levelChanges = m_levelChanges;
+    summary.pull = m_options.pull;
+    summary.pulledVideoBlocks = m_pull.VideoBlocks();
+    summary.pulledAudioBlocks = m_pull.AudioBlocks();
+    summary.network = m_meter->Figures();
+    summary.snapshots = m_snapshots.Taken();
+    for (const int64_t missing : m_snapshots.Missing())
+        summary.errors.push_back("no snapshot of " + TimeText(missing) +
+                                 ": that time was not shown at 1x");
+    return summary;
+}
+
+}  // namespace opal::play

@@ -1,0 +1,109 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "StreamingController/IStreamingController.h"
+#include "opal-play/Console.h"
+#include "opal-play/Keyboard.h"
+#include "opal-play/Listener.h"
+#include "opal-play/Options.h"
+#include "opal-play/Pace.h"
+#include "opal-play/PullLoop.h"
+#include "opal-play/Report.h"
+#include "opal-play/Snapshots.h"
+
+namespace opal::play {
+
+/// Plays one presentation as the command line says.
+///
+/// Threading: Run is the main loop, and the only one that calls the library, but for the session's
+/// start, which has a thread of its own so that a signal or a time limit can end it, and the pull
+/// model's loop.
+class Player {
+  public:
+    /// `startedMs`: when the program started, on the monotonic clock. Throws std::runtime_error
+    /// when a file or folder cannot be made.
+    Player(const Options& options, Console& console, int64_t startedMs);
+    ~Player();
+
+    /// The exit code.
+    int Run();
+
+  private:
+    enum class State { Opening, Buffering, Playing, Trick, Paused, Stopped, Ending };
+
+    void ListenToDiagnostics();
+    void Open();
+    void Close();
+    void Turn();
+    void Finish(Outcome outcome);
+
+    void Handle(const Notice& notice);
+    void HandleOpened(OPALError code);
+    void HandlePlaying(OPALPlayRate rate);
+    void HandleLevel(const Notice& notice);
+    void HandlePosition(const Notice& notice);
+    void HandleEndOfStream();
+    void HandleKey(const KeyPress& press);
+    void Perform(const Action& action);
+    void PerformDueActions();
+    void SeekTo(int64_t positionMs);
+    void SetRate(OPALPlayRate rate);
+    void Jumped(int64_t positionMs, State state);
+    void CheckLimits();
+    void CheckFirstPicture();
+    void CheckTail();
+    bool MoreToCome() const;
+    void ShowProgress();
+    void TakeSnapshots();
+
+    void Require(OPALError code, const std::string& what);
+    void Fail(const std::string& text);
+    std::string StateText() const;
+    int64_t PositionMs() const;
+    Summary Summarise() const;
+
+    const Options m_options;
+    Console& m_console;
+    const int64_t m_startedMs;
+    Wake m_wake;
+    Keyboard m_keyboard;
+    Listener m_listener{m_wake};
+    Snapshots m_snapshots;
+    PullLoop m_pull;
+    const std::shared_ptr<NetworkMeter> m_meter = std::make_shared<NetworkMeter>();
+    log4cxx::AppenderPtr m_appender;
+    std::unique_ptr<IStreamingController> m_controller;
+    std::thread m_opener;
+    std::atomic<bool> m_closing{false};
+    std::atomic<bool> m_openerDone{false};
+
+    State m_state = State::Opening;
+    OPALPlayRate m_rate = OPAL_PLAYRATE_ONEX;
+    bool m_opened = false;
+    bool m_finished = false;
+    Outcome m_outcome = Outcome::Error;
+    std::vector<std::string> m_errors;
+    size_t m_nextAction = 0;
+    int64_t m_playedSinceMs = -1;  ///< when playback first started
+    int64_t m_endedMs = -1;        ///< when playback was over
+    int64_t m_durationMs = 0;
+    int64_t m_positionMs = 0;    ///< last known ...
+    int64_t m_positionAtMs = 0;  ///< ... at this time
+    Pace m_pace;
+    size_t m_level = static_cast<size_t>(-1);
+    std::vector<Level> m_levels;
+    bool m_levelTold = false;
+    uint64_t m_levelChanges = 0;
+    uint64_t m_underflows = 0;
+    bool m_firstPictureTold = false;
+    int64_t m_lastProgressMs = 0;
+    uint64_t m_tailPictures = 0;
+    int64_t m_tailSinceMs = 0;
+};
+
+}  // namespace opal::play

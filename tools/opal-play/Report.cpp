@@ -1,0 +1,203 @@
+#include "opal-play/Report.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+
+namespace opal::play {
+namespace {
+
+constexpr double kLeastShown = 0.95;
+constexpr double kSlowest = 0.9;
+constexpr double kFastest = 1.1;
+constexpr int64_t kShortMs = 5000;
+
+const char* OutcomeText(Outcome outcome) {
+    switch (outcome) {
+        case Outcome::EndOfStream:
+            return "end of stream";
+        case Outcome::TimeLimit:
+            return "time limit";
+        case Outcome::PictureLimit:
+            return "picture limit";
+        case Outcome::Quit:
+            return "quit";
+        case Outcome::Error:
+            return "error";
+        case Outcome::Signal:
+            return "signal";
+    }
+    return "";
+}
+
+__attribute__((format(printf, 1, 2))) std::string Format(const char* format, ...) {
+    char text[512];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    return text;
+}
+
+double Seconds(int64_t ms) {
+    return static_cast<double>(ms) / 1000;
+}
+
+unsigned long long Wide(uint64_t value) {
+    return value;
+}
+
+}  // namespace
+
+std::string TimeText(int64_t ms) {
+    const char* sign = ms < 0 ? "-" : "";
+    const long long tenths = std::llabs(ms) / 100;
+    const long long minutes = tenths / 600;
+    if (minutes < 60)
+        return Format("%s%lld:%02lld.%lld", sign, minutes, tenths / 10 % 60, tenths % 10);
+    return Format("%s%lld:%02lld:%02lld.%lld", sign, minutes / 60, minutes % 60, tenths / 10 % 60,
+                  tenths % 10);
+}
+
+std::string BitrateText(int64_t bitsPerSecond) {
+    const double rate = static_cast<double>(bitsPerSecond);
+    if (bitsPerSecond < 1000000)
+        return Format("%.0f kbit/s", rate / 1e3);
+    return Format(bitsPerSecond < 100000000 ? "%.2f Mbit/s" : "%.0f Mbit/s", rate / 1e6);
+}
+
+std::string ErrorText(OPALError code) {
+    struct Row {
+        OPALError code;
+        const char* text;
+    };
+    static constexpr Row kRows[] = {
+        {OPAL_ERROR_GENERAL, "the presentation cannot be read; check manifest and media files"},
+        {OPAL_ERROR_INVALID_ARGUMENT,
+         "the library does not take this; write an http:// or file:// URL"},
+        {OPAL_ERROR_OUT_OF_RANGE,
+         "the presentation has no such thing (trick rates need a trick "
+         "track)"},
+        {OPAL_ERROR_NOT_READY, "not possible yet; try again once it plays"},
+        {OPAL_ERROR_NO_MEMORY, "a cluster or header is larger than the library takes"},
+        {OPAL_ERROR_RANGE, "a byte range was refused; index and media file do not match"},
+        {OPAL_ERROR_HTTP_CLIENT, "the server refuses (status 4xx); check the URL"},
+        {OPAL_ERROR_HTTP_SERVER, "the server failed (status 5xx); look at its log"},
+        {OPAL_ERROR_TIMEOUT, "the server does not answer in time; check the network"},
+        {OPAL_ERROR_CONNECT, "no connection, or no such file; is the server running?"},
+        {OPAL_ERROR_LINK_DOWN, "the network link is down"},
+        {OPAL_ERROR_LINK_UNKNOWN, "no connection, and the network link's state is not known"},
+        {OPAL_ERROR_AUDIO_UNSUPPORTED, "the set does not take this audio track; use another"},
+    };
+    for (const Row& row : kRows) {
+        if (row.code == code)
+            return std::string(row.text) + " (" + std::to_string(code) + ")";
+    }
+    return "the library reports error " + std::to_string(code);
+}
+
+std::string ProgressText(const Status& status) {
+    std::string text =
+        Format("%-9s %s / %s", status.state.c_str(), TimeText(status.positionMs).c_str(),
+               TimeText(status.durationMs).c_str());
+    if (status.level < status.levelCount) {
+        text += Format("  level %zu/%zu %ux%u %s", status.level + 1, status.levelCount,
+                       status.levelInfo.width, status.levelInfo.height,
+                       BitrateText(status.levelInfo.bitrate).c_str());
+    }
+    text += Format("  buffer %.1f s", Seconds(status.bufferedMs));
+    if (status.linkBitsPerSecond > 0)
+        text += "  link " + BitrateText(status.linkBitsPerSecond);
+    return text;
+}
+
+std::string SummaryText(const Summary& summary) {
+    std::string text = Format("%s at %s of %s after %.1f s", OutcomeText(summary.outcome),
+                              TimeText(summary.positionMs).c_str(),
+                              TimeText(summary.durationMs).c_str(), Seconds(summary.realMs));
+    text += summary.startupMs < 0
+                ? std::string("\nno picture was shown")
+                : Format("\nfirst picture after %.2f s", Seconds(summary.startupMs));
+    if (summary.pace > 0)
+        text += Format("; position moved at %.2f of real time", summary.pace);
+    text += Format("\npictures: %llu decoded, %llu shown, %llu dropped; %llu decoding errors",
+                   Wide(summary.framesDecoded), Wide(summary.framesShown),
+                   Wide(summary.framesDropped), Wide(summary.decodeErrors));
+    text += Format("\nsound: %.1f s; underflows: %llu; level changes: %llu",
+                   Seconds(static_cast<int64_t>(summary.audioPlayedMs)), Wide(summary.underflows),
+                   Wide(summary.levelChanges));
+    text += Format("\nnetwork: %llu clusters, %.2f MB; link %s", Wide(summary.network.clusters),
+                   static_cast<double>(summary.network.bytes) / 1e6,
+                   summary.network.linkBitsPerSecond > 0
+                       ? BitrateText(summary.network.linkBitsPerSecond).c_str()
+                       : "not measured");
+    if (summary.pull)
+        text += Format("\npulled: %llu video blocks, %llu audio blocks",
+                       Wide(summary.pulledVideoBlocks), Wide(summary.pulledAudioBlocks));
+    for (const Snapshot& snapshot : summary.snapshots)
+        text += "\nsnapshot of " + TimeText(snapshot.atMs) + ": " + snapshot.file;
+    return text + "\n";
+}
+
+std::string SummaryJson(const Summary& summary) {
+    nlohmann::ordered_json json;
+    json["url"] = summary.url;
+    json["outcome"] = OutcomeText(summary.outcome);
+    json["exitCode"] = ExitCodeOf(summary);
+    json["errors"] = summary.errors;
+    json["faults"] = summary.faults;
+    json["startupMs"] = summary.startupMs < 0 ? nlohmann::ordered_json()
+                                              : nlohmann::ordered_json(summary.startupMs);
+    json["positionMs"] = summary.positionMs;
+    json["durationMs"] = summary.durationMs;
+    json["realMs"] = summary.realMs;
+    json["pace"] = summary.pace;
+    json["framesDecoded"] = summary.framesDecoded;
+    json["framesShown"] = summary.framesShown;
+    json["framesDropped"] = summary.framesDropped;
+    json["decodeErrors"] = summary.decodeErrors;
+    json["audioPlayedMs"] = summary.audioPlayedMs;
+    json["underflows"] = summary.underflows;
+    json["levelChanges"] = summary.levelChanges;
+    json["clusters"] = summary.network.clusters;
+    json["clusterBytes"] = summary.network.bytes;
+    json["linkBitsPerSecond"] = summary.network.linkBitsPerSecond;
+    if (summary.pull) {
+        json["pulledVideoBlocks"] = summary.pulledVideoBlocks;
+        json["pulledAudioBlocks"] = summary.pulledAudioBlocks;
+    }
+    json["snapshots"] = nlohmann::ordered_json::array();
+    for (const Snapshot& snapshot : summary.snapshots)
+        json["snapshots"].push_back({{"atMs", snapshot.atMs}, {"file", snapshot.file}});
+    constexpr auto kReplace = nlohmann::ordered_json::error_handler_t::replace;
+    return json.dump(2, ' ', false, kReplace) + "\n";
+}
+
+std::vector<std::string> FindFaults(const Summary& summary) {
+    std::vector<std::string> faults;
+    if (summary.outcome != Outcome::EndOfStream)
+        faults.push_back("the end of the stream was not reached");
+    if (!summary.errors.empty())
+        faults.push_back("an error was reported");
+    const bool tooShortToTell = summary.pace == 0 && summary.durationMs < kShortMs;
+    if (!tooShortToTell && !(summary.pace >= kSlowest && summary.pace <= kFastest))
+        faults.push_back(Format("the position moved at %.2f of real time", summary.pace));
+    const double shown = static_cast<double>(summary.framesShown);
+    if (summary.framesDecoded == 0)
+        faults.push_back("no picture was decoded");
+    else if (shown <= kLeastShown * static_cast<double>(summary.framesDecoded))
+        faults.push_back(Format("only %llu of %llu pictures were shown", Wide(summary.framesShown),
+                                Wide(summary.framesDecoded)));
+    return faults;
+}
+
+int ExitCodeOf(const Summary& summary) {
+    if (summary.outcome == Outcome::Signal)
+        return kExitSignal;
+    if (summary.outcome == Outcome::Error || !summary.errors.empty())
+        return kExitError;
+    return summary.faults.empty() ? kExitDone : kExitStrict;
+}
+
+}  // namespace opal::play

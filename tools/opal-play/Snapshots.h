@@ -1,0 +1,45 @@
+#pragma once
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include "opal-play/Report.h"
+#include "opal-play/Wake.h"
+
+namespace opal::play {
+
+/// Pictures of the screen at given media times. The set tells of each picture it shows; one that is
+/// due wakes the main loop, which writes the file.
+class Snapshots {
+  public:
+    /// Makes the folder. Throws std::runtime_error if that fails.
+    Snapshots(const Wake& wake, const std::string& folder, std::vector<int64_t> timesMs);
+    ~Snapshots();
+    Snapshots(const Snapshots&) = delete;
+    Snapshots& operator=(const Snapshots&) = delete;
+
+    /// Whether the set's picture times are media times: at 1x, once a jump is over.
+    void SetLive(bool live) { m_live = live; }
+    /// Takes the ones that are due; false with the reason if a file cannot be written.
+    bool TakeDue(std::string& error);
+    /// One of what is on the screen now.
+    bool TakeNow(int64_t positionMs, std::string& error);
+    const std::vector<Snapshot>& Taken() const { return m_taken; }
+    /// Times that were never shown.
+    std::vector<int64_t> Missing() const;
+
+  private:
+    void OnPicture(uint32_t ptsMs);
+
+    const Wake& m_wake;
+    const std::string m_folder;
+    std::vector<int64_t> m_due;  ///< rising
+    std::vector<int64_t> m_missed;
+    std::vector<Snapshot> m_taken;
+    std::atomic<bool> m_live{false};
+    std::atomic<int64_t> m_nextMs;
+    std::atomic<int64_t> m_shownMs{-1};  ///< of a picture shown while live
+};
+
+}  // namespace opal::play
