@@ -35,6 +35,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const auto forward = Load(data, size, forwardResult);
     const auto backward = Load(data, size, backwardResult);
     OPAL_ASSERT(forwardResult == backwardResult, "same cluster, same result");
+    if (forwardResult != OPAL_OK) {
+        BlockNode ignored;
+        (void)forward->GetNextBlock(ignored, 0);
+        (void)backward->GetPreviousBlock(ignored, 0);
+        return 0;
+    }
     BlockNode block;
     // A block that fails does not end the walk, and fails like the end; so the steps are counted,
     // at least two bytes a group.

@@ -38,6 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }();
     (void)quiet;
     std::string text(reinterpret_cast<const char*>(data), size);
+    text.resize(text.find('\0') == std::string::npos ? size : text.find('\0'));
     const opal::ManifestExtent counted = opal::ScanManifest(text);
     if (opal::IsWithinBounds(counted)) {
         TiXmlDocument document;

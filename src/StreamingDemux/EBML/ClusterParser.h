@@ -30,10 +30,16 @@ class ClusterParser : public IClusterParser {
 
   private:
     enum class Direction { Forward, Backward };
+    struct GroupElements {
+        BlockNodeElement* block = nullptr;
+        BlockNodeElement* duration = nullptr;
+        BlockNodeElement* reference = nullptr;
+    };
 
     OPALError GetBlock(Direction direction, BlockNode& block, size_t padding);
     OPALError Step(Direction direction);
     void CollectGroups();
+    static GroupElements FindElements(EBMLElement& group);
     OPALError ReadGroup(EBMLElement& group, BlockNode& block, size_t padding) const;
 
     EBMLSchema m_schema;

@@ -4,6 +4,7 @@
 #include <boost/shared_ptr.hpp>
 #include <cstddef>
 #include <cstdint>
+#include <memory_resource>
 #include <vector>
 
 class EBMLTree;
@@ -25,6 +26,9 @@ struct ElementHeader;
 /// Errors: 0 or null for what the buffer does not cover.
 class EBMLElement : boost::noncopyable {
   public:
+    /// Whether elements of a class live as long as their tree, and so in its arena.
+    static constexpr bool kIsKept = false;
+
     EBMLElement(const EBMLTree& tree, const uint8_t* start) : m_tree(&tree), m_start(start) {}
     virtual ~EBMLElement() = default;
 
@@ -72,14 +76,16 @@ class EBMLElement_NoCache : public EBMLElement {
 /// parsing. The tree bounds how many are kept.
 class EBMLElement_CacheTree : public EBMLElement {
   public:
-    using EBMLElement::EBMLElement;
+    static constexpr bool kIsKept = true;
+
+    EBMLElement_CacheTree(const EBMLTree& tree, const uint8_t* start);
     EBMLElement* GetFirstChild() override;
     EBMLElement* GetNextChild() override;
 
   private:
     EBMLElement* AppendChild(const uint8_t* start);
 
-    std::vector<boost::shared_ptr<EBMLElement>> m_children;
+    std::pmr::vector<boost::shared_ptr<EBMLElement>> m_children;
     size_t m_current = 0;
 };
 

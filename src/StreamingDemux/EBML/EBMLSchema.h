@@ -1,11 +1,14 @@
 #pragma once
 
+#include <boost/make_shared.hpp>
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
 #include <map>
+#include <memory_resource>
+
+#include "StreamingDemux/EBML/EBMLTree.h"
 
 class EBMLElement;
-class EBMLTree;
 
 /// Which element classes keep what of the tree they have walked.
 enum EBMLElementPolicy : int {
@@ -24,15 +27,20 @@ class EBMLSchema {
     class ElementFactory {
       public:
         virtual ~ElementFactory() = default;
-        /// A new element, owned by the caller.
-        virtual EBMLElement* Create(const EBMLTree& tree, const uint8_t* start) = 0;
+        /// A new element.
+        virtual boost::shared_ptr<EBMLElement> Create(const EBMLTree& tree,
+                                                      const uint8_t* start) = 0;
     };
 
     template <typename T>
     class ElementFactory_Templ : public ElementFactory {
       public:
-        EBMLElement* Create(const EBMLTree& tree, const uint8_t* start) override {
-            return new T(tree, start);
+        boost::shared_ptr<EBMLElement> Create(const EBMLTree& tree, const uint8_t* start) override {
+            if constexpr (T::kIsKept)
+                return boost::allocate_shared<T>(
+                    std::pmr::polymorphic_allocator<T>(tree.GetArena()), tree, start);
+            else
+                return boost::make_shared<T>(tree, start);
         }
     };
 

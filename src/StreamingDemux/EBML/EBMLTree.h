@@ -4,6 +4,7 @@
 #include <boost/shared_ptr.hpp>
 #include <cstddef>
 #include <cstdint>
+#include <memory_resource>
 
 class EBMLElement;
 class EBMLSchema;
@@ -38,6 +39,8 @@ class EBMLTree : boost::noncopyable {
     EBMLElement* FindFirstChild(uint64_t id) const;
     EBMLElement* FindNextChild(uint64_t id) const;
 
+    /// Where elements that live as long as the tree get their memory, in few large pieces.
+    std::pmr::memory_resource* GetArena() const { return &m_arena; }
     /// For elements that keep their children: whether one more may be kept. A walk that gets false
     /// ends as at the end of the buffer.
     bool ReserveCachedElement() const {
@@ -49,5 +52,6 @@ class EBMLTree : boost::noncopyable {
     const uint8_t* m_base;
     int64_t m_size;
     mutable size_t m_cachedElements = 0;
+    mutable std::pmr::monotonic_buffer_resource m_arena;
     boost::shared_ptr<EBMLElement> m_root;
 };

@@ -95,26 +95,39 @@ void ClusterParser::CollectGroups() {
 }
 
 OPALError ClusterParser::ReadGroup(EBMLElement& group, BlockNode& block, size_t padding) const {
-    // The schema makes every Block a BlockNodeElement.
-    auto* element = static_cast<BlockNodeElement*>(group.FindFirstChild(kBlock));
-    if (!element)
+    const GroupElements elements = FindElements(group);
+    if (!elements.block)
         return OPAL_ERROR_GENERAL;
     int16_t relativeTimecode = 0;
-    OPALError result = element->ParseBlockHeader(relativeTimecode);
+    OPALError result = elements.block->ParseBlockHeader(relativeTimecode);
     if (result != OPAL_OK)
         return result;
     block.timecode = static_cast<int64_t>(static_cast<uint64_t>(m_clusterTimecode) +
                                           static_cast<uint64_t>(int64_t{relativeTimecode}));
-    result = element->CopyPayload(block, padding);
+    result = elements.block->CopyPayload(block, padding);
     if (result != OPAL_OK)
         return result;
-    block.flags = group.FindFirstChild(kReferenceBlock) ? 0 : BlockNode::kKeyFrame;
-    const EBMLElement* duration = group.FindFirstChild(kBlockDuration);
-    const uint8_t* value = duration ? duration->GetCompleteData() : nullptr;
+    block.flags = elements.reference ? 0 : BlockNode::kKeyFrame;
+    const uint8_t* duration = elements.duration ? elements.duration->GetCompleteData() : nullptr;
     // Signed, deliberately: a single byte above 0x7F is a negative duration.
-    block.duration = value ? ReadInt(value, duration->GetSize()) : 0;
+    block.duration = duration ? ReadInt(duration, elements.duration->GetSize()) : 0;
     block.level = m_tag;
     return OPAL_OK;
+}
+
+ClusterParser::GroupElements ClusterParser::FindElements(EBMLElement& group) {
+    GroupElements elements;
+    for (EBMLElement* child = group.GetFirstChild(); child; child = group.GetNextChild()) {
+        const uint64_t id = child->GetID();
+        BlockNodeElement** place = id == kBlock            ? &elements.block
+                                   : id == kBlockDuration  ? &elements.duration
+                                   : id == kReferenceBlock ? &elements.reference
+                                                           : nullptr;
+        // The schema makes these three BlockNodeElements. The first of each kind counts.
+        if (place && !*place)
+            *place = static_cast<BlockNodeElement*>(child);
+    }
+    return elements;
 }
 
 IClusterParser* NewClusterParser() {

@@ -4,6 +4,13 @@
 #include "StreamingDemux/EBML/EBMLSchema.h"
 #include "StreamingDemux/EBML/EBMLTree.h"
 
+namespace {
+
+/// Of a block group; more than that has only the cluster.
+constexpr size_t kUsualChildren = 4;
+
+}  // namespace
+
 opal::ElementHeader EBMLElement::GetHeader() const {
     return opal::ReadHeader(m_start, m_tree->GetRemaining(m_start));
 }
@@ -68,6 +75,8 @@ const uint8_t* EBMLElement::GetNextChildStart(const EBMLElement& child) const {
         static_cast<uint64_t>(childHeader.data - header.data) + childHeader.size;
     if (offset >= header.size || offset >= static_cast<uint64_t>(m_tree->GetRemaining(header.data)))
         return nullptr;
+    // Siblings tend to be about the same size, and to lie where the cache has not been yet.
+    __builtin_prefetch(header.data + offset + childHeader.size);
     return header.data + offset;
 }
 
@@ -87,14 +96,19 @@ EBMLElement* EBMLElement_NoCache::GetNextChild() {
     return m_child.get();
 }
 
+EBMLElement_CacheTree::EBMLElement_CacheTree(const EBMLTree& tree, const uint8_t* start)
+    : EBMLElement(tree, start), m_children(tree.GetArena()) {}
+
 EBMLElement* EBMLElement_CacheTree::AppendChild(const uint8_t* start) {
     if (!start || !GetTree().ReserveCachedElement())
         return nullptr;
     boost::shared_ptr<EBMLElement> child = CreateChild(start);
     if (!child)
         return nullptr;
-    m_children.push_back(child);
-    return child.get();
+    if (m_children.capacity() == 0)
+        m_children.reserve(kUsualChildren);
+    m_children.push_back(boost::move(child));
+    return m_children.back().get();
 }
 
 EBMLElement* EBMLElement_CacheTree::GetFirstChild() {

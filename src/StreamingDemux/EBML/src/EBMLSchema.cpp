@@ -69,5 +69,5 @@ boost::shared_ptr<EBMLElement> EBMLSchema::CreateElement(const EBMLTree& tree,
     uint64_t id = 0;
     if (ReadVInt(start, tree.GetRemaining(start), false, id) == 0)
         return {};
-    return boost::shared_ptr<EBMLElement>(FactoryFor(id).Create(tree, start));
+    return FactoryFor(id).Create(tree, start);
 }
