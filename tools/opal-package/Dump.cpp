@@ -5,6 +5,7 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <array>
 #include <boost/scoped_ptr.hpp>
 #include <cstdio>
 #include <fstream>
@@ -27,6 +28,8 @@ namespace {
 
 /// What is read into memory at once; a header or cluster that claims more is not read.
 constexpr uint64_t kLargestPart = 64 << 20;
+/// Of an element: identifier and size, eight bytes each at the most.
+constexpr size_t kLongestHeader = 16;
 /// Clusters of a year of film; only garbage has more elements.
 constexpr int kMostElements = 1 << 24;
 /// Deeper nesting than any header has.
@@ -162,12 +165,14 @@ class Dumper {
     /// Reads an element's header; false where there is none. `end` is the byte behind the element,
     /// which may lie beyond the file.
     bool ReadElement(uint64_t offset, ElementHeader& header, uint64_t& headerSize, uint64_t& end) {
-        const auto bytes = Read(offset, 16);
-        header = ReadHeader(bytes.data(), static_cast<int64_t>(bytes.size()));
+        std::array<uint8_t, kLongestHeader> head{};
+        const auto bytes = Read(offset, head.size());
+        std::copy(bytes.begin(), bytes.end(), head.begin());
+        header = ReadHeader(head.data(), static_cast<int64_t>(bytes.size()));
         if (header.data == nullptr) {
             return false;
         }
-        headerSize = static_cast<uint64_t>(header.data - bytes.data());
+        headerSize = static_cast<uint64_t>(header.data - head.data());
         header.data = nullptr;  // pointed into the bytes just read
         end = offset + headerSize + header.size;
         return true;
