@@ -1,0 +1,372 @@
+#include <gmock/gmock.h>
+
+#include <future>
+#include <limits>
+
+#include "Common/StreamingTuning.h"
+#include "StreamingDemux/EBML/IClusterIndex.h"
+#include "StreamingReader/ReaderFixture.h"
+
+namespace opal::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr char kUrl[] = "http://host/v";
+
+class StreamingReaderTest : public ReaderFixture {
+  protected:
+    IStreamingReader& Make(const MediaShape& shape = {}, OPALStreamType type = OPAL_STREAM_VIDEO) {
+        layout = Serve(kUrl, shape);
+        reader.reset(NewStreamingReader(kUrl, layout.headerSize, buffer.get(), &reports, type, 3));
+        return *reader;
+    }
+    IStreamingReader& MakeOpen(const MediaShape& shape = {},
+                               OPALStreamType type = OPAL_STREAM_VIDEO) {
+        EXPECT_EQ(OPAL_OK, Make(shape, type).Open());
+        server->ClearLog();
+        return *reader;
+    }
+    /// Bytes of a trick cluster: its opening and these frames.
+    std::string TrickRange(size_t cluster, const std::vector<size_t>& frames) const {
+        const package::ClusterLayout& c = layout.clusters[cluster];
+        const auto text = [](uint64_t from, uint64_t to) {
+            return std::to_string(from) + "-" + std::to_string(to - 1);
+        };
+        std::string ranges = text(c.offset, c.frameOffsets[0]);
+        for (const size_t frame : frames)
+            ranges += "," + text(c.frameOffsets[frame], frame + 1 < c.frameOffsets.size()
+                                                            ? c.frameOffsets[frame + 1]
+                                                            : c.offset + c.size);
+        return ranges;
+    }
+
+    package::FileLayout layout;
+    std::unique_ptr<IStreamingReader> reader;
+};
+
+TEST_F(StreamingReaderTest, OpensInThreeReadsAndKnowsTheStream) {
+    MediaShape shape;
+    shape.kind = package::TrackKind::Audio;
+    Make(shape, OPAL_STREAM_AUDIO);
+    int64_t ms = -1;
+    EXPECT_EQ(STREAMING_READER_NOT_OPEN, reader->GetState());
+    EXPECT_EQ(OPAL_ERROR_NOT_READY, reader->GetPosition(ms));
+    EXPECT_EQ(OPAL_ERROR_NOT_READY, reader->DownloadNext(OPAL_PLAYRATE_ONEX));
+    ASSERT_EQ(OPAL_OK, reader->Open());
+    const std::string cues = std::to_string(layout.cuesOffset) + "-";
+    EXPECT_THAT(server->Reads(), ElementsAre("0-" + std::to_string(layout.headerSize - 1),
+                                             cues + std::to_string(layout.cuesOffset + 17),
+                                             cues + std::to_string(layout.fileSize - 1)));
+    EXPECT_THAT(reports.Lines(), IsEmpty());
+    EXPECT_EQ(STREAMING_READER_STOPPED, reader->GetState());
+    EXPECT_EQ(OPAL_OK, reader->GetDuration(ms));
+    EXPECT_EQ(10000, ms);
+    AudioStreamInfo info;
+    EXPECT_EQ(OPAL_OK, reader->GetTrackInfo(info));
+    EXPECT_EQ(44100, info.samplingFrequency);
+}
+
+TEST_F(StreamingReaderTest, EachFailureOfOpeningSticksUntilTheNextOpen) {
+    Make();
+    for (int failing = 0; failing < 4; ++failing) {
+        FakeRule rule = FakeRule::Fail(OPAL_ERROR_HTTP_SERVER);
+        rule.skip = failing;
+        const uint64_t id = server->AddRule(rule);
+        EXPECT_EQ(OPAL_ERROR_HTTP_SERVER, reader->Open());
+        server->Release(id);
+        int64_t ms = 0;
+        EXPECT_EQ(STREAMING_READER_ERROR, reader->GetState()) << failing;
+        EXPECT_TRUE(reader->HasError());
+        for (const OPALError result :
+             {reader->GetError(), reader->Start(), reader->StartDelayed(1), reader->Stop(),
+              reader->Seek(ms), reader->GetPosition(ms), reader->DownloadNext(OPAL_PLAYRATE_ONEX)})
+            EXPECT_EQ(OPAL_ERROR_HTTP_SERVER, result);
+        EXPECT_EQ(OPAL_OK, reader->Open());
+        EXPECT_EQ(OPAL_OK, reader->GetError());
+        EXPECT_EQ(OPAL_OK, reader->Finalize());
+    }
+}
+
+TEST_F(StreamingReaderTest, FilesCutOrSpoiltAnywhereFailWithoutHarm) {
+    const package::BuiltFile file = MakeMedia({});
+    Make();
+    for (size_t at = 0; at < file.bytes.size(); at += 7) {
+        for (const bool cut : {true, false}) {
+            std::string bytes(file.bytes.begin(), file.bytes.end());
+            if (cut)
+                bytes.resize(at + 1);
+            else
+                bytes[at] = static_cast<char>(bytes[at] ^ 0xFF);
+            server->AddFile(kUrl, bytes);
+            if (reader->Open() == OPAL_OK) {
+                int64_t ms = std::numeric_limits<int64_t>::max();
+                (void)reader->Seek(ms);
+                (void)reader->DownloadNext(OPAL_PLAYRATE_ONEX);
+                size_t ahead = 0;
+                EXPECT_EQ(OPAL_OK, reader->GetBytesAhead(ms, ahead));
+            }
+            EXPECT_EQ(OPAL_OK, reader->Finalize());
+            (void)buffer->Clear();
+        }
+    }
+}
+
+TEST_F(StreamingReaderTest, DeliversClusterAfterCluster) {
+    const package::BuiltFile file = MakeMedia({});
+    MakeOpen();
+    for (size_t i = 0; i < layout.clusters.size(); ++i) {
+        int64_t ms = -1;
+        EXPECT_EQ(OPAL_OK, reader->GetPosition(ms));
+        EXPECT_EQ(static_cast<int64_t>(i) * 2000, ms);
+        ASSERT_EQ(OPAL_OK, reader->DownloadNext(OPAL_PLAYRATE_ONEX));
+        EXPECT_EQ(RangeOf(layout.clusters[i]), server->Reads().back());
+        qutl::MemoryBuffer<unsigned char> bytes;
+        ClusterInfo info;
+        ASSERT_EQ(OPAL_OK, buffer->Read(bytes, info));
+        const auto begin = file.bytes.begin() + static_cast<long>(layout.clusters[i].offset);
+        EXPECT_TRUE(std::equal(bytes.GetData(), bytes.GetData() + bytes.GetSize(), begin,
+                               begin + static_cast<long>(layout.clusters[i].size)));
+        EXPECT_EQ(OPAL_STREAM_VIDEO, info.streamType);
+        EXPECT_EQ(2000, info.duration);
+        EXPECT_EQ(3U, info.level);
+        EXPECT_EQ(static_cast<int32_t>(i), info.clusterIndex);
+        EXPECT_EQ(5U, info.clusterCount);
+        EXPECT_EQ(500000000, info.frameDuration);
+        const std::string size = std::to_string(layout.clusters[i].size);
+        EXPECT_EQ("complete 0 " + size + " " + std::to_string(i), reports.Lines()[2 * i]);
+        EXPECT_EQ("write 0", reports.Lines()[2 * i + 1]);
+    }
+    int64_t ms = -1;
+    EXPECT_EQ(OPAL_ERROR_END_OF_DATA, reader->DownloadNext(OPAL_PLAYRATE_ONEX));
+    EXPECT_EQ(STREAMING_READER_END, reader->GetState());
+    EXPECT_EQ(OPAL_OK, reader->GetPosition(ms));
+    EXPECT_EQ(0, ms);
+    EXPECT_EQ(OPAL_OK, reader->DownloadNext(OPAL_PLAYRATE_TWOXFF));  // no trick track: nothing
+    EXPECT_EQ(5U, server->Reads().size());
+}
+
+TEST_F(StreamingReaderTest, BufferDecidesBeforeAndAfterTheTransfer) {
+    MakeOpen();
+    const size_t size = layout.clusters[0].size;
+    const auto readInto = [&](size_t capacity) {
+        const std::unique_ptr<IClusterBuffer> small(NewClusterBuffer(capacity));
+        const std::unique_ptr<IStreamingReader> other(NewStreamingReader(
+            kUrl, layout.headerSize, small.get(), &reports, OPAL_STREAM_VIDEO, 0));
+        EXPECT_EQ(OPAL_OK, other->Open());
+        server->ClearLog();
+        const OPALError first = other->DownloadNext(OPAL_PLAYRATE_ONEX);
+        return std::make_pair(first,
+                              first == OPAL_OK ? other->DownloadNext(OPAL_PLAYRATE_ONEX) : first);
+    };
+    EXPECT_EQ(OPAL_ERROR_NO_MEMORY, readInto(size - 1).first);
+    EXPECT_THAT(server->Reads(), IsEmpty());
+    EXPECT_EQ(std::make_pair(OPAL_OK, OPAL_ERROR_NOT_YET), readInto(layout.clusters[1].size));
+    EXPECT_EQ(1U, server->Reads().size());
+
+    // A limit in time shows only after the transfer, each time anew.
+    buffer->SetMaxDuration(2000);
+    server->ClearLog();
+    EXPECT_EQ(OPAL_OK, reader->DownloadNext(OPAL_PLAYRATE_ONEX));
+    const size_t before = reports.Lines().size();
+    EXPECT_EQ(OPAL_ERROR_BUFFER_FULL, reader->DownloadNext(OPAL_PLAYRATE_ONEX));
+    EXPECT_EQ(OPAL_ERROR_BUFFER_FULL, reader->DownloadNext(OPAL_PLAYRATE_ONEX));
+    const std::string second = RangeOf(layout.clusters[1]);
+    EXPECT_THAT(server->Reads(), ElementsAre(RangeOf(layout.clusters[0]), second, second));
+    EXPECT_EQ(before + 2, reports.Lines().size());
+}
+
+TEST_F(StreamingReaderTest, SeekLandsOnTheClusterAndNoneElse) {
+    MakeOpen();
+    int64_t ms = -1;
+    EXPECT_EQ(OPAL_ERROR_INVALID_ARGUMENT, reader->Seek(ms));
+    EXPECT_EQ(-1, ms);
+    const std::pair<int64_t, int64_t> kCases[] = {
+        {0, 0},       {1999, 0},    {2000, 2000},  {5000, 4000},
+        {8000, 8000}, {9999, 8000}, {99999, 8000}, {std::numeric_limits<int64_t>::max(), 8000}};
+    for (const auto& [asked, landed] : kCases) {
+        ms = asked;
+        EXPECT_EQ(OPAL_OK, reader->Seek(ms));
+        EXPECT_EQ(landed, ms) << asked;
+        EXPECT_EQ(OPAL_OK, reader->GetPosition(ms));
+        EXPECT_EQ(landed, ms);
+    }
+}
+
+TEST_F(StreamingReaderTest, TrickPlayFetchesTheFramesThatWillBeShown) {
+    MediaShape shape;
+    shape.blocks = 6;
+    shape.clusterMs = 6000;
+    shape.clusters = 2;
+    shape.trick = true;
+    MakeOpen(shape, OPAL_STREAM_TRICK);
+    const struct {
+        OPALPlayRate rate;
+        int64_t from;
+        std::vector<size_t> frames;
+    } kCases[] = {
+        {OPAL_PLAYRATE_TWOXFF, 0, {0, 1, 2, 3, 4, 5}}, {OPAL_PLAYRATE_FOURXFF, 0, {0, 2, 4}},
+        {OPAL_PLAYRATE_FOURXFF, 2500, {2, 4}},         {OPAL_PLAYRATE_EIGHTXFF, 1000, {1, 5}},
+        {OPAL_PLAYRATE_THIRTYTWOXFF, 5999, {5}},       {OPAL_PLAYRATE_FOURXRW, 2500, {0, 2}},
+        {OPAL_PLAYRATE_TWOXRW, 2500, {0, 1, 2, 3}},    {OPAL_PLAYRATE_TWOXRW, 0, {0}}};
+    for (const auto& test : kCases) {
+        int64_t ms = test.from;
+        EXPECT_EQ(OPAL_OK, reader->Seek(ms));
+        server->ClearLog();
+        EXPECT_EQ(OPAL_OK, reader->DownloadNextTrick(test.rate));
+        EXPECT_THAT(server->Reads(), ElementsAre(TrickRange(0, test.frames)))
+            << GetRateName(test.rate) << " from " << test.from;
+    }
+    // Skip and trim are for the one cluster that was sought.
+    int64_t ms = 2500;
+    EXPECT_EQ(OPAL_OK, reader->Seek(ms));
+    EXPECT_EQ(OPAL_OK, reader->DownloadNext(OPAL_PLAYRATE_FOURXFF));
+    EXPECT_EQ(OPAL_OK, reader->DownloadNext(OPAL_PLAYRATE_FOURXFF));
+    EXPECT_EQ(TrickRange(1, {0, 2, 4}), server->Reads().back());
+    EXPECT_EQ(OPAL_ERROR_END_OF_DATA, reader->DownloadNext(OPAL_PLAYRATE_FOURXFF));
+
+    ms = 0;
+    EXPECT_EQ(OPAL_OK, reader->Seek(ms));
+    EXPECT_EQ(OPAL_OK, reader->DownloadNext(OPAL_PLAYRATE_FOURXRW));
+    EXPECT_EQ(STREAMING_READER_END, reader->GetState());
+    EXPECT_EQ(OPAL_ERROR_END_OF_DATA, reader->DownloadNext(OPAL_PLAYRATE_FOURXRW));
+    EXPECT_EQ(OPAL_OK, reader->GetPosition(ms));
+    EXPECT_EQ(0, ms);
+
+    shape.trick = false;  // an index without frames
+    MakeOpen(shape, OPAL_STREAM_TRICK);
+    EXPECT_EQ(OPAL_ERROR_NOT_READY, reader->DownloadNext(OPAL_PLAYRATE_FOURXFF));
+}
+
+TEST_F(StreamingReaderTest, IndexOutOfOrderIsRefusedBeforeARequest) {
+    package::BuiltFile file = MakeMedia({});
+    // The second cluster's position, 0: before the first one.
+    auto at = file.bytes.begin() + static_cast<long>(file.layout.cuesOffset);
+    for (int entry = 0; entry < 2; ++entry)
+        at = std::find(at + 1, file.bytes.end(), 0xF1);
+    ASSERT_LT(at + 9, file.bytes.end());
+    std::fill_n(at + 2, at[1] & 0x0F, uint8_t{0});
+    Make();
+    server->AddFile(kUrl, std::string(file.bytes.begin(), file.bytes.end()));
+    ASSERT_EQ(OPAL_OK, reader->Open());
+    server->ClearLog();
+    EXPECT_EQ(OPAL_ERROR_INVALID_ARGUMENT, reader->DownloadNext(OPAL_PLAYRATE_ONEX));
+    EXPECT_THAT(server->Reads(), IsEmpty());
+}
+
+TEST_F(StreamingReaderTest, BytesAheadAreThoseOfTheNextClusters) {
+    MakeOpen();
+    const auto ahead = [&](int64_t ms) {
+        size_t bytes = 99;
+        EXPECT_EQ(OPAL_OK, reader->GetBytesAhead(ms, bytes));
+        return bytes;
+    };
+    const auto sizes = [&](size_t from, size_t to) {
+        size_t sum = 0;
+        for (; from < to; ++from)
+            sum += layout.clusters[from].size;
+        return sum;
+    };
+    EXPECT_EQ(0U, ahead(0));
+    EXPECT_EQ(0U, ahead(-5));
+    EXPECT_EQ(sizes(0, 1), ahead(1));
+    EXPECT_EQ(sizes(0, 1), ahead(2000));
+    EXPECT_EQ(sizes(0, 2), ahead(2001));
+    EXPECT_EQ(sizes(0, 5), ahead(std::numeric_limits<int64_t>::max()));
+    int64_t ms = 6000;
+    EXPECT_EQ(OPAL_OK, reader->Seek(ms));
+    EXPECT_EQ(sizes(3, 5), ahead(60000));
+
+    MediaShape shape;
+    shape.kind = package::TrackKind::Subtitle;
+    MakeOpen(shape, OPAL_STREAM_SUBTITLE);
+    EXPECT_EQ(layout.headerSize, ahead(0));
+    size_t bytes = 0;
+    EXPECT_EQ(OPAL_OK, reader->GetBytesInFlight(bytes));
+    EXPECT_EQ(layout.headerSize, bytes);
+    const void* font = nullptr;
+    EXPECT_EQ(OPAL_OK, reader->GetFont(font, bytes));
+    ASSERT_EQ(2U, bytes);
+    EXPECT_EQ(7, *static_cast<const uint8_t*>(font));
+}
+
+TEST_F(StreamingReaderTest, TransferIsObservedAndCancelledWithoutItsLock) {
+    MakeOpen();
+    FakeRule rule = FakeRule::Hold();
+    rule.bytesFirst = 50;
+    rule.count = 1;
+    const uint64_t held = server->AddRule(rule);
+    auto download =
+        std::async(std::launch::async, [&] { return reader->DownloadNext(OPAL_PLAYRATE_ONEX); });
+    ASSERT_TRUE(server->WaitForHeld(held, 1, 10000));
+    auto observe = std::async(std::launch::async, [&] {
+        size_t inFlight = 0;
+        size_t ahead = 0;
+        IClusterIndex* index = nullptr;
+        EXPECT_EQ(OPAL_OK, reader->GetBytesInFlight(inFlight));
+        EXPECT_EQ(50U, inFlight);
+        EXPECT_EQ(OPAL_OK, reader->GetBytesAhead(1, ahead));
+        EXPECT_EQ(OPAL_OK, reader->GetClusterIndex(index));
+        EXPECT_EQ(STREAMING_READER_STOPPED, reader->GetState());
+        EXPECT_FALSE(reader->HasError());
+        EXPECT_EQ(OPAL_OK, reader->GetError());
+        EXPECT_EQ(OPAL_OK, reader->CancelTransfers());
+    });
+    const auto observed = observe.wait_for(std::chrono::seconds(10));
+    if (observed != std::future_status::ready)
+        server->Release(held);  // so that the test ends
+    EXPECT_EQ(std::future_status::ready, observed);
+    EXPECT_EQ(OPAL_ERROR_CANCELLED, download.get());
+
+    // The cancel holds until the reader is started or sought: no request meanwhile.
+    const size_t requests = server->Reads().size();
+    EXPECT_EQ(OPAL_ERROR_CANCELLED, reader->DownloadNext(OPAL_PLAYRATE_ONEX));
+    EXPECT_EQ(requests, server->Reads().size());
+    EXPECT_EQ(OPAL_OK, reader->Start());
+    EXPECT_EQ(OPAL_OK, reader->DownloadNext(OPAL_PLAYRATE_ONEX));
+    EXPECT_EQ(OPAL_OK, reader->CancelTransfers());
+    int64_t ms = 0;
+    EXPECT_EQ(OPAL_OK, reader->Seek(ms));
+    EXPECT_EQ(OPAL_OK, reader->DownloadNext(OPAL_PLAYRATE_ONEX));
+    EXPECT_THAT(reports.Lines().front(), testing::EndsWith(" 0"));
+}
+
+TEST_F(StreamingReaderTest, OpeningIsNotCancelledButAborted) {
+    Make();
+    for (const FakeRule::Kind kind : {FakeRule::Kind::Open, FakeRule::Kind::Read}) {
+        const uint64_t held = server->AddRule(FakeRule::Hold({}, kind));
+        auto opening = std::async(std::launch::async, [&] { return reader->Open(); });
+        ASSERT_TRUE(server->WaitForHeld(held, 1, 10000));
+        EXPECT_EQ(OPAL_OK, reader->CancelTransfers());
+        EXPECT_EQ(std::future_status::timeout, opening.wait_for(std::chrono::milliseconds(30)));
+        reader->AbortTransfers();
+        EXPECT_EQ(OPAL_ERROR_TERMINATED, opening.get());
+        EXPECT_EQ(OPAL_ERROR_TERMINATED, reader->Open());
+        EXPECT_EQ(STREAMING_READER_NOT_OPEN, reader->GetState());
+        server->Release(held);
+        EXPECT_EQ(OPAL_OK, reader->Finalize());
+        EXPECT_EQ(OPAL_OK, reader->Open());
+        EXPECT_EQ(OPAL_OK, reader->Finalize());
+        EXPECT_EQ(0U, server->OpenFiles());
+    }
+}
+
+TEST_F(StreamingReaderTest, StandAloneModeDownloadsOncePerWake) {
+    MakeOpen();
+    const auto clusters = [&] { return buffer->GetUsedBytes() / layout.clusters[0].size; };
+    ASSERT_EQ(OPAL_OK, reader->StartThread());
+    EXPECT_EQ(OPAL_ERROR_NOT_READY, reader->StartThread());
+    EXPECT_EQ(OPAL_OK, reader->Start());
+    EXPECT_TRUE(Eventually([&] { return clusters() == 1; }));
+    EXPECT_EQ(OPAL_OK, reader->StartDelayed(1));
+    EXPECT_TRUE(Eventually([&] { return clusters() == 2; }));
+    server->AddRule(FakeRule::Fail(OPAL_ERROR_HTTP_CLIENT));
+    EXPECT_EQ(OPAL_OK, reader->Start());
+    EXPECT_TRUE(Eventually([&] { return reader->GetError() == OPAL_ERROR_HTTP_CLIENT; }));
+    EXPECT_EQ(OPAL_OK, reader->Finalize());
+    EXPECT_EQ(STREAMING_READER_NOT_OPEN, reader->GetState());
+}
+
+}  // namespace
+}  // namespace opal::test
