@@ -73,10 +73,12 @@ const uint8_t* EBMLElement::GetNextChildStart(const EBMLElement& child) const {
     // Sizes stay below 2^56, so these sums hold in 64 bits; an address would not.
     const uint64_t offset =
         static_cast<uint64_t>(childHeader.data - header.data) + childHeader.size;
-    if (offset >= header.size || offset >= static_cast<uint64_t>(m_tree->GetRemaining(header.data)))
+    const auto remaining = static_cast<uint64_t>(m_tree->GetRemaining(header.data));
+    if (offset >= header.size || offset >= remaining)
         return nullptr;
     // Siblings tend to be about the same size, and to lie where the cache has not been yet.
-    __builtin_prefetch(header.data + offset + childHeader.size);
+    if (childHeader.size < remaining - offset)
+        __builtin_prefetch(header.data + offset + childHeader.size);
     return header.data + offset;
 }
 
