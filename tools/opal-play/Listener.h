@@ -9,10 +9,11 @@
 
 namespace opal::play {
 
-/// One callback of the library, or the end of the session's start.
+/// One callback of the library, or the end of a command.
 struct Notice {
     enum class Kind {
         Opened,
+        Failed,
         Play,
         Stop,
         Pause,

@@ -11,6 +11,7 @@ namespace opal::play {
 namespace {
 
 constexpr int kTurnMs = 20;
+constexpr const char* kLoggers[] = {"opal.StreamingController", "opal.BandwidthMonitor"};
 constexpr int64_t kKeyJumpMs = 10000;
 // The listener hears of the end up to half a second before the last picture.
 constexpr int64_t kTailQuietMs = 300;
@@ -44,10 +45,22 @@ Player::~Player() {
 int Player::Run() {
     CatchSignals(m_wake);
     SetUpTheSet(m_options);
+    m_appender = std::make_shared<MeterAppender>(m_meter);
+    for (const char* name : kLoggers)
+        getLogger(name)->setLevel(log4cxx::Level::getTrace());
     ListenToDiagnostics();
     m_controller.reset(NewStreamingController());
     m_controller->SetNotify(&m_listener);
-    m_opener = std::thread([this] { Open(); });
+    m_commands =
+        std::make_unique<Commands>([this](const Commands::Command& command, OPALError code) {
+            Notice notice;
+            notice.kind = command.name.empty() ? Notice::Kind::Opened : Notice::Kind::Failed;
+            notice.value = code;
+            notice.text = command.name;
+            if (command.name.empty() || code != OPAL_OK)
+                m_listener.Post(std::move(notice));
+        });
+    Submit("", [this] { return Open(); });
     while (!m_finished) {
         if (m_wake.Wait(m_keyboard.Fd(), kTurnMs)) {
             for (const KeyPress& press : m_keyboard.Read())
@@ -67,43 +80,38 @@ int Player::Run() {
 
 /// The figures of the network are in no operation of the library, but its loggers tell them.
 void Player::ListenToDiagnostics() {
-    m_appender = std::make_shared<MeterAppender>(m_meter);
-    for (const char* name : {"opal.StreamingController", "opal.BandwidthMonitor"}) {
-        const log4cxx::LoggerPtr logger = getLogger(name);
-        logger->addAppender(m_appender);
-        logger->setLevel(log4cxx::Level::getTrace());
+    for (const char* name : kLoggers) {
+        if (!getLogger(name)->isAttached(m_appender))
+            getLogger(name)->addAppender(m_appender);
     }
 }
 
-void Player::Open() {
-    OPALError code = OPAL_ERROR_TERMINATED;
-    if (!m_closing)
-        code = m_controller->InitializeFromSMILFile(m_options.url, m_options.country,
-                                                    m_options.language, Model(m_options));
-    if (code == OPAL_OK && !m_closing)
-        code =
-            m_options.startMs > 0 ? m_controller->Resume(m_options.startMs) : m_controller->Play();
-    m_openerDone = true;
-    Notice notice;
-    notice.kind = Notice::Kind::Opened;
-    notice.value = code;
-    m_listener.Post(std::move(notice));
+OPALError Player::Open() {
+    const OPALError code = m_controller->InitializeFromSMILFile(
+        m_options.url, m_options.country, m_options.language, Model(m_options));
+    if (code != OPAL_OK)
+        return code;
+    ListenToDiagnostics();  // a property file of the user's may have taken the loggers over
+    return m_options.startMs > 0 ? m_controller->Resume(m_options.startMs) : m_controller->Play();
+}
+
+void Player::Submit(const std::string& name, std::function<OPALError()> run, bool replaces) {
+    m_commands->Post({name, std::move(run), replaces});
 }
 
 void Player::Close() {
-    m_closing = true;
     m_pull.Stop();
-    if (m_controller) {
-        // Ends a start that still waits for the network; it may only be on its way there.
+    if (m_commands) {
+        // Finalize ends a command that still waits for the network; it may only be on its way
+        // there.
+        m_commands->Close();
         do {
             (void)m_controller->Finalize();
-            m_wake.Wait(-1, m_openerDone ? 0 : kTurnMs);
-        } while (!m_openerDone);
+        } while (!m_commands->WaitIdle(kTurnMs));
     }
-    if (m_opener.joinable())
-        m_opener.join();
+    m_commands.reset();
     m_controller.reset();
-    for (const char* name : {"opal.StreamingController", "opal.BandwidthMonitor"}) {
+    for (const char* name : kLoggers) {
         if (m_appender)
             getLogger(name)->removeAppender(m_appender);
     }
@@ -139,23 +147,18 @@ void Player::Fail(const std::string& text) {
     m_console.Error(m_options.url + ": " + text);
 }
 
-void Player::Require(OPALError code, const std::string& what) {
-    if (code != OPAL_OK)
-        Fail(what + ": " + ErrorText(code));
-}
-
 void Player::Handle(const Notice& notice) {
     using Kind = Notice::Kind;
     switch (notice.kind) {
         case Kind::Opened:
             return HandleOpened(static_cast<OPALError>(notice.value));
+        case Kind::Failed:
+            return Fail(notice.text + ": " + ErrorText(static_cast<OPALError>(notice.value)));
         case Kind::Play:
         case Kind::Rate:
             return HandlePlaying(static_cast<OPALPlayRate>(notice.value));
         case Kind::Pause:
-            // A trick rate tells of a pause before it starts.
-            if (m_state == State::Playing)
-                m_state = State::Paused;
+            m_state = State::Paused;
             m_pace.Interrupt();
             return;
         case Kind::Stop:
@@ -221,6 +224,7 @@ void Player::HandlePlaying(OPALPlayRate rate) {
     m_pull.SetSpeed(RateSpeed(rate));
     m_pace.Interrupt();
     m_positionAtMs = MonotonicMs();
+    m_picturesBefore = tvset::GetStatistics().framesShown;
     if (m_playedSinceMs < 0)
         m_playedSinceMs = m_positionAtMs;
 }
@@ -238,6 +242,8 @@ void Player::HandleLevel(const Notice& notice) {
 }
 
 void Player::HandlePosition(const Notice& notice) {
+    if (m_state != State::Playing && m_state != State::Trick)
+        return;  // of before a jump
     m_positionMs = notice.value;
     m_positionAtMs = MonotonicMs();
     if (notice.level < m_levels.size())
@@ -291,19 +297,20 @@ void Player::Perform(const Action& action) {
         case Kind::Rate:
             return SetRate(static_cast<OPALPlayRate>(action.value));
         case Kind::Pause:
-            m_snapshots.SetLive(false);
-            return Require(m_controller->Pause(), "pause");
+            return Submit("pause", [this] { return m_controller->Pause(); });
         case Kind::Play:
             m_state = State::Buffering;
-            return Require(m_controller->Play(), "play");
+            return Submit("play", [this] { return m_controller->Play(); });
         case Kind::Stop:
-            return Require(m_controller->Stop(), "stop");
+            return Submit("stop", [this] { return m_controller->Stop(); });
         case Kind::Audio:
-            return Require(m_controller->SetAudioTrack(static_cast<size_t>(action.value)),
-                           "audio track " + std::to_string(action.value));
+            return Submit("audio track " + std::to_string(action.value), [this, action] {
+                return m_controller->SetAudioTrack(static_cast<size_t>(action.value));
+            });
         case Kind::Subtitle:
-            return Require(m_controller->SetSubtitleTrack(static_cast<size_t>(action.value)),
-                           "subtitle track " + std::to_string(action.value));
+            return Submit("subtitle track " + std::to_string(action.value), [this, action] {
+                return m_controller->SetSubtitleTrack(static_cast<size_t>(action.value));
+            });
         case Kind::Snapshot:
             if (!m_snapshots.TakeNow(PositionMs(), error))
                 Fail(error);
@@ -321,25 +328,24 @@ void Player::PerformDueActions() {
 }
 
 void Player::SeekTo(int64_t positionMs) {
-    int64_t position = std::clamp<int64_t>(positionMs, 0, std::max<int64_t>(m_durationMs, 0));
-    m_snapshots.SetLive(false);
-    const OPALError code = m_controller->Seek(position);
-    if (code != OPAL_OK)
-        return Require(code, "seek to " + TimeText(positionMs));
-    Jumped(position, State::Buffering);
+    const int64_t wanted = std::clamp<int64_t>(positionMs, 0, std::max<int64_t>(m_durationMs, 0));
+    Jumped(wanted, State::Buffering);
+    const auto seek = [this, wanted] {
+        int64_t position = wanted;
+        return m_controller->Seek(position);
+    };
+    Submit("seek to " + TimeText(wanted), seek, true);
 }
 
 void Player::SetRate(OPALPlayRate rate) {
-    m_snapshots.SetLive(false);
-    const int64_t position = PositionMs();
-    const OPALError code = m_controller->SetPlayRate(rate);
-    if (code != OPAL_OK)
-        return Require(code, "rate " + RateText(rate));
-    Jumped(position, State::Buffering);
+    Jumped(PositionMs(), State::Buffering);
     m_rate = rate;
+    Submit("rate " + RateText(rate), [this, rate] { return m_controller->SetPlayRate(rate); });
 }
 
+/// The position is what was asked for until the library tells where it landed.
 void Player::Jumped(int64_t positionMs, State state) {
+    m_snapshots.SetLive(false);
     m_state = state;
     m_positionMs = positionMs;
     m_positionAtMs = MonotonicMs();
@@ -416,8 +422,14 @@ std::string Player::StateText() const {
     return "";
 }
 
-/// The library reports once a second; in between the position moves with the rate.
+/// The library reports once a second. At 1x the picture on the screen tells more exactly, once one
+/// came after the last jump; otherwise the position moves with the rate.
 int64_t Player::PositionMs() const {
+    if (m_state == State::Playing) {
+        const tvset::Statistics set = tvset::GetStatistics();
+        if (set.framesShown > m_picturesBefore)
+            return set.shownPts;
+    }
     if (m_state != State::Playing && m_state != State::Trick)
         return m_positionMs;
     const int64_t moved = (MonotonicMs() - m_positionAtMs) * RateSpeed(m_rate);

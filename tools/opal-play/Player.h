@@ -1,12 +1,11 @@
 #pragma once
 
-#include <atomic>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "StreamingController/IStreamingController.h"
+#include "opal-play/Commands.h"
 #include "opal-play/Console.h"
 #include "opal-play/Keyboard.h"
 #include "opal-play/Listener.h"
@@ -20,9 +19,9 @@ namespace opal::play {
 
 /// Plays one presentation as the command line says.
 ///
-/// Threading: Run is the main loop, and the only one that calls the library, but for the session's
-/// start, which has a thread of its own so that a signal or a time limit can end it, and the pull
-/// model's loop.
+/// Threading: Run is the main loop, the only thread that touches this object's state. It asks the
+/// library for figures and ends the session; what changes the session goes through m_commands, and
+/// the pull model has a loop of its own.
 class Player {
   public:
     /// `startedMs`: when the program started, on the monotonic clock. Throws std::runtime_error
@@ -37,7 +36,8 @@ class Player {
     enum class State { Opening, Buffering, Playing, Trick, Paused, Stopped, Ending };
 
     void ListenToDiagnostics();
-    void Open();
+    OPALError Open();
+    void Submit(const std::string& name, std::function<OPALError()> run, bool replaces = false);
     void Close();
     void Turn();
     void Finish(Outcome outcome);
@@ -61,7 +61,6 @@ class Player {
     void ShowProgress();
     void TakeSnapshots();
 
-    void Require(OPALError code, const std::string& what);
     void Fail(const std::string& text);
     std::string StateText() const;
     int64_t PositionMs() const;
@@ -78,12 +77,10 @@ class Player {
     const std::shared_ptr<NetworkMeter> m_meter = std::make_shared<NetworkMeter>();
     log4cxx::AppenderPtr m_appender;
     std::unique_ptr<IStreamingController> m_controller;
-    std::thread m_opener;
-    std::atomic<bool> m_closing{false};
-    std::atomic<bool> m_openerDone{false};
+    std::unique_ptr<Commands> m_commands;
 
     State m_state = State::Opening;
-    OPALPlayRate m_rate = OPAL_PLAYRATE_ONEX;
+    OPALPlayRate m_rate = OPAL_PLAYRATE_ONEX;  ///< asked for
     bool m_opened = false;
     bool m_finished = false;
     Outcome m_outcome = Outcome::Error;
@@ -94,6 +91,7 @@ class Player {
     int64_t m_durationMs = 0;
     int64_t m_positionMs = 0;    ///< last known ...
     int64_t m_positionAtMs = 0;  ///< ... at this time
+    uint64_t m_picturesBefore = 0;  ///< shown before playback last started
     Pace m_pace;
     size_t m_level = static_cast<size_t>(-1);
     std::vector<Level> m_levels;

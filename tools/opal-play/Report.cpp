@@ -1,5 +1,6 @@
 #include "opal-play/Report.h"
 
+#include <cmath>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -152,7 +153,7 @@ std::string SummaryJson(const Summary& summary) {
     json["positionMs"] = summary.positionMs;
     json["durationMs"] = summary.durationMs;
     json["realMs"] = summary.realMs;
-    json["pace"] = summary.pace;
+    json["pace"] = std::round(summary.pace * 1000) / 1000;
     json["framesDecoded"] = summary.framesDecoded;
     json["framesShown"] = summary.framesShown;
     json["framesDropped"] = summary.framesDropped;
