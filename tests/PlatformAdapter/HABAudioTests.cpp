@@ -8,6 +8,7 @@ namespace opal::test {
 namespace {
 
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 namespace control = tvset::control;
 
@@ -59,6 +60,16 @@ TEST_F(HABAudioTest, PrivateDataThatIsNotWholeIsNotRead) {
     m_session.Queue(0);
     ASSERT_EQ(1u, Entries("MM_CreateMediaItem").size());
     EXPECT_EQ(32000u, Word(Entries("MM_CreateMediaItem")[0].record, 124));
+}
+
+TEST_F(HABAudioTest, OfAnUnknownCodecThePlayerIsToldNothing) {
+    EXPECT_EQ(HAB_OK, HABAudio_Configure(m_session.audio, AUDIOCODECID_MP3, 44100, 2,
+                                         kStereoConfig.data(), kStereoConfig.size(), true));
+    EXPECT_THAT(TakePrinted(), EndsWith("codecID xxx -- no implement\n"));
+    EXPECT_EQ(HAB_OK, m_session.Queue(0));
+    ASSERT_EQ(1u, Entries("MM_CreateMediaItem").size());
+    EXPECT_EQ(0u, Word(Entries("MM_CreateMediaItem")[0].record, 124));
+    EXPECT_EQ(UINT32_MAX, Word(Entries("MM_CreateMediaItem")[0].record, 160));
 }
 
 TEST_F(HABAudioTest, StaysOneSecondAheadOfVideoAndSkipsOldFrames) {

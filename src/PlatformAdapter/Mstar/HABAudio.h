@@ -23,7 +23,8 @@ int HABAudio_New(HABAudio** phHABAudio, HHABARCH hArch, HHABTIMER hTimer);
 int HABAudio_Delete(HHABAUDIO hHABAudio);
 /// The first configuration lets video start. Once the player has its media item, a track change.
 /// Rate and channels come from the AudioSpecificConfig in `codecPrivate` where it is whole, else
-/// from the arguments.
+/// from the arguments. The player is told of no codec but AAC; others are not refused,
+/// deliberately.
 int HABAudio_Configure(HHABAUDIO hHABAudio, const std::string& codecId, uint32_t sampleRate,
                        uint32_t channels, const uint8_t* codecPrivate, size_t codecPrivateSize,
                        bool first);

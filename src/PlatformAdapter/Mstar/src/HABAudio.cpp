@@ -78,8 +78,10 @@ void PrintNoConfig(size_t size) {
 
 void ConfigureFirst(const std::string& codecId, uint32_t sampleRate, const uint8_t* config,
                     size_t configSize) {
-    if (codecId != AUDIOCODECID_AAC)
+    if (codecId != AUDIOCODECID_AAC) {
         std::printf("codecID xxx -- no implement\n");
+        return;
+    }
     if (IsWholeConfig(config, configSize)) {
         const StreamFormat format = ReadConfig(config, configSize);
         (void)KMTPlayer_SetAudioSampleRate(static_cast<int>(format.sampleRate));
