@@ -59,7 +59,7 @@ class HTTPFile : public IHTTPFile {
     OPALError DownloadRequest_Unlocked(Lock& lock);
     void Reset_Unlocked();
     void Close_Unlocked();
-    bool IsEnding() const;
+    OPALError EndingResult() const;
     void RunWorker();
     void ServeQueue();
 

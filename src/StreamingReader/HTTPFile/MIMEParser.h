@@ -15,6 +15,8 @@
 /// behind it has arrived.
 ///
 /// Deliberate: an empty line within a body yields one part more, from there to the same boundary.
+/// So does one that an empty body, or one that ends with a line end, forms with the boundary behind
+/// it, up to the boundary after that; unless the reply was parsed between the two boundaries.
 ///
 /// Call AddData, GetPartCount, then GetNextPart that many times: a later parse forgets the parts
 /// that were not fetched. The work is linear in the reply, however it is cut and whatever it holds.

@@ -55,8 +55,8 @@ OPALError HTTPFile::Open(const std::string& location) {
     Lock lock(mutex);
     if (curl)
         return OPAL_ERROR_NOT_READY;
-    if (m_aborted)
-        return OPAL_ERROR_CANCELLED;
+    if (const OPALError ending = EndingResult())
+        return ending;
     curl = NewHandle();
     if (!curl)
         return OPAL_ERROR_GENERAL;
@@ -92,10 +92,8 @@ OPALError HTTPFile::OpenRemote_Unlocked() {
     if (result != OPAL_OK)
         return result;
     lastCurlCode = curl_easy_perform(curl);
-    if (m_aborted)
-        return OPAL_ERROR_CANCELLED;
-    if (m_closers > 0)
-        return OPAL_ERROR_TERMINATED;
+    if (const OPALError ending = EndingResult())
+        return ending;
     if (lastCurlCode != CURLE_OK)
         return MapError_Unlocked(lastCurlCode);
     const char* address = nullptr;
@@ -188,11 +186,14 @@ int HTTPFile::OnProgress(void* user, curl_off_t, curl_off_t now, curl_off_t, cur
     boost::lock_guard<boost::mutex> lock(file.progressMutex);
     file.bytesInFlight =
         static_cast<int32_t>(std::min<curl_off_t>(now, std::numeric_limits<int32_t>::max()));
-    return file.cancelInFlight || file.IsEnding() ? -1 : 0;
+    return file.cancelInFlight || file.EndingResult() != OPAL_OK ? -1 : 0;
 }
 
-bool HTTPFile::IsEnding() const {
-    return m_aborted || m_closers > 0;
+/// Why nothing may run now, or 0.
+OPALError HTTPFile::EndingResult() const {
+    if (m_closers > 0)
+        return OPAL_ERROR_TERMINATED;
+    return m_aborted ? OPAL_ERROR_CANCELLED : OPAL_OK;
 }
 
 OPALError HTTPFile::CheckStatus_Unlocked() const {
@@ -200,8 +201,9 @@ OPALError HTTPFile::CheckStatus_Unlocked() const {
         return OPAL_ERROR_NOT_READY;
     if (closing)
         return OPAL_ERROR_TERMINATED;
-    if (m_aborted)
-        return OPAL_ERROR_CANCELLED;
+    // A Close may have ended the transfer and not have set `closing` yet.
+    if (const OPALError ending = EndingResult())
+        return ending;
     return MapError_Unlocked(lastCurlCode);
 }
 
