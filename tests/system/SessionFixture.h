@@ -1,0 +1,105 @@
+#pragma once
+
+#include <gmock/gmock.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
+#include "StreamingController/StreamingController.h"
+#include "TvSet.h"
+#include "opal-origin/Origin.h"
+#include "opal-package/MatroskaWriter.h"
+#include "opal-simulate/Recording.h"
+#include "support/RecordingListener.h"
+#include "support/ScaledClock.h"
+
+namespace opal::test {
+
+/// How much faster than real time sessions run here: the library's clock and the set's.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr int kSpeed = 5;
+#else
+constexpr int kSpeed = 10;
+#endif
+
+/// A presentation of synthetic blocks that the pass-through set shows undecoded.
+struct Presentation {
+    std::vector<int> levelKbps = {500};
+    int audioTracks = 1;
+    bool trick = false;
+    int clusters = 5;         ///< of two seconds
+    int blocksPerSecond = 5;  ///< video
+    int audioKbps = 32;
+};
+
+/// One block, as far as tests compare them.
+struct SeenBlock {
+    int64_t timeMs;
+    uint32_t size;
+    uint32_t crc;
+
+    bool operator==(const SeenBlock& other) const {
+        return timeMs == other.timeMs && size == other.size && crc == other.crc;
+    }
+};
+
+/// The production controller with its decisions recorded.
+class RecordedController : public StreamingController {
+  public:
+    ~RecordedController() override { (void)Finalize(); }
+    std::shared_ptr<simulate::Recording> recording = std::make_shared<simulate::Recording>();
+
+  protected:
+    IStreamSwitchingController* NewSwitchingController() override {
+        return new simulate::RecordingSwitchingController(
+            StreamingController::NewSwitchingController(), recording);
+    }
+};
+
+/// The whole library over a loopback origin, on the set in pass-through mode.
+class SessionFixture : public testing::Test {
+  protected:
+    SessionFixture();
+    ~SessionFixture() override;
+
+    /// Builds the files; the manifest is served at Manifest().
+    void Serve(const Presentation& presentation);
+    std::string Manifest() const { return m_origin.Url("film.smil"); }
+    /// What the manifest says when it is fetched from `baseUrl`.
+    std::string ManifestText(const std::string& baseUrl) const;
+    OPALError Initialize(OPALWriterModel model = OPAL_WRITER_MODEL_PUSH);
+    /// Initialises, plays and waits until playback has started.
+    void StartPlaying(const Presentation& presentation);
+
+    /// False if the condition has not come true within twenty seconds of real time.
+    [[nodiscard]] static bool Eventually(const std::function<bool()>& condition);
+    [[nodiscard]] bool WaitForPosition(int64_t ms);
+    /// Real time, milliseconds, that Finalize takes.
+    int64_t FinalizeMs();
+
+    /// Access units that reached the set since the journal began, as the journal has them.
+    static std::vector<SeenBlock> Pushed(uint32_t streamType);
+    /// What the set must get of a file: blocks with start codes in place of lengths for video.
+    std::vector<SeenBlock> ExpectedBlocks(const std::string& file) const;
+    /// Ranges of clusters asked for, in order: "level1/3" for cluster 3 of level 1.
+    std::vector<std::string> ClusterRequests() const;
+
+    ScaledClock m_clock{kSpeed};
+    origin::Origin m_origin;
+    RecordingListener m_listener;
+    std::unique_ptr<RecordedController> m_player;
+    std::map<std::string, package::BuiltFile> m_files;
+    std::map<std::string, std::vector<package::Cluster>> m_media;
+    Presentation m_presentation;
+
+  private:
+    void AddFile(const std::string& name, const package::TrackDescription& track,
+                 std::vector<package::Cluster> clusters);
+};
+
+}  // namespace opal::test
