@@ -147,6 +147,23 @@ TEST_F(ReadersTest, OneClusterPerWakeAndWakesOfATransferCountOnce) {
     EXPECT_TRUE(Eventually([&] { return buffer->GetBufferedDuration() == 6000; }));
 }
 
+TEST_F(ReadersTest, StartInACancelledTransferFetchesTheClusterAgain) {
+    const auto layout = ServeLevel("http://host/0");
+    ASSERT_EQ(OPAL_OK, InitVideo());
+    server->ClearLog();
+    FakeRule restart;
+    restart.count = 1;
+    restart.action = [&] {
+        EXPECT_EQ(OPAL_OK, readers.CancelVideo());
+        EXPECT_EQ(OPAL_OK, readers.StartVideo());
+    };
+    server->AddRule(restart);
+    EXPECT_EQ(OPAL_OK, readers.StartVideo());
+    EXPECT_TRUE(Eventually([&] { return buffer->GetBufferedDuration() == 2000; }));
+    const std::string first = RangeOf(layout.clusters[0]);
+    EXPECT_THAT(server->Reads(), ElementsAre(first, first));
+}
+
 TEST_F(ReadersTest, FullBufferIsPolledWithoutAWake) {
     ServeLevel("http://host/0");
     buffer->SetMaxDuration(2000);
@@ -242,18 +259,15 @@ TEST_F(ReadersTest, FinalizeEndsWhateverRuns) {
 
 TEST_F(ReadersTest, StreamThatIsLeftIsStopped) {
     ServeLevel("http://host/0");
-    const auto layout = ServeLevel("http://host/1");
+    ServeLevel("http://host/1");
     ASSERT_EQ(OPAL_OK, InitVideo(1));
     EXPECT_EQ(OPAL_OK, readers.StartVideo());
     EXPECT_TRUE(Eventually([&] { return buffer->GetBufferedDuration() == 2000; }));
     EXPECT_EQ(OPAL_OK, readers.SetVideoStream(0));
-    server->ClearLog();
     EXPECT_EQ(OPAL_OK, readers.SetVideoStream(1));
-    int64_t ms = 8000;
-    EXPECT_EQ(OPAL_OK, readers.SeekVideo(ms));
-    EXPECT_EQ(OPAL_OK, readers.StartVideo());
-    EXPECT_TRUE(Eventually([&] { return buffer->GetBufferedDuration() == 4000; }));
-    EXPECT_THAT(server->Reads(), ElementsAre(RangeOf(layout.clusters[4])));
+    int state = 0;
+    EXPECT_EQ(OPAL_OK, readers.GetVideoState(state));
+    EXPECT_EQ(STREAMING_READER_STOPPED, state);
 }
 
 TEST_F(ReadersTest, SubtitlesOpenInTheBackgroundAndRecover) {
@@ -290,6 +304,10 @@ TEST_F(ReadersTest, SubtitlesOpenInTheBackgroundAndRecover) {
     EXPECT_EQ(OPAL_OK, readers.StopAll());
     EXPECT_EQ(OPAL_OK, InitSubtitle(1));
     EXPECT_TRUE(Eventually([&] { return SubtitleState() == STREAMING_READER_STOPPED; }));
+    const uint64_t stalled = server->AddRule(FakeRule::Hold("http://host/s1"));
+    EXPECT_EQ(OPAL_OK, readers.StartSubtitle());
+    ASSERT_TRUE(server->WaitForHeld(stalled, 1, 10000));
+    EXPECT_EQ(OPAL_OK, Promptly([&] { return readers.FinalizeSubtitle(); }));
 }
 
 TEST_F(ReadersTest, OperationsFromManyThreadsAndShutdownAtAnyTime) {

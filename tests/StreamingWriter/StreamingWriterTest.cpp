@@ -121,7 +121,7 @@ TEST_F(StreamingWriterTest, RefusedBlockIsOfferedAgainAndNoneIsLost) {
         EXPECT_EQ(before, sink.BlockCount());
         EXPECT_EQ(OPAL_OK, writer->WriteBlocks());
     }
-    EXPECT_THAT(Times(), ElementsAre(0, 500, 1000, 1500));
+    ASSERT_THAT(Times(), ElementsAre(0, 500, 1000, 1500));
     EXPECT_EQ(100U, sink.Blocks()[0].data.size());  // the padding is the sink's, not the block's
     EXPECT_EQ(3, sink.Blocks()[3].data[99]);
 }
@@ -144,12 +144,20 @@ TEST_F(StreamingWriterTest, RoundOfAudioSpansThirtyMilliseconds) {
 TEST_F(StreamingWriterTest, ClustersOfTheDiscardedLevelAreDropped) {
     PutMedia({}, {1, 1, 2, 1});
     Make(OPAL_STREAM_SUBTITLE);
+    sink.SetBufferedDurationMs(0);
     EXPECT_EQ(OPAL_OK, writer->SetDiscardLevel(1));
     EXPECT_EQ(OPAL_ERROR_NOT_YET, writer->WriteBlocks());
     EXPECT_EQ(OPAL_ERROR_NOT_YET, writer->WriteBlocks());
     EXPECT_EQ(OPAL_ERROR_END_OF_DATA, Drain());
     EXPECT_THAT(Times(), ElementsAre(4000, 4500, 5000, 5500, 6000, 6500, 7000, 7500));
     EXPECT_EQ(2U + 9U, sink.Calls(Op::Refresh));
+
+    EXPECT_EQ(OPAL_OK, writer->Flush());
+    EXPECT_EQ(OPAL_OK, writer->SetDiscardLevel(1));
+    PutMedia({}, {1});  // the stream's last: dropped all the same, and no end of data reached
+    EXPECT_EQ(OPAL_ERROR_NOT_YET, writer->WriteBlocks());
+    EXPECT_EQ(OPAL_ERROR_NOT_YET, writer->WriteBlocks());
+    EXPECT_TRUE(writer->IsEndOfStream());
 }
 
 TEST_F(StreamingWriterTest, LevelOnTheScreenFollowsTheTime) {
