@@ -248,21 +248,18 @@ class StreamingController : public IStreamingController {
     void GetProbeProperties(size_t& initSize, int64_t& duration, std::string& uri);
     size_t LevelFromSwitching();
     bool LoadAlgorithmConfigFile();
-    /// Puts an object in place under the accessors' eyes, and interrupts it at once if the session
-    /// is already being finalised.
+    /// Puts an object in place under the accessors' eyes.
     template <typename T>
     void Publish(boost::scoped_ptr<T>& slot, T* object) {
-        {
-            boost::unique_lock<boost::shared_mutex> lock(m_objectsMutex);
-            slot.reset(object);
-        }
-        if (m_finalizing != 0)
-            Interrupt();
+        boost::unique_lock<boost::shared_mutex> lock(m_objectsMutex);
+        slot.reset(object);
     }
 
     // Shutdown.cpp
     bool IsInCallback() const;
     void Interrupt();
+    template <typename Mutex>
+    boost::unique_lock<Mutex> LockInterrupting(Mutex& mutex);
     void EndPreviousSession();
     void EndLoop();
     void StopLogSender();
@@ -320,6 +317,10 @@ class StreamingController : public IStreamingController {
     OPALError OpenFirstAudioTrack(bool tolerateUnsupported);
     OPALError StartPlayback();
     OPALError StartReaders();
+    bool IsSubtitleStreamOpening();
+    OPALError StopReaders();
+    OPALError CancelReaders();
+    OPALError SeekReaders(int64_t& positionMs);
     OPALError StartWriters();
     OPALError PauseWriters();
     OPALError DoSwitchLevel();

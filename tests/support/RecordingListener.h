@@ -40,8 +40,8 @@ class RecordingListener : public IStreamingControllerNotify {
     void OnUnderflow() override { Add("OnUnderflow"); }
     void OnVideoLevelChanged(size_t levelCount, const VideoLevelChange& from,
                              const VideoLevelChange& to) override {
-        Add("OnVideoLevelChanged " + std::to_string(levelCount) + " " +
-            std::to_string(from.index) + " " + std::to_string(to.index));
+        Add("OnVideoLevelChanged " + std::to_string(levelCount) + " " + std::to_string(from.index) +
+            " " + std::to_string(to.index));
     }
     void OnPosition(int64_t positionMs, size_t level) override {
         std::lock_guard<std::mutex> lock(m_mutex);

@@ -238,7 +238,7 @@ OPALError StreamingController::HandlePaused(LoopState& state) {
 // A stop also lets nothing start a reader that is still queued, or comes from a transfer that was
 // running; but a start that the application asked for after it holds.
 OPALError StreamingController::HandleStop(LoopState& state) {
-    OPALError code = ForgiveSubtitles(m_pReaders->StopAll());
+    OPALError code = StopReaders();
     if (m_subtitlesOn) {
         const OPALError subtitle = ForgiveSubtitles(m_pReaders->StopSubtitle());
         code = code != OPAL_OK ? code : subtitle;

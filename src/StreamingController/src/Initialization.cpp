@@ -229,8 +229,6 @@ class StreamingController::FetchingScope {
 
 OPALError StreamingController::FetchManifest(ISMILParser& parser, const std::string& url) {
     const FetchingScope fetching(*this, parser);
-    if (m_finalizing != 0)
-        Interrupt();
     return parser.ParseSMILFile(url);
 }
 
@@ -317,8 +315,6 @@ OPALError StreamingController::CreateRuntimeHandles() {
         boost::unique_lock<boost::shared_mutex> lock(m_objectsMutex);
         m_hArch = hArch;
     }
-    if (m_finalizing != 0)
-        Interrupt();
     if (HABTimer_New(&m_hTimer, m_hArch, kSessionTimerKind) != HAB_OK ||
         HABTimer_Start(m_hTimer) != HAB_OK || HABTimer_SetTime(m_hTimer, 0) != HAB_OK)
         return OPAL_ERROR_GENERAL;

@@ -5,6 +5,7 @@
 #include "SMILParser/ISMILParser.h"
 #include "StreamingController/StreamingController.h"
 #include "StreamingDemux/EBML/IClusterBuffer.h"
+#include "StreamingReader/IStreamingReader.h"
 #include "StreamingReader/Readers.h"
 #include "StreamingWriter/IStreamingWriter.h"
 
@@ -139,11 +140,43 @@ OPALError StreamingController::StartPlayback() {
     return OPAL_OK;
 }
 
+// A subtitle stream that is switched off, or still being prepared, is not to fetch anything.
 OPALError StreamingController::StartReaders() {
-    const OPALError code = ForgiveSubtitles(m_pReaders->StartAll());
-    if (code != OPAL_OK || !m_subtitlesOn)
-        return code;
-    return ForgiveSubtitles(m_pReaders->StartSubtitle());
+    if (m_subtitlesOn)
+        return ForgiveSubtitles(m_pReaders->StartAll());
+    const OPALError code = m_pReaders->StartAudio();
+    return code == OPAL_OK ? m_pReaders->StartVideo() : code;
+}
+
+// While a subtitle stream opens, which takes as long as the network takes, nothing of it can be
+// reached; it stands stopped, and is brought to the position of that moment when it is ready. So
+// the operations on all streams leave it out.
+bool StreamingController::IsSubtitleStreamOpening() {
+    int state = STREAMING_READER_ERROR;
+    return m_pReaders->GetSubtitleStreamCount() != 0 &&
+           m_pReaders->GetSubtitleState(state) == OPAL_OK && state == STREAMING_READER_NOT_OPEN;
+}
+
+OPALError StreamingController::StopReaders() {
+    if (!IsSubtitleStreamOpening())
+        return ForgiveSubtitles(m_pReaders->StopAll());
+    const OPALError code = m_pReaders->StopAudio();
+    return code == OPAL_OK ? m_pReaders->StopVideo() : code;
+}
+
+OPALError StreamingController::CancelReaders() {
+    if (!IsSubtitleStreamOpening())
+        return ForgiveSubtitles(m_pReaders->CancelAll());
+    const OPALError code = m_pReaders->CancelAudio();
+    return code == OPAL_OK ? m_pReaders->CancelVideo() : code;
+}
+
+OPALError StreamingController::SeekReaders(int64_t& positionMs) {
+    if (!IsSubtitleStreamOpening())
+        return ForgiveSubtitles(m_pReaders->SeekAll(positionMs));
+    int64_t audioPosition = positionMs;
+    const OPALError code = m_pReaders->SeekAudio(audioPosition);
+    return code == OPAL_OK ? m_pReaders->SeekVideo(positionMs) : code;
 }
 
 // Operations on all streams take subtitles last, so when they fail with the stored error of a
@@ -222,9 +255,9 @@ OPALError StreamingController::StopStreamsForJump(int64_t& position) {
     if (code == OPAL_OK && m_pSubtitleWriter && m_subtitlesOn)
         code = StopSubtitlesForJump();
     if (code == OPAL_OK)
-        code = ForgiveSubtitles(m_pReaders->StopAll());
+        code = StopReaders();
     if (code == OPAL_OK)
-        code = ForgiveSubtitles(m_pReaders->CancelAll());
+        code = CancelReaders();
     if (code == OPAL_OK)
         code = m_pVideoBuffer->Clear();
     if (code == OPAL_OK && m_pAudioWriter) {
@@ -276,7 +309,7 @@ OPALError StreamingController::DoStopTrickPlay() {
         code = m_pReaders->SetVideoStream(LevelFromSwitching());
     int64_t videoPosition = position;
     if (code == OPAL_OK)
-        code = ForgiveSubtitles(m_pReaders->SeekAll(videoPosition));
+        code = SeekReaders(videoPosition);
     if (code == OPAL_OK && m_subtitlesOn) {
         code = ForgiveSubtitles(m_pReaders->SeekSubtitle(position));
         if (code == OPAL_OK)
@@ -287,7 +320,7 @@ OPALError StreamingController::DoStopTrickPlay() {
     if (code != OPAL_OK)
         return code;
     ArmBuffering(true, true, false);
-    return ForgiveSubtitles(m_pReaders->StartAll());
+    return StartReaders();
 }
 
 OPALError StreamingController::SeekInternal(int64_t& positionMs) {
@@ -316,9 +349,9 @@ OPALError StreamingController::SeekInternal(int64_t& positionMs) {
 }
 
 OPALError StreamingController::FlushForSeek() {
-    OPALError code = ForgiveSubtitles(m_pReaders->CancelAll());
+    OPALError code = CancelReaders();
     if (code == OPAL_OK)
-        code = ForgiveSubtitles(m_pReaders->StopAll());
+        code = StopReaders();
     if (code == OPAL_OK)
         code = PauseWriters();
     if (code == OPAL_OK)
@@ -342,7 +375,7 @@ OPALError StreamingController::FlushForSeek() {
 }
 
 OPALError StreamingController::MoveReaders(int64_t& positionMs) {
-    OPALError code = ForgiveSubtitles(m_pReaders->SeekAll(positionMs));
+    OPALError code = SeekReaders(positionMs);
     if (code != OPAL_OK)
         return code;
     if (HABTimer_SetTime(m_hTimer, static_cast<uint32_t>(positionMs)) != HAB_OK)
@@ -359,5 +392,5 @@ OPALError StreamingController::MoveReaders(int64_t& positionMs) {
         code = m_pReaders->StartVideo();
     if (code == OPAL_OK)
         code = m_pReaders->StartAudio();
-    return code == OPAL_OK ? ForgiveSubtitles(m_pReaders->StartSubtitle()) : code;
+    return code == OPAL_OK && m_subtitlesOn ? ForgiveSubtitles(m_pReaders->StartSubtitle()) : code;
 }

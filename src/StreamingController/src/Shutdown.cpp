@@ -1,3 +1,4 @@
+#include "Common/Clock.h"
 #include "Common/logging/ILogEventSender.h"
 #include "Common/logging/LogEvent.h"
 #include "Common/logging/LogServer.h"
@@ -13,6 +14,8 @@
 
 namespace {
 
+constexpr int64_t kInterruptPeriodMs = 10;
+
 OPALError FlushSink(IPlatform* sink) {
     return sink ? sink->Flush() : OPAL_OK;
 }
@@ -24,19 +27,30 @@ bool StreamingController::IsInCallback() const {
 }
 
 // Finalize waits for threads, and three things could make them wait in turn: a transfer, the set
-// (a refused payload, a text on the screen), and m_mutex, held by an operation that waits for one
-// of the first two. So those are ended first, without m_mutex; a started Initialize... ends soon
-// too, since whatever it creates from now on is interrupted as well.
+// (a refused payload, a text on the screen), and a lock, held by an operation that waits for one of
+// the first two. So those are ended first, without a lock, and again as long as it waits, since a
+// running operation may begin another transfer.
 OPALError StreamingController::Finalize() {
     if (IsInCallback())
         return OPAL_ERROR_GENERAL;  // it would wait for its own thread
     FinalizingScope finalizing(m_finalizing);
     Interrupt();
-    boost::lock_guard<boost::mutex> lifecycle(m_lifecycleMutex);
+    const auto lifecycle = LockInterrupting(m_lifecycleMutex);
     EndLoop();
     StopLogSender();
     Lock lock(m_mutex);
     return TearDown(false);
+}
+
+template <typename Mutex>
+boost::unique_lock<Mutex> StreamingController::LockInterrupting(Mutex& mutex) {
+    boost::unique_lock<Mutex> lock(mutex, boost::try_to_lock);
+    while (!lock.owns_lock()) {
+        opal::SleepMs(kInterruptPeriodMs);
+        Interrupt();
+        lock.try_lock();
+    }
+    return lock;
 }
 
 void StreamingController::Interrupt() {
@@ -64,9 +78,13 @@ void StreamingController::EndPreviousSession() {
 }
 
 void StreamingController::EndLoop() {
-    (void)Terminate(OPAL_ERROR_TERMINATED);
-    if (m_thread.joinable())
-        m_thread.join();
+    {
+        const auto lock = LockInterrupting(m_mutex);
+        (void)Terminate(OPAL_ERROR_TERMINATED);
+    }
+    const boost::posix_time::milliseconds period(kInterruptPeriodMs);
+    while (m_thread.joinable() && !m_thread.timed_join(period))
+        Interrupt();
 }
 
 void StreamingController::StopLogSender() {

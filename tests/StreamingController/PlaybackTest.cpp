@@ -1,0 +1,431 @@
+#include <limits>
+
+#include "StreamingController/ControllerFixture.h"
+
+namespace opal::test {
+namespace {
+
+using testing::AllOf;
+using testing::Contains;
+using testing::Each;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Lt;
+
+class PlaybackTest : public ControllerFixture {};
+
+/// Everything of a film from block `first` on, four blocks of 500 ms a cluster.
+std::vector<int64_t> TimesFrom(int64_t first, size_t count) {
+    std::vector<int64_t> times;
+    for (size_t i = 0; i < count; ++i)
+        times.push_back(first + static_cast<int64_t>(i) * 500);
+    return times;
+}
+
+TEST_F(PlaybackTest, PlaybackStartsWhenBothBuffersAreReady) {
+    Start({});
+    const uint64_t held = server->AddRule([] {
+        FakeRule rule = FakeRule::Hold(Url("a0"), FakeRule::Kind::Read);
+        rule.skip = 3;  // header and index
+        rule.bytesFirst = 100;
+        return rule;
+    }());
+    ASSERT_EQ(OPAL_OK, controller->Play());
+    ASSERT_TRUE(UntilHeld(held));
+    ASSERT_TRUE(Until(
+        [&] { return !listener.Progress().empty() && controller->switching->IsVideoBuffered(); }));
+    Turns(10);
+    EXPECT_THAT(listener.Lines(), IsEmpty());
+    EXPECT_THAT(listener.Progress(), Each(Lt(100u)));
+    server->Release(held);
+    ASSERT_TRUE(UntilEvent("OnPlay 1 0 -1"));
+    EXPECT_THAT(listener.Lines(), ElementsAre("OnPlay 1 0 -1"));
+    EXPECT_EQ(100u, listener.Progress().back());
+    EXPECT_FALSE(controller->video->IsPaused());
+    EXPECT_FALSE(controller->audio->IsPaused());
+    // Both sinks are started once more in the turn of the start.
+    EXPECT_THAT(journal.Lines(), ElementsAre("video Initialize", "audio Initialize",
+                                             "video SetPaused false", "audio SetPaused false",
+                                             "video SetPaused false", "audio SetPaused false"));
+    ASSERT_TRUE(Until([&] { return controller->video->BlockCount() == 24; }));
+    EXPECT_EQ(TimesFrom(0, 24), Times(*controller->video));
+}
+
+TEST_F(PlaybackTest, PauseAndPlayNeedNoBuffering) {
+    StartPlaying({});
+    ASSERT_EQ(OPAL_OK, controller->Pause());
+    EXPECT_TRUE(controller->video->IsPaused());
+    EXPECT_EQ(StreamingController::CONTROLLER_PAUSED, controller->GetState());
+    Turns(3);
+    ASSERT_EQ(OPAL_OK, controller->Play());
+    ASSERT_TRUE(UntilEvent("OnPlay 1 0 -1"));
+    EXPECT_THAT(listener.Lines(), ElementsAre("OnPause", "OnPlay 1 0 -1"));
+    EXPECT_THAT(listener.Progress(), IsEmpty());
+    Forget();
+    // A pause that comes before the start was handled: the start still happens, and the writers
+    // run.
+    ASSERT_EQ(OPAL_OK, controller->Play());
+    ASSERT_EQ(OPAL_OK, controller->Pause());
+    ASSERT_TRUE(UntilEvent("OnPause"));
+    EXPECT_THAT(listener.Lines(), ElementsAre("OnPlay 1 0 -1", "OnPause"));
+    EXPECT_EQ("audio SetPaused false", journal.Lines().back());
+    Forget();
+    ASSERT_EQ(OPAL_OK, controller->SetPlayRate(OPAL_PLAYRATE_ONEX));  // as a resume
+    EXPECT_TRUE(UntilEvent("OnPlay 1 0 -1"));
+}
+
+TEST_F(PlaybackTest, SeekRestartsAtAClusterWithoutAStaleByte) {
+    FilmShape film;
+    film.clusters = 60;
+    Start(film);
+    controller->switching->maxBuffer = 8000;
+    ASSERT_EQ(OPAL_OK, controller->Play());
+    ASSERT_TRUE(UntilEvent("OnPlay 1 0 -1"));
+    controller->video->AcceptBlocks(0);
+    Forget();
+    server->ClearLog();
+    int64_t position = 101300;
+    ASSERT_EQ(OPAL_OK, controller->Seek(position));
+    EXPECT_EQ(100000, position);
+    EXPECT_THAT(journal.Lines(), ElementsAre("video SetPaused true", "audio SetPaused true",
+                                             "video Flush", "audio Flush"));
+    EXPECT_EQ(1, controller->switching->restarts[OPAL_STREAM_VIDEO]);
+    EXPECT_EQ(1, controller->switching->restarts[OPAL_STREAM_AUDIO]);
+    EXPECT_EQ(1, controller->switching->restarts[OPAL_STREAM_SUBTITLE]);
+    const size_t before = controller->video->BlockCount();
+    controller->video->AcceptBlocks(FakePlatform::kAlways);
+    ASSERT_TRUE(UntilEvent("OnPlay 1 0 -1"));
+    ASSERT_TRUE(Until([&] { return controller->video->BlockCount() > before; }));
+    EXPECT_EQ(100000, Times(*controller->video)[before]);
+    EXPECT_TRUE(HasRead("a0", 50));
+    EXPECT_THAT(listener.Lines(), ElementsAre("OnPlay 1 0 -1"));
+    EXPECT_EQ(100u, listener.Progress().back());
+}
+
+TEST_F(PlaybackTest, SeeksAtTheEdges) {
+    StartPlaying({});
+    int64_t position = -1;
+    EXPECT_EQ(OPAL_ERROR_INVALID_ARGUMENT, controller->Seek(position));
+    EXPECT_EQ(OPAL_ERROR_INVALID_ARGUMENT, controller->Resume(-1));
+    EXPECT_THAT(journal.Lines(), IsEmpty());
+    Turns(3);
+    EXPECT_THAT(listener.Lines(), IsEmpty());
+
+    position = std::numeric_limits<int64_t>::max();
+    ASSERT_EQ(OPAL_OK, controller->Seek(position));
+    EXPECT_EQ(10000, position);
+    controller->video->SetBufferedDurationMs(0);
+    ASSERT_TRUE(UntilEvent("OnEndOfStream"));
+    EXPECT_THAT(listener.Lines(), ElementsAre("OnPlay 1 0 -1", "OnEndOfStream"));
+
+    ASSERT_EQ(OPAL_OK, controller->Resume(0));  // the film again, from its start
+    EXPECT_TRUE(Until([&] { return listener.Count("OnPlay 1 0 -1") == 2; }));
+}
+
+TEST_F(PlaybackTest, SeekEndsAStalledTransfer) {
+    StartPlaying({});
+    FakeRule rule = FakeRule::Hold(Url("v0"), FakeRule::Kind::Read);
+    rule.count = 1;
+    const uint64_t held = server->AddRule(rule);
+    int64_t position = 0;
+    ASSERT_EQ(OPAL_OK, controller->Seek(position));
+    ASSERT_TRUE(UntilHeld(held));
+    const auto before = std::chrono::steady_clock::now();
+    position = 5000;
+    ASSERT_EQ(OPAL_OK, controller->Seek(position));
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(1500));
+    EXPECT_EQ(4000, position);
+    ASSERT_TRUE(UntilEvent("OnPlay 1 0 -1"));
+    EXPECT_EQ(0u, listener.Count("OnUnderflow"));
+}
+
+TEST_F(PlaybackTest, SeekInAPauseResumes) {
+    StartPlaying({});
+    ASSERT_EQ(OPAL_OK, controller->Pause());
+    Turns(3);
+    Forget();
+    int64_t position = 6000;
+    ASSERT_EQ(OPAL_OK, controller->Seek(position));
+    ASSERT_TRUE(UntilEvent("OnPlay 1 0 -1"));
+    EXPECT_THAT(listener.Progress(), IsEmpty());
+    EXPECT_FALSE(controller->video->IsPaused());
+}
+
+TEST_F(PlaybackTest, ALevelChangeReachesTheSinkAtAClusterBoundary) {
+    FilmShape film;
+    film.levels = 3;
+    film.clusters = 40;
+    Start(film);
+    controller->switching->maxBuffer = 4000;
+    ASSERT_EQ(OPAL_OK, controller->Play());
+    ASSERT_TRUE(UntilEvent("OnPlay 1 0 -1"));
+    Forget();
+    controller->switching->level = 99;  // no such level: the highest
+    ASSERT_TRUE(UntilEvent("OnVideoLevelChanged 3 0 2"));
+    EXPECT_EQ(3u, server->Reads(Url("v1")).size());  // opened on the way, not played
+    const size_t at = controller->video->BlockCount();
+    ASSERT_TRUE(Until([&] { return controller->video->BlockCount() >= at + 16; }));
+    controller->switching->level = -1;
+    ASSERT_TRUE(UntilEvent("OnVideoLevelChanged 3 2 0"));
+    EXPECT_EQ(0u, controller->GetCurrentVideoLevel());
+    const size_t then = controller->video->BlockCount();
+    ASSERT_TRUE(Until([&] { return controller->video->BlockCount() >= then + 12; }));
+    EXPECT_EQ(TimesFrom(0, controller->video->BlockCount()), Times(*controller->video));
+    EXPECT_EQ(0u, controller->video->Calls(FakePlatform::Op::Flush));
+    EXPECT_EQ(0u, listener.Count("OnPlay 1 0 -1"));
+}
+
+TEST_F(PlaybackTest, AudioIsHeldFiveSecondsAheadOfVideo) {
+    FilmShape film;
+    film.clusters = 30;
+    Start(film);
+    FakeRule rule = FakeRule::Hold(Url("v0"), FakeRule::Kind::Read);
+    rule.skip = 1;
+    const uint64_t held = server->AddRule(rule);
+    controller->switching->requirementMs = 1000000;
+    ASSERT_EQ(OPAL_OK, controller->Play());
+    ASSERT_TRUE(UntilHeld(held));
+    // No video cluster comes, so nothing compares: audio runs on.
+    ASSERT_TRUE(Until([&] { return ClusterReads("a0") >= 10; }));
+    server->Release(held);
+    ASSERT_TRUE(Until([&] { return HasRead("v0", 2); }));
+    // From here on every video cluster compares, until both lie within five seconds.
+    ASSERT_TRUE(Until([&] {
+        int64_t audio = 0;
+        int64_t video = 0;
+        (void)controller->GetBufferedDuration(OPAL_STREAM_AUDIO, audio);
+        (void)controller->GetBufferedDuration(OPAL_STREAM_VIDEO, video);
+        return audio - video <= 5000;
+    }));
+    const size_t reads = ClusterReads("a0");
+    EXPECT_LE(reads, ClusterReads("v0") + 4);
+    EXPECT_TRUE(Until([&] { return ClusterReads("a0") > reads; }));
+}
+
+TEST_F(PlaybackTest, TheBufferLimitIsMetByFetchingAgain) {
+    FilmShape film;
+    film.audioTracks = 0;
+    film.clusters = 20;
+    Start(film);
+    controller->switching->maxBuffer = 6000;
+    controller->video->AcceptBlocks(0);
+    ASSERT_EQ(OPAL_OK, controller->Play());
+    const auto reads = [&](size_t cluster) {
+        const auto all = server->Reads(Url("v0"));
+        return std::count(all.begin(), all.end(), RangeOf(layouts["v0"].clusters[cluster]));
+    };
+    // Three in the buffer, one in the writer's parser, and the fifth again and again.
+    ASSERT_TRUE(Until([&] { return reads(4) >= 3; }));
+    EXPECT_EQ(1, reads(2));
+    EXPECT_EQ(0, reads(5));
+    controller->video->AcceptBlocks(FakePlatform::kAlways);
+    EXPECT_TRUE(Until([&] { return reads(6) > 0; }));
+}
+
+TEST_F(PlaybackTest, TrickPlayTakesKeyFramesAndComesBack) {
+    FilmShape film;
+    film.trick = true;
+    film.clusters = 12;
+    StartPlaying(film);
+    controller->video->SetPositionMs(2500);
+    ASSERT_EQ(OPAL_OK, controller->SetPlayRate(OPAL_PLAYRATE_FOURXFF));
+    EXPECT_THAT(journal.Lines(),
+                ElementsAre("video SetPaused true", "audio SetPaused true", "video Flush",
+                            "audio Flush", "video SetRate OPAL_PLAYRATE_FOURXFF"));
+    EXPECT_EQ(StreamingController::CONTROLLER_TRICK, controller->GetState());
+    const size_t before = controller->video->BlockCount();
+    ASSERT_TRUE(UntilEvent("OnPlayRateChanged 4"));
+    const auto lines = listener.Lines();
+    EXPECT_GE(lines.size(), 2u);
+    EXPECT_EQ(lines.size() - 1, listener.Count("OnPause"));
+    EXPECT_EQ("OnPlayRateChanged 4", lines.back());
+    ASSERT_TRUE(Until([&] { return controller->video->BlockCount() >= before + 3; }));
+    // Frames 2 and 4 of the first cluster; cluster 1 starts at 6000 and gives every second one.
+    auto times = Times(*controller->video);
+    EXPECT_THAT(std::vector<int64_t>(times.begin() + static_cast<int64_t>(before),
+                                     times.begin() + static_cast<int64_t>(before) + 3),
+                ElementsAre(2000, 4000, 6000));
+    EXPECT_TRUE(controller->audio->IsPaused());
+
+    controller->video->SetPositionMs(8000);
+    ASSERT_EQ(OPAL_OK, controller->SetPlayRate(OPAL_PLAYRATE_TWOXRW));
+    ASSERT_TRUE(UntilEvent("OnPlayRateChanged 3"));
+    Forget();
+    controller->video->SetPositionMs(4500);
+    server->ClearLog();
+    ASSERT_EQ(OPAL_OK, controller->SetPlayRate(OPAL_PLAYRATE_ONEX));
+    ASSERT_TRUE(UntilEvent("OnPlay 1 0 -1"));
+    EXPECT_TRUE(HasRead("v0", 2));
+    EXPECT_FALSE(HasRead("v0", 1));
+    EXPECT_THAT(listener.Lines(), ElementsAre("OnPlay 1 0 -1"));
+}
+
+TEST_F(PlaybackTest, ASeekInTrickPlayGoesOnAtTheRate) {
+    FilmShape film;
+    film.trick = true;
+    StartPlaying(film);
+    EXPECT_EQ(OPAL_OK, controller->SetPlayRate(OPAL_PLAYRATE_TWOXFF));
+    ASSERT_TRUE(UntilEvent("OnPlayRateChanged 2"));
+    controller->switching->level = 1;
+    const FakeRule rule = FakeRule::Hold(Url("t"), FakeRule::Kind::Read);
+    const uint64_t held = server->AddRule(rule);
+    Forget();
+    const size_t before = controller->video->BlockCount();
+    int64_t position = 7000;
+    ASSERT_EQ(OPAL_OK, controller->Seek(position));
+    EXPECT_EQ(6000, position);
+    ASSERT_TRUE(UntilHeld(held));
+    Turns(20);  // what the old position left in the queue starts nothing
+    EXPECT_THAT(listener.Lines(), IsEmpty());
+    server->Release(held);
+    ASSERT_TRUE(UntilEvent("OnPlay 2 0 -1"));
+    ASSERT_TRUE(Until([&] { return controller->video->BlockCount() > before; }));
+    EXPECT_EQ(7000, Times(*controller->video)[before]);
+    EXPECT_EQ(0u, listener.Count("OnVideoLevelChanged 2 0 1"));
+    ASSERT_EQ(OPAL_OK, controller->Play());  // at the rate
+    EXPECT_TRUE(UntilEvent("OnPlayRateChanged 2"));
+}
+
+TEST_F(PlaybackTest, AnUnderflowPausesAndRecovers) {
+    FilmShape film;
+    film.clusters = 60;
+    Start(film);
+    FakeRule rule = FakeRule::Hold(Url("v0"), FakeRule::Kind::Read);
+    rule.skip = 5;
+    const uint64_t held = server->AddRule(rule);
+    ASSERT_EQ(OPAL_OK, controller->Play());
+    ASSERT_TRUE(UntilEvent("OnPlay 1 0 -1"));
+    ASSERT_TRUE(UntilHeld(held));
+    ASSERT_TRUE(Until([&] { return controller->video->BlockCount() == 20; }));
+    Forget();
+    controller->video->SetBufferedDurationMs(1);  // and 500 of the cluster in hand
+    Turns(5);
+    EXPECT_THAT(listener.Lines(), IsEmpty());
+    controller->video->SetBufferedDurationMs(0);
+    ASSERT_TRUE(UntilEvent("OnUnderflow"));
+    Turns(5);
+    EXPECT_TRUE(controller->video->IsPaused());
+    EXPECT_TRUE(controller->audio->IsPaused());
+    EXPECT_EQ(1, controller->switching->restarts[OPAL_STREAM_VIDEO]);
+    EXPECT_EQ(0, controller->switching->restarts[OPAL_STREAM_AUDIO]);
+    EXPECT_EQ(1u, listener.Count("OnUnderflow"));
+    Forget();
+    controller->video->UseComputedBufferedDuration();
+    server->Release(held);
+    ASSERT_TRUE(UntilEvent("OnPlay 1 0 -1"));
+    EXPECT_EQ(0u, listener.Count("OnUnderflow"));
+    EXPECT_EQ(100u, listener.Progress().back());
+    EXPECT_FALSE(controller->video->IsPaused());
+}
+
+TEST_F(PlaybackTest, TheEndIsReportedOnceAndIsNoUnderflow) {
+    FilmShape film;
+    film.audioTracks = 0;
+    film.clusters = 5;
+    Start(film);
+    ASSERT_EQ(OPAL_OK, controller->Play());
+    ASSERT_TRUE(Until([&] { return controller->video->BlockCount() == 20; }));
+    Turns(5);
+    EXPECT_THAT(listener.Lines(), ElementsAre("OnPlay 1 -1 -1"));
+    controller->video->SetPositionMs(9600);
+    ASSERT_TRUE(UntilEvent("OnEndOfStream"));
+    Turns(20);
+    EXPECT_THAT(listener.Lines(), ElementsAre("OnPlay 1 -1 -1", "OnEndOfStream"));
+    EXPECT_EQ(5u, ClusterReads("v0"));
+}
+
+TEST_F(PlaybackTest, PositionComesOnceASecondAndNotForZero) {
+    struct FastClock : Clock {
+        boost::posix_time::ptime Now() override {
+            return boost::posix_time::ptime(boost::gregorian::date(2020, 1, 1)) +
+                   boost::posix_time::milliseconds(ms.load());
+        }
+        void SleepMs(int64_t) override {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        std::atomic<int64_t> ms{0};
+    } clock;
+    SetClock(&clock);
+    StartPlaying({});
+    ASSERT_TRUE(Until([&] { return controller->video->BlockCount() > 4; }));
+    clock.ms += 5000;
+    Turns(1);
+    EXPECT_THAT(listener.Positions(), IsEmpty());  // still at 0
+    controller->video->SetPositionMs(1700);
+    Turns(1);
+    clock.ms += 999;
+    Turns(1);
+    ASSERT_EQ(1u, listener.Positions().size());
+    EXPECT_EQ(1700, listener.Positions()[0].ms);
+    EXPECT_EQ(0u, listener.Positions()[0].level);
+    clock.ms += 1;
+    Turns(1);
+    EXPECT_EQ(2u, listener.Positions().size());
+    controller.reset();
+    SetClock(nullptr);
+}
+
+TEST_F(PlaybackTest, StopHoldsUntilTheNextStart) {
+    FilmShape film;
+    film.clusters = 60;
+    StartPlaying(film);
+    const uint64_t held = server->AddRule(FakeRule::Hold(Url("v0"), FakeRule::Kind::Read));
+    int64_t position = 40000;
+    ASSERT_EQ(OPAL_OK, controller->Seek(position));
+    ASSERT_TRUE(UntilHeld(held));
+    ASSERT_EQ(OPAL_OK, controller->Stop());
+    // Stopping waits for the transfer; the cluster that then arrives wakes nothing.
+    auto release = std::async(std::launch::async, [&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        server->Release(held);
+    });
+    ASSERT_TRUE(UntilEvent("OnStop"));
+    release.wait();
+    server->ClearLog();
+    Turns(20);
+    EXPECT_EQ(0u, ClusterReads("v0"));
+    Forget();
+    ASSERT_EQ(OPAL_OK, controller->Play());
+    ASSERT_TRUE(UntilEvent("OnPlay 1 0 -1"));
+    Forget();
+    ASSERT_EQ(OPAL_OK, controller->Stop());
+    ASSERT_EQ(OPAL_OK, controller->Play());  // at once: the stop does not undo it
+    ASSERT_TRUE(UntilEvent("OnPlay 1 0 -1"));
+    EXPECT_THAT(listener.Lines(), ElementsAre("OnStop", "OnPlay 1 0 -1"));
+    server->ClearLog();
+    EXPECT_TRUE(Until([&] { return ClusterReads("v0") > 1; }));
+}
+
+TEST_F(PlaybackTest, AFailedReaderEndsTheSession) {
+    StartPlaying({});
+    server->AddRule(FakeRule::Fail(OPAL_ERROR_HTTP_SERVER, Url("v1")));
+    controller->switching->level = 1;
+    int64_t position = 0;
+    EXPECT_EQ(OPAL_ERROR_HTTP_SERVER, controller->Seek(position));
+    ASSERT_TRUE(UntilEvent("OnError -13 ''"));
+    EXPECT_EQ(StreamingController::CONTROLLER_ERROR, controller->GetState());
+    EXPECT_EQ(OPAL_ERROR_HTTP_SERVER, controller->Play());
+    controller->LeaveLoop();
+    EXPECT_EQ("OnStop", listener.Lines().back());
+    EXPECT_EQ(OPAL_OK, controller->Finalize());
+    EXPECT_EQ(1u, listener.Count("OnError -13 ''"));
+}
+
+TEST_F(PlaybackTest, AFailedWriterEndsTheSession) {
+    Start({});
+    controller->video->FailNext(FakePlatform::Op::Queue, OPAL_ERROR_GENERAL, 1);
+    ASSERT_EQ(OPAL_OK, controller->Play());
+    EXPECT_TRUE(UntilEvent("OnError -1 ''"));
+}
+
+TEST_F(PlaybackTest, UnknownMessagesDoNothing) {
+    StartPlaying({});
+    EXPECT_EQ(OPAL_OK, controller->Post(5));
+    EXPECT_EQ(OPAL_OK, controller->Post(8));
+    Turns(4);
+    EXPECT_THAT(listener.Lines(), IsEmpty());
+    EXPECT_EQ(StreamingController::CONTROLLER_PLAYING, controller->GetState());
+}
+
+}  // namespace
+}  // namespace opal::test
