@@ -23,6 +23,7 @@
 #include "StreamingDemux/EBML/IClusterIndex.h"
 #include "StreamingDemux/EBML/IClusterParser.h"
 #include "StreamingDemux/EBML/StreamHeaderParser.h"
+#include "bench/Figures.h"
 #include "opal-package/Av.h"
 #include "opal-package/AvcStream.h"
 #include "opal-package/MatroskaWriter.h"
@@ -152,11 +153,6 @@ double RunLibavformat(const Bytes& file, bool withParsers, Tally& tally) {
     return duration;
 }
 
-double Median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
 int Compare(const char* name, const Bytes& file) {
     const std::vector<Bytes> clusters = SplitClusters(file);
     std::vector<double> ours, theirs, theirsBare;
@@ -177,14 +173,14 @@ int Compare(const char* name, const Bytes& file) {
             theirsBare.push_back(bare);
         }
     }
-    const double our = Median(ours), their = Median(theirs), bare = Median(theirsBare);
-    std::printf(
-        "cluster parsing, %s (%zu blocks, %.1f MB): %.2f ms, libavformat %.2f ms, ratio "
-        "%.2f (at most %.1f); libavformat without parsers %.2f ms, ratio %.2f; medians of "
-        "%d\n",
-        name, ourTally.blocks, static_cast<double>(file.size()) / 1e6, our, their, our / their,
-        kLimit, bare, our / bare, kRuns);
-    return our / their <= kLimit ? 0 : 1;
+    using opal::bench::Figure;
+    const double our = opal::bench::Median(ours);
+    const bool holds =
+        opal::bench::Print({std::string("parsing, ") + name, our, "libavformat",
+                            opal::bench::Median(theirs), "ms", Figure::Bound::AtMost, kLimit});
+    opal::bench::Print(
+        {"  without its header parsers", our, "libavformat", opal::bench::Median(theirsBare)});
+    return holds ? 0 : 1;
 }
 
 Bytes MakeFile(const opal::package::TrackDescription& track,

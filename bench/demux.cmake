@@ -1,3 +1,0 @@
-add_executable(bench_cluster_parsing ClusterParsingBench.cpp)
-opal_own_code(bench_cluster_parsing)
-target_link_libraries(bench_cluster_parsing PRIVATE opal_demux opal_packager)
