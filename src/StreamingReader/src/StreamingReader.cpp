@@ -323,7 +323,8 @@ OPALError StreamingReader::Transfer(const std::vector<ByteRange>& ranges,
     result = m_pHTTP->GetCompletedRequest(request, false);
     if (result == OPAL_OK)
         request.TakeData(bytes);
-    return result;
+    // The transfer was done and its reply is gone: a cancel has come between.
+    return result == OPAL_ERROR_OUT_OF_RANGE ? OPAL_ERROR_CANCELLED : result;
 }
 
 void StreamingReader::OnRequestComplete(const HTTPRequest& request) {
