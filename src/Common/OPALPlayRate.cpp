@@ -4,15 +4,23 @@
 
 namespace {
 
+/// All that is known of a rate. Log text and name are kept apart: the name goes to diagnostic logs,
+/// the text to the uploaded one.
 struct RateProperties {
     OPALPlayRate rate;
+    /// Signed speed.
     int value;
+    /// The enumerator's.
     const char* name;
+    /// As the log service spells it.
     const char* logText;
+    /// Frames of a trick cluster that are shown ...
     size_t take;
+    /// ... and then left out. From 4x on the pictures shown stay about as many a second.
     size_t skip;
 };
 
+/// In the order of the enumeration, but not its index: 0 is not a rate.
 constexpr RateProperties kRates[] = {
     {OPAL_PLAYRATE_ONEX, 1, "OPAL_PLAYRATE_ONEX", "1x", 1, 0},
     {OPAL_PLAYRATE_TWOXFF, 2, "OPAL_PLAYRATE_TWOXFF", "2x", 1, 0},
@@ -27,6 +35,7 @@ constexpr RateProperties kRates[] = {
     {OPAL_PLAYRATE_THIRTYTWOXRW, -32, "OPAL_PLAYRATE_THIRTYTWOXRW", "-32x", 1, 15},
 };
 
+/// Null for what is not a rate.
 const RateProperties* Find(OPALPlayRate rate) {
     for (const RateProperties& properties : kRates) {
         if (properties.rate == rate)
@@ -36,12 +45,6 @@ const RateProperties* Find(OPALPlayRate rate) {
 }
 
 }  // namespace
-
-int GetRateValue(OPALPlayRate rate) {
-    const RateProperties* properties = Find(rate);
-    OPAL_ASSERT(properties != nullptr, "0");
-    return properties->value;
-}
 
 const char* GetRateName(OPALPlayRate rate) {
     const RateProperties* properties = Find(rate);
@@ -55,7 +58,21 @@ const char* GetRateLogText(OPALPlayRate rate) {
 
 bool GetRateFrameStep(OPALPlayRate rate, size_t* take, size_t* skip) {
     const RateProperties* properties = Find(rate);
-    *take = properties ? properties->take : 0;
-    *skip = properties ? properties->skip : 0;
-    return properties != nullptr;
+    if (!properties) {
+        *take = 0;
+        *skip = 0;
+        return false;
+    }
+    *take = properties->take;
+    *skip = properties->skip;
+    return true;
+}
+
+/// Rates are checked where they come in, so that a wrong one here is a fault of the library's own.
+/// The assertion stands on line 76: the set's logs are searched for it by its place, so the lines
+/// above are kept in number. A test holds it there.
+int GetRateValue(OPALPlayRate rate) {
+    const RateProperties* properties = Find(rate);
+    OPAL_ASSERT(properties != nullptr, "0");
+    return properties->value;
 }

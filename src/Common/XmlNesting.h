@@ -4,12 +4,12 @@
 
 namespace opal {
 
-/// Elements nested deeper than this are no document of ours. The XML parser recurses once an
-/// element, so a deeper text would exhaust the stack.
-constexpr size_t kMaxXmlNesting = 256;
+/// The XML parser recurses once a nested element, so a hostile settings file would exhaust the
+/// stack. No element nests deeper than there are tags, and no settings file has this many.
+constexpr std::ptrdiff_t kMaxXmlTags = 1024;
 
-/// True if no element of the text nests deeper than kMaxXmlNesting. A linear look at the tags only;
-/// whether the text is well-formed is for the parser to say.
+/// True if the text has at most kMaxXmlTags tags, whatever a parser takes for one. Whether it is
+/// well-formed is for the parser to say.
 bool IsXmlNestingBounded(const char* text, size_t size);
 
 }  // namespace opal

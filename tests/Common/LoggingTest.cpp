@@ -34,7 +34,7 @@ LogEventFactory& Events() {
 std::string Document(const std::vector<LogEvent*>& events, size_t maxSize = 1 << 20) {
     LogEventSerializer serializer;
     for (LogEvent* event : events)
-        EXPECT_TRUE(serializer.AddEvent(event));
+        serializer.AddEvent(event);
     std::string document = "untouched";
     serializer.Serialize(document, maxSize);
     return document;
@@ -160,23 +160,23 @@ TEST(LogEventSerializer, CutsAtAnEventBoundaryAndMarksThePart) {
         EXPECT_EQ(pauses(maxSize), "<partial-buffer>true</partial-buffer>" + whole);
 }
 
-TEST(LogEventSerializer, RefusesEventsAtItsLimitAndSaysSo) {
+TEST(LogEventSerializer, DropsEventsAtItsLimitAndSaysSo) {
     LogEventSerializer serializer;
     for (int i = 0; i < 16448; ++i)
-        ASSERT_TRUE(serializer.AddEvent(Events().NewErrorLogEvent(-1)));
-    std::unique_ptr<LogEvent> refused(Events().NewErrorLogEvent(-1));
-    EXPECT_FALSE(serializer.AddEvent(refused.get()));
+        serializer.AddEvent(Events().NewErrorLogEvent(-1));
+    serializer.AddEvent(Events().NewErrorLogEvent(-2));
     std::string document;
     serializer.Serialize(document, SIZE_MAX);
     EXPECT_THAT(document,
                 StartsWith("<device-event><partial-buffer>true</partial-buffer><action>"));
-    EXPECT_TRUE(serializer.AddEvent(refused.release()));
+    EXPECT_EQ(document.find("<error-code>-2"), std::string::npos);
+    serializer.AddEvent(Events().NewErrorLogEvent(-2));
+    serializer.Serialize(document, SIZE_MAX);
+    EXPECT_EQ(document, Action("<error><error-code>-2</error-code></error>"));
 }
 
-TEST(LogServer, TakesEventsOnlyBetweenStartAndStop) {
+TEST(LogServer, SendsWhatIsPostedBetweenStartAndStop) {
     LogServer& server = LogServer::Instance();
-    std::unique_ptr<LogEvent> event(Events().NewErrorLogEvent(-1));
-    EXPECT_FALSE(server.Post(event.get()));
     EXPECT_FALSE(server.Post(nullptr));
     RecordingSender sender;
     server.Start(&sender);
@@ -184,17 +184,41 @@ TEST(LogServer, TakesEventsOnlyBetweenStartAndStop) {
     server.PostOrDestroy(Events().NewErrorLogEvent(-13));  // level 2, off in this sender
     server.PostOrDestroy(Events().NewTraceLogEvent("t"));  // level 3
     server.Stop();
-    EXPECT_FALSE(server.Post(event.get()));
+    server.PostOrDestroy(Events().NewStopDownloadLogEvent(6));
     EXPECT_THAT(sender.Documents(), HasSubstr("<resume>"));
     EXPECT_THAT(sender.Documents(), HasSubstr("<algo-trace>"));
     EXPECT_THAT(sender.Documents(), testing::Not(HasSubstr("<error>")));
+
+    RecordingSender next;
+    server.Start(&next);
+    server.Stop();
+    EXPECT_EQ(next.Documents(), "") << "what came in between is dropped";
+}
+
+TEST(LogServer, WithoutALogThreadEventsPileUpToALimit) {
+    LogServer& server = LogServer::Instance();
+    RecordingSender sender;
+    server.Start(&sender);
+    server.Stop();
+    int taken = 0;
+    for (std::unique_ptr<LogEvent> event; taken < 20000; ++taken) {
+        event.reset(Events().NewErrorLogEvent(-1));
+        if (!server.Post(event.get()))
+            break;
+        (void)event.release();
+    }
+    EXPECT_EQ(taken, 16448);
+    server.Start(&sender);
+    EXPECT_TRUE(server.Post(Events().NewResumeLogEvent(1))) << "a new start has dropped them";
+    server.Stop();
 }
 
 TEST(LogServer, StopNeverMissesItsWakeUp) {
     RecordingSender sender;
     for (int i = 0; i < 2000; ++i) {
         LogServer::Instance().Start(&sender);
-        LogServer::Instance().Flush();
+        if (i % 2 != 0)
+            LogServer::Instance().Flush();
         LogServer::Instance().Stop();
     }
     SUCCEED() << "no hang";
@@ -264,10 +288,11 @@ TEST(LoggingConfig, OverlaysWhatTheFileNamesOrNothing) {
         return loaded == OPAL_OK ? file.Read(config) : loaded;
     };
     LogEventSenderConfig config;
-    EXPECT_EQ(read("<settings><transaction-interval>7</transaction-interval><other>x</other>"
-                   "<enable-level2>1</enable-level2></settings>",
-                   config),
-              OPAL_OK);
+    EXPECT_EQ(
+        read("<settings><transaction-interval>7</transaction-interval><other>x</other><empty/>"
+             "<enable-level2>1</enable-level2></settings>",
+             config),
+        OPAL_OK);
     EXPECT_EQ(config.transactionInterval, 7);
     EXPECT_EQ(config.transactionSize, 0x20000u);
     EXPECT_TRUE(config.enableLevel2);

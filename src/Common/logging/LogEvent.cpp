@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <boost/property_tree/ptree.hpp>
+#include <locale>
 #include <sstream>
 
 #include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
@@ -16,6 +17,7 @@ constexpr int64_t kMsPerSecond = 1000;
 template <typename T>
 std::string ToText(T value) {
     std::ostringstream stream;
+    stream.imbue(std::locale::classic());  // the application's may group digits
     stream << value;
     return stream.str();
 }

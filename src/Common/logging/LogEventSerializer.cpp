@@ -43,14 +43,14 @@ LogEventSerializer::~LogEventSerializer() {
     Clear();
 }
 
-bool LogEventSerializer::AddEvent(LogEvent* event) {
+void LogEventSerializer::AddEvent(LogEvent* event) {
     if (m_bufferedSize >= kMaxBufferedSize) {
         m_overflow = true;
-        return false;
+        LogEventFactory::Instance().Destroy(event);
+        return;
     }
     m_events.push_back(event);
     m_bufferedSize += event->GetSize();
-    return true;
 }
 
 void LogEventSerializer::Serialize(std::string& out, size_t maxSize) {

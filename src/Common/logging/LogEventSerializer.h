@@ -10,14 +10,13 @@ class LogEvent;
 /// Holds the events that wait to be uploaded and turns them into one XML text a transaction.
 ///
 /// Threading: none; the log thread's.
-/// Ownership: owns the events it queued.
-/// Errors: beyond 16448 queued events further ones are refused, and the next document says so.
+/// Ownership: owns the events it is given.
+/// Errors: beyond 16448 queued events further ones are dropped, and the next document says so.
 class LogEventSerializer : boost::noncopyable {
   public:
     virtual ~LogEventSerializer();
 
-    /// Takes the event over, or refuses it (false: the caller destroys it) at the limit.
-    bool AddEvent(LogEvent* event);
+    void AddEvent(LogEvent* event);
     /// Writes all queued events into `out` and destroys them. Nothing happens without events. A
     /// text longer than `maxSize` bytes is cut at an event boundary and marked in front.
     void Serialize(std::string& out, size_t maxSize);

@@ -25,6 +25,8 @@ struct LogEventMessage {
 };
 
 constexpr int kLowestPriority = 19;
+/// Messages that wait at most. So many pile up only when the log thread has ended.
+constexpr size_t kMaxQueued = 16448;
 
 }  // namespace
 
@@ -41,7 +43,7 @@ class LogServer::PIMPL {
     ILogEventSender* sender = nullptr;
     log4cxx::LoggerPtr logger = getLogger("opal.LogServer");
     log4cxx::LoggerPtr dataLogger = getLogger("opal.LogServer.data");
-    std::atomic<bool> accepting{false};
+    std::atomic<bool> started{false};  ///< at any time; from then on events are taken
     std::atomic<bool> connected{false};
     bool stopping = false;
     /// The sender's switches as of the connection, so that Post need not touch the sender, which
@@ -111,7 +113,9 @@ class LogServer::PIMPL {
                 // Before the connection the sender's own switches count, as they stand.
                 if (!connected)
                     ReadLevels();
-                if (!IsEnabled(*message.event) || !serializer.AddEvent(message.event))
+                if (IsEnabled(*message.event))
+                    serializer.AddEvent(message.event);
+                else
                     LogEventFactory::Instance().Destroy(message.event);
                 break;
             case LogEventMessage::kFlush:
@@ -163,13 +167,13 @@ void LogServer::Start(ILogEventSender* sender) {
     self.connected = false;
     self.stopping = false;
     self.startTime = opal::Now();
-    self.accepting = true;
+    self.started = true;
     self.thread = boost::thread([&self] { self.Run(); });
 }
 
 bool LogServer::Post(LogEvent* event) {
     PIMPL& self = *m_pimpl;
-    if (!event || !self.accepting)
+    if (!event || !self.started || self.queue.Size() >= kMaxQueued)
         return false;
     if (self.connected && !self.IsEnabled(*event))
         return false;
@@ -184,17 +188,17 @@ void LogServer::PostOrDestroy(LogEvent* event) {
 }
 
 void LogServer::Flush() {
-    if (m_pimpl->accepting)
+    if (m_pimpl->started && m_pimpl->queue.Size() < kMaxQueued)
         m_pimpl->Push(LogEventMessage::kFlush, nullptr);
 }
 
 void LogServer::Stop() {
     PIMPL& self = *m_pimpl;
-    self.accepting = false;
     if (self.thread.joinable()) {
         self.Push(LogEventMessage::kStop, nullptr);
         self.thread.join();
     }
+    self.connected = false;
     self.Drain();
     self.serializer.Clear();
     self.sender = nullptr;

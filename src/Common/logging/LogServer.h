@@ -13,7 +13,8 @@ class LogEvent;
 /// Threading: Post and Flush from any thread, without waiting for the network. Start and Stop from
 /// the controller's threads, one at a time; Stop joins the log thread.
 /// Ownership: the sender is not owned and must outlive Stop. An accepted event is the server's.
-/// Errors: before Start and after Stop every event is refused.
+/// Errors: before the first Start every event is refused. Without a log thread, after Stop or when
+/// the connection failed, events are still taken, 16448 at most; the next Start or Stop drops them.
 class LogServer : boost::noncopyable {
   public:
     static LogServer& Instance();

@@ -11,17 +11,27 @@
 
 namespace {
 
-void Apply(const std::string& name, const std::string& text, LogEventSenderConfig& config) {
+/// False for a value that does not convert; an element without text has none that does.
+template <typename T>
+bool Convert(const TiXmlElement& element, T& value) {
+    const char* text = element.GetText();
+    return text && boost::conversion::try_lexical_convert(std::string(text), value);
+}
+
+/// Elements of other names are passed over.
+bool Apply(const TiXmlElement& element, LogEventSenderConfig& config) {
+    const std::string& name = element.ValueStr();
     if (name == "transaction-interval")
-        config.transactionInterval = boost::lexical_cast<int64_t>(text);
-    else if (name == "transaction-size")
-        config.transactionSize = boost::lexical_cast<size_t>(text);
-    else if (name == "enable-level1")
-        config.enableLevel1 = boost::lexical_cast<bool>(text);
-    else if (name == "enable-level2")
-        config.enableLevel2 = boost::lexical_cast<bool>(text);
-    else if (name == "enable-level3")
-        config.enableLevel3 = boost::lexical_cast<bool>(text);
+        return Convert(element, config.transactionInterval);
+    if (name == "transaction-size")
+        return Convert(element, config.transactionSize);
+    if (name == "enable-level1")
+        return Convert(element, config.enableLevel1);
+    if (name == "enable-level2")
+        return Convert(element, config.enableLevel2);
+    if (name == "enable-level3")
+        return Convert(element, config.enableLevel3);
+    return true;
 }
 
 }  // namespace
@@ -49,14 +59,8 @@ OPALError LoggingConfig::Read(LogEventSenderConfig& config) const {
          settings = settings->NextSiblingElement("settings")) {
         for (const TiXmlElement* element = settings->FirstChildElement(); element;
              element = element->NextSiblingElement()) {
-            const char* text = element->GetText();
-            if (!text)
+            if (!Apply(*element, result))
                 return OPAL_ERROR_GENERAL;
-            try {
-                Apply(element->ValueStr(), text, result);
-            } catch (const boost::bad_lexical_cast&) {
-                return OPAL_ERROR_GENERAL;
-            }
         }
     }
     config = result;
