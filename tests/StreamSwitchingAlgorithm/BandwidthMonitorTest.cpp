@@ -62,6 +62,16 @@ TEST_F(BandwidthMonitorTest, KeepsTheNewestSamplesOnly) {
     AlgorithmConfig::Instance().Reset();
 }
 
+TEST_F(BandwidthMonitorTest, AnyWindowThatAFileGivesIsHarmless) {
+    for (int64_t window : {INT64_MIN, INT64_MIN + 1000, int64_t{-1}, int64_t{0}, INT64_MAX}) {
+        AlgorithmConfig::Global global;
+        global.bandwidthMonitorWindowInterval = window;
+        ASSERT_EQ(AlgorithmConfig::Instance().Set(global, {}, {}), OPAL_OK);
+        EXPECT_GE(Estimate({{1000000, 2000, 0}}), 0) << window;
+    }
+    AlgorithmConfig::Instance().Reset();
+}
+
 TEST_F(BandwidthMonitorTest, ANegativeDurationIsTheCallersFault) {
     EXPECT_THROW(BandwidthSample(1, 0, -1), std::exception);
 }

@@ -1,9 +1,12 @@
 #include <gmock/gmock.h>
 
 #include <boost/make_shared.hpp>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include "Common/logging/LogEventSender.h"
+#include "Common/logging/LogServer.h"
 #include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
 #include "SwitchingFixture.h"
 
@@ -19,6 +22,17 @@ class SwitchingControllerTest : public testing::Test {
     void SetUp() override { AlgorithmConfig::Instance().Reset(); }
 };
 
+/// Keeps what level 2 events tell; of these tests that is the changes of mode.
+class ModeSender : public NullLogEventSender {
+  public:
+    ModeSender() { m_level2 = true; }
+    OPALError Send(const std::string& document) override {
+        sent += document;
+        return OPAL_OK;
+    }
+    std::string sent;
+};
+
 int Requirement(IStreamSwitchingController& controller, OPALStreamType type) {
     int ms = -1;
     controller.GetBufferRequirement(ms, type);
@@ -31,7 +45,9 @@ int Requirement(IStreamSwitchingController& controller, OPALStreamType type) {
 // at each report. It explores while there is less than a second of transfer to go by, then follows
 // the estimate; steady mode comes once a level has lasted for 15 s. Then an interruption.
 TEST_F(SwitchingControllerTest, StartsLowClimbsSettlesAndFallsBackOnARestart) {
+    ModeSender modes;
     SwitchingSession session(kLadder);
+    LogServer::Instance().Start(&modes);
     ASSERT_EQ(session.controller->GetCurrentLevel(), 0);
     session.GiveIndexes();
     std::vector<int> levels;
@@ -58,6 +74,14 @@ TEST_F(SwitchingControllerTest, StartsLowClimbsSettlesAndFallsBackOnARestart) {
     EXPECT_EQ(session.controller->GetMaxBuffer(), 16000);
     EXPECT_EQ(session.Video(125000, 200, 2000), 0) << "the buffer is not above the delay";
     EXPECT_EQ(session.Video(125000, 200, 4000), 3) << "the hold counter outlives a restart";
+
+    LogServer::Instance().Stop();
+    EXPECT_THAT(modes.sent,
+                testing::HasSubstr("<device-event>"
+                                   "<action><ts>18</ts><algo-mode-change><mode>steady</mode>"
+                                   "</algo-mode-change></action>"
+                                   "<action><ts>20</ts><algo-mode-change><mode>agile</mode>"
+                                   "</algo-mode-change></action></device-event>"));
 }
 
 TEST_F(SwitchingControllerTest, ReservesTheEnglishTrackElseTheFirst) {

@@ -139,6 +139,20 @@ TEST_F(SwitchingAlgorithmTest, DownwardTheComparisonIsStrictAndALargeBufferHolds
     EXPECT_EQ(holding.Decide(1000000, 39999), 0) << "in one step";
 }
 
+// What a settings file that names only "steady" leads to.
+TEST_F(SwitchingAlgorithmTest, WithoutABufferThatHoldsOnlyTheGuardStepsDown) {
+    Algorithm algorithm(kLadder);
+    algorithm.BringTo(3);
+    Configure(Global(), 0, 20000);
+    EXPECT_EQ(algorithm.Decide(1000000, 10000), 3) << "no buffer is below 0";
+    algorithm.Restart();
+    for (int cycle = 1; cycle < 9; ++cycle)
+        algorithm.Decide(5000000, 10000);
+    ASSERT_EQ(algorithm.GetCurrentLevel(), 3);
+    ASSERT_TRUE(algorithm.IsVideoBuffered());
+    EXPECT_EQ(algorithm.Decide(1000000, 2000), 0);
+}
+
 TEST_F(SwitchingAlgorithmTest, UpwardTheModesPeriodMustHavePassed) {
     for (const auto& [mode, cycles] : {std::pair<int, int>{AlgorithmConfig::kAgile, 2},
                                        std::pair<int, int>{AlgorithmConfig::kSteady, 10}}) {
@@ -258,6 +272,8 @@ TEST_F(SwitchingAlgorithmTest, ALevelWithoutABitrateIsNeverChosen) {
     Algorithm nothing({0, 0});
     EXPECT_EQ(nothing.Decide(1000000, 5000), 0);
     EXPECT_FALSE(nothing.IsVideoBuffered());
+    nothing.Restart();
+    EXPECT_EQ(nothing.Decide(1000000, 5000), 0);
     VideoStreamSwitchingAlgorithm empty;
     EXPECT_EQ(empty.GetCurrentLevel(), -1);
     EXPECT_EQ(empty.GetLevelURI(0), "unknown");

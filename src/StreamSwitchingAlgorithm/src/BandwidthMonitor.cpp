@@ -61,7 +61,9 @@ int BandwidthMonitor::GetBandwidth(int64_t currentTime) {
 /// of its time that lies inside.
 BandwidthMonitor::Window BandwidthMonitor::MeasureWindow(int64_t now) const {
     const int64_t length = AlgorithmConfig::Instance().GetBandwidthMonitorWindowInterval();
-    const int64_t windowStart = now - length;
+    // A settings file may give any length at all: it wraps, where signed arithmetic must not.
+    const auto windowStart =
+        static_cast<int64_t>(static_cast<uint64_t>(now) - static_cast<uint64_t>(length));
     Window window;
     window.firstIndex = m_samples.size() - 1;
     for (size_t i = m_samples.size(); i-- > 0;) {

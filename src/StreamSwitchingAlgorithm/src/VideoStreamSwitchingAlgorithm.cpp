@@ -174,6 +174,10 @@ int VideoStreamSwitchingAlgorithm::LowestUsableLevel() const {
     return static_cast<int>(usable - m_levels.begin());
 }
 
+bool VideoStreamSwitchingAlgorithm::HasUsableLevel() const {
+    return LowestUsableLevel() < static_cast<int>(m_levels.size());
+}
+
 double VideoStreamSwitchingAlgorithm::ClampTarget(double target) const {
     const double lowest = LowestUsableLevel();
     const double highest = static_cast<double>(m_levels.size()) - 1.0;
@@ -190,10 +194,10 @@ const IClusterIndex* VideoStreamSwitchingAlgorithm::ClusterIndexOf(size_t level)
 }
 
 void VideoStreamSwitchingAlgorithm::Calculate() {
-    const int lowest = LowestUsableLevel();
-    if (lowest == static_cast<int>(m_levels.size()))
+    if (!HasUsableLevel())
         return;
-    m_currentLevel = std::clamp(m_currentLevel, lowest, static_cast<int>(m_levels.size()) - 1);
+    m_currentLevel =
+        std::clamp(m_currentLevel, LowestUsableLevel(), static_cast<int>(m_levels.size()) - 1);
     Decision decision = BeginDecision();
     if (m_decided)
         DecideNext(decision);
@@ -443,11 +447,13 @@ int VideoStreamSwitchingAlgorithm::PlayableClusters(double throughput, int64_t s
     const auto clusterDuration = static_cast<double>(ClusterDuration());
     const auto missing = static_cast<int64_t>(
         std::ceil((static_cast<double>(m_requiredDelayMs) - m_bufferedMs) / clusterDuration));
-    double need = 0.0;
-    for (int64_t cluster = startCluster; cluster < startCluster + missing; ++cluster)
+    const auto clusters = static_cast<int64_t>(index->GetCount());
+    double need = 0.0;  // clusters beyond the end have no size
+    for (int64_t cluster = startCluster; cluster < std::min(startCluster + missing, clusters);
+         ++cluster)
         need += sizeOf(cluster);
 
-    const int64_t last = static_cast<int64_t>(index->GetCount()) - missing;
+    const int64_t last = clusters - missing;
     double credit = 0.0;
     count = 0;
     for (int64_t cluster = startCluster;; ++cluster) {
@@ -462,7 +468,7 @@ void VideoStreamSwitchingAlgorithm::Restart() {
     m_playbackReady = false;
     m_bufferedMs = 0;
     m_dirty = true;
-    if (Config().GetDisableQuickstart() || m_levels.empty())
+    if (Config().GetDisableQuickstart() || !HasUsableLevel())
         return;
     m_nominalLevel = ToInt(m_target);
     m_target = ClampTarget(m_target - Config().GetMaxLevelDrop());

@@ -28,8 +28,7 @@ struct LevelProperties {
 ///
 ///  1. The bandwidth left for video is the estimate less what audio reserves (`available`), and the
 ///     part of it that is relied on is less by the upper guard (`guarded`, 15 % by default).
-///  2. The very first decision takes the level below the best fit of the guarded bandwidth, and
-///  then
+///  2. The very first decision takes the level below the best fit of the guarded bandwidth. It then
 ///     starts up to maxLevelDrop levels below even that, so that the picture comes soon and the
 ///     buffer fills faster than it plays (quick start). The level it gave up is the nominal level.
 ///  3. Later decisions go by the bandwidth. The level moves only if the full bandwidth no longer
@@ -37,9 +36,8 @@ struct LevelProperties {
 ///     hysteresis. Upward the buffer must cover the new level's delay and the indexes still to be
 ///     fetched; downward a large buffer holds the level up. Both wait for the mode's switching
 ///     period.
-///  4. Without an estimate it explores: one level up whenever a download came more than twice as
-///  fast
-///     as real time for long enough.
+///  4. Without an estimate it explores: one level up when downloads have come more than twice as
+///     fast as real time for long enough.
 ///  5. The buffer guard has the last word: a nearly empty buffer forces the level down, an almost
 ///     spent one to the lowest.
 ///
@@ -114,6 +112,7 @@ class VideoStreamSwitchingAlgorithm {
     int LevelForBandwidth(int bandwidth) const;
     double ClampTarget(double target) const;
     int LowestUsableLevel() const;
+    bool HasUsableLevel() const;
     bool HasClusterIndexes() const;
     const IClusterIndex* ClusterIndexOf(size_t level) const;
 
