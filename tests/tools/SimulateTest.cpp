@@ -114,16 +114,30 @@ TEST_F(SimulateTest, OnASteadyLinkTheSessionSettlesOnTheLevelItCarries) {
 
 TEST_F(SimulateTest, ACutLinkStallsAndRecovers) {
     const Film film = Ladder({500, 1000, 2000}, 60);
-    const Trace trace = {"cut", {{20000.0, 250.0, 20.0}, {60000.0, 0.0, 20.0}, {1e6, 250.0, 20.0}}};
+    const Trace trace = {"cut", {{20000.0, 250.0, 20.0}, {50000.0, 0.0, 20.0}, {1e6, 250.0, 20.0}}};
     const Result result = Play(film, trace, 600000.0);
     EXPECT_TRUE(result.finished);
     EXPECT_EQ(result.stalls, 1);
     EXPECT_GT(result.stallMs, 1000.0);
-    EXPECT_LT(result.stallMs, 62000.0);
+    EXPECT_LT(result.stallMs, 52000.0);
+}
+
+TEST_F(SimulateTest, ADeadLinkEndsTheSessionWithTheTransfersTimeOut) {
+    const Film film = Ladder({500, 1000, 2000}, 60);
     const Trace dead = {"dead", {{20000.0, 250.0, 20.0}, {1e7, 0.0, 20.0}}};
-    const Result stuck = Play(film, dead, 600000.0);
-    EXPECT_FALSE(stuck.finished);
-    EXPECT_GT(stuck.stallMs, 400000.0);
+    const Result played = Play(film, dead, 600000.0);
+    EXPECT_FALSE(played.finished);
+    EXPECT_EQ(played.stalls, 1);
+    EXPECT_GT(played.stallMs, 1000.0);
+    EXPECT_LT(played.stallMs, 60000.0);
+
+    // Dead from the start, in the header, and while the probe measures.
+    for (double aliveMs : {1.0, 45.0, 110.0}) {
+        const Trace early = {"early", {{aliveMs, 250.0, 20.0}, {1e7, 0.0, 20.0}}};
+        const Result none = Play(film, early, 600000.0);
+        EXPECT_FALSE(none.finished) << aliveMs;
+        EXPECT_EQ(none.playMs, 0.0) << aliveMs;
+    }
 }
 
 TEST_F(SimulateTest, ABoundedBufferFetchesClustersAgain) {
@@ -191,6 +205,9 @@ TEST_F(SimulateTest, ARecordingReplaysToTheSameAnswers) {
     const Recording read = Recording::FromJson(recording->ToJson());
     EXPECT_EQ(Replay(read).Decisions(), decisions);
     EXPECT_EQ(Replay(read).ToJson(), recording->ToJson());
+    Recording impossible = *recording;
+    impossible.calls.back().nowMs = 1e300;
+    EXPECT_THROW(Recording::FromJson(impossible.ToJson()), std::runtime_error);
     for (const char* text : {"", "{}", R"({"levels": [], "audio_tracks": [], "cluster_sizes": [[1]],
                                           "calls": []})"})
         EXPECT_THROW(Recording::FromJson(text), std::runtime_error) << text;

@@ -14,6 +14,7 @@ namespace {
 using nlohmann::json;
 
 constexpr double kMaxSegmentMs = 3600000.0;
+constexpr double kMaxSegmentBits = 1e12;
 
 /// Bits of a level from `from` to `to` ms.
 double BitsBetween(const std::vector<double>& segments, double segmentMs, double from, double to) {
@@ -47,8 +48,9 @@ Film FromJson(const json& in) {
             throw std::runtime_error("a bitrate is out of range");
         std::vector<double> segments;
         for (const auto& segment : sizes) {
-            if (segment.size() != rates.size() || !(segment[source] >= 0.0))
-                throw std::runtime_error("a segment does not give one size for each level");
+            if (segment.size() != rates.size() || !(segment[source] >= 0.0) ||
+                segment[source] > kMaxSegmentBits)
+                throw std::runtime_error("a segment does not give one sane size for each level");
             segments.push_back(segment[source]);
         }
         Film::Level level;

@@ -13,6 +13,7 @@ namespace {
 /// Below these a wait or a rest of bytes is over; keeps floating point from dribbling.
 constexpr double kTinyMs = 1e-6;
 constexpr double kTinyBytes = 1e-3;
+constexpr double kMinPieceMs = 0.01;
 constexpr double kMaxPieceMs = 86400000.0;
 constexpr double kMaxKbps = 1e9;
 
@@ -21,7 +22,7 @@ Trace::Piece FromJson(const nlohmann::json& in) {
     piece.durationMs = in.at("duration_ms").get<double>();
     piece.bytesPerMs = in.at("bandwidth_kbps").get<double>() / 8.0;
     piece.latencyMs = in.value("latency_ms", 0.0);
-    const bool sane = piece.durationMs > 0.0 && piece.durationMs <= kMaxPieceMs &&
+    const bool sane = piece.durationMs >= kMinPieceMs && piece.durationMs <= kMaxPieceMs &&
                       piece.bytesPerMs >= 0.0 && piece.bytesPerMs <= kMaxKbps &&
                       piece.latencyMs >= 0.0 && piece.latencyMs <= kMaxPieceMs;
     if (!sane)

@@ -11,8 +11,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <map>
-#include <mutex>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <stdexcept>
@@ -124,13 +122,30 @@ bool PrintReplay(const std::string& path) {
     return different == 0;
 }
 
-void Run(const Options& options) {
-    if (!options.configFolder.empty()) {
-        opal::SetConfigurationDirectory(options.configFolder);
+/// Loads the settings file. The library says on stdout that it found one, where that would lead off
+/// the JSON or CSV; so it says it on stderr here.
+void LoadSettings(const std::string& folder) {
+    opal::SetConfigurationDirectory(folder);
+    std::fflush(stdout);
+    const int standardOutput = dup(STDOUT_FILENO);
+    dup2(STDERR_FILENO, STDOUT_FILENO);
+    std::string problem;
+    try {
         if (!LoadConfigFile())
-            throw std::runtime_error(options.configFolder +
-                                     "/kmt_ssa_config.xml: not there, or a value is not right");
+            problem = "not there, or a value is not right";
+    } catch (const std::exception& error) {
+        problem = error.what();
     }
+    std::fflush(stdout);
+    dup2(standardOutput, STDOUT_FILENO);
+    close(standardOutput);
+    if (!problem.empty())
+        throw std::runtime_error(folder + "/kmt_ssa_config.xml: " + problem);
+}
+
+void Run(const Options& options) {
+    if (!options.configFolder.empty())
+        LoadSettings(options.configFolder);
     Tunables tunables = Tunables::Current();
     for (const std::string& setting : options.settings)
         tunables.Set(setting);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <boost/make_shared.hpp>
+#include <cmath>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
@@ -15,7 +16,8 @@ namespace {
 using nlohmann::json;
 using Kind = Recording::Kind;
 
-constexpr size_t kMaxLevels = 64;  // bits of openIndexes
+constexpr size_t kMaxLevels = 64;   // bits of openIndexes
+constexpr int64_t kMaxTime = 1e12;  // ms; no session lasts thirty years
 
 json ToJson(const Recording::Call& call) {
     return {{"kind", static_cast<int>(call.kind)},
@@ -30,6 +32,10 @@ json ToJson(const Recording::Call& call) {
             {"cluster", call.message.clusterIndex},
             {"value", call.value},
             {"answer", call.answer}};
+}
+
+bool IsTime(int64_t ms) {
+    return ms >= -kMaxTime && ms <= kMaxTime;
 }
 
 Recording::Call CallFromJson(const json& in) {
@@ -49,6 +55,9 @@ Recording::Call CallFromJson(const json& in) {
     call.message.downloadSize = in.at("download_size").get<int64_t>();
     call.message.bufferedDuration = in.at("buffered").get<int64_t>();
     call.message.timeSinceStart = in.at("time_since_start").get<int64_t>();
+    if (!(std::abs(call.nowMs) <= kMaxTime) || !IsTime(call.message.downloadTime) ||
+        !IsTime(call.message.bufferedDuration) || !IsTime(call.message.timeSinceStart))
+        throw std::runtime_error("a call at a time that cannot be");
     call.message.clusterIndex = in.at("cluster").get<size_t>();
     call.value = in.at("value").get<int64_t>();
     call.answer = in.at("answer").get<int64_t>();

@@ -96,11 +96,12 @@ class Session : private BandwidthProbeNotify {
     void HandleVideoCluster();
     void SwitchLevel();
     void ContinueOpening();
-    void WakeVideo() { Wake(m_video); }
+    void WakeReaders();
     void Wake(Stream& stream);
     bool IsReadyToStart();
     void CheckUnderflow();
 
+    bool IsTimedOut(const Transfer& transfer) const;
     bool AtEnd(const Stream& stream) const { return stream.nextCluster >= m_film.ClusterCount(); }
     int64_t ClusterSize(const Stream& stream, bool video) const;
     double NowMs() const { return m_link.NowMs(); }
@@ -176,12 +177,13 @@ void RegisterProbedFile() {
 }
 
 bool Session::TransferAlone(double bytes) {
+    if (m_failed)  // the transfer that failed still stands in the link's list
+        return false;
     Transfer transfer;
     m_link.Start(transfer, bytes);
     while (!transfer.IsDone()) {
         m_link.Advance(kTurnMs);
-        if (NowMs() - transfer.startMs >
-            1000.0 * static_cast<double>(StreamingTuning::Instance().GetTransferTimeout())) {
+        if (IsTimedOut(transfer)) {
             m_failed = true;
             break;
         }
@@ -261,7 +263,7 @@ void Session::StartPlayback() {
         return;
     if (m_film.audioBitrate > 0)
         Wake(m_audio);
-    WakeVideo();
+    Wake(m_video);
     m_paused = false;
     m_queue.push_back(Message::Start);
 }
@@ -324,7 +326,16 @@ void Session::TakeClusters(Stream& stream, bool video) {
     }
 }
 
+bool Session::IsTimedOut(const Transfer& transfer) const {
+    const auto timeoutMs =
+        1000.0 * static_cast<double>(StreamingTuning::Instance().GetTransferTimeout());
+    return transfer.active && !transfer.IsDone() && NowMs() - transfer.startMs >= timeoutMs;
+}
+
+/// A transfer that takes too long ends the session: nothing above the transport tries again.
 void Session::CompleteTransfers() {
+    if (IsTimedOut(m_video.transfer) || IsTimedOut(m_audio.transfer) || IsTimedOut(m_fetch))
+        m_failed = true;
     if (m_video.transfer.IsDone())
         CompleteCluster(m_video, true);
     if (m_audio.transfer.IsDone())
@@ -438,7 +449,12 @@ void Session::HandleVideoCluster() {
     if (m_playing && !AtEnd(m_video))
         SwitchLevel();
     if (m_toFetch.empty())
-        WakeVideo();
+        WakeReaders();
+}
+
+/// The next video cluster, and audio's unless it is too far ahead.
+void Session::WakeReaders() {
+    Wake(m_video);
     if (m_film.audioBitrate == 0)
         return;
     m_audioAhead =
@@ -486,14 +502,13 @@ void Session::ContinueOpening() {
     for (size_t i = 0; i <= m_wantedLevel; ++i)
         m_openIndexes[i] = m_indexes[i].get();
     m_video.level = m_wantedLevel;
-    WakeVideo();
+    WakeReaders();
 }
 
 bool Session::IsReadyToStart() {
-    if (AtEnd(m_video))
-        return true;
-    return m_switching->IsVideoBuffered() &&
-           (m_film.audioBitrate == 0 || m_switching->IsAudioBuffered());
+    const bool buffered = m_switching->IsVideoBuffered() &&
+                          (m_film.audioBitrate == 0 || m_switching->IsAudioBuffered());
+    return buffered || AtEnd(m_video);
 }
 
 void Session::CheckUnderflow() {

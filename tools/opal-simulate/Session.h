@@ -25,7 +25,7 @@ struct Result {
     int refetches = 0;  ///< clusters fetched again because the buffer's duration was full
     int64_t decisions = 0;
     double decisionNs = 0.0;  ///< time spent deciding
-    bool finished = false;    ///< played to the end within the time allowed
+    bool finished = false;    ///< played to the end, in time and without a failure
 
     double MeanKbps() const { return clusters == 0 ? 0.0 : bitrateSum / clusters / 1000.0; }
     double StallShare() const {
@@ -42,7 +42,8 @@ using DecisionListener = std::function<void(double, size_t, int)>;
 /// Plays a film over a trace in virtual time: the real switching code and the real probe, under the
 /// rules of readers and event loop. A turn of the loop is 10 ms and handles one message; managers
 /// poll every 20 ms; a cluster that meets a full buffer is fetched again; audio runs at most 5 s
-/// ahead; below 501 ms of video playback stops until the buffers are ready again.
+/// ahead; below 501 ms of video playback stops until the buffers are ready again; a transfer that
+/// takes longer than the transport's time-out ends the session.
 ///
 /// Threading: sessions may run side by side, one a thread, under a SimulatedClock. The tunables are
 /// the process's.
