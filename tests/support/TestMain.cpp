@@ -1,10 +1,12 @@
 #include <gmock/gmock.h>
 
 // Tests ask for more memory than there is, to see the refusal; a sanitizer would end the program.
-extern "C" const char* __asan_default_options() {
+// Its runtime finds these by name.
+#define OPAL_SANITIZER_OPTIONS extern "C" __attribute__((visibility("default"))) const char*
+OPAL_SANITIZER_OPTIONS __asan_default_options() {
     return "allocator_may_return_null=1";
 }
-extern "C" const char* __tsan_default_options() {
+OPAL_SANITIZER_OPTIONS __tsan_default_options() {
     return "allocator_may_return_null=1";
 }
 

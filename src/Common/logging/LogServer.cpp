@@ -49,7 +49,17 @@ class LogServer::PIMPL {
     /// The sender's switches as of the connection, so that Post need not touch the sender, which
     /// may be gone while a reader still posts.
     std::atomic<bool> levelEnabled[3] = {{false}, {false}, {false}};
-    boost::posix_time::ptime startTime;
+    boost::posix_time::ptime startTime;  ///< under wakeMutex: late posts meet the next start
+
+    void StampStart() {
+        boost::lock_guard<boost::mutex> lock(wakeMutex);
+        startTime = opal::Now();
+    }
+
+    int64_t SecondsSinceStart() {
+        boost::lock_guard<boost::mutex> lock(wakeMutex);
+        return opal::ToMilliseconds(opal::Now() - startTime) / 1000;
+    }
 
     void Push(int type, LogEvent* event) {
         boost::lock_guard<boost::mutex> lock(wakeMutex);
@@ -166,7 +176,7 @@ void LogServer::Start(ILogEventSender* sender) {
     self.sender = sender;
     self.connected = false;
     self.stopping = false;
-    self.startTime = opal::Now();
+    self.StampStart();
     self.started = true;
     self.thread = boost::thread([&self] { self.Run(); });
 }
@@ -177,7 +187,7 @@ bool LogServer::Post(LogEvent* event) {
         return false;
     if (self.connected && !self.IsEnabled(*event))
         return false;
-    event->ts = opal::ToMilliseconds(opal::Now() - self.startTime) / 1000;
+    event->ts = self.SecondsSinceStart();
     self.Push(LogEventMessage::kEvent, event);
     return true;
 }
