@@ -113,6 +113,32 @@ TEST_F(StreamingReaderTest, FilesCutOrSpoiltAnywhereFailWithoutHarm) {
     }
 }
 
+TEST_F(StreamingReaderTest, CuesOfImplausibleSizeAreNotFetched) {
+    constexpr uint64_t kMaxCues = 64 * 1024 * 1024;
+    const package::BuiltFile file = MakeMedia({});
+    Make();
+    const auto openWith = [&](uint64_t totalSize, size_t fileSize) {
+        std::string bytes(file.bytes.begin(), file.bytes.end());
+        bytes.resize(fileSize, '\0');
+        uint64_t payload = totalSize - 12;  // identifier, and a size in eight bytes
+        for (size_t at = layout.cuesOffset + 11; at > layout.cuesOffset + 4; --at, payload >>= 8)
+            bytes[at] = static_cast<char>(payload);
+        bytes[layout.cuesOffset + 4] = 1;
+        server->AddFile(kUrl, std::move(bytes));
+        server->ClearLog();
+        const OPALError opened = reader->Open();
+        EXPECT_EQ(OPAL_OK, reader->Finalize());
+        return std::make_pair(opened, server->Reads().size());
+    };
+    const auto refused = std::make_pair(OPAL_ERROR_GENERAL, size_t{2});
+    const auto fetched = std::make_pair(OPAL_OK, size_t{3});
+    const size_t rest = file.bytes.size() - layout.cuesOffset;
+    EXPECT_EQ(refused, openWith(rest + 1, file.bytes.size()));
+    EXPECT_EQ(refused, openWith(uint64_t{1} << 55, file.bytes.size()));
+    EXPECT_EQ(refused, openWith(kMaxCues + 1, layout.cuesOffset + kMaxCues + 1));
+    EXPECT_EQ(fetched, openWith(kMaxCues, layout.cuesOffset + kMaxCues));
+}
+
 TEST_F(StreamingReaderTest, DeliversClusterAfterCluster) {
     const package::BuiltFile file = MakeMedia({});
     MakeOpen();

@@ -20,6 +20,8 @@ constexpr int64_t kPollMs = 30;
 constexpr int64_t kNanosecondsPerMs = 1000000;
 /// The largest EBML element header has 16 bytes.
 constexpr int64_t kElementHeaderBytes = 18;
+/// Beyond any film's; an index is held in memory whole.
+constexpr uint64_t kMaxCuesBytes = 64 * 1024 * 1024;
 
 /// (to - from) in frames. Times and durations come from the file and from the application, so the
 /// arithmetic saturates, at half the range to leave callers room for one more step.
@@ -472,10 +474,14 @@ OPALError StreamingReader::FetchIndex(int64_t cuesOffset, int64_t segmentOffset,
     const boost::shared_ptr<IClusterIndex> index(NewClusterIndex(cuesOffset, segmentOffset));
     if (!index)
         return OPAL_ERROR_OUT_OF_RANGE;
-    if (totalSize > static_cast<uint64_t>(std::numeric_limits<int64_t>::max()))
-        return OPAL_ERROR_INVALID_ARGUMENT;
+    int64_t fileSize = 0;
+    OPALError result = m_pHTTP->GetSize(fileSize);
+    if (result != OPAL_OK)
+        return result;
+    if (totalSize > kMaxCuesBytes || static_cast<int64_t>(totalSize) > fileSize - cuesOffset)
+        return OPAL_ERROR_GENERAL;
     qutl::MemoryBuffer<unsigned char> cues;
-    OPALError result = FetchRange(cuesOffset, static_cast<int64_t>(totalSize), cues);
+    result = FetchRange(cuesOffset, static_cast<int64_t>(totalSize), cues);
     if (result != OPAL_OK)
         return result;
     result = index->Parse(cues.GetData(), static_cast<int64_t>(cues.GetSize()));

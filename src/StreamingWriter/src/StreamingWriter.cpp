@@ -34,7 +34,7 @@ bool IsWithinRound(int64_t first, int64_t last) {
 
 IStreamingWriter* NewStreamingWriter(IClusterBuffer* buffer, IPlatform* sink,
                                      OPALStreamType streamType, OPALWriterModel model) {
-    if (!buffer || (!sink && model == OPAL_WRITER_MODEL_PUSH) || streamType == OPAL_STREAM_NONE)
+    if (!buffer || (!sink && model == OPAL_WRITER_MODEL_PUSH))
         return nullptr;
     return new StreamingWriter(buffer, sink, streamType, model);
 }
