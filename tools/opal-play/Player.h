@@ -89,8 +89,8 @@ class Player {
     int64_t m_playedSinceMs = -1;  ///< when playback first started
     int64_t m_endedMs = -1;        ///< when playback was over
     int64_t m_durationMs = 0;
-    int64_t m_positionMs = 0;    ///< last known ...
-    int64_t m_positionAtMs = 0;  ///< ... at this time
+    int64_t m_positionMs = 0;       ///< last known ...
+    int64_t m_positionAtMs = 0;     ///< ... at this time
     uint64_t m_picturesBefore = 0;  ///< shown before playback last started
     Pace m_pace;
     size_t m_level = static_cast<size_t>(-1);
