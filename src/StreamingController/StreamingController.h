@@ -4,6 +4,7 @@
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/scoped_ptr.hpp>
 #include <boost/shared_ptr.hpp>
+#include <boost/thread/lock_guard.hpp>
 #include <boost/thread/locks.hpp>
 #include <boost/thread/mutex.hpp>
 #include <boost/thread/recursive_mutex.hpp>
@@ -60,11 +61,12 @@ struct SubtitleSink : Sink<const std::string&, int, int, const void*, size_t> {
 /// Threading: as IStreamingController. Locks, in the order in which they are taken:
 /// m_lifecycleMutex (a whole Initialize... or Finalize), m_mutex (everything of a session),
 /// m_objectsMutex (shared by the accessors that do not take m_mutex; exclusive only while an object
-/// is put in place or dropped), then a reader manager's, a reader's or a writer's, a sink's. Reader
-/// callbacks run under manager and reader and take none of the first three, so a reader never waits
-/// for the controller. Finalize first ends everything that may wait for the network or the set,
-/// without m_mutex, so that it gets m_mutex soon; a running Initialize... then returns an error and
-/// Finalize goes on behind it.
+/// is put in place or dropped), m_interruptMutex (likewise, for what Finalize ends before it waits:
+/// an accessor may wait for a transfer with the one before), then a reader manager's, a reader's or
+/// a writer's, a sink's. Reader callbacks run under manager and reader and take none of the first
+/// four, so a reader never waits for the controller. Finalize first ends everything that may wait
+/// for the network or the set, without m_mutex, so that it gets m_mutex soon; a running
+/// Initialize... then returns an error and Finalize goes on behind it.
 /// Ownership: owns all objects of a session; the listener is the application's. A derived class
 /// calls Finalize in its destructor, since the loop calls its virtual operations.
 /// Units: milliseconds, bytes, bits per second.
@@ -252,6 +254,7 @@ class StreamingController : public IStreamingController {
     template <typename T>
     void Publish(boost::scoped_ptr<T>& slot, T* object) {
         boost::unique_lock<boost::shared_mutex> lock(m_objectsMutex);
+        boost::lock_guard<boost::mutex> interrupt(m_interruptMutex);
         slot.reset(object);
     }
 
@@ -264,6 +267,8 @@ class StreamingController : public IStreamingController {
     void EndLoop();
     void StopLogSender();
     OPALError TearDown(bool keepForNextSession);
+    OPALError DropSink(boost::scoped_ptr<IPlatform>& sink);
+    void DropHandlesAndBuffers(bool keepBuffers);
     void DropObjects(bool keepForNextSession);
     void ResetFigures();
     OPALError Terminate(OPALError code);
@@ -424,7 +429,8 @@ class StreamingController : public IStreamingController {
 
     boost::mutex m_lifecycleMutex;
     boost::shared_mutex m_objectsMutex;
-    ISMILParser* m_pFetchingParser = nullptr;  ///< while it fetches; under m_objectsMutex
+    boost::mutex m_interruptMutex;
+    ISMILParser* m_pFetchingParser = nullptr;  ///< while it fetches; under m_interruptMutex
     /// Calls of Finalize under way: a failure then is a consequence of the shutdown.
     std::atomic<int> m_finalizing{0};
     /// Stop was handled and nothing started since: what is still queued must not start a reader.

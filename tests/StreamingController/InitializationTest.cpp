@@ -184,6 +184,8 @@ TEST_F(InitializationTest, OperationsWithoutASessionAreNotReady) {
     EXPECT_EQ(kNone, controller->GetCurrentVideoLevel());
     EXPECT_EQ(OPAL_OK, controller->GetBufferedDuration(OPAL_STREAM_VIDEO, ms));
     EXPECT_EQ(0, ms);
+    HABPreferences preferences;  // those of the set, which need no session
+    EXPECT_EQ(OPAL_OK, controller->GetPlatformPreferences(preferences));
     OPALVersion version;
     KMTGetVersion(&version);
     EXPECT_EQ(35u, version.build);

@@ -427,5 +427,55 @@ TEST_F(PlaybackTest, UnknownMessagesDoNothing) {
     EXPECT_EQ(StreamingController::CONTROLLER_PLAYING, controller->GetState());
 }
 
+TEST_F(PlaybackTest, FinalizeDropsOneSinkBeforeItFlushesTheNext) {
+    class Sink : public FakePlatform {
+      public:
+        Sink(const std::string& name, CallJournal& journal)
+            : FakePlatform(name, &journal), m_name(name), m_journal(journal) {}
+        ~Sink() override { m_journal.Add(m_name + " gone"); }
+
+      private:
+        const std::string m_name;
+        CallJournal& m_journal;
+    };
+    controller->newSink = [this](const std::string& name) { return new Sink(name, journal); };
+    StartPlaying({});
+    controller->video->FailNext(FakePlatform::Op::Flush, OPAL_ERROR_GENERAL, 1);
+    controller->audio->FailNext(FakePlatform::Op::Flush, OPAL_ERROR_NOT_READY, 1);
+    EXPECT_EQ(OPAL_ERROR_NOT_READY, controller->Finalize());
+    EXPECT_THAT(journal.Lines(), ElementsAre("video Flush", "video Stop", "video gone",
+                                             "audio Flush", "audio gone"));
+}
+
+// The accessor waits for a transfer, the loop for the accessor, and a shutdown for neither.
+TEST_F(PlaybackTest, FinalizeEndsATransferThatAnAccessorWaitsFor) {
+    Build(true);
+    FilmShape film;
+    film.clusters = 100;
+    film.subtitleTracks = 1;
+    Serve(film);
+    FakeRule rule = FakeRule::Hold(Url("a0"), FakeRule::Kind::Read);
+    rule.skip = 4;
+    const uint64_t held = server->AddRule(rule);
+    ASSERT_EQ(OPAL_OK, Initialize());
+    ASSERT_EQ(OPAL_OK, controller->Play());
+    ASSERT_TRUE(server->WaitForHeld(held, 1, 10000));
+    AudioTrackInfo info;
+    auto asking =
+        std::async(std::launch::async, [&] { return controller->GetAudioTrackInfo(0, info); });
+    EXPECT_EQ(std::future_status::timeout, asking.wait_for(std::chrono::milliseconds(50)));
+    ASSERT_EQ(OPAL_OK, controller->SetSubtitleTrack(0));
+    std::future<size_t>
+        count;  // waits behind the loop once that puts the subtitles' buffer in place
+    ASSERT_TRUE(Eventually([&] {
+        count = std::async(std::launch::async, [&] { return controller->GetVideoLevelCount(); });
+        return count.wait_for(std::chrono::milliseconds(50)) == std::future_status::timeout;
+    }));
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(OPAL_OK, controller->Finalize());
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(3));
+    EXPECT_EQ(OPAL_OK, asking.get());
+}
+
 }  // namespace
 }  // namespace opal::test

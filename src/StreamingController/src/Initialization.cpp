@@ -221,7 +221,7 @@ class StreamingController::FetchingScope {
 
   private:
     void Set(ISMILParser* parser) {
-        boost::unique_lock<boost::shared_mutex> lock(m_controller.m_objectsMutex);
+        boost::lock_guard<boost::mutex> lock(m_controller.m_interruptMutex);
         m_controller.m_pFetchingParser = parser;
     }
     StreamingController& m_controller;
@@ -313,6 +313,7 @@ OPALError StreamingController::CreateRuntimeHandles() {
         return OPAL_ERROR_GENERAL;
     {
         boost::unique_lock<boost::shared_mutex> lock(m_objectsMutex);
+        boost::lock_guard<boost::mutex> interrupt(m_interruptMutex);
         m_hArch = hArch;
     }
     if (HABTimer_New(&m_hTimer, m_hArch, kSessionTimerKind) != HAB_OK ||

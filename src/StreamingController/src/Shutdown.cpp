@@ -16,10 +16,6 @@ namespace {
 
 constexpr int64_t kInterruptPeriodMs = 10;
 
-OPALError FlushSink(IPlatform* sink) {
-    return sink ? sink->Flush() : OPAL_OK;
-}
-
 }  // namespace
 
 bool StreamingController::IsInCallback() const {
@@ -53,8 +49,9 @@ boost::unique_lock<Mutex> StreamingController::LockInterrupting(Mutex& mutex) {
     return lock;
 }
 
+// An accessor may hold m_objectsMutex while it waits for a transfer, so that is not taken here.
 void StreamingController::Interrupt() {
-    boost::shared_lock<boost::shared_mutex> lock(m_objectsMutex);
+    boost::lock_guard<boost::mutex> lock(m_interruptMutex);
     HABArch_SetClosing(m_hArch);
     if (m_pReaders)
         m_pReaders->AbortTransfers();
@@ -104,18 +101,21 @@ OPALError StreamingController::TearDown(bool keepForNextSession) {
     StreamingControllerMessage leftover;
     while (m_queue.Pop(leftover)) {
     }
-    for (IStreamingWriter* writer :
-         {m_pVideoWriter.get(), m_pAudioWriter.get(), m_pSubtitleWriter.get()}) {
-        if (writer)
-            (void)writer->Finalize();
+    Publish<Readers>(m_pReaders, nullptr);
+    for (boost::scoped_ptr<IStreamingWriter>* writer :
+         {&m_pVideoWriter, &m_pAudioWriter, &m_pSubtitleWriter}) {
+        if (*writer)
+            (void)(*writer)->Finalize();
+        Publish<IStreamingWriter>(*writer, nullptr);
     }
-    const OPALError video = FlushSink(m_pVideoPlatform.get());
-    if (m_pVideoPlatform)
-        (void)m_pVideoPlatform->Stop();
-    const OPALError audio = FlushSink(m_pAudioPlatform.get());
-    const OPALError subtitle = FlushSink(m_pSubtitlePlatform.get());
-    if (m_pProtectedContent && m_sessionContent && !keepForNextSession)
+    const OPALError video = DropSink(m_pVideoPlatform);
+    const OPALError audio = DropSink(m_pAudioPlatform);
+    const OPALError subtitle = DropSink(m_pSubtitlePlatform);
+    DropHandlesAndBuffers(keepForNextSession);
+    if (m_pProtectedContent && m_sessionContent && !keepForNextSession) {
         (void)m_pProtectedContent->Close();
+        m_pProtectedContent.reset();
+    }
     DropObjects(keepForNextSession);
     ResetFigures();
     if (!keepForNextSession)
@@ -125,41 +125,47 @@ OPALError StreamingController::TearDown(bool keepForNextSession) {
     return video != OPAL_OK ? video : subtitle;
 }
 
-void StreamingController::DropObjects(bool keepForNextSession) {
+/// Answers what the sink's last flush answered. One sink is gone before the next is flushed.
+OPALError StreamingController::DropSink(boost::scoped_ptr<IPlatform>& sink) {
+    if (!sink)
+        return OPAL_OK;
+    const OPALError flushed = sink->Flush();
+    if (&sink == &m_pVideoPlatform)
+        (void)sink->Stop();
+    Publish<IPlatform>(sink, nullptr);
+    return flushed;
+}
+
+void StreamingController::DropHandlesAndBuffers(bool keepBuffers) {
     boost::unique_lock<boost::shared_mutex> lock(m_objectsMutex);
-    m_pReaders.reset();
-    m_pVideoWriter.reset();
-    m_pAudioWriter.reset();
-    m_pSubtitleWriter.reset();
-    m_pVideoPlatform.reset();
-    m_pAudioPlatform.reset();
-    m_pSubtitlePlatform.reset();
-    m_configureAudio = nullptr;
-    m_configureSubtitles = nullptr;
-    if (m_hTimer)
-        (void)HABTimer_Delete(m_hTimer);
-    m_hTimer = nullptr;
-    if (m_hArch)
-        (void)HABArch_Delete(m_hArch);
-    m_hArch = nullptr;
-    for (IClusterBuffer* buffer :
-         {m_pVideoBuffer.get(), m_pAudioBuffer.get(), m_pSubtitleBuffer.get()}) {
-        if (buffer)
-            (void)buffer->Clear();
+    {
+        boost::lock_guard<boost::mutex> interrupt(m_interruptMutex);
+        if (m_hTimer)
+            (void)HABTimer_Delete(m_hTimer);
+        m_hTimer = nullptr;
+        if (m_hArch)
+            (void)HABArch_Delete(m_hArch);
+        m_hArch = nullptr;
     }
-    m_pProbe.reset();
+    for (boost::scoped_ptr<IClusterBuffer>* buffer :
+         {&m_pVideoBuffer, &m_pAudioBuffer, &m_pSubtitleBuffer}) {
+        if (!keepBuffers)
+            buffer->reset();
+        else if (*buffer)
+            (void)(*buffer)->Clear();
+    }
+}
+
+void StreamingController::DropObjects(bool keepForNextSession) {
+    Publish<ISMILParser>(m_pSMILParser, nullptr);
+    Publish<BandwidthProbe>(m_pProbe, nullptr);
     m_probeNotify.controller = nullptr;
     m_pReaderNotify.reset();
     m_pSubtitleNotify.reset();
-    m_pSMILParser.reset();
-    if (keepForNextSession)
-        return;
-    m_pVideoBuffer.reset();
-    m_pAudioBuffer.reset();
-    m_pSubtitleBuffer.reset();
-    if (m_sessionContent)
-        m_pProtectedContent.reset();
-    m_pSwitching.reset();
+    m_configureAudio = nullptr;
+    m_configureSubtitles = nullptr;
+    if (!keepForNextSession)
+        m_pSwitching.reset();
 }
 
 void StreamingController::ResetFigures() {

@@ -227,8 +227,6 @@ OPALError StreamingController::PullSubtitleBlock(qutl::MemoryBuffer<unsigned cha
 
 OPALError StreamingController::GetPlatformPreferences(HABPreferences& preferences) {
     ObjectsLock lock(m_objectsMutex);
-    if (!m_hArch)
-        return OPAL_ERROR_NOT_READY;
     return HABArch_GetPreferences(m_hArch, preferences) == HAB_OK ? OPAL_OK : OPAL_ERROR_GENERAL;
 }
 
