@@ -200,10 +200,10 @@ class ControllerFixture : public testing::Test {
             body += "<switch>" + Video("t", 100000, 2, 100, true) + "</switch>";
         for (int i = 0; i < film.audioTracks; ++i)
             body += Track("audio", "a" + std::to_string(i), package::TrackKind::Audio,
-                          film.clusters, 0, 40 + i);
+                          film.clusters, 0, size_t{40} + static_cast<size_t>(i));
         for (int i = 0; i < film.subtitleTracks; ++i)
             body += Track("textstream", "s" + std::to_string(i), package::TrackKind::Subtitle,
-                          film.clusters, film.subtitleHeader, 60 + i);
+                          film.clusters, film.subtitleHeader, size_t{60} + static_cast<size_t>(i));
         server->AddFile(kFilm, "<smil><body><par>" + body + "</par></body></smil>");
     }
     OPALError Initialize() {
