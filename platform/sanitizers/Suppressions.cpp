@@ -1,5 +1,6 @@
-// What the sanitizers find in the system libraries under the television set. Part of every program
-// that links it in a sanitizer build; these hooks are only looked for in the program itself.
+// What the sanitizers find in the system libraries under the television set and the packager. Part
+// of every program that links one of them in a sanitizer build; these hooks are only looked for in
+// the program itself.
 
 #if defined(__SANITIZE_THREAD__)
 #define OPAL_THREAD_SANITIZER 1
@@ -22,7 +23,12 @@ const char* __tsan_default_suppressions() {
         "mutex:libdirect-1.7\n"
         // DirectFB takes its own mutexes in both orders while it starts.
         "deadlock:libfusion-1.7\n"
-        "deadlock:libdirect-1.7\n";
+        "deadlock:libdirect-1.7\n"
+        // FFmpeg hands frames from its decoding threads on with atomics of its own, which are not
+        // instrumented there; so are x264's.
+        "race:libavcodec\n"
+        "race:libavutil\n"
+        "race:libx264\n";
 }
 #elif defined(OPAL_ADDRESS_SANITIZER)
 extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions();
