@@ -138,7 +138,7 @@ TEST_F(BadInputTest, RepliesOfTheWrongLength) {
     m_origin.ClearFaults();
     m_listener.Clear();
     m_origin.AddFault(Fault::ExtraBytes(5000).On("level0").Get().RangeStart(offset));
-    EXPECT_LE(Outcome(), 0) << "bytes behind the reply";
+    EXPECT_THAT(Outcome(), testing::AnyOf(0, -1)) << "bytes behind the reply";
 }
 
 TEST_F(BadInputTest, GarbageInPlaceOfAClusterOrAnIndex) {
