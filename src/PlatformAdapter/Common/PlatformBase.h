@@ -17,6 +17,10 @@ class PlatformBase : public IPlatform {
     OPALError GetTime(uint32_t& ms) override;
 
   protected:
+    using Lock = boost::recursive_mutex::scoped_lock;
+
+    static OPALError FromHAB(int result);
+
     HHABTIMER m_hTimer;
     HHABARCH m_hArch;
     boost::recursive_mutex m_mutex;
