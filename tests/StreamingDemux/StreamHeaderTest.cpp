@@ -1,6 +1,4 @@
-#include <gtest/gtest.h>
-
-#include <limits>
+#include <gmock/gmock.h>
 
 #include "StreamingDemux/EBML/EBMLIDs.h"
 #include "StreamingDemux/EBML/StreamHeaderParser.h"
@@ -10,6 +8,7 @@ namespace opal::test {
 namespace {
 
 using namespace opal::ebml;
+using testing::HasSubstr;
 
 /// An audio file's header: two hours of AAC.
 const char* const kAudioHeader =
@@ -18,183 +17,137 @@ const char* const kAudioHeader =
     "4489844adbba001654ae6b9cae9a8381028685415f41414363a2821210e189b584"
     "472c44009f8102";
 
-Bytes Segment(const std::vector<Bytes>& children) {
-    return Element(kSegment, children);
+/// All that a parser answers; an error's number for what is missing.
+std::string Ask(const StreamHeaderParser& parser) {
+    const auto either = [](OPALError code, const int64_t& value) {
+        return std::to_string(code == OPAL_OK ? value : int64_t{code});
+    };
+    int64_t value = 7;
+    std::string text = "segment " + either(parser.GetSegmentDataOffset(value), value);
+    text += ", cues " + either(parser.FindCuesPosition(value), value);
+    text += ", " + either(parser.GetDurationMs(value), value) + " ms";
+    text += ", frame " + either(parser.GetDefaultDuration(value), value);
+    AudioStreamInfo audio;
+    const OPALError audioResult = parser.GetAudioInfo(audio);
+    text += ", audio " + either(audioResult, audio.samplingFrequency) + ' ' + audio.codecID + ' ' +
+            std::to_string(audio.channels) + ' ' + ToHex(audio.codecPrivate);
+    std::string font;
+    qutl::MemoryBuffer<unsigned char> data;
+    const OPALError fontResult = parser.GetFontName(font);
+    EXPECT_EQ(parser.GetFontData(data), fontResult);
+    return text + ", font " + either(fontResult, 0) + ' ' + font + ' ' + ToHex(data) + ',';
 }
 
-Bytes Track(uint8_t type, const std::vector<Bytes>& more) {
-    std::vector<Bytes> children = {Element(kTrackType, {{type}})};
-    children.insert(children.end(), more.begin(), more.end());
-    return Element(kTrackEntry, children);
-}
-
-Bytes Font(const std::string& mimeType) {
-    return Element(kAttachments, {Element(kAttachedFile, {Element(kFileMimeType, {Text(mimeType)}),
-                                                          Element(kFileName, {Text("a.ttf")}),
-                                                          Element(kFileData, {{1, 2, 3}})})});
-}
-
-/// A parser together with the bytes it reads from.
-struct Header {
-    explicit Header(const Bytes& content) : Header(content, content.size()) {}
-    Header(const Bytes& content, size_t size) : bytes(content, size) {
-        result = parser.Parse(bytes.data(), bytes.size());
-    }
-
-    ExactBytes bytes;
+std::string Ask(const Bytes& bytes) {
+    const ExactBytes exact(bytes);
     StreamHeaderParser parser;
-    OPALError result;
-};
+    const OPALError result = parser.Parse(exact.data(), exact.Size());
+    EXPECT_TRUE(result == OPAL_OK || result == OPAL_ERROR_GENERAL);
+    return Ask(parser);
+}
+
+const std::string kNothing = "segment -3, cues -3, -4 ms, frame -1, audio -1  0 , font -1  ,";
 
 TEST(StreamHeader, AudioFile) {
-    Header header(Hex(kAudioHeader));
-    ASSERT_EQ(header.result, OPAL_OK);
-    int64_t value = 0;
-    EXPECT_EQ(header.parser.GetSegmentDataOffset(value), OPAL_OK);
-    EXPECT_EQ(value, 24);
-    EXPECT_EQ(header.parser.FindCuesPosition(value), OPAL_OK);
-    EXPECT_EQ(value, 99984);
-    EXPECT_EQ(header.parser.GetDurationMs(value), OPAL_OK);
-    EXPECT_EQ(value, 7200000);
-    EXPECT_EQ(header.parser.GetDefaultDuration(value), OPAL_ERROR_GENERAL);
-    AudioStreamInfo info;
-    ASSERT_EQ(header.parser.GetAudioInfo(info), OPAL_OK);
-    EXPECT_EQ(info.codecID, "A_AAC");
-    EXPECT_EQ(info.samplingFrequency, 44100);
-    EXPECT_EQ(info.channels, 2u);
-    EXPECT_EQ(ToHex(info.codecPrivate), "1210");
-    std::string name;
-    EXPECT_EQ(header.parser.GetFontName(name), OPAL_ERROR_GENERAL);
-
-    header.parser.Reset();
-    EXPECT_EQ(header.parser.GetSegmentDataOffset(value), OPAL_ERROR_OUT_OF_RANGE);
-    EXPECT_EQ(header.parser.FindCuesPosition(value), OPAL_ERROR_OUT_OF_RANGE);
-    EXPECT_EQ(header.parser.GetDurationMs(value), OPAL_ERROR_NOT_READY);
-    EXPECT_EQ(header.parser.GetAudioInfo(info), OPAL_ERROR_GENERAL);
+    const ExactBytes bytes(Hex(kAudioHeader));
+    StreamHeaderParser parser;
+    ASSERT_EQ(parser.Parse(bytes.data(), bytes.Size()), OPAL_OK);
+    EXPECT_EQ(Ask(parser),
+              "segment 24, cues 99984, 7200000 ms, frame -1, audio 44100 A_AAC 2 1210, font -1  ,");
+    parser.Reset();
+    EXPECT_EQ(Ask(parser), kNothing);
+    EXPECT_EQ(parser.Parse(nullptr, 5), OPAL_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(parser.Parse(bytes.data(), 0), OPAL_ERROR_INVALID_ARGUMENT);
+    for (const char* digits : {"a080", "1a45dfa301ffffffffffffff1853806780"})
+        EXPECT_EQ(Ask(Hex(digits)), kNothing) << digits;
 }
 
 TEST(StreamHeader, CutAtEveryLengthIsRightOrAbsent) {
     const Bytes bytes = Hex(kAudioHeader);
     for (size_t size = 1; size < bytes.size(); ++size) {
         SCOPED_TRACE(size);
-        Header header(bytes, size);
+        const std::string answers = Ask(bytes.substr(0, size));
         // The Segment's header is 12 to 23; the EBML header alone is no stream.
-        ASSERT_EQ(header.result, size < 24 ? OPAL_ERROR_GENERAL : OPAL_OK);
-        int64_t value = 0;
-        EXPECT_EQ(header.parser.GetSegmentDataOffset(value) == OPAL_OK, size >= 24);
-        const OPALError cues = header.parser.FindCuesPosition(value);
-        if (cues == OPAL_OK) {
-            EXPECT_EQ(value, size >= 45 ? 99984 : 0);
+        if (size < 24) {
+            EXPECT_EQ(answers, kNothing);
+            continue;
         }
-        EXPECT_EQ(header.parser.GetDurationMs(value) == OPAL_OK, size >= 64);
-        AudioStreamInfo info;
-        EXPECT_EQ(header.parser.GetAudioInfo(info), OPAL_ERROR_GENERAL) << "channels come last";
+        EXPECT_THAT(answers, HasSubstr("segment 24,"));
+        EXPECT_THAT(answers, testing::ContainsRegex(size >= 45 ? "cues 99984," : "cues (0|-9),"));
+        EXPECT_THAT(answers, HasSubstr(size >= 64 ? ", 7200000 ms" : ", -1 ms"));
+        EXPECT_THAT(answers, HasSubstr("audio -1  0")) << "channels come last";
     }
 }
 
-TEST(StreamHeader, WhatIsNoHeader) {
-    StreamHeaderParser parser;
-    const Bytes bytes = Hex("a080");
-    EXPECT_EQ(parser.Parse(nullptr, 5), OPAL_ERROR_INVALID_ARGUMENT);
-    EXPECT_EQ(parser.Parse(bytes.data(), 0), OPAL_ERROR_INVALID_ARGUMENT);
-    EXPECT_EQ(parser.Parse(bytes.data(), 2), OPAL_ERROR_GENERAL);
-    EXPECT_EQ(Header(Hex("1a45dfa301ffffffffffffff1853806780")).result, OPAL_ERROR_GENERAL);
-}
-
-TEST(StreamHeader, SeekHead) {
-    int64_t offset = 1;
-    const Bytes cues = Element(kSeekID, {Hex("1c53bb6b")});
-    EXPECT_EQ(Header(Segment({})).parser.FindCuesPosition(offset), OPAL_ERROR_END_OF_DATA);
-    EXPECT_EQ(offset, 0);
-    Header partial(Segment({Element(
-        kSeekHead, {Element(kSeek, {cues}), Element(kSeek, {Element(kSeekPosition, {Hex("10")})}),
-                    Element(kSeek, {Element(kSeekID, {Hex("1549a966")}),
-                                    Element(kSeekPosition, {Hex("20")})})})}));
-    EXPECT_EQ(partial.parser.FindCuesPosition(offset), OPAL_OK) << "listed nowhere";
-    EXPECT_EQ(offset, 0);
-    Header second(Segment(
-        {Element(kSeekHead, {Element(kSeek, {cues}),
-                             Element(kSeek, {Element(kSeekPosition, {Hex("30")}), cues})})}));
-    EXPECT_EQ(second.parser.FindCuesPosition(offset), OPAL_OK);
-    EXPECT_EQ(offset, 0x30 + 12) << "no EBML header: relative to the Segment's twelve bytes";
-}
-
-TEST(StreamHeader, Duration) {
-    const auto duration = [](const char* ticks, const char* scale) {
-        const Header header(Segment({Element(
-            kInfo, {Element(kTimecodeScale, {Hex(scale)}), Element(kDuration, {Hex(ticks)})})}));
-        int64_t ms = -1;
-        return header.parser.GetDurationMs(ms) == OPAL_OK ? ms : -1;
+TEST(StreamHeader, EachAnswerNeedsItsElements) {
+    const auto seek = [](const Bytes& children) { return Element(kSeek, children); };
+    const auto position = [](const char* digits) { return Element(kSeekPosition, Hex(digits)); };
+    const auto info = [](const char* ticks, const char* scale) {
+        return Element(kInfo, Element(kTimecodeScale, Hex(scale)) + Element(kDuration, Hex(ticks)));
     };
-    EXPECT_EQ(duration("41700000", "0f4240"), 15);
-    EXPECT_EQ(duration("402e000000000000", "0f4240"), -1) << "an eight-byte float";
-    EXPECT_EQ(duration("41700000", "00"), -1);
-    EXPECT_EQ(duration("00000000", "0f4240"), -1);
-    // 7199025 ticks of 1 ms, one millisecond short after the product was rounded.
-    EXPECT_EQ(duration("4adbb262", "0f4240"), 7199024);
-    EXPECT_EQ(duration("4f000000", "ffffffffffffffff"), std::numeric_limits<int64_t>::max());
-}
-
-TEST(StreamHeader, OnlyTheFirstTrackCounts) {
-    const Bytes audio = Track(2, {}),
-                video = Track(1, {Element(kDefaultDuration, {Hex("02625a00")})});
-    int64_t duration = 0;
-    Header both(Segment({Element(kTracks, {audio, video})}));
-    EXPECT_EQ(both.parser.GetDefaultDuration(duration), OPAL_ERROR_GENERAL);
-    Header videoFirst(Segment({Element(kTracks, {video, audio})}));
-    ASSERT_EQ(videoFirst.parser.GetDefaultDuration(duration), OPAL_OK);
-    EXPECT_EQ(duration, 40000000);
-    Header wide(Segment(
-        {Element(kTracks, {Element(kTrackEntry, {Element(kTrackType, {Hex("0001")}),
-                                                 Element(kDefaultDuration, {Hex("01")})})})}));
-    EXPECT_EQ(wide.parser.GetDefaultDuration(duration), OPAL_ERROR_GENERAL) << "a two-byte type";
-}
-
-TEST(StreamHeader, AudioInfoNeedsItsElements) {
-    const Bytes output = Element(kOutputSamplingFrequency, {Hex("473b8000")}),
-                sampling = Element(kSamplingFrequency, {Hex("46bb8000")}),
-                channels = Element(kChannels, {Hex("06")});
-    const auto read = [](const std::string& codec, const std::vector<Bytes>& audio,
-                         AudioStreamInfo& info) {
-        Header header(Segment({Element(
-            kTracks, {Track(2, {Element(kCodecID, {Text(codec)}), Element(kAudio, audio)})})}));
-        return header.parser.GetAudioInfo(info);
+    const auto track = [](const char* type, const Bytes& children) {
+        return Element(kTrackEntry, Element(kTrackType, Hex(type)) + children);
     };
-    AudioStreamInfo info;
-    EXPECT_EQ(read("A_AAC", {sampling}, info), OPAL_ERROR_GENERAL);
-    EXPECT_EQ(read("A_AAC", {channels}, info), OPAL_ERROR_GENERAL);
-    EXPECT_EQ(read(std::string(257, 'A'), {sampling, channels}, info), OPAL_ERROR_GENERAL);
-    EXPECT_EQ(info.codecID, "");
-    EXPECT_EQ(read(std::string(256, 'A'), {sampling, channels, output}, info), OPAL_OK);
-    EXPECT_EQ(info.samplingFrequency, 48000) << "the output frequency is preferred";
-    EXPECT_EQ(info.channels, 6u);
-    EXPECT_TRUE(info.codecPrivate.IsEmpty());
-}
-
-TEST(StreamHeader, Font) {
-    std::string name;
-    qutl::MemoryBuffer<unsigned char> data;
-    Header truetype(Segment({Font("application/x-truetype-font")}));
-    EXPECT_EQ(truetype.parser.GetFontName(name), OPAL_OK);
-    EXPECT_EQ(name, "a.ttf");
-    EXPECT_EQ(truetype.parser.GetFontData(data), OPAL_OK);
-    EXPECT_EQ(ToHex(data), "010203");
-    Header other(Segment({Font("font/ttf")}));
-    EXPECT_EQ(other.parser.GetFontName(name), OPAL_ERROR_GENERAL);
-    EXPECT_EQ(other.parser.GetFontData(data), OPAL_ERROR_GENERAL);
+    const auto audio = [&](size_t codecLength, const Bytes& children) {
+        const Bytes codec = Element(kCodecID, std::string(codecLength, 'A'));
+        return Element(kTracks, track("02", codec + Element(kAudio, children)));
+    };
+    const auto font = [](const char* type) {
+        const Bytes file = Element(kFileMimeType, type) + Element(kFileName, "a.ttf");
+        return Element(kAttachments, Element(kAttachedFile, file + Element(kFileData, "abc")));
+    };
+    const Bytes cues = Element(kSeekID, Hex("1c53bb6b")), other = Element(kSeekID, Hex("1549a966")),
+                frame = Element(kDefaultDuration, Hex("02625a00")),
+                output = Element(kOutputSamplingFrequency, Hex("473b8000")),
+                sampling = Element(kSamplingFrequency, Hex("46bb8000")),
+                channels = Element(kChannels, Hex("06"));
+    const struct {
+        const char* what;
+        Bytes segment;
+        std::string answer;
+    } rows[] = {
+        {"no SeekHead", "", "cues -9,"},
+        {"Cues listed nowhere",
+         Element(kSeekHead, seek(cues) + seek(position("10")) + seek(other + position("20"))),
+         "cues 0,"},
+        {"relative to the Segment's six bytes",
+         Element(kSeekHead, seek(cues) + seek(position("30") + cues)), "cues 54,"},
+        {"", info("41700000", "0f4240"), " 15 ms"},
+        {"a float of eight bytes", info("402e000000000000", "0f4240"), " -1 ms"},
+        {"no scale", info("41700000", "00"), " -1 ms"},
+        {"an integer of nine bytes", info("41700000", "0000000000000f4240"), " -1 ms"},
+        {"no duration", info("00000000", "0f4240"), " -1 ms"},
+        {"infinity", info("7f800000", "0f4240"), " -1 ms"},
+        {"not a number", info("7fc00000", "0f4240"), " -1 ms"},
+        {"2^100", info("71800000", "0f4240"), " -1 ms"},
+        {"7199025, short after rounding", info("4adbb262", "0f4240"), " 7199024 ms"},
+        {"too large", info("4f000000", "ffffffffffffffff"), " 9223372036854775807 ms"},
+        {"video first", Element(kTracks, track("01", frame) + track("02", "")), "frame 40000000,"},
+        {"video second", Element(kTracks, track("02", "") + track("01", frame)), "frame -1,"},
+        {"a type of two bytes", Element(kTracks, track("0001", frame)), "frame -1,"},
+        {"no channels", audio(5, sampling), "audio -1  0"},
+        {"no frequency", audio(5, channels), "audio -1  0"},
+        {"a long name", audio(257, sampling + channels), "audio -1  0"},
+        {"output frequency preferred", audio(256, sampling + channels + output),
+         "audio 48000 " + std::string(256, 'A') + " 6 ,"},
+        {"TrueType", font("application/x-truetype-font"), "font 0 a.ttf 616263,"},
+        {"another attachment", font("font/ttf"), "font -1  ,"},
+    };
+    for (const auto& row : rows)
+        EXPECT_THAT(Ask(Element(kSegment, row.segment)), HasSubstr(row.answer)) << row.what;
 }
 
 TEST(StreamHeader, ElementHeaderOutOfAnyTree) {
     uint64_t id = 0, total = 0;
-    const ExactBytes whole(Hex("1c53bb6b01ffffffffffffff000000000000"));
-    EXPECT_EQ(StreamHeaderParser::ReadElementHeader(whole.data(), id, total), OPAL_OK);
+    const Bytes whole = Hex("1c53bb6b01ffffffffffffff00000000");
+    EXPECT_EQ(StreamHeaderParser::ReadElementHeader(ExactBytes(whole).data(), id, total), OPAL_OK);
     EXPECT_EQ(id, kCues);
     EXPECT_EQ(total, 0xFFFFFFFFFFFFFFull + 12);
     EXPECT_EQ(StreamHeaderParser::ReadElementHeader(nullptr, id, total),
               OPAL_ERROR_INVALID_ARGUMENT);
-    for (size_t size = 0; size < 12; ++size) {
-        const ExactBytes cut(Hex("1c53bb6b01ffffffffffffff"), size);
-        EXPECT_EQ(StreamHeaderParser::ReadElementHeader(cut.data(), cut.size(), id, total),
+    for (size_t size = 1; size < 12; ++size) {
+        const ExactBytes cut(whole.substr(0, size));
+        EXPECT_EQ(StreamHeaderParser::ReadElementHeader(cut.data(), cut.Size(), id, total),
                   OPAL_OK);
         EXPECT_EQ(total, size < 4 ? 0u : 4u) << size;
     }

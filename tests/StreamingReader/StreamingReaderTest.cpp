@@ -114,7 +114,7 @@ TEST_F(StreamingReaderTest, FilesCutOrSpoiltAnywhereFailWithoutHarm) {
 }
 
 TEST_F(StreamingReaderTest, CuesOfImplausibleSizeAreNotFetched) {
-    constexpr uint64_t kMaxCues = 64 * 1024 * 1024;
+    constexpr uint64_t kMaxCues = 16 * 1024 * 1024;
     const package::BuiltFile file = MakeMedia({});
     Make();
     const auto openWith = [&](uint64_t totalSize, size_t fileSize) {

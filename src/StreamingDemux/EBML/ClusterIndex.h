@@ -12,6 +12,11 @@ class EBMLElement;
 /// the file's order and are not checked against each other: Cues out of order make lookups wrong.
 class ClusterIndex : public IClusterIndex {
   public:
+    /// Elements that Parse visits before it refuses the Cues. A day of two-second clusters, with a
+    /// frame listed each second, has a third of them; without a limit an index takes thirty times
+    /// the memory of hostile Cues.
+    static constexpr int64_t kMaxElements = int64_t{1} << 20;
+
     ClusterIndex(int64_t cuesOffset, int64_t segmentDataOffset);
 
     OPALError Parse(const uint8_t* data, int64_t size) override;

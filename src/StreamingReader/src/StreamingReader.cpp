@@ -21,7 +21,7 @@ constexpr int64_t kNanosecondsPerMs = 1000000;
 /// The largest EBML element header has 16 bytes.
 constexpr int64_t kElementHeaderBytes = 18;
 /// Beyond any film's; an index is held in memory whole.
-constexpr uint64_t kMaxCuesBytes = 64 * 1024 * 1024;
+constexpr uint64_t kMaxCuesBytes = 16 * 1024 * 1024;
 
 /// (to - from) in frames. Times and durations come from the file and from the application, so the
 /// arithmetic saturates, at half the range to leave callers room for one more step.

@@ -1,5 +1,7 @@
 #include "StreamingDemux/EBML/ClusterIndex.h"
 
+#include <algorithm>
+
 #include "StreamingDemux/EBML/EBMLElement.h"
 #include "StreamingDemux/EBML/EBMLIDs.h"
 #include "StreamingDemux/EBML/EBMLReader.h"
@@ -36,7 +38,7 @@ OPALError ClusterIndex::Parse(const uint8_t* data, int64_t size) {
     const EBMLTree tree(&m_schema, data, size);
     if (tree.GetID() != kCues)
         return OPAL_ERROR_GENERAL;
-    m_elementBudget = size;
+    m_elementBudget = std::min(size, kMaxElements);
     for (EBMLElement* child = tree.GetFirstChild(); child; child = tree.GetNextChild()) {
         if (!IsWithinBudget())
             return OPAL_ERROR_GENERAL;
@@ -52,9 +54,10 @@ OPALError ClusterIndex::Parse(const uint8_t* data, int64_t size) {
     return OPAL_OK;
 }
 
-/// An element takes two bytes at least and is visited once, so that the budget of one visit a byte
+/// An element takes two bytes at least and is visited once, so that a budget of one visit a byte
 /// cannot run out, unless elements claim to reach beyond their parents: then the same bytes would
-/// be read again and again, and time and memory grow with the square of the size.
+/// be read again and again, and time and memory grow with the square of the size. The fixed limit
+/// bounds what the smallest elements, some of which make an entry or a frame each, take in memory.
 bool ClusterIndex::IsWithinBudget() {
     return m_elementBudget-- > 0;
 }
