@@ -9,7 +9,6 @@
 
 #include <chrono>
 #include <future>
-#include <memory>
 #include <string>
 
 #include "Common/Clock.h"
@@ -70,17 +69,20 @@ class HTTPFileTest : public testing::Test {
         sysfs.Write("class/net/lo/operstate", state + "\n");
     }
 
-    static OPALError Size(HTTPFile& file) {
-        int64_t size = 0;
-        return file.GetSize(size);
+    /// The next request that is complete, waited for; with the film's bytes from `offset` on.
+    void ExpectNext(HTTPFile& from, int64_t offset) {
+        ASSERT_EQ(OPAL_OK, Await(from));
+        ASSERT_EQ(offset, request.GetOffset(0));
+        ASSERT_EQ(10u, request.GetBytesReceived());
+        for (int64_t n = 0; n < 10; ++n)
+            ASSERT_EQ(origin.GeneratedByte(offset + n), request.GetData()->GetData()[n]);
     }
-
     /// Waits until a threaded file answers other than "in progress".
-    static OPALError Await(IHTTPFile& file, HTTPRequest& request) {
-        OPALError result = file.GetCompletedRequest(request, false);
+    OPALError Await(HTTPFile& from) {
+        OPALError result = from.GetCompletedRequest(request, false);
         for (int64_t n = 0; n < kWaitMs && result == OPAL_ERROR_NOT_YET; ++n) {
             opal::SleepMs(1);
-            result = file.GetCompletedRequest(request, false);
+            result = from.GetCompletedRequest(request, false);
         }
         return result;
     }
@@ -88,6 +90,9 @@ class HTTPFileTest : public testing::Test {
     opal::test::TemporaryDirectory sysfs;
     opal::origin::Origin origin;
     std::string url;
+    HTTPFile file{false};
+    HTTPFile threaded{true};
+    HTTPRequest request;
 };
 
 TEST_F(HTTPFileTest, HeaderRequestGivesTheSizeOrAnError) {
@@ -105,7 +110,6 @@ TEST_F(HTTPFileTest, HeaderRequestGivesTheSizeOrAnError) {
         {"200 OK\r\nCONTENT-LENGTH: 1000", OPAL_OK},
         {"200 OK\r\nContent-Length:1000", OPAL_ERROR_GENERAL},
     };
-    HTTPFile file(false);
     for (const auto& test : kCases) {
         ScriptedServer server(
             {{"HTTP/1.1 " + std::string(test.head) + "\r\nConnection: close\r\n\r\n", 0,
@@ -116,7 +120,7 @@ TEST_F(HTTPFileTest, HeaderRequestGivesTheSizeOrAnError) {
         EXPECT_EQ(0u, server.Requests().at(0).find("HEAD /a HTTP/1.1\r\n"));
         int64_t size = 0;
         EXPECT_EQ(test.result == OPAL_OK ? OPAL_OK : OPAL_ERROR_NOT_READY, file.GetSize(size));
-        EXPECT_EQ(test.result == OPAL_OK ? 1000 : 0, size);
+        EXPECT_EQ(test.result == OPAL_OK ? 1000 : 0, size) << test.head;
         EXPECT_EQ(OPAL_OK, file.Close());
     }
     EXPECT_EQ(OPAL_ERROR_INVALID_ARGUMENT, file.Open("http://" + std::string(9000000, 'a')));
@@ -124,53 +128,42 @@ TEST_F(HTTPFileTest, HeaderRequestGivesTheSizeOrAnError) {
 }
 
 TEST_F(HTTPFileTest, RepliesOtherThanTheRangesAreContained) {
-    HTTPFile file(false);
     ASSERT_EQ(OPAL_OK, file.Open(url));
-    HTTPRequest request;
     origin.AddFault(Fault::IgnoreRange().Get());
     ASSERT_EQ(OPAL_OK, file.RequestRange(100, 100, nullptr));
     ASSERT_EQ(OPAL_OK, file.GetCompletedRequest(request, false));
     EXPECT_EQ(100u, request.GetBytesReceived());
-    ASSERT_EQ(100u, request.GetData()->GetSize());
     EXPECT_EQ(origin.GeneratedByte(99), request.GetData()->GetData()[99]) << "the file's start";
     EXPECT_EQ(OPAL_ERROR_GENERAL, file.RequestRanges({{0, 5}, {9, 5}}, nullptr))
         << "a reply far longer than its parts is refused";
+    EXPECT_EQ(OPAL_OK, file.Close());
 
     ScriptedServer plain(
         {{"HTTP/1.1 200 OK\r\nContent-Length: 4294967296\r\n\r\n", 0, ScriptedReply::After::Keep},
          {"HTTP/1.1 206 Partial\r\nContent-Length: 10\r\n\r\n0123456789", 0,
           ScriptedReply::After::Keep}});
-    HTTPFile large(false);
-    ASSERT_EQ(OPAL_OK, large.Open(plain.Url("/a")));
-    ASSERT_EQ(OPAL_OK, large.RequestRanges({{0, 5}, {5, 5}}, nullptr))
-        << "ranges joined by the server";
-    ASSERT_EQ(OPAL_OK, large.GetCompletedRequest(request, false));
+    ASSERT_EQ(OPAL_OK, file.Open(plain.Url("/a")));
+    ASSERT_EQ(OPAL_OK, file.RequestRanges({{0, 5}, {5, 5}}, nullptr)) << "joined by the server";
+    ASSERT_EQ(OPAL_OK, file.GetCompletedRequest(request, false));
     EXPECT_EQ(0u, request.GetBytesReceived());
     ASSERT_EQ(10u, request.GetData()->GetSize());
     EXPECT_EQ(0, request.GetData()->GetData()[9]);
-    EXPECT_EQ(OPAL_ERROR_GENERAL, large.RequestRange(0, -1, nullptr)) << "above 32 bits";
-    EXPECT_EQ(OPAL_OK, large.RequestRange(0, 10, nullptr));
+    EXPECT_EQ(OPAL_ERROR_GENERAL, file.RequestRange(0, -1, nullptr)) << "above 32 bits";
+    EXPECT_EQ(OPAL_OK, file.RequestRange(0, 10, nullptr));
 }
 
 TEST_F(HTTPFileTest, AllRangesTravelOverOneConnection) {
-    for (const bool threaded : {false, true}) {
-        HTTPFile file(threaded);
-        ASSERT_EQ(OPAL_OK, file.Open(url));
+    for (HTTPFile* each : {&file, &threaded}) {
+        ASSERT_EQ(OPAL_OK, each->Open(url));
         for (int64_t n = 0; n < 120; ++n)
-            ASSERT_EQ(OPAL_OK, file.RequestRange(n * 1000, 1000, nullptr));
-        for (int64_t n = 0; n < 120; ++n) {
-            HTTPRequest request;
-            ASSERT_EQ(OPAL_OK, Await(file, request));
-            ASSERT_EQ(n * 1000, request.GetOffset(0));
-            for (int64_t at = 0; at < 1000; ++at)
-                ASSERT_EQ(origin.GeneratedByte(n * 1000 + at), request.GetData()->GetData()[at]);
-        }
-        EXPECT_EQ(threaded ? 2u : 1u, origin.ConnectionsAccepted());
+            ASSERT_EQ(OPAL_OK, each->RequestRange(n * 1000, 10, nullptr));
+        for (int64_t n = 0; n < 120; ++n)
+            ASSERT_NO_FATAL_FAILURE(ExpectNext(*each, n * 1000));
+        EXPECT_EQ(each == &file ? 1u : 2u, origin.ConnectionsAccepted());
     }
 }
 
 TEST_F(HTTPFileTest, ServerErrorAfterACancelLeavesTheFileUsable) {
-    HTTPFile file(false);
     ASSERT_EQ(OPAL_OK, file.Open(url));
     Fault late = Fault::Status(500).Get();
     late.stallAt = opal::origin::kBeforeHead;
@@ -181,43 +174,42 @@ TEST_F(HTTPFileTest, ServerErrorAfterACancelLeavesTheFileUsable) {
     origin.Release(held);
     const OPALError result = read.get();  // by which of the two comes first
     EXPECT_TRUE(result == OPAL_ERROR_CANCELLED || result == OPAL_ERROR_HTTP_SERVER) << result;
-    HTTPRequest request;
     EXPECT_EQ(OPAL_ERROR_OUT_OF_RANGE, file.GetCompletedRequest(request, false));
     EXPECT_EQ(OPAL_OK, file.RequestRange(0, 10, nullptr));
 }
 
-TEST_F(HTTPFileTest, ThreadedCancelKeepsTheRunningRequest) {
-    HTTPFile file(true);
-    ASSERT_EQ(OPAL_OK, file.Open(url));
+TEST_F(HTTPFileTest, ThreadedCancelStrikesWhatWasAskedBeforeIt) {
+    ASSERT_EQ(OPAL_OK, threaded.Open(url));
     const uint64_t held = origin.AddFault(Fault::HoldRequest().Get());
     for (int64_t n = 0; n < 3; ++n)
-        ASSERT_EQ(OPAL_OK, file.RequestRange(n, 10, nullptr));
+        ASSERT_EQ(OPAL_OK, threaded.RequestRange(n, 10, nullptr));
     ASSERT_TRUE(origin.WaitForHeld(held, 1, kWaitMs));
-    ASSERT_EQ(OPAL_OK, file.CancelRequests(false, false));
-    origin.Resume(held);
-    HTTPRequest request;
-    ASSERT_EQ(OPAL_OK, Await(file, request));
-    EXPECT_EQ(0, request.GetOffset(0));
-    EXPECT_EQ(OPAL_ERROR_OUT_OF_RANGE, file.GetCompletedRequest(request, false));
-}
+    ASSERT_EQ(OPAL_OK, threaded.CancelRequests(false, false));
+    origin.Release(held);
+    ExpectNext(threaded, 0);  // which ran, and was not to be cancelled
+    EXPECT_EQ(OPAL_ERROR_OUT_OF_RANGE, threaded.GetCompletedRequest(request, false));
 
-TEST_F(HTTPFileTest, ThreadedCancelAtAnyMomentSparesTheNextRequest) {
-    HTTPFile file(true);
-    ASSERT_EQ(OPAL_OK, file.Open(url));
     for (int64_t round = 0; round < 100; ++round) {
-        ASSERT_EQ(OPAL_OK, file.RequestRange(round, 10, nullptr));
-        ASSERT_EQ(OPAL_OK, file.CancelRequests(true, true));  // often before the worker begins
-        ASSERT_EQ(OPAL_OK, file.RequestRange(1000 + round, 10, nullptr));
-        HTTPRequest request;
-        ASSERT_EQ(OPAL_OK, Await(file, request));
-        ASSERT_EQ(1000 + round, request.GetOffset(0));
-        ASSERT_EQ(10u, request.GetBytesReceived());
-        ASSERT_EQ(origin.GeneratedByte(1000 + round), request.GetData()->GetData()[0]);
+        ASSERT_EQ(OPAL_OK, threaded.RequestRange(round, 10, nullptr));
+        ASSERT_EQ(OPAL_OK, threaded.CancelRequests(true, true));  // often before the worker begins
+        ASSERT_EQ(OPAL_OK, threaded.RequestRange(1000 + round, 10, nullptr));
+        ASSERT_NO_FATAL_FAILURE(ExpectNext(threaded, 1000 + round));
     }
 }
 
+TEST_F(HTTPFileTest, ThreadedCloseEndsAStalledTransfer) {
+    ASSERT_EQ(OPAL_OK, threaded.Open(url));
+    const uint64_t held = origin.AddFault(Fault::StallAt(1000).Get());
+    ASSERT_EQ(OPAL_OK, threaded.RequestRange(0, -1, nullptr));
+    ASSERT_EQ(OPAL_OK, threaded.RequestRange(0, 10, nullptr));
+    ASSERT_TRUE(origin.WaitForHeld(held, 1, kWaitMs));
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(OPAL_OK, threaded.Close());
+    EXPECT_GT(std::chrono::seconds(2), std::chrono::steady_clock::now() - start);
+    EXPECT_EQ(OPAL_OK, threaded.Open(url));
+}
+
 TEST_F(HTTPFileTest, AbortDoesNotWaitForASilentNameServer) {
-    HTTPFile file(false);
     auto open = std::async(std::launch::async, [&] { return file.Open("http://silent.test/a"); });
     g_asked.get_future().wait();
     const auto start = std::chrono::steady_clock::now();
@@ -225,19 +217,6 @@ TEST_F(HTTPFileTest, AbortDoesNotWaitForASilentNameServer) {
     EXPECT_EQ(OPAL_ERROR_CANCELLED, open.get());
     EXPECT_GT(std::chrono::seconds(2), std::chrono::steady_clock::now() - start);
     g_answer.set_value();
-}
-
-TEST_F(HTTPFileTest, ThreadedCloseEndsAStalledTransfer) {
-    HTTPFile file(true);
-    ASSERT_EQ(OPAL_OK, file.Open(url));
-    const uint64_t held = origin.AddFault(Fault::StallAt(1000).Get());
-    ASSERT_EQ(OPAL_OK, file.RequestRange(0, -1, nullptr));
-    ASSERT_EQ(OPAL_OK, file.RequestRange(0, 10, nullptr));
-    ASSERT_TRUE(origin.WaitForHeld(held, 1, kWaitMs));
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(OPAL_OK, file.Close());
-    EXPECT_GT(std::chrono::seconds(2), std::chrono::steady_clock::now() - start);
-    EXPECT_EQ(OPAL_OK, file.Open(url));
 }
 
 TEST_F(HTTPFileTest, ThreadedFailureSticksAndNamesTheLink) {
@@ -249,26 +228,24 @@ TEST_F(HTTPFileTest, ThreadedFailureSticksAndNamesTheLink) {
                   {"0", "unknown", OPAL_ERROR_CONNECT},
                   {"0", "down", OPAL_ERROR_LINK_DOWN},
                   {"", "down", OPAL_ERROR_LINK_UNKNOWN}};
-    HTTPFile file(true);
     for (const auto& test : kCases) {
-        ASSERT_EQ(OPAL_OK, file.Open(url));
+        SCOPED_TRACE(test.result);
+        ASSERT_EQ(OPAL_OK, threaded.Open(url));
         origin.Stop();
         SetLink(test.carrier, test.state);
-        ASSERT_EQ(OPAL_OK, file.RequestRange(0, 10, nullptr));
-        HTTPRequest request;
-        EXPECT_EQ(test.result, Await(file, request));
-        EXPECT_EQ(test.result, file.RequestRange(0, 10, nullptr));
-        EXPECT_EQ(test.result, Size(file));
-        EXPECT_EQ(test.result, file.CancelRequests(true, true));
-        EXPECT_EQ(OPAL_OK, file.Close());
-        EXPECT_EQ(OPAL_ERROR_CONNECT, file.Open(url)) << "an Open never blames the link";
+        ASSERT_EQ(OPAL_OK, threaded.RequestRange(0, 10, nullptr));
+        int64_t size = 0;
+        for (const OPALError result : {Await(threaded), threaded.RequestRange(0, 10, nullptr),
+                                       threaded.GetSize(size), threaded.CancelRequests(true, true)})
+            EXPECT_EQ(test.result, result);
+        EXPECT_EQ(OPAL_OK, threaded.Close());
+        EXPECT_EQ(OPAL_ERROR_CONNECT, threaded.Open(url)) << "an Open never blames the link";
         ASSERT_TRUE(origin.Start());
     }
 }
 
 TEST_F(HTTPFileTest, TimeOutsAreReported) {
     StreamingTuning::OverrideTimeouts(1, 1);
-    HTTPFile file(false);
     const uint64_t heldHead = origin.AddFault(Fault::HoldRequest().Head());
     EXPECT_EQ(OPAL_ERROR_TIMEOUT, file.Open(url));
     origin.Release(heldHead);
@@ -280,13 +257,10 @@ TEST_F(HTTPFileTest, TimeOutsAreReported) {
 }
 
 TEST_F(HTTPFileTest, ReadsLocalFiles) {
-    const opal::test::TemporaryDirectory folder;
-    HTTPFile file(false);
-    EXPECT_EQ(OPAL_ERROR_CONNECT, file.Open("file://" + folder.File("missing")));
-    EXPECT_EQ(OPAL_ERROR_GENERAL, file.Open("file://" + folder.Write("empty", "")));
-    ASSERT_EQ(OPAL_OK, file.Open("file://" + folder.Write("digits", "0123456789")));
+    EXPECT_EQ(OPAL_ERROR_CONNECT, file.Open("file://" + sysfs.File("missing")));
+    EXPECT_EQ(OPAL_ERROR_GENERAL, file.Open("file://" + sysfs.Write("empty", "")));
+    ASSERT_EQ(OPAL_OK, file.Open("file://" + sysfs.Write("digits", "0123456789")));
     ASSERT_EQ(OPAL_OK, file.RequestRange(3, -1, nullptr));
-    HTTPRequest request;
     ASSERT_EQ(OPAL_OK, file.GetCompletedRequest(request, false));
     ASSERT_EQ(7u, request.GetBytesReceived());
     EXPECT_EQ('9', request.GetData()->GetData()[6]);

@@ -1,13 +1,17 @@
 #pragma once
 
-#include <boost/shared_ptr.hpp>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <list>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "Common/ObjectFactory.h"
+#include "StreamingReader/HTTPFile/HTTPRequestInternal.h"
 #include "StreamingReader/HTTPFile/IHTTPFile.h"
 
 namespace opal::test {
@@ -16,13 +20,8 @@ namespace opal::test {
 struct FakeRequest {
     std::string url;
     bool isOpen = false;
-    std::vector<ByteRange> ranges;  ///< empty for an Open
+    std::string ranges;  ///< "0-99,500-549"; empty for an Open
     OPALError result = OPAL_ERROR_NOT_YET;
-    uint64_t bytes = 0;  ///< delivered to the request
-    bool ended = false;  ///< `result` and `bytes` are final
-
-    /// "0-99,500-549".
-    std::string RangeText() const;
 };
 
 /// What happens to the requests that match. The first rule in the order of adding that matches a
@@ -34,16 +33,14 @@ struct FakeRule {
     // Which requests.
     std::string url;  ///< empty: every one
     Kind kind = Kind::Any;
-    int64_t offset = -1;  ///< its first range starts here; -1: any
-    int skip = 0;         ///< this many matching requests pass first
-    int count = -1;       ///< strikes this often; -1: always
+    int skip = 0;    ///< this many matching requests pass first
+    int count = -1;  ///< strikes this often; -1: always
 
     // The effect.
     int64_t bytesFirst = 0;
     std::function<void()> action;  ///< on the reading thread without a lock, e.g. to move a clock
     bool hold = false;             ///< until Release, cancelled, aborted or closed
     OPALError result = OPAL_OK;    ///< other than 0: fails with it
-    int64_t bytesLeftOut = 0;      ///< the reply ends so much early, with success
 
     static FakeRule Fail(OPALError code, const std::string& url = {}, Kind kind = Kind::Any);
     static FakeRule Hold(const std::string& url = {}, Kind kind = Kind::Any);
@@ -56,11 +53,6 @@ struct FakeRule {
 /// their time.
 class FakeHTTPServer {
   public:
-    FakeHTTPServer();
-    ~FakeHTTPServer();
-    FakeHTTPServer(const FakeHTTPServer&) = delete;
-    FakeHTTPServer& operator=(const FakeHTTPServer&) = delete;
-
     void AddFile(const std::string& url, std::string bytes);
     /// An id that is never 0.
     uint64_t AddRule(const FakeRule& rule);
@@ -70,22 +62,37 @@ class FakeHTTPServer {
     [[nodiscard]] bool WaitForRequests(size_t n, int64_t timeoutMs);
     /// In the order of arrival.
     std::vector<FakeRequest> Log() const;
-    /// RangeText of the reads of `url`, or of all files.
+    /// The ranges of each read of `url`, or of all files.
     std::vector<std::string> Reads(const std::string& url = {}) const;
     void ClearLog();
     size_t OpenFiles() const;
 
   private:
     friend class FakeHTTPFile;
-    class Impl;
-    std::unique_ptr<Impl> m_impl;
+    struct ActiveRule : FakeRule {
+        size_t held = 0;
+        bool released = false;
+    };
+
+    /// Logs the request and takes the rule that strikes it, or one without effect. The request
+    /// counts as a match for all the rules that precede it.
+    std::shared_ptr<ActiveRule> Strike(const std::shared_ptr<FakeRequest>& request);
+
+    // One mutex for the server and all its files; `m_changed` tells every wait to look again.
+    mutable std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::map<std::string, std::shared_ptr<const std::string>> m_files;
+    std::map<uint64_t, std::shared_ptr<ActiveRule>> m_rules;
+    std::list<std::shared_ptr<FakeRequest>> m_log;
+    uint64_t m_lastId = 0;
+    size_t m_openFiles = 0;
 };
 
 /// A blocking IHTTPFile on a FakeHTTPServer, with the results, waits and cancellation of the real
 /// one. A missing file fails its Open with -12; only "http://" URLs are accepted.
 class FakeHTTPFile : public IHTTPFile {
   public:
-    explicit FakeHTTPFile(const std::shared_ptr<FakeHTTPServer>& server);
+    explicit FakeHTTPFile(const std::shared_ptr<FakeHTTPServer>& server) : m_server(server) {}
     ~FakeHTTPFile() override;
 
     OPALError Open(const std::string& url) override;
@@ -100,8 +107,31 @@ class FakeHTTPFile : public IHTTPFile {
     void Abort() override;
 
   private:
-    class Impl;
-    std::unique_ptr<Impl> m_impl;
+    using Lock = std::unique_lock<std::mutex>;
+
+    /// Waits until neither an Open nor, for a read, another read runs.
+    void AwaitTurn(Lock& lock, bool alsoReads);
+    OPALError Status() const;
+    /// What ends the Open or read that runs.
+    OPALError Ending() const;
+    OPALError CheckRanges(const std::vector<ByteRange>& ranges) const;
+    /// Applies the rule but for its bytes.
+    OPALError Suffer(Lock& lock, FakeHTTPServer::ActiveRule& rule);
+    OPALError Deliver(const std::string& reply, size_t from, size_t to);
+
+    // All under the server's mutex.
+    const std::shared_ptr<FakeHTTPServer> m_server;
+    std::shared_ptr<const std::string> m_bytes;
+    std::string m_url;
+    bool m_open = false;
+    bool m_opening = false;
+    bool m_reading = false;
+    bool m_cancelled = false;
+    bool m_aborted = false;
+    int m_closers = 0;
+    int m_inFlight = 0;
+    std::list<HTTPRequestInternal> m_pending;
+    std::list<HTTPRequestInternal> m_completed;
 };
 
 /// Puts the server in front of the object factory's list: every blocking file made from now on
