@@ -1,0 +1,270 @@
+// The programs as they are called: a small film is made, served over loopback and played. What they
+// print, and how they end.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+#include <utmp.h>
+
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "OriginClient.h"
+#include "opal-origin/Origin.h"
+#include "support/TemporaryDirectory.h"
+
+namespace opal::test {
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+std::string TextOf(const std::string& file) {
+    std::ostringstream text;
+    text << std::ifstream(file, std::ios::binary).rdbuf();
+    return text.str();
+}
+
+/// A program in a process of its own; standard output is a pipe unless it shall be a terminal.
+class Program {
+  public:
+    explicit Program(std::vector<std::string> words, bool onTerminal = false) {
+        int ends[2] = {-1, -1};
+        EXPECT_EQ(0, onTerminal ? openpty(&ends[0], &ends[1], nullptr, nullptr, nullptr)
+                                : pipe2(ends, O_CLOEXEC));
+        std::vector<char*> argv;
+        for (std::string& word : words)
+            argv.push_back(word.data());
+        argv.push_back(nullptr);
+        const std::string errors = m_folder.Write("errors", "");
+        m_pid = fork();
+        if (m_pid == 0) {
+            dup2(onTerminal ? ends[1] : open("/dev/null", O_RDONLY), STDIN_FILENO);
+            dup2(ends[1], STDOUT_FILENO);
+            dup2(open(errors.c_str(), O_WRONLY), STDERR_FILENO);
+            if (onTerminal)
+                login_tty(ends[1]);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        m_output = ends[0];
+        close(ends[1]);
+    }
+    ~Program() {
+        Signal(SIGKILL);
+        Wait();
+        close(m_output);
+    }
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+
+    void Signal(int number) const {
+        if (m_pid > 0)
+            kill(m_pid, number);
+    }
+
+    /// What is printed up to the text; all that is printed if it does not come.
+    std::string ReadTo(const std::string& text) {
+        std::string read;
+        pollfd ready{m_output, POLLIN, 0};
+        for (char byte = 0; read.find(text) == std::string::npos; read += byte) {
+            if (poll(&ready, 1, 60000) == 0)
+                Signal(SIGKILL);
+            if (::read(m_output, &byte, 1) != 1)
+                break;
+        }
+        return read;
+    }
+
+    /// The exit code, or what ended it instead as a negative number. Everything is read before.
+    int Wait() {
+        if (m_pid > 0) {
+            out += ReadTo(std::string(1, '\0'));
+            waitpid(m_pid, &m_status, 0);
+            m_pid = -1;
+            err = TextOf(m_folder.File("errors"));
+        }
+        return WIFEXITED(m_status) ? WEXITSTATUS(m_status) : -WTERMSIG(m_status);
+    }
+
+    int Terminal() const { return m_output; }
+
+    std::string out;  ///< behind what was read before
+    std::string err;
+
+  private:
+    TemporaryDirectory m_folder;
+    pid_t m_pid = -1;
+    int m_output = -1;
+    int m_status = 0;
+};
+
+class ProgramsTest : public testing::Test {
+  protected:
+    static constexpr int64_t kFilmMs = 6000;
+
+    static void SetUpTestSuite() {
+        s_folder = std::make_unique<TemporaryDirectory>();
+        Program make({OPAL_PACKAGE, "-o", s_folder->File("film"), "--duration", "6", "--audio",
+                      "eng", "--levels", "100k:160x90,300k:320x180", "--preset", "ultrafast"});
+        ASSERT_EQ(0, make.Wait()) << make.err;
+        EXPECT_EQ("", make.err);
+        EXPECT_THAT(make.out, HasSubstr("100 %\n")) << "a pipe gets plain lines";
+        origin::OriginOptions served;
+        served.folder = s_folder->File("film");
+        s_origin = std::make_unique<origin::Origin>(served);
+        ASSERT_TRUE(s_origin->Start());
+        Program point({OPAL_PACKAGE, "--manifest", served.folder, "--base-url", s_origin->Url("")});
+        ASSERT_EQ(0, point.Wait()) << point.err;
+    }
+    static void TearDownTestSuite() {
+        s_origin.reset();
+        s_folder.reset();
+    }
+    void TearDown() override { s_origin->ClearFaults(); }
+
+    static std::vector<std::string> Play(std::vector<std::string> words, bool film = true) {
+        words.insert(words.begin(), {OPAL_PLAY, "--headless", "--time-limit", "60"});
+        if (film)
+            words.push_back(s_origin->Url("presentation.smil"));
+        return words;
+    }
+
+    static std::unique_ptr<TemporaryDirectory> s_folder;
+    static std::unique_ptr<origin::Origin> s_origin;
+};
+
+std::unique_ptr<TemporaryDirectory> ProgramsTest::s_folder;
+std::unique_ptr<origin::Origin> ProgramsTest::s_origin;
+
+TEST_F(ProgramsTest, PlaysToTheEndAndTellsHowItWas) {
+    const std::string pictures = s_folder->File("pictures");
+    Program play(Play({"--json", "--snapshots", pictures, "--snapshot-at", "1,3.5", "--log",
+                       s_folder->File("log")}));
+    ASSERT_EQ(0, play.Wait()) << play.err << play.out;
+    const auto json = nlohmann::json::parse(play.out);  // nothing else is printed
+    EXPECT_EQ("end of stream", json["outcome"]);
+    EXPECT_EQ(kFilmMs, json["durationMs"]);
+    EXPECT_GT(json["framesShown"], kFilmMs / 40 / 2);
+    EXPECT_GE(json["audioPlayedMs"], kFilmMs / 2);
+    EXPECT_EQ(2u * kFilmMs / 2000, json["clusters"]);
+    EXPECT_GE(json["realMs"], kFilmMs);
+    EXPECT_EQ("", play.err);
+    for (const char* name : {"/at-1s.png", "/at-3.5s.png"})
+        EXPECT_THAT(TextOf(pictures + name), StartsWith("\x89PNG")) << name;
+    EXPECT_THAT(TextOf(s_folder->File("log")), HasSubstr("KMT Version: "));
+}
+
+TEST_F(ProgramsTest, PullsTheSameBlocksThatThePackagerWrote) {
+    const std::string file = s_folder->File("blocks");
+    Program play(Play({"--pull", "--blocks", file, "--json", "--pass-through"}));
+    ASSERT_EQ(0, play.Wait()) << play.err;
+    EXPECT_EQ(kFilmMs / 40, nlohmann::json::parse(play.out)["pulledVideoBlocks"]);
+    EXPECT_THAT(TextOf(file), StartsWith("video 0 40 "));
+}
+
+TEST_F(ProgramsTest, TellWhatWentWrongAndWithWhichCode) {
+    const std::string film = s_folder->File("film");
+    const std::string noise = s_folder->Write("noise.mp4", std::string(5000, 'x'));
+    const std::string script = s_folder->Write("bad.json", R"({"faults": [{"urk": 1}]})");
+    const std::string missing = s_origin->Url("nothing.smil");
+    const std::string bad = s_folder->File("bad");
+    using Row = std::tuple<std::vector<std::string>, int, std::string, std::string>;
+    const Row rows[] = {
+        {{OPAL_PACKAGE, "--help"}, 0, "Exit codes", ""},
+        {{OPAL_PACKAGE}, 2, "", "-o"},
+        {{OPAL_PACKAGE, "-o", bad, "--duration", "90000"}, 2, "", "--duration"},
+        {{OPAL_PACKAGE, "-o", bad, "none.mp4"}, 1, "", "none.mp4"},
+        {{OPAL_PACKAGE, "-o", bad, noise}, 3, "", "noise.mp4"},
+        {{OPAL_PACKAGE, "-o", bad, "--levels", "1M;64x48"}, 2, "", "1M;64x48"},
+        {{OPAL_PACKAGE, "-o", bad, "--subtitles", "x.srt"}, 2, "", "x.srt"},
+        {{OPAL_PACKAGE, "-o", bad, "--subtitles", "x.srt:eng"}, 1, "", "x.srt"},
+        {{OPAL_PACKAGE, "-o", bad, "--trick-interval", "700"}, 2, "", "--trick-interval"},
+        {{OPAL_PACKAGE, "-o", bad, "--preset", "warp"}, 1, "", "warp"},
+        {{OPAL_PACKAGE, "-o", noise + "/x"}, 1, "", "noise.mp4/x"},
+        {{OPAL_PACKAGE, "--dump", film + "/audio0-eng.mka"}, 0, "CodecID: A_AAC", ""},
+        {{OPAL_PACKAGE, "--dump", noise}, 4, "damaged", ""},
+        {{OPAL_ORIGIN, film, "--port", "70000"}, 2, "", "--port"},
+        {{OPAL_ORIGIN, film, "--rate", "1k", "--rates", "0 1k"}, 2, "", "at most 1"},
+        {{OPAL_ORIGIN, film, "--trace", "none.json"}, 2, "", "none.json"},
+        {{OPAL_ORIGIN, film, "--script", script}, 2, "", "urk"},
+        {{OPAL_ORIGIN, "none"}, 1, "", "No such file"},
+        {{OPAL_ORIGIN, film, "--bind", "not-an-address"}, 1, "", "not-an-address"},
+        {Play({"--fly"}), 2, "", "--fly"},
+        {Play({missing}, false), 1, "", missing + ": the server refuses (status 4xx); check"},
+        {Play({"--strict", "--frames", "1"}), 3, "", "the end of the stream was not reached"},
+        {Play({"--snapshots", "/proc/x"}), 1, "", "folder /proc/x cannot be made"},
+        {Play({"--start", "1", "--at", "0.5:seek=2", "--at", "1:rate=-4x", "--at", "5.5:pause",
+               "--at", "6:quit", "--pass-through"}),
+         0, "back at the start", ""},
+    };
+    for (const auto& [words, code, out, err] : rows) {
+        SCOPED_TRACE(testing::PrintToString(words));
+        Program program(words);
+        EXPECT_EQ(code, program.Wait());
+        EXPECT_THAT(program.out, HasSubstr(out));
+        EXPECT_THAT(program.err, HasSubstr(err));
+    }
+}
+
+TEST_F(ProgramsTest, TheOriginPrintsItsAddressServesLogsAndStops) {
+    s_folder->Write("served/a.mkv", "0123456789");
+    const std::string script = s_folder->Write("script.json", R"({"rates": "0 8M", "faults": [
+        {"url": "a.mkv", "method": "GET", "nth": 2, "hold": true, "headers": {"A": "b"}}]})");
+    const std::string portFile = s_folder->File("port");
+    Program program({OPAL_ORIGIN, s_folder->File("served"), "--script", script, "--port-file",
+                     portFile, "--latency", "1"});
+    const std::string line = program.ReadTo("\n");
+    const std::string port = line.substr(line.find("127.0.0.1:") + 10);
+    ASSERT_THAT(line, testing::MatchesRegex("Serving .* at http://127.0.0.1:[0-9]+/\n"));
+    OriginClient client(static_cast<uint16_t>(std::stoul(port)));
+    EXPECT_EQ("234", client.Ask("GET", "/a.mkv", "2-4").body);
+    EXPECT_THAT(program.ReadTo("\n"), HasSubstr(" #1 GET /a.mkv 2-4 206 3 "));
+    client.SendRequest("GET", "/a.mkv");  // held; a second connection shows that it has come
+    EXPECT_EQ(404, OriginClient(static_cast<uint16_t>(std::stoul(port))).Ask("GET", "/x").status);
+    EXPECT_THAT(program.ReadTo("\n"), HasSubstr(" #2 GET /x - 404 9 "));
+    program.Signal(SIGUSR1);
+    EXPECT_EQ("b", client.Read().Header("A"));
+    program.Signal(SIGTERM);
+    EXPECT_EQ(0, program.Wait());
+    EXPECT_EQ(std::stoul(port), std::stoul("0" + TextOf(portFile)));
+}
+
+TEST_F(ProgramsTest, ASignalEndsThePlayerEvenWhileTheServerIsSilent) {
+    const uint64_t hold = s_origin->Hold("*.smil");
+    Program play(Play({}));
+    ASSERT_TRUE(s_origin->WaitForHeld(hold, 1, 20000));
+    play.Signal(SIGINT);
+    EXPECT_EQ(4, play.Wait());
+}
+
+TEST_F(ProgramsTest, KeysOnATerminalWhichIsLeftAsItWas) {
+    Program play(Play({"--pass-through"}), true);
+    const auto mode = [&play] {
+        termios settings = {};
+        EXPECT_EQ(0, tcgetattr(play.Terminal(), &settings));
+        return settings.c_lflag & static_cast<tcflag_t>(ICANON | ECHO);
+    };
+    const std::pair<std::string, std::string> rows[] = {
+        {"", "playing "},  {" ", "paused "},
+        {" ", "playing "}, {"\x1b[C", "buffering 0:06.0"},  // ten seconds on, at most the end
+        {"q", "quit at "},
+    };
+    const tcflag_t before = mode();
+    for (const auto& [keys, shown] : rows) {
+        EXPECT_LE(0, write(play.Terminal(), keys.data(), keys.size()));
+        EXPECT_THAT(play.ReadTo(shown), HasSubstr(shown));
+        EXPECT_TRUE(keys == "q" || mode() == 0) << "keys come one by one and unseen";
+    }
+    EXPECT_EQ(0, play.Wait());
+    EXPECT_EQ(before, mode());
+}
+
+}  // namespace
+}  // namespace opal::test

@@ -1,3 +1,0 @@
-opal_test(simulate_tests
-  SOURCES SimulateTest.cpp
-  LIBS opal_simulator)
