@@ -1,119 +1,85 @@
-#include <gmock/gmock.h>
+#include "PlatformAdapter/Mstar/HABAudio.h"
 
 #include "PlatformAdapter/Mstar/src/GoldenFileCheck.h"
 #include "PlayerFixture.h"
-#include "support/AssertionTrap.h"
 
 namespace opal::test {
 namespace {
 
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::HasSubstr;
-namespace control = tvset::control;
+class HABAudioTest : public PlayerTest {};
 
-uint32_t Word(const Bytes& record, size_t offset) {
-    return static_cast<uint32_t>(record[offset] | record[offset + 1] << 8 |
-                                 record[offset + 2] << 16 | record[offset + 3] << 24);
-}
-
-class HABAudioTest : public PlayerTest {
-  protected:
-    Session m_session;
-};
-
-TEST(AudioSpecificConfigTest, Readers) {
+TEST_F(HABAudioTest, TheFirstConfigurationGoesIntoTheItem) {
     struct Case {
+        std::string codec;
         Bytes config;
-        uint32_t object, index, rate, channels;
+        const char* printed;
+        uint32_t rate;
     };
     const Case cases[] = {
-        {{0x12, 0x10}, 2, 4, 44100, 2}, {{0x17, 0x80, 0x5D, 0xC0, 0x10}, 2, 15, 48000, 2},
-        {{0x16, 0x08}, 2, 12, 7350, 1}, {{0x16, 0x90}, 2, 13, 0, 2},
-        {{0x17, 0x10}, 2, 14, 0, 2},
+        {AUDIOCODECID_AAC, {0x12, 0x10}, "ncy 4 & sampleRate 44100 & channelCount 2\n", 44100},
+        {AUDIOCODECID_AAC, {0x16, 0x08}, "ncy 12 & sampleRate 7350 & channelCount 1\n", 7350},
+        {AUDIOCODECID_AAC, {0x17, 0x80, 0x5D, 0xC0, 0x10}, "ncy 15 & sampleRate 48000 & ch", 48000},
+        {AUDIOCODECID_AAC, {0x17, 0x10}, "dataSize = 2 > 0\n0x17 \n0x10 \n", 0},  // reserved
+        {AUDIOCODECID_AAC, {}, "dataSize = 0 <= 0\nSet sampleRate 32000!\n", 32000},
+        // Not whole: not read.
+        {AUDIOCODECID_AAC, {0x12}, "dataSize = 1 <= 0\n", 32000},
+        {AUDIOCODECID_AAC, {0x17, 0x80, 0x5D, 0xC0}, "dataSize = 4 <= 0\n", 32000},
+        {AUDIOCODECID_MP3, {0x12, 0x10}, "codecID xxx -- no implement\n", 0},
     };
     for (const Case& test : cases) {
-        const uint8_t* data = test.config.data();
-        const size_t size = test.config.size();
-        EXPECT_EQ(test.object, GetObjectID(data, size));
-        EXPECT_EQ(test.index, GetSampleFrequency(data, size));
-        EXPECT_EQ(test.rate, GetSampleRate(data, size, test.index));
-        EXPECT_EQ(test.channels, GetChannelCount(data, size, test.index));
+        SCOPED_TRACE(test.printed);
+        Session session(false);
+        session.ConfigureAudio(test.config, 32000, test.codec);
+        EXPECT_THAT(TakePrinted(), HasSubstr(test.printed));
+        EXPECT_EQ(OPAL_OK, session.Queue(0));
+        const Bytes record = Entries("MM_CreateMediaItem").back().record;
+        EXPECT_EQ(test.rate, Word(record, 124));
+        EXPECT_EQ(test.codec == AUDIOCODECID_AAC ? 6 : UINT32_MAX, Word(record, 160));
     }
-    const uint8_t bytes[5] = {};
-    EXPECT_EQ(48000u, GetSampleRate(bytes, 2, 16));
-    EXPECT_EQ("dataSize >= 1", AssertionTextOf([&] { GetObjectID(bytes, 0); }));
-    EXPECT_EQ("dataSize >= 2", AssertionTextOf([&] { GetSampleFrequency(bytes, 1); }));
-    EXPECT_EQ("dataSize >= 5", AssertionTextOf([&] { GetSampleRate(bytes, 4, 15); }));
-    EXPECT_EQ("dataSize >= 5", AssertionTextOf([&] { GetChannelCount(bytes, 4, 15); }));
-    EXPECT_EQ("dataSize >= 2", AssertionTextOf([&] { GetChannelCount(bytes, 1, 4); }));
-}
-
-TEST_F(HABAudioTest, PrivateDataThatIsNotWholeIsNotRead) {
-    for (const Bytes& config : {Bytes{}, Bytes{0x12}, Bytes{0x17, 0x80, 0x5D, 0xC0}}) {
-        EXPECT_EQ(HAB_OK, m_session.ConfigureAudio(config, 32000));
-        EXPECT_THAT(TakePrinted(),
-                    HasSubstr("dataSize = " + std::to_string(config.size()) + " <= 0\n"));
-    }
-    EXPECT_EQ(HAB_OK, m_session.ConfigureAudio({0x16, 0x90}));  // a rate of 0 changes nothing
-    EXPECT_THAT(TakePrinted(), HasSubstr("dataSize = 2 > 0\n0x16 \n0x90 \n"));
-    m_session.Queue(0);
-    ASSERT_EQ(1u, Entries("MM_CreateMediaItem").size());
-    EXPECT_EQ(32000u, Word(Entries("MM_CreateMediaItem")[0].record, 124));
-}
-
-TEST_F(HABAudioTest, OfAnUnknownCodecThePlayerIsToldNothing) {
-    EXPECT_EQ(HAB_OK, HABAudio_Configure(m_session.audio, AUDIOCODECID_MP3, 44100, 2,
-                                         kStereoConfig.data(), kStereoConfig.size(), true));
-    EXPECT_THAT(TakePrinted(), EndsWith("codecID xxx -- no implement\n"));
-    EXPECT_EQ(HAB_OK, m_session.Queue(0));
-    ASSERT_EQ(1u, Entries("MM_CreateMediaItem").size());
-    EXPECT_EQ(0u, Word(Entries("MM_CreateMediaItem")[0].record, 124));
-    EXPECT_EQ(UINT32_MAX, Word(Entries("MM_CreateMediaItem")[0].record, 160));
+    const uint8_t config[5] = {0x12, 0x10};
+    EXPECT_EQ(2u, GetObjectID(config, 1));
+    EXPECT_EQ("dataSize >= 2", AssertionTextOf([&] { GetSampleFrequency(config, 1); }));
+    EXPECT_EQ("dataSize >= 5", AssertionTextOf([&] { GetSampleRate(config, 4, 15); }));
+    EXPECT_EQ("dataSize >= 5", AssertionTextOf([&] { GetChannelCount(config, 4, 15); }));
 }
 
 TEST_F(HABAudioTest, StaysOneSecondAheadOfVideoAndSkipsOldFrames) {
-    m_session.ConfigureAudio();
-    EXPECT_EQ(HAB_AUDIO_FULL, m_session.QueueAudio(1001));
-    EXPECT_EQ(HAB_OK, m_session.QueueAudio(1000));
-    EXPECT_EQ(HAB_OK, m_session.QueueAudio(1000));
+    Session session;
+    EXPECT_EQ(OPAL_ERROR_NOT_YET, session.QueueAudio(1001));
+    EXPECT_EQ(OPAL_OK, session.QueueAudio(1000));
+    EXPECT_EQ(OPAL_OK, session.QueueAudio(1000));
     EXPECT_THAT(TakePrinted(), HasSubstr("[SKIP]Old Audio timestamp = 1000 [Newest = 1000]\n"));
-    EXPECT_EQ(HAB_OK, HABAudio_Flush(m_session.audio));  // no item yet: nothing is forgotten
-    EXPECT_EQ(HAB_OK, m_session.QueueAudio(500));
-    m_session.Queue(40);
+    EXPECT_EQ(OPAL_OK, session.audio->Flush());  // no item yet: nothing is forgotten
+    EXPECT_EQ(OPAL_OK, session.QueueAudio(500));
+    EXPECT_EQ(OPAL_OK, session.Queue(40));
     Settle();
-    EXPECT_EQ(HAB_OK, HABAudio_Flush(m_session.audio));
-    EXPECT_EQ(HAB_OK, m_session.QueueAudio(500));
-    EXPECT_EQ(HAB_OK, m_session.QueueAudio(1040));
-    EXPECT_EQ(HAB_AUDIO_FULL, m_session.QueueAudio(1041));
-    EXPECT_THAT(Taken(0), ElementsAre(1000, 500, 1040));
-    EXPECT_THAT(TakePrinted(), HasSubstr("First Audio Time=  500 \n"));
+    EXPECT_EQ(OPAL_OK, session.audio->Flush());
+    EXPECT_EQ(OPAL_OK, session.QueueAudio(500));
+    EXPECT_EQ(OPAL_OK, session.QueueAudio(1040));
+    EXPECT_EQ(OPAL_ERROR_NOT_YET, session.QueueAudio(1041));
+    EXPECT_THAT(Pushed(0), ElementsAre(1000, 500, 1040));
     AudioErrorCount() = 1;
-    EXPECT_EQ(HAB_FAIL, HABAudio_Flush(m_session.audio));
+    EXPECT_EQ(OPAL_ERROR_GENERAL, session.audio->Flush());
     AudioErrorCount() = 0;
 }
 
 TEST_F(HABAudioTest, OnceThereIsAnItemConfiguringChangesTheTrack) {
-    m_session.ConfigureAudio();
-    m_session.Queue(0);
-    m_session.QueueAudio(900);
+    Session session;
+    EXPECT_EQ(OPAL_OK, session.Queue(0));
+    EXPECT_EQ(OPAL_OK, session.QueueAudio(900));
     Settle();
-    EXPECT_EQ(HAB_OK, m_session.ConfigureAudio({0x11, 0x88}));
-    EXPECT_EQ(HAB_OK, m_session.ConfigureAudio({}, 22050));
+    session.ConfigureAudio({}, 1, AUDIOCODECID_MP3);  // changes nothing
+    session.ConfigureAudio({}, 22050);
+    session.ConfigureAudio({0x11, 0x88});
     EXPECT_THAT(TakePrinted(), HasSubstr("switch audio track -- no implement\n"));
-    EXPECT_EQ(HAB_OK,
-              HABAudio_Configure(m_session.audio, AUDIOCODECID_MP3, 1, 1, nullptr, 0, true));
-    EXPECT_THAT(TakePrinted(), HasSubstr("codecID xxx -- no implement\n"));
     const auto calls = Entries("MM_SwitchAudioTrack");
     ASSERT_EQ(2u, calls.size());
-    const uint32_t expected[2][3] = {{1, 48000, 6}, {2, 22050, 6}};
-    for (size_t i = 0; i < 2; ++i) {
-        EXPECT_EQ(expected[i][0], Word(calls[i].record, 16));
-        EXPECT_EQ(expected[i][1], Word(calls[i].record, 20));
-        EXPECT_EQ(expected[i][2], Word(calls[i].record, 56));
-    }
-    EXPECT_EQ(HAB_OK, m_session.QueueAudio(100));  // older than the other track's
-    EXPECT_THAT(Taken(0), ElementsAre(900, 100));
+    EXPECT_EQ(22050u, Word(calls[0].record, 20));
+    const Bytes& record = calls[1].record;
+    EXPECT_THAT((std::vector<uint32_t>{Word(record, 16), Word(record, 20), Word(record, 56)}),
+                ElementsAre(1, 48000, 6));
+    EXPECT_EQ(OPAL_OK, session.QueueAudio(100));  // older than the other track's
+    EXPECT_THAT(Pushed(0), ElementsAre(900, 100));
 }
 
 }  // namespace

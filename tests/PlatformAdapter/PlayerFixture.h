@@ -1,10 +1,10 @@
 #pragma once
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <atomic>
+#include <cstring>
 #include <functional>
-#include <iostream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -13,26 +13,29 @@
 #include "Common/Clock.h"
 #include "Common/CodecIDs.h"
 #include "MSrv_MM_PlayerInterface.h"
+#include "PlatformAdapter/Common/PlatformAudio.h"
+#include "PlatformAdapter/Common/PlatformVideo.h"
 #include "PlatformAdapter/Mstar/HABArch.h"
-#include "PlatformAdapter/Mstar/HABAudio.h"
 #include "PlatformAdapter/Mstar/HABTimer.h"
-#include "PlatformAdapter/Mstar/HABVideo.h"
 #include "PlatformAdapter/Mstar/src/HABArchRecord.h"
 #include "TvSet.h"
+#include "support/AssertionTrap.h"
 
 namespace opal::test {
 
+namespace control = tvset::control;
+using testing::ElementsAre;
+using testing::HasSubstr;
 using Bytes = std::vector<uint8_t>;
 
 /// AAC LC, 44100 Hz, stereo.
 inline const Bytes kStereoConfig = {0x12, 0x10};
 
 /// The set without decoding, on a clock that only the test and the library's sleeps move, with its
-/// journal on. What is printed is kept and shown when a test fails.
+/// journal on.
 class PlayerTest : public testing::Test, private opal::Clock {
   protected:
     PlayerTest() {
-        namespace control = tvset::control;
         control::Reset();
         tvset::Options options;
         options.decoding = tvset::Decoding::PassThrough;
@@ -43,11 +46,9 @@ class PlayerTest : public testing::Test, private opal::Clock {
         testing::internal::CaptureStdout();
     }
     ~PlayerTest() override {
-        m_allPrinted += testing::internal::GetCapturedStdout();
-        if (HasFailure())
-            std::cerr << m_allPrinted << std::endl;
+        testing::internal::GetCapturedStdout();
         opal::SetClock(nullptr);
-        tvset::control::Reset();
+        control::Reset();
     }
 
     /// Moves the set's clock in steps small enough for every picture to come at its time.
@@ -57,12 +58,11 @@ class PlayerTest : public testing::Test, private opal::Clock {
             Settle();
         }
     }
-    void Settle() { EXPECT_TRUE(tvset::control::WaitIdle()); }
+    void Settle() { EXPECT_TRUE(control::WaitIdle()); }
     /// What was printed since the last call.
-    std::string TakePrinted() {
+    static std::string TakePrinted() {
         const std::string printed = testing::internal::GetCapturedStdout();
         testing::internal::CaptureStdout();
-        m_allPrinted += printed;
         return printed;
     }
     /// Waits for another thread, in real time.
@@ -70,22 +70,28 @@ class PlayerTest : public testing::Test, private opal::Clock {
         while (!condition())
             std::this_thread::yield();
     }
-    static std::vector<tvset::control::JournalEntry> Entries(const std::string& call) {
-        std::vector<tvset::control::JournalEntry> found;
-        for (const auto& entry : tvset::control::Journal()) {
+    static std::vector<control::JournalEntry> Entries(const std::string& call) {
+        std::vector<control::JournalEntry> found;
+        for (const auto& entry : control::Journal()) {
             if (entry.call == call)
                 found.push_back(entry);
         }
         return found;
     }
-    /// Decoder times of the payloads of one kind (1 video, 0 audio) that the set took.
-    static std::vector<uint64_t> Taken(uint32_t streamType) {
+    /// Decoder times of the payloads of one kind (1 video, 0 audio) that the set took, or refused.
+    static std::vector<uint64_t> Pushed(uint32_t streamType, bool taken = true) {
         std::vector<uint64_t> times;
         for (const auto& entry : Entries("MM_PushPayload")) {
-            if (entry.streamType == streamType && entry.result == 0)
+            if (entry.streamType == streamType && (entry.result == 0) == taken)
                 times.push_back(entry.value);
         }
         return times;
+    }
+    /// The word at `offset` of a record that the set was given.
+    static uint32_t Word(const Bytes& record, size_t offset) {
+        uint32_t word = 0;
+        std::memcpy(&word, &record[offset], sizeof(word));
+        return word;
     }
 
     boost::posix_time::ptime Now() override { return boost::posix_time::ptime(); }
@@ -96,56 +102,64 @@ class PlayerTest : public testing::Test, private opal::Clock {
 
     const std::shared_ptr<tvset::ManualClock> m_clock = tvset::NewManualClock();
     std::atomic<int64_t> m_sleptMs{0};
-
-  private:
-    std::string m_allPrinted;
 };
 
-/// The HAB objects of one session, video configured.
+/// The sinks of one session, made and configured as the controller does it.
 struct Session {
-    Session() {
+    explicit Session(bool withAudio = true) {
         HABArch_New(&arch);
         HABTimer_New(&timer, arch, kSessionTimerKind);
-        HABVideo_New(&video, arch, timer);
-        HABAudio_New(&audio, arch, timer);
-        HABVideo_Configure(video, VIDEOCODECID_AVC, 1920, 1080, 6000000, nullptr, 0, true);
+        video = std::make_unique<PlatformVideo>(arch, timer);
+        audio = std::make_unique<PlatformAudio>(arch, timer);
+        EXPECT_EQ(OPAL_OK, video->Initialize());
+        EXPECT_EQ(OPAL_OK, audio->Initialize());
+        ConfigureVideo();
+        if (withAudio)
+            ConfigureAudio();
     }
     ~Session() {
-        HABVideo_Delete(video);
-        HABAudio_Delete(audio);
+        video.reset();
+        audio.reset();
         HABTimer_Delete(timer);
         HABArch_Delete(arch);
     }
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    int ConfigureAudio(const Bytes& config = kStereoConfig, uint32_t rate = 48000) {
-        return HABAudio_Configure(audio, AUDIOCODECID_AAC, rate, 2, config.data(), config.size(),
-                                  true);
+    void ConfigureVideo() {
+        EXPECT_EQ(OPAL_OK, video->Configure(VIDEOCODECID_AVC, 640, 360, 1, nullptr, 0, true));
     }
-    int Queue(uint32_t ts) {
-        Bytes unit = {0, 0, 0, 2, 0x65, 0x88};
-        return HABVideo_Queue(video, unit.data(), static_cast<int32_t>(unit.size()), ts);
+    void ConfigureAudio(const Bytes& config = kStereoConfig, uint32_t rate = 48000,
+                        const std::string& codec = AUDIOCODECID_AAC) {
+        EXPECT_EQ(OPAL_OK, audio->Configure(codec, rate, 2, config.data(), config.size(), true));
     }
-    int QueueAudio(uint32_t ts) {
-        const Bytes frame = {1, 2, 3};
-        return HABAudio_Queue(audio, frame.data(), static_cast<uint32_t>(frame.size()), ts, 21);
+    OPALError Queue(int64_t ts) {
+        Bytes unit = {0, 0, 0, 2, 0x67, 0x64, 0, 0, 0, 2, 0x65, 0x88};
+        return video->Queue(unit.data(), unit.size(), ts, 40);
+    }
+    void QueueAll(std::initializer_list<int64_t> times) {
+        for (const int64_t ts : times)
+            EXPECT_EQ(OPAL_OK, Queue(ts)) << ts;
+    }
+    OPALError QueueAudio(int64_t ts, int64_t duration = 21) {
+        Bytes frame = {1, 2, 3};
+        return audio->Queue(frame.data(), frame.size(), ts, duration);
     }
     int64_t Position() {
         int64_t ms = -1;
-        EXPECT_EQ(0, HABVideo_GetPosition(video, &ms));
+        EXPECT_EQ(OPAL_OK, video->GetPosition(ms));
         return ms;
     }
-    uint32_t Buffered() {
-        uint32_t ms = 0;
-        EXPECT_EQ(0, HABVideo_GetBufferedDuration(video, &ms));
+    int64_t Buffered() {
+        int64_t ms = -1;
+        EXPECT_EQ(OPAL_OK, video->GetBufferedDuration(ms));
         return ms;
     }
 
     HHABARCH arch = nullptr;
     HHABTIMER timer = nullptr;
-    HHABVIDEO video = nullptr;
-    HHABAUDIO audio = nullptr;
+    std::unique_ptr<PlatformVideo> video;
+    std::unique_ptr<PlatformAudio> audio;
 };
 
 }  // namespace opal::test
