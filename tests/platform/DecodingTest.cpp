@@ -1,70 +1,43 @@
 // What is on the screen when the set really decodes.
 
 #include <png.h>
-#include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <random>
 
 #include "PlayerFixture.h"
+#include "support/TemporaryDirectory.h"
 
 namespace {
-
-struct Image {
-    int width = 0;
-    int height = 0;
-    std::vector<uint8_t> rgb;
-    int At(int x, int y, int channel) const {
-        return rgb[(static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x)) *
-                       3 +
-                   static_cast<size_t>(channel)];
-    }
-};
 
 class Decoding : public PlayerFixture {
   protected:
     void SetUp() override { Open(tvset::Options()); }
 
-    static Image Snapshot() {
-        const std::string path =
-            testing::TempDir() + "opal_tvset_" + std::to_string(::getpid()) + ".png";
+    /// That the screen is plain grey, of this size.
+    static void ExpectScreen(int grey, int width = film::kWidth, int height = film::kHeight) {
+        const opal::test::TemporaryDirectory folder;
+        const std::string path = folder.File("screen.png");
         std::string error;
-        EXPECT_TRUE(tvset::WriteSnapshot(path, &error)) << error;
-        Image image;
+        ASSERT_TRUE(tvset::WriteSnapshot(path, &error)) << error;
         png_image png{};
         png.version = PNG_IMAGE_VERSION;
-        EXPECT_NE(png_image_begin_read_from_file(&png, path.c_str()), 0);
-        EXPECT_EQ(png.format, static_cast<png_uint_32>(PNG_FORMAT_RGB));
-        image.width = static_cast<int>(png.width);
-        image.height = static_cast<int>(png.height);
-        image.rgb.resize(PNG_IMAGE_SIZE(png));
-        EXPECT_NE(png_image_finish_read(&png, nullptr, image.rgb.data(), 0, nullptr), 0);
-        std::filesystem::remove(path);
-        return image;
+        ASSERT_NE(png_image_begin_read_from_file(&png, path.c_str()), 0);
+        ASSERT_EQ(png.format, static_cast<png_uint_32>(PNG_FORMAT_RGB));
+        ASSERT_EQ(png.width, static_cast<png_uint_32>(width));
+        ASSERT_EQ(png.height, static_cast<png_uint_32>(height));
+        std::vector<uint8_t> rgb(PNG_IMAGE_SIZE(png));
+        ASSERT_NE(png_image_finish_read(&png, nullptr, rgb.data(), 0, nullptr), 0);
+        const auto [darkest, brightest] = std::minmax_element(rgb.begin(), rgb.end());
+        EXPECT_NEAR(*darkest, grey, 1);
+        EXPECT_NEAR(*brightest, grey, 1);
     }
-
-    /// That the screen is plain, of the grey of picture n.
-    static void ExpectPicture(int n) {
-        const Image image = Snapshot();
-        ASSERT_EQ(image.width, film::kWidth);
-        ASSERT_EQ(image.height, film::kHeight);
-        for (const int x : {0, 150, film::kWidth - 1}) {
-            for (const int y : {0, 90, film::kHeight - 1}) {
-                for (int channel = 0; channel < 3; ++channel) {
-                    ASSERT_NEAR(image.At(x, y, channel), film::GreyOf(n), 1) << x << ',' << y;
-                }
-            }
-        }
-    }
+    static void ExpectPicture(int n) { ExpectScreen(film::GreyOf(n)); }
 };
 
 TEST_F(Decoding, TheSnapshotIsThePictureOfItsTime) {
     StartPlaying();
-    const Image nothing = Snapshot();
-    ASSERT_EQ(nothing.width, 1280);
-    ASSERT_EQ(nothing.height, 720);
-    EXPECT_EQ(*std::max_element(nothing.rgb.begin(), nothing.rgb.end()), 0);
+    ExpectScreen(0, 1280, 720);
     PushFilm(0, 75);
     for (int n = 0; n <= 70; n += 10) {
         Settle();
@@ -74,44 +47,24 @@ TEST_F(Decoding, TheSnapshotIsThePictureOfItsTime) {
         Run(10 * film::kFrameMs);
     }
     ASSERT_EQ(m_player->MM_SetVideoBlackScreen(1), 0);
-    const Image black = Snapshot();
-    ASSERT_EQ(black.width, film::kWidth);
-    EXPECT_EQ(*std::max_element(black.rgb.begin(), black.rgb.end()), 0);
+    ExpectScreen(0);
     ASSERT_EQ(m_player->MM_SetVideoBlackScreen(0), 0);
     ExpectPicture(72);  // two pictures stay in the decoder at the end of a stream
 
     std::string error;
     EXPECT_FALSE(tvset::WriteSnapshot("/nowhere/at/all.png", &error));
-    EXPECT_NE(error.find("/nowhere/at/all.png"), std::string::npos);
+    EXPECT_THAT(error, testing::HasSubstr("/nowhere/at/all.png"));
     m_player.reset();
     EXPECT_FALSE(tvset::WriteSnapshot(testing::TempDir() + "off.png", &error));
-    EXPECT_FALSE(error.empty());
-}
-
-TEST_F(Decoding, AfterASeekThePictureIsTheOneSought) {
-    StartPlaying();
-    PushFilm(0, 25);
-    Run(200);
-    ASSERT_EQ(Flush(), 0);
-    PushFilm(50, 75);
-    Settle();
-    EXPECT_EQ(Position(), 2000u);
-    ExpectPicture(50);
-    ASSERT_EQ(Flush(), 0);
-    PushFilm(25, 50);
-    Settle();
-    EXPECT_EQ(Position(), 1000u);
-    ExpectPicture(25);
-    EXPECT_EQ(tvset::GetStatistics().decodeErrors, 0u);
 }
 
 TEST_F(Decoding, AKeyPictureAloneAppearsAndWhatFollowsLaterIsUndamaged) {
     StartPlaying();
     PushFilm(0, 1);
     Run(180);
-    EXPECT_EQ(Shown(), Ptss());
+    EXPECT_EQ(Shown(), Values());
     Run(40);
-    EXPECT_EQ(Shown(), Ptss{0}) << "held back although nothing follows";
+    EXPECT_EQ(Shown(), Values{0}) << "held back although nothing follows";
     ExpectPicture(0);
     PushFilm(1, 75);
     for (const int n : {4, 8, 30, 60}) {
@@ -121,8 +74,6 @@ TEST_F(Decoding, AKeyPictureAloneAppearsAndWhatFollowsLaterIsUndamaged) {
         SCOPED_TRACE(n);
         ExpectPicture(n);
     }
-    Run(3000);
-    EXPECT_EQ(Shown(), Pictures(0, 73));
     EXPECT_EQ(tvset::GetStatistics().decodeErrors, 0u);
 }
 
@@ -143,26 +94,23 @@ TEST_F(Decoding, ADecoderThatFallsBehindLosesPicturesAndCatchesUp) {
 
 TEST_F(Decoding, TheSizeFollowsTheStream) {
     StartPlaying();
-    const auto size = [&](EN_PLAYER_METADATA what) {
+    const auto width = [&] {
         uint16_t value = 0;
-        EXPECT_EQ(m_player->MM_GetMetaData(m_item, what, reinterpret_cast<unsigned char*>(&value),
-                                           sizeof(value)),
+        EXPECT_EQ(m_player->MM_GetMetaData(m_item, EN_PLAYER_METADATA_WIDTH,
+                                           reinterpret_cast<unsigned char*>(&value), sizeof(value)),
                   0);
         return value;
     };
-    EXPECT_EQ(size(EN_PLAYER_METADATA_WIDTH), 0);
+    EXPECT_EQ(width(), 0);
     PushFilm(0, 25);
-    for (const film::AccessUnit& unit : film::SmallVideo(640, 272)) {
+    for (const film::AccessUnit& unit : film::Video(640, 272)) {
         ASSERT_EQ(PushVideo(unit.bytes, unit.pts + 1000), 0);
     }
     Run(500);
-    EXPECT_EQ(size(EN_PLAYER_METADATA_WIDTH), 320);
+    EXPECT_EQ(width(), 320);
     Run(1000);
-    EXPECT_EQ(size(EN_PLAYER_METADATA_WIDTH), 640);
-    EXPECT_EQ(size(EN_PLAYER_METADATA_HEIGHT), 272);
+    EXPECT_EQ(width(), 640);
     EXPECT_EQ(tvset::GetStatistics().framesDropped, 0u);
-    unsigned char one = 0;
-    EXPECT_NE(m_player->MM_GetMetaData(m_item, EN_PLAYER_METADATA_WIDTH, &one, 1), 0);
 }
 
 TEST_F(Decoding, SoundOfAnyRateAndLayoutDecodesFromTheRateAlone) {
@@ -174,37 +122,33 @@ TEST_F(Decoding, SoundOfAnyRateAndLayoutDecodesFromTheRateAlone) {
     for (const Case& c :
          {Case{44100, 2, 44100}, {48000, 2, 0}, {48000, 6, 48000}, {22050, 1, 22050}}) {
         SCOPED_TRACE(std::to_string(c.rate) + '/' + std::to_string(c.channels));
-        m_player.reset();
         Open(tvset::Options());
         StartPlaying(c.told);
         PushFilm(0, 50);
         PushSound(film::Audio(1000, c.rate, c.channels));
         Run(1200);
-        const auto statistics = tvset::GetStatistics();
-        EXPECT_EQ(statistics.decodeErrors, 0u);
-        EXPECT_NEAR(static_cast<double>(statistics.audioPlayedMs), 1000, 100);
+        EXPECT_EQ(tvset::GetStatistics().decodeErrors, 0u);
+        EXPECT_NEAR(AudioPlayedMs(), 1000, 100);
     }
 }
 
-TEST_F(Decoding, GarbageIsCountedAndForgotten) {
+TEST_F(Decoding, GarbageIsCountedAndForgottenWithAFlush) {
     std::mt19937 random(20240607);
     const auto garbage = [&](size_t size) {
         std::vector<uint8_t> bytes(size);
-        for (uint8_t& byte : bytes) {
-            byte = static_cast<uint8_t>(random());
-        }
+        std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<uint8_t>(random()); });
         return bytes;
     };
     StartPlaying();
-    const film::Stream sound = film::Audio(400, 44100, 2);
+    const film::Stream& sound = film::Audio(400);
     for (uint32_t i = 0; i < 60; ++i) {
         std::vector<uint8_t> bytes = film::Video()[i].bytes;
         if (i % 3 == 0) {
             bytes.resize(bytes.size() / 2);
         } else if (i % 3 == 1) {
-            bytes = garbage(1 + random() % 3000);
+            bytes = garbage(5 + random() % 3000);
             static constexpr uint8_t start[5] = {0, 0, 0, 1, 0x67};
-            std::copy(start, start + std::min<size_t>(5, bytes.size()), bytes.begin());
+            std::copy(std::begin(start), std::end(start), bytes.begin());
         }
         ASSERT_EQ(PushVideo(bytes, i * 40), 0);
         ASSERT_EQ(PushAudio(i % 2 == 0 ? garbage(1 + random() % 900) : sound[i % 10].bytes, i * 23),
@@ -213,35 +157,32 @@ TEST_F(Decoding, GarbageIsCountedAndForgotten) {
     Run(3000);
     EXPECT_GT(tvset::GetStatistics().decodeErrors, 0u);
     ASSERT_EQ(Flush(), 0);
-    PushFilm(0, 25, 9000);
+    PushFilm(50, 75, 9000);
     Settle();
-    EXPECT_EQ(Position(), 9000u);
-    ExpectPicture(0);
+    EXPECT_EQ(Position(), 11000u);
+    ExpectPicture(50);
 }
 
 TEST_F(Decoding, ADeviceTakesTheSoundWhereThereIsOne) {
-    m_player.reset();
-    ::setenv("SDL_AUDIODRIVER", "dummy", 1);
-    tvset::Options options;
-    options.audio = tvset::AudioOutput::Device;
-    Open(options);
-    StartPlaying();
-    ASSERT_EQ(m_player->MM_SetAudioVolume(50), 0);
-    PushFilm(0, 50);
-    PushSound(film::Audio(1500, 44100, 6));
-    Run(500);
-    EXPECT_NEAR(static_cast<double>(tvset::GetStatistics().audioPlayedMs), 600, 60)
-        << "handed over 100 ms ahead";
-    ASSERT_EQ(SetPaused(true), 0);
-    ASSERT_EQ(Flush(), 0);
-    m_player.reset();
-    ::setenv("SDL_AUDIODRIVER", "no-such-driver", 1);
-    Open(options);
-    StartPlaying();
-    PushFilm(0, 50);
-    PushSound(film::Audio(1500, 44100, 2));
-    Run(500);
-    EXPECT_NEAR(static_cast<double>(tvset::GetStatistics().audioPlayedMs), 500, 60);
+    struct Case {
+        const char* driver;
+        double playedMs;  ///< after 500 ms; a device is handed it 100 ms ahead
+    };
+    for (const Case& c : {Case{"dummy", 600}, {"no-such-driver", 500}}) {
+        SCOPED_TRACE(c.driver);
+        ::setenv("SDL_AUDIODRIVER", c.driver, 1);
+        tvset::Options options;
+        options.audio = tvset::AudioOutput::Device;
+        Open(options);
+        StartPlaying();
+        ASSERT_EQ(m_player->MM_SetAudioVolume(50), 0);
+        PushFilm(0, 50);
+        PushSound(film::Audio(1500, 44100, 6));
+        Run(500);
+        EXPECT_NEAR(AudioPlayedMs(), c.playedMs, 60);
+        ASSERT_EQ(SetPaused(true), 0);
+        ASSERT_EQ(Flush(), 0);
+    }
     ::unsetenv("SDL_AUDIODRIVER");
 }
 

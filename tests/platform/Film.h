@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <vector>
 
-/// Material made for the tests with libavcodec's encoders.
+/// Material that the ffmpeg program makes for the tests, once each.
 namespace film {
 
 struct AccessUnit {
@@ -17,15 +17,13 @@ constexpr int kFrameMs = 40;
 constexpr int kWidth = 320;
 constexpr int kHeight = 180;
 
-/// 3 s of H.264, Annex B, parameter sets in band, 25 pictures a second of 320x180, a key picture
-/// each second and two B pictures between references. Picture n is plain grey of `GreyOf(n)`.
-const Stream& Video();
-/// As `Video()`, of another size and of one second.
-Stream SmallVideo(int width, int height);
+/// 3 s of H.264, Annex B, parameter sets in band, 25 pictures a second, a key picture each second
+/// and two B pictures between references. Picture n is plain grey of `GreyOf(n)`.
+const Stream& Video(int width = kWidth, int height = kHeight);
 /// The grey of picture n in 8 bit RGB.
 int GreyOf(int n);
 
 /// Raw AAC LC, a tone; PTS from 0.
-Stream Audio(int ms, int sampleRate, int channels);
+const Stream& Audio(int ms, int sampleRate = 44100, int channels = 2);
 
 }  // namespace film

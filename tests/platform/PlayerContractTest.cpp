@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <future>
+#include <thread>
 
 #include "PlayerFixture.h"
 
@@ -17,7 +18,11 @@ class PlayerContract : public PlayerFixture, public testing::WithParamInterface<
         options.decoding = GetParam();
         return options;
     }
-    static bool Decodes() { return GetParam() == tvset::Decoding::Libav; }
+    /// How many of so many pictures appear: two stay in a decoder at the end of a stream.
+    static size_t Showable(size_t pushed) {
+        return GetParam() == tvset::Decoding::Libav ? pushed - 2 : pushed;
+    }
+    const std::vector<uint8_t> m_megabyte = std::vector<uint8_t>(size_t{1} << 20);
 };
 
 INSTANTIATE_TEST_SUITE_P(Set, PlayerContract,
@@ -27,33 +32,32 @@ INSTANTIATE_TEST_SUITE_P(Set, PlayerContract,
                          });
 
 TEST_P(PlayerContract, StartsWithoutDataAndNeverCallsBackSynchronously) {
-    Connect();
-    m_item = 0;
+    ASSERT_EQ(m_player->MM_Initialize(), 0);
     ASSERT_EQ(Create(), 0);
     ASSERT_NE(m_item, 0u);
     Settle();
-    ASSERT_EQ(Ear::Get().Events(), Events{E_EVENT_INIT_OK});
-    EXPECT_EQ(Ear::Get().All()[0].item, m_item);
-    EXPECT_NE(Ear::Get().All()[0].thread, std::this_thread::get_id());
+    ASSERT_EQ(Events(), Values{E_EVENT_INIT_OK});
+    const auto journal = tvset::control::Journal();
+    EXPECT_EQ(journal.back().item, m_item);
+    EXPECT_NE(journal.back().thread, journal.front().thread);
 
     ASSERT_EQ(m_player->MM_Play(m_item), 0);
-    Run(40);
-    EXPECT_EQ(Ear::Get().Events().size(), 1u) << "PLAYING_OK before its time";
-    Run(20);
-    EXPECT_EQ(Ear::Get().Events(), (Events{E_EVENT_INIT_OK, E_EVENT_PLAYING_OK}));
+    Run(49);
+    EXPECT_EQ(Events().size(), 1u) << "PLAYING_OK before its time";
+    Run(1);
+    EXPECT_EQ(Events(), (Values{E_EVENT_INIT_OK, E_EVENT_PLAYING_OK}));
     EXPECT_EQ(Position(), 0u);
     EXPECT_EQ(Gauge(), 0u);
-    EXPECT_EQ(GetStatistics().firstPictureMs, -1);
 
     PushFilm(0, 10, 60000);
     Settle();
-    EXPECT_EQ(Shown(), Pictures(60000, 1)) << "the first picture does not wait";
+    EXPECT_EQ(Shown(), Values{60000}) << "the first picture does not wait";
     EXPECT_EQ(GetStatistics().firstPictureMs, m_clock->NowMs());
 }
 
 TEST_P(PlayerContract, DataIsTakenBeforeTheItemAndBeforePlay) {
-    Connect();
-    const film::Stream sound = film::Audio(300, 44100, 2);
+    ASSERT_EQ(m_player->MM_Initialize(), 0);
+    const film::Stream& sound = film::Audio(300);
     for (size_t i = 0; i < 5; ++i) {
         ASSERT_EQ(PushTo(0, sound[i].bytes, sound[i].pts, 0), 0);
         ASSERT_EQ(PushTo(0, film::Video()[i].bytes, film::Video()[i].pts, 1), 0);
@@ -61,74 +65,59 @@ TEST_P(PlayerContract, DataIsTakenBeforeTheItemAndBeforePlay) {
     ASSERT_EQ(Create(), 0);
     PushFilm(5, 25);
     Run(500);
-    EXPECT_EQ(Shown(), Ptss()) << "shown before play";
+    EXPECT_EQ(Shown(), Values()) << "shown before play";
     ASSERT_EQ(m_player->MM_Play(m_item), 0);
     Run(1000);
-    EXPECT_EQ(Shown().size(), Decodes() ? 23u : 25u);
-    EXPECT_GT(GetStatistics().audioPlayedMs, 80u);
+    EXPECT_EQ(Shown(), Pictures(0, Showable(25)));
+    EXPECT_GT(AudioPlayedMs(), 80);
 }
 
-TEST_P(PlayerContract, PicturesAppearInOrderAtTheirTimeAndTheGaugeCountsThem) {
-    StartPlaying();
-    PushFilm(0, 50, 10000);
-    Settle();
-    EXPECT_EQ(Gauge(), 1u);
-    for (int ms = 0; ms < 1600; ms += 20) {
-        EXPECT_EQ(Position(), 10000u + static_cast<uint32_t>(ms / 40 * 40));
-        EXPECT_EQ(Gauge(), static_cast<unsigned long>(ms / 40 + 1));
-        Run(20);
-    }
-    EXPECT_EQ(Shown(), Pictures(10000, 41));
-    const tvset::Statistics statistics = GetStatistics();
-    EXPECT_EQ(statistics.framesShown, 41u);
-    EXPECT_EQ(statistics.framesDropped, 0u);
-    EXPECT_EQ(statistics.shownPts, 11600u);
-    EXPECT_EQ(statistics.videoUnitsPushed, 50u);
-}
-
-TEST_P(PlayerContract, TheGaugeNeverMovesBeforeThePosition) {
+TEST_P(PlayerContract, PicturesAppearInOrderAtTheirTimeAndTheGaugeNeverMovesFirst) {
     StartPlaying();
     std::atomic<bool> stop{false};
     std::atomic<int> wrong{0};
     std::thread watcher([&] {
         while (!stop) {
-            unsigned long gauge = 0;
-            (void)m_player->MM_GetVideoDataBufferInfo(m_item, EN_PLAYER_VIDEO_BUFFER_LEVEL, &gauge);
-            const uint32_t position = m_player->MM_GetVideoPTS();
-            if (gauge > 0 && position < 1000 + (gauge - 1) * film::kFrameMs) {
+            const unsigned long gauge = Gauge();
+            if (gauge > 0 && Position() < 10000 + (gauge - 1) * film::kFrameMs) {
                 ++wrong;
             }
         }
     });
-    PushFilm(0, 50, 1000);
-    Run(1600);
+    PushFilm(0, 50, 10000);
+    Settle();
+    for (int ms = 0; ms < 1600; ms += 20) {
+        EXPECT_EQ(Position(), 10000u + static_cast<uint32_t>(ms / 40 * 40));
+        EXPECT_EQ(Gauge(), static_cast<unsigned long>(ms / 40 + 1));
+        Run(20);
+    }
     stop = true;
     watcher.join();
     EXPECT_EQ(wrong, 0);
-    EXPECT_EQ(Gauge(), 41u);
+    EXPECT_EQ(Shown(), Pictures(10000, 41));
+    EXPECT_EQ(GetStatistics().framesShown, 41u);
+    EXPECT_EQ(GetStatistics().videoUnitsPushed, 50u);
 }
 
 TEST_P(PlayerContract, PauseFreezesPictureAndSoundAndNothingIsRefused) {
     StartPlaying();
     PushFilm(0, 50);
-    PushSound(film::Audio(2000, 44100, 2));
+    PushSound(film::Audio(2000));
     Run(400);
     ASSERT_EQ(SetPaused(true), 0);
     Settle();
-    const auto before = GetStatistics();
+    const double played = AudioPlayedMs();
     Run(2000);
-    EXPECT_EQ(Position(), 400u);
-    EXPECT_EQ(GetStatistics().framesShown, before.framesShown);
-    EXPECT_EQ(GetStatistics().audioPlayedMs, before.audioPlayedMs);
-    const std::vector<uint8_t> big(size_t{1} << 20);
+    EXPECT_EQ(Shown(), Pictures(0, 11));
+    EXPECT_EQ(AudioPlayedMs(), played);
     for (uint32_t i = 0; i < 100; ++i) {
-        ASSERT_EQ(PushVideo(big, 3000 + i), 0) << "a paused player refuses";
+        ASSERT_EQ(PushVideo(m_megabyte, 3000 + i), 0) << "a paused player refuses";
     }
     EXPECT_GT(GetStatistics().unitsDiscarded, 30u) << "memory is not bounded";
     ASSERT_EQ(SetPaused(false), 0);
     Run(200);
     EXPECT_EQ(Shown(), Pictures(0, 16));
-    EXPECT_NEAR(static_cast<double>(GetStatistics().audioPlayedMs), 600, 60);
+    EXPECT_NEAR(AudioPlayedMs(), 600, 60);
 }
 
 TEST_P(PlayerContract, FlushDropsBothKindsAndTheNextPictureIsShownAtOnce) {
@@ -136,96 +125,83 @@ TEST_P(PlayerContract, FlushDropsBothKindsAndTheNextPictureIsShownAtOnce) {
     for (const uint32_t target : {60000u, 5000u, 5000u}) {
         SCOPED_TRACE(target);
         PushFilm(0, 50, 20000);
-        PushSound(film::Audio(1900, 44100, 2), 20000);
+        PushSound(film::Audio(1900), 20000);
         Run(200);
         const uint32_t position = Position();
         const unsigned long gauge = Gauge();
         ASSERT_EQ(Flush(), 0);
         ForgetShown();
-        const uint64_t sound = GetStatistics().audioPlayedMs;
+        const double sound = AudioPlayedMs();
         Run(1500);
-        EXPECT_EQ(Shown(), Ptss());
+        EXPECT_EQ(Shown(), Values());
         EXPECT_EQ(Position(), position) << "survives the flush";
         EXPECT_EQ(Gauge(), gauge);
         PushFilm(0, 1, target);
         EXPECT_LE(Position(), target) << "never above what was pushed last";
         PushFilm(1, 25, target);
         Settle();
-        EXPECT_EQ(Shown(), Pictures(target, 1));
-        EXPECT_EQ(Gauge(), gauge + 1);
+        EXPECT_EQ(Shown(), Values{target});
         Run(400);
         EXPECT_EQ(Shown(), Pictures(target, 11));
-        EXPECT_EQ(GetStatistics().audioPlayedMs, sound) << "sound from before the flush";
+        EXPECT_EQ(AudioPlayedMs(), sound) << "sound from before the flush";
         ASSERT_EQ(Flush(), 0);
     }
-    EXPECT_NE(m_player->MM_SetFlushData(m_item, static_cast<EN_DATA_TYPE>(1)), 0);
 }
 
-TEST_P(PlayerContract, AfterAStarvationTheClockHasWaited) {
+TEST_P(PlayerContract, TheClockWaitsInAStarvationAndFollowsATimelineThatJumps) {
     StartPlaying();
-    const film::Stream sound = film::Audio(2000, 44100, 2);
-    PushSound(sound);
+    PushSound(film::Audio(2000));
     PushFilm(0, 25);
     Run(3000);
     const size_t first = Shown().size();
     EXPECT_GE(first, 23u);
-    EXPECT_LT(GetStatistics().audioPlayedMs, 1100u) << "the clock has run away";
+    EXPECT_LT(AudioPlayedMs(), 1100) << "the clock has run away";
     PushFilm(25, 75);
     Run(400);
-    EXPECT_NEAR(static_cast<double>(Shown().size() - first), 12, 2) << "shown at the usual pace";
+    EXPECT_NEAR(static_cast<double>(Shown().size() - first), 12, 2)
+        << "not shown at the usual pace";
     Run(2000);
-    EXPECT_EQ(Shown().size(), Decodes() ? 73u : 75u);
+    EXPECT_EQ(Shown().size(), Showable(75));
     EXPECT_EQ(GetStatistics().framesDropped, 0u);
-    EXPECT_NEAR(static_cast<double>(GetStatistics().audioPlayedMs), 2000, 60);
-}
+    EXPECT_NEAR(AudioPlayedMs(), 2000, 60);
 
-TEST_P(PlayerContract, ATimelineThatJumpsIsFollowed) {
-    StartPlaying();
-    PushFilm(0, 25);
+    PushFilm(0, 25, 4000);
     PushFilm(25, 50, 3600000);
-    PushFilm(50, 75);
-    Run(4500);
-    const Ptss shown = Shown();
-    EXPECT_EQ(shown.size(), Decodes() ? 73u : 75u);
-    EXPECT_EQ(std::count(shown.begin(), shown.end(), 3601000u), 1);
+    PushFilm(50, 75, 4000);
+    Run(6000);
+    const Values shown = Shown();
+    EXPECT_EQ(shown.size(), Showable(150));
+    EXPECT_EQ(std::count(shown.begin(), shown.end(), 3601000), 1);
 }
 
 TEST_P(PlayerContract, VideoIsRefusedOnlyWhileThePlayerConsumesAndSoundNever) {
+    ASSERT_EQ(m_player->MM_Initialize(), 0);
+    for (uint32_t i = 0; i < 80; ++i) {
+        ASSERT_EQ(PushTo(0, m_megabyte, i, i % 2), 0);
+    }
+    EXPECT_LE(GetStatistics().videoUnitsPushed, 32u) << "staged data is not bounded";
+    Open(OptionsFor());
     StartPlaying();
     PushFilm(0, 12);
-    const std::vector<uint8_t> big(size_t{1} << 20);
     int taken = 0;
-    while (taken < 64 && PushVideo(big, 500) == 0) {
+    while (taken < 64 && PushVideo(m_megabyte, 500) == 0) {
         ++taken;
     }
     EXPECT_GE(taken, 30);
     EXPECT_LE(taken, 32);
-    EXPECT_EQ(GetStatistics().payloadsRefused, 1u);
     for (uint32_t i = 0; i < 20; ++i) {
-        ASSERT_EQ(PushAudio(big, i), 0);
+        ASSERT_EQ(PushAudio(m_megabyte, i), 0);
     }
     EXPECT_GE(GetStatistics().unitsDiscarded, 12u) << "sound is not bounded";
 
     tvset::control::Freeze(true);
-    EXPECT_EQ(PushVideo(big, 500), 0) << "a hung decoder refuses for ever";
+    EXPECT_EQ(PushVideo(m_megabyte, 500), 0) << "a hung decoder refuses for ever";
     tvset::control::Freeze(false);
-    EXPECT_NE(PushVideo(big, 500), 0);
+    EXPECT_NE(PushVideo(m_megabyte, 500), 0);
     ASSERT_EQ(Flush(), 0);
-    EXPECT_EQ(PushVideo(big, 500), 0);
-
+    EXPECT_EQ(PushVideo(m_megabyte, 500), 0);
     const std::vector<uint8_t> huge((size_t{32} << 20) + 1);
     EXPECT_EQ(PushVideo(huge, 500), 0) << "a unit that never fits is refused for ever";
-}
-
-TEST_P(PlayerContract, StagedDataIsBounded) {
-    Connect();
-    const std::vector<uint8_t> big(size_t{1} << 20);
-    for (uint32_t i = 0; i < 80; ++i) {
-        ASSERT_EQ(PushTo(0, big, i, i % 2), 0);
-    }
-    const auto statistics = GetStatistics();
-    EXPECT_LE(statistics.videoUnitsPushed, 32u);
-    EXPECT_GT(statistics.unitsDiscarded, 30u);
 }
 
 TEST_P(PlayerContract, StopEmptiesAndPlayStartsAnew) {
@@ -234,80 +210,73 @@ TEST_P(PlayerContract, StopEmptiesAndPlayStartsAnew) {
     Run(200);
     ASSERT_EQ(m_player->MM_Stop(m_item), 0);
     ForgetShown();
-    Run(500);
     PushFilm(0, 25, 7000);
-    Run(100);
-    EXPECT_EQ(Shown(), Ptss());
+    Run(500);
+    EXPECT_EQ(Shown(), Values());
     ASSERT_EQ(m_player->MM_Play(m_item), 0);
     ASSERT_EQ(m_player->MM_Stop(m_item), 0);
     Run(100);
-    EXPECT_EQ(Ear::Get().Events().size(), 2u) << "PLAYING_OK of a stopped item";
+    EXPECT_EQ(Events().size(), 2u) << "PLAYING_OK of a stopped item";
     ForgetShown();
     PushFilm(0, 25, 7000);
     ASSERT_EQ(m_player->MM_Play(m_item), 0);
     Run(200);
     EXPECT_EQ(Shown(), Pictures(7000, 6));
+    ASSERT_EQ(m_player->MM_Play(m_item), 0);
+    ASSERT_EQ(m_player->MM_DeleteMediaItem(m_item), 0);
+    Run(100);
+    EXPECT_EQ(Events().size(), 3u) << "event of an item that is gone";
 }
 
 TEST_P(PlayerContract, SoundFollowsTheClockOfThePictures) {
     StartPlaying();
-    const film::Stream sound = film::Audio(1500, 44100, 2);
+    const film::Stream& sound = film::Audio(1500);
     ASSERT_EQ(PushAudio(sound[0].bytes, 0xFFFFFFEB), 0);  // must not hold up what follows
     PushSound(sound, 10000);
     Run(500);
-    EXPECT_EQ(GetStatistics().audioPlayedMs, 0u) << "sound before the first picture";
+    EXPECT_EQ(AudioPlayedMs(), 0) << "sound before the first picture";
     PushFilm(0, 50, 10000);
     Run(600);
-    EXPECT_NEAR(static_cast<double>(GetStatistics().audioPlayedMs), 600, 50);
+    EXPECT_NEAR(AudioPlayedMs(), 600, 50);
 
-    ST_PLAYER_AUDIO_PARAM param{};
-    param.bytes[16] = 2;
-    const uint32_t rate = 44100;
-    std::memcpy(param.bytes + 20, &rate, sizeof(rate));
-    param.bytes[56] = 6;
-    ASSERT_EQ(m_player->MM_SwitchAudioTrack(m_item, param), 0);
-    const uint64_t before = GetStatistics().audioPlayedMs;
+    ASSERT_EQ(m_player->MM_SwitchAudioTrack(m_item, ST_PLAYER_AUDIO_PARAM{}), 0);
+    const double before = AudioPlayedMs();
     Run(300);
-    EXPECT_EQ(GetStatistics().audioPlayedMs, before) << "sound of the old track";
+    EXPECT_EQ(AudioPlayedMs(), before) << "sound of the old track";
     PushSound(sound, 10000);  // 900 ms of it are over
     Run(400);
-    EXPECT_NEAR(static_cast<double>(GetStatistics().audioPlayedMs - before), 500, 60);
+    EXPECT_NEAR(AudioPlayedMs() - before, 500, 60);
     EXPECT_EQ(GetStatistics().decodeErrors, 0u);
 }
 
-TEST_P(PlayerContract, KeyPicturesOfTrickPlayAllAppearAlsoAfterANormalStream) {
-    StartPlaying();
-    PushFilm(0, 50);  // teaches the decoder to hold B pictures back
-    Run(200);
-    ASSERT_EQ(Flush(), 0);
-    ForgetShown();
-    Ptss expected;
-    for (uint32_t i = 0; i < 6; ++i) {
-        const size_t key = (2 - i % 3) * 25;  // backwards in content, forwards in time
-        ASSERT_TRUE(film::Video()[key].key);
-        ASSERT_EQ(PushVideo(film::Video()[key].bytes, 60000 + i * 250), 0);
-        expected.push_back(60000 + i * 250);
+TEST_P(PlayerContract, KeyPicturesOfTrickPlayAllAppearUnlessTheSetHoldsOneBack) {
+    for (const bool hold : {false, true}) {
+        SCOPED_TRACE(hold);
+        tvset::Options options = OptionsFor();
+        options.holdOnePicture = hold;
+        Open(options);
+        StartPlaying();
+        PushFilm(0, 50);  // teaches the decoder to hold B pictures back
+        Run(200);
+        ASSERT_EQ(Flush(), 0);
+        ForgetShown();
+        const auto pushKey = [&](uint32_t i) {  // backwards in content, forwards in time
+            const film::AccessUnit& unit = film::Video()[(2 - i % 3) * 25];
+            ASSERT_TRUE(unit.key);
+            ASSERT_EQ(PushVideo(unit.bytes, 60000 + i * 250), 0);
+        };
+        for (uint32_t i = 0; i < 4; ++i) {
+            pushKey(i);
+        }
+        Run(2000);
+        EXPECT_EQ(Shown().size(), hold ? 3u : 4u);
+        if (hold) {
+            pushKey(3);
+            Run(500);
+        }
+        EXPECT_EQ(Shown(), (Values{60000, 60250, 60500, 60750}));
+        EXPECT_EQ(GetStatistics().decodeErrors, 0u);
     }
-    Run(2500);
-    EXPECT_EQ(Shown(), expected);
-    EXPECT_EQ(GetStatistics().decodeErrors, 0u);
-}
-
-TEST_P(PlayerContract, ASetThatHoldsOnePictureNeedsAnotherToLetItGo) {
-    m_player.reset();
-    tvset::Options options = OptionsFor();
-    options.holdOnePicture = true;
-    Open(options);
-    StartPlaying();
-    const std::vector<uint8_t>& key = film::Video()[0].bytes;
-    for (const uint32_t pts : {60000u, 60125u, 60250u}) {
-        ASSERT_EQ(PushVideo(key, pts), 0);
-    }
-    Run(2000);
-    EXPECT_EQ(Shown(), (Ptss{60000, 60125}));
-    ASSERT_EQ(PushVideo(key, 60250), 0);
-    Run(500);
-    EXPECT_EQ(Shown(), (Ptss{60000, 60125, 60250}));
 }
 
 std::atomic<bool> g_inside{false};
@@ -345,17 +314,11 @@ TEST_P(PlayerContract, WrongUseIsAnsweredNotObeyed) {
     StartPlaying();
     EXPECT_NE(m_player->MM_CreateMediaItem(info, &item), 0) << "one item only";
     EXPECT_EQ(item, 99u);
-    EXPECT_NE(m_player->MM_CreateMediaItem(info, nullptr), 0);
     EXPECT_NE(m_player->MM_Play(m_item + 1), 0);
-    EXPECT_NE(m_player->MM_Stop(0), 0);
     EXPECT_NE(PushTo(m_item + 1, {1}, 0, 1), 0);
     EXPECT_NE(PushTo(m_item, {1}, 0, 2), 0);
     EXPECT_NE(PushTo(m_item, {}, 0, 1), 0);
     EXPECT_NE(m_player->MM_PushPayload(m_item, nullptr), 0);
-    EXPECT_NE(m_player->MM_SetTrickMode(m_item, ST_TRICK_INFO{2, 1}), 0);
-    EXPECT_NE(m_player->AddEventRecipient(nullptr), 0);
-    EXPECT_EQ(m_player->MM_DemuxReset(0), 0);
-
     MSrv_MM_PlayerInterface second;
     EXPECT_NE(second.MM_Initialize(), 0) << "one player at a time";
     EXPECT_FALSE(tvset::Configure(tvset::Options())) << "a player exists";
@@ -366,62 +329,7 @@ TEST_P(PlayerContract, WrongUseIsAnsweredNotObeyed) {
     info.bytes[80] = 9;  // no codec of this set
     ASSERT_EQ(m_player->MM_CreateMediaItem(info, &m_item), 0);
     Settle();
-    EXPECT_EQ(Ear::Get().Events().back(), static_cast<unsigned long>(E_EVENT_INIT_FAIL));
-}
-
-TEST_P(PlayerContract, SessionsOneAfterAnotherAreAlike) {
-    std::vector<std::string> journals;  // calls in their order, then what the set did in its own
-    for (int session = 0; session < 2; ++session) {
-        m_player.reset();
-        Open(OptionsFor());
-        tvset::control::Record(true);
-        StartPlaying();
-        PushFilm(0, 25);
-        Run(400);
-        ASSERT_EQ(m_player->MM_Stop(m_item), 0);
-        ASSERT_EQ(m_player->MM_DeleteMediaItem(m_item), 0);
-        ASSERT_EQ(m_player->MM_SetVideoBlackScreen(1), 0);
-        ASSERT_EQ(m_player->RemoveEventRecipient(Ear::Recipient), 0);
-        ASSERT_EQ(m_player->MM_Finalize(), 0);
-        std::string calls;
-        std::string deeds;
-        for (const auto& entry : tvset::control::Journal()) {
-            std::string& list = entry.call == "event" || entry.call == "shown" ? deeds : calls;
-            list += entry.call + ' ' + std::to_string(entry.item) + ' ' +
-                    std::to_string(entry.value) + ' ' + std::to_string(entry.crc32) + '\n';
-        }
-        journals.push_back(calls + deeds);
-    }
-    EXPECT_EQ(journals[0], journals[1]);
-    EXPECT_NE(journals[0].find("event 1 19"), std::string::npos);
-    EXPECT_NE(journals[0].find("shown 0 400"), std::string::npos);
-    m_player.reset();
-    EXPECT_EQ(GetStatistics().framesShown, 11u) << "the counters outlive the player";
-}
-
-TEST_P(PlayerContract, ByItselfTheSetKeepsTimeToo) {
-    m_player.reset();
-    tvset::Options options = OptionsFor();
-    options.clock = tvset::NewRealClock(5);
-    Open(options);
-    const film::Stream sound = film::Audio(2900, 44100, 2);
-    Connect();
-    ASSERT_EQ(Create(), 0);
-    PushSound(sound);
-    PushFilm(0, 75);
-    const int64_t start = options.clock->NowMs();
-    ASSERT_EQ(m_player->MM_Play(m_item), 0);
-    const int64_t giveUp = start + 60000;
-    for (int64_t now = start; Position() < 2800 && now < giveUp; now = options.clock->NowMs()) {
-        options.clock->SleepUntil(now + 20, options.clock->Interrupts());
-    }
-    EXPECT_GE(Position(), 2800u);
-    EXPECT_GE(options.clock->NowMs() - start, 2800);
-    const auto statistics = GetStatistics();
-    EXPECT_GE(statistics.framesShown + statistics.framesDropped, 71u);
-    EXPECT_GE(statistics.framesShown, 12u);
-    EXPECT_GE(statistics.audioPlayedMs, 1000u);  // a machine under load loses some
-    EXPECT_LE(statistics.audioPlayedMs, 3000u);
+    EXPECT_EQ(Events().back(), uint64_t{E_EVENT_INIT_FAIL});
 }
 
 }  // namespace

@@ -1,92 +1,35 @@
 #pragma once
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <algorithm>
-#include <condition_variable>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "Film.h"
 #include "MSrv_MM_PlayerInterface.h"
 #include "TvSet.h"
 
-/// What the set's event recipient heard.
-class Ear {
-  public:
-    struct Heard {
-        unsigned long event;
-        unsigned long item;
-        std::thread::id thread;
-    };
-
-    static Ear& Get() {
-        static Ear ear;
-        return ear;
-    }
-    static unsigned char Recipient(void*, void* event, void* item) {
-        Ear& ear = Get();
-        const std::lock_guard<std::mutex> lock(ear.m_mutex);
-        ear.m_heard.push_back({static_cast<unsigned long>(reinterpret_cast<uintptr_t>(event)),
-                               *static_cast<unsigned long*>(item), std::this_thread::get_id()});
-        return 0;
-    }
-    void Clear() {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_heard.clear();
-    }
-    std::vector<Heard> All() {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return m_heard;
-    }
-    std::vector<unsigned long> Events() {
-        std::vector<unsigned long> events;
-        for (const Heard& heard : All()) {
-            events.push_back(heard.event);
-        }
-        return events;
-    }
-
-  private:
-    std::mutex m_mutex;
-    std::vector<Heard> m_heard;
-};
-
-using Events = std::vector<unsigned long>;
-using Ptss = std::vector<uint32_t>;
+using Values = std::vector<uint64_t>;
 
 /// A player on a set whose clock the test moves.
 class PlayerFixture : public testing::Test {
   protected:
     void Open(tvset::Options options) {
-        Ear::Get().Clear();
+        m_player.reset();
         tvset::control::Reset();
-        if (!options.clock) {
-            m_clock = tvset::NewManualClock();
-            options.clock = m_clock;
-        }
+        options.clock = m_clock = tvset::NewManualClock();
         ASSERT_TRUE(tvset::Configure(options));
-        tvset::SetPictureListener([this](uint32_t pts) {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            m_shown.push_back(pts);
-        });
+        tvset::control::Record(true);
+        m_shownFrom = 0;
         m_player = std::make_unique<MSrv_MM_PlayerInterface>();
     }
-
     void TearDown() override {
         m_player.reset();
-        tvset::SetPictureListener({});
         tvset::control::Reset();
         EXPECT_TRUE(tvset::Configure(tvset::Options()));
-    }
-
-    void Connect() {
-        ASSERT_EQ(m_player->MM_Initialize(), 0);
-        ASSERT_EQ(m_player->AddEventRecipient(Ear::Recipient), 0);
     }
 
     int Create(uint32_t sampleRate = 44100) {
@@ -96,15 +39,29 @@ class PlayerFixture : public testing::Test {
         info.bytes[160] = 6;
         return m_player->MM_CreateMediaItem(info, &m_item);
     }
-
     /// An item that plays, PLAYING_OK delivered.
     void StartPlaying(uint32_t sampleRate = 44100) {
-        Connect();
+        ASSERT_EQ(m_player->MM_Initialize(), 0);
         ASSERT_EQ(Create(sampleRate), 0);
         ASSERT_EQ(m_player->MM_Play(m_item), 0);
         Run(60);
-        ASSERT_EQ(Ear::Get().Events(), (Events{E_EVENT_INIT_OK, E_EVENT_PLAYING_OK}));
+        ASSERT_EQ(Events(), (Values{E_EVENT_INIT_OK, E_EVENT_PLAYING_OK}));
     }
+    /// Values of what the set did of one kind, from an entry of the journal on.
+    static Values Done(const char* what, size_t from = 0) {
+        Values values;
+        const auto journal = tvset::control::Journal();
+        for (size_t i = from; i < journal.size(); ++i) {
+            if (journal[i].call == what) {
+                values.push_back(journal[i].value);
+            }
+        }
+        return values;
+    }
+    static Values Events() { return Done("event"); }
+    /// PTS of the pictures shown since `ForgetShown()`.
+    Values Shown() const { return Done("shown", m_shownFrom); }
+    void ForgetShown() { m_shownFrom = tvset::control::Journal().size(); }
 
     int PushTo(unsigned long item, const std::vector<uint8_t>& bytes, uint32_t pts,
                uint32_t streamType) {
@@ -154,19 +111,14 @@ class PlayerFixture : public testing::Test {
         return value;
     }
     uint32_t Position() { return m_player->MM_GetVideoPTS(); }
-    Ptss Shown() {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return m_shown;
-    }
-    void ForgetShown() {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_shown.clear();
+    static double AudioPlayedMs() {
+        return static_cast<double>(tvset::GetStatistics().audioPlayedMs);
     }
     /// PTS of `count` pictures from `first` on.
-    static Ptss Pictures(uint32_t first, size_t count, uint32_t step = film::kFrameMs) {
-        Ptss all;
-        for (size_t i = 0; i < count; ++i) {
-            all.push_back(first + static_cast<uint32_t>(i) * step);
+    static Values Pictures(uint64_t first, size_t count) {
+        Values all;
+        for (uint64_t i = 0; i < count; ++i) {
+            all.push_back(first + i * film::kFrameMs);
         }
         return all;
     }
@@ -174,8 +126,5 @@ class PlayerFixture : public testing::Test {
     std::shared_ptr<tvset::ManualClock> m_clock;
     std::unique_ptr<MSrv_MM_PlayerInterface> m_player;
     unsigned long m_item = 0;
-
-  private:
-    std::mutex m_mutex;
-    Ptss m_shown;
+    size_t m_shownFrom = 0;
 };
