@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <thread>
 
 #include "StreamingDemux/EBML/IClusterBuffer.h"
 
@@ -64,30 +63,6 @@ TEST_F(ClusterBufferTest, CapacityCountsIn32Bits) {
     EXPECT_EQ(NewClusterBuffer(size_t{1} << 32), nullptr);
     const std::unique_ptr<IClusterBuffer> buffer(NewClusterBuffer((size_t{1} << 32) + 7));
     EXPECT_EQ(buffer->GetCapacity(), 7u);
-}
-
-TEST_F(ClusterBufferTest, ReaderAndWriterAtOnce) {
-    constexpr int32_t kClusters = 2000;
-    std::thread reader([this] {
-        for (int32_t i = 0; i < kClusters; ++i) {
-            qutl::MemoryBuffer<unsigned char> data;
-            data.Resize(1 + static_cast<size_t>(i) % 50, false);
-            ClusterInfo info;
-            info.clusterIndex = i;
-            info.duration = 10;
-            while (m_buffer->Write(data, info) != OPAL_OK)
-                std::this_thread::yield();
-        }
-    });
-    for (int32_t i = 0; i < kClusters; ++i) {
-        EXPECT_GE(m_buffer->GetBufferedDuration(), 0);
-        while (m_buffer->Read(m_data, m_info) != OPAL_OK)
-            std::this_thread::yield();
-        EXPECT_EQ(m_info.clusterIndex, i);
-        EXPECT_EQ(m_data.GetSize(), 1 + static_cast<size_t>(i) % 50);
-    }
-    reader.join();
-    EXPECT_EQ(m_buffer->GetUsedBytes(), 0u);
 }
 
 }  // namespace

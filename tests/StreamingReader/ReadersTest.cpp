@@ -246,12 +246,6 @@ TEST_F(ReadersTest, FinalizeEndsWhateverRuns) {
     EXPECT_EQ(0U, readers.GetVideoStreamCount());
     server->Release(held);
     EXPECT_EQ(OPAL_OK, InitVideo(1));  // nothing sticks
-
-    const uint64_t slow = server->AddRule(FakeRule::Hold("http://host/a", FakeRule::Kind::Open));
-    auto opening = std::async(std::launch::async, [&] { return InitAudio(); });
-    ASSERT_TRUE(server->WaitForHeld(slow, 1, 10000));
-    EXPECT_EQ(OPAL_OK, Promptly([&] { return readers.Finalize(); }));
-    EXPECT_EQ(OPAL_ERROR_GENERAL, opening.get());
 }
 
 TEST_F(ReadersTest, StreamThatIsLeftIsStopped) {
@@ -310,7 +304,6 @@ TEST_F(ReadersTest, SubtitlesOpenInTheBackgroundAndRecover) {
 TEST_F(ReadersTest, OperationsFromManyThreadsAndShutdownAtAnyTime) {
     ServeLevel("http://host/0");
     ServeLevel("http://host/1");
-    ServeTrick("http://host/t", {});
     ServeAudio("http://host/a", kAudioShape);
     reports.onWrite = [&](OPALStreamType type) {
         (void)(type == OPAL_STREAM_AUDIO ? readers.StartAudio() : readers.StartVideo());
