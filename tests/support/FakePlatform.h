@@ -1,12 +1,12 @@
 #pragma once
 
-#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "PlatformAdapter/Common/IPlatform.h"
@@ -63,46 +63,49 @@ class FakePlatform : public IPlatform {
 
     static constexpr int kAlways = -1;
 
-    explicit FakePlatform(std::string name = "sink", CallJournal* journal = nullptr);
-    ~FakePlatform() override;
+    explicit FakePlatform(std::string name = "sink", CallJournal* journal = nullptr)
+        : m_name(std::move(name)), m_journal(journal) {}
 
     /// The next `count` calls of `op`, kAlways for all of them, answer `code`; count 0 ends it.
     void FailNext(Op op, OPALError code, int count);
     /// Queue takes that many more blocks and then answers -7; kAlways takes any number.
-    void AcceptBlocks(int count);
+    void AcceptBlocks(int count) { Set(m_acceptBlocks, count); }
     /// Runs at the beginning of every Queue; it may block.
-    void SetQueueHook(std::function<void(const Block&)> hook);
-    void SetPositionMs(int64_t ms);
+    void SetQueueHook(const std::function<void(const Block&)>& hook) { Set(m_queueHook, hook); }
+    void SetPositionMs(int64_t ms) { Set(m_position, ms); }
     /// Without one set, the buffered duration is what lies between the position and the end of the
     /// last block queued since the last flush.
-    void SetBufferedDurationMs(int64_t ms);
-    void UseComputedBufferedDuration();
-    void SetTrailerSize(size_t size);
+    void SetBufferedDurationMs(int64_t ms) { Set(m_bufferedDuration, ms); }
+    void UseComputedBufferedDuration() { Set<int64_t>(m_bufferedDuration, -1); }
+    void SetTrailerSize(size_t size) { Set(m_trailerSize, size); }
 
-    std::vector<Block> Blocks() const;
-    size_t BlockCount() const;
+    std::vector<Block> Blocks() const { return Get(m_blocks); }
+    size_t BlockCount() const {
+        Lock lock(m_mutex);
+        return m_blocks.size();
+    }
     /// Every attempt, the refused ones too.
     size_t QueueCalls() const { return Calls(Op::Queue); }
-    size_t Calls(Op op) const;
+    size_t Calls(Op op) const { return Get(m_calls)[op]; }
     /// The last argument of SetPaused; true before the first.
-    bool IsPaused() const;
-    OPALPlayRate Rate() const;
-    int64_t ClusterTimeMs() const;
+    bool IsPaused() const { return Get(m_paused); }
+    OPALPlayRate Rate() const { return Get(m_rate); }
+    int64_t ClusterTimeMs() const { return Get(m_clusterTime); }
     /// False if that many blocks have not arrived in time.
-    bool WaitForBlocks(size_t count,
-                       std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
-    bool WaitForCalls(Op op, size_t count,
-                      std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+    bool WaitForBlocks(size_t count) const;
+    bool WaitForCalls(Op op, size_t count) const;
 
     /// What a controller calls on a concrete sink before it becomes an IPlatform.
-    OPALError Configure(const std::string& codecId);
+    OPALError Configure(const std::string& codecId) {
+        return Enter(Op::Configure, "Configure " + codecId);
+    }
 
-    OPALError Initialize() override;
-    OPALError Finalize() override;
-    OPALError Start() override;
+    OPALError Initialize() override { return Enter(Op::Initialize, "Initialize"); }
+    OPALError Finalize() override { return Enter(Op::Finalize, "Finalize"); }
+    OPALError Start() override { return Enter(Op::Start, "Start"); }
     OPALError Queue(void* data, size_t size, int64_t msTimeStamp, int64_t msDuration) override;
     OPALError Flush() override;
-    OPALError Stop() override;
+    OPALError Stop() override { return Enter(Op::Stop, "Stop"); }
     OPALError SetPaused(bool paused) override;
     OPALError GetBlockTrailerSize(size_t& size) override;
     OPALError GetTime(uint32_t& ms) override;
@@ -110,21 +113,32 @@ class FakePlatform : public IPlatform {
     OPALError GetBufferedDuration(int64_t& ms) override;
     OPALError SetRate(OPALPlayRate rate) override;
     OPALError SetClusterTime(int64_t ms) override;
-    OPALError Refresh() override;
+    OPALError Refresh() override { return Enter(Op::Refresh); }
 
   private:
+    using Lock = std::unique_lock<std::recursive_mutex>;
     struct Script {
         OPALError code = OPAL_OK;
         int count = 0;
     };
 
-    /// Counts the call, notes it, and takes the scripted answer. The lock is held.
-    OPALError Enter(Op op, const std::string& note);
+    template <typename Value>
+    void Set(Value& member, const Value& value) {
+        Lock lock(m_mutex);
+        member = value;
+    }
+    template <typename Value>
+    Value Get(const Value& member) const {
+        Lock lock(m_mutex);
+        return member;
+    }
+    /// Counts the call, notes it, and takes the scripted answer.
+    OPALError Enter(Op op, const std::string& note = {});
 
     const std::string m_name;
     CallJournal* const m_journal;
-    mutable std::mutex m_mutex;
-    mutable std::condition_variable m_changed;
+    mutable std::recursive_mutex m_mutex;
+    mutable std::condition_variable_any m_changed;
     std::map<Op, Script> m_scripts;
     std::map<Op, size_t> m_calls;
     std::function<void(const Block&)> m_queueHook;
