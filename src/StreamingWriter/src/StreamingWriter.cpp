@@ -178,9 +178,16 @@ OPALError StreamingWriter::PullBlock(qutl::MemoryBuffer<unsigned char>& data, in
     level = m_block.level;
     flags = m_block.flags;
 
-    if (m_pSink)
-        result = m_pSink->Queue(data.GetData(), data.GetSize() - std::min(trailer, data.GetSize()),
-                                time, duration);
+    if (m_pSink) {
+        // A sink rewrites what it takes, for its decoder. The application is to get what the file
+        // holds, whether the sink has room or not, so the sink works on a copy.
+        const size_t size = data.GetSize();
+        m_offered.Assign(data.GetData(), size, 0, false);
+        if (m_offered.GetSize() != size)
+            return OPAL_ERROR_NO_MEMORY;
+        result =
+            m_pSink->Queue(m_offered.GetData(), size - std::min(trailer, size), time, duration);
+    }
     if (result == OPAL_OK)
         NoteLevel(level, time);
     // A full sink does not take back what the application has got.

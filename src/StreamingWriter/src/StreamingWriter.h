@@ -93,6 +93,7 @@ class StreamingWriter : public IStreamingWriter {
     size_t m_discardLevel = static_cast<size_t>(-1);
     std::atomic<bool> m_disabled{false};
     BlockNode m_block;
+    qutl::MemoryBuffer<unsigned char> m_offered;  ///< pull model: the sink's copy of a block
     std::atomic<OPALError> m_error{OPAL_OK};
     const OPALWriterModel m_model;
     const OPALStreamType m_streamType;
