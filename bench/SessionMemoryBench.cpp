@@ -89,7 +89,7 @@ Outcome PlaySession(const std::string& url) {
     std::ofstream("/proc/self/clear_refs") << 5;  // the peak counts from here on
     Listener listener;
     const std::unique_ptr<IStreamingController> player(NewStreamingController());
-    player->SetNotify(&listener);
+    (void)player->SetNotify(&listener);
     outcome.error = player->InitializeFromSMILFile(url, "US", "en", OPAL_WRITER_MODEL_PUSH);
     if (outcome.error == OPAL_OK)
         outcome.error = player->Play();

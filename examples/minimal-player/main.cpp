@@ -34,7 +34,7 @@ int main(int argc, char** argv) {
         return 2;
     Listener listener;
     std::unique_ptr<IStreamingController> player(NewStreamingController());
-    player->SetNotify(&listener);
+    (void)player->SetNotify(&listener);
     if (player->InitializeFromSMILFile(argv[1], "US", "en", OPAL_WRITER_MODEL_PUSH) != OPAL_OK ||
         player->Play() != OPAL_OK)
         return 1;

@@ -115,7 +115,7 @@ class StreamingController : public IStreamingController {
     OPALError Pause() override;
     OPALError Stop() override;
     OPALError GetBufferedDuration(OPALStreamType type, int64_t& ms) override;
-    void SetNotify(IStreamingControllerNotify* notify) override;
+    OPALError SetNotify(IStreamingControllerNotify* notify) override;
     OPALError GetDuration(int64_t& ms) override;
     OPALError Resume(int64_t positionMs) override;
     OPALError Seek(int64_t& positionMs) override;
@@ -172,6 +172,7 @@ class StreamingController : public IStreamingController {
         /// The writers are to be started as soon as playing is true.
         bool writersStartPending = true;
         boost::posix_time::ptime lastPositionReport;
+        boost::posix_time::ptime lastStart;  ///< the set was last told to run
         boost::posix_time::ptime lastLogFlush;
         size_t bufferingPercent = 0;
         size_t reportedPercent = kNone;
@@ -295,7 +296,7 @@ class StreamingController : public IStreamingController {
     OPALError HandleVideoCluster(LoopState& state);
     OPALError HandleTrickCluster(size_t argument);
     OPALError HandleTrickStarted(LoopState& state);
-    OPALError HandleSeekDone(LoopState& state);
+    OPALError StartWhenReady(LoopState& state);
     void DeclareStarted(LoopState& state);
     bool WatchBuffer(LoopState& state);
     bool HandleUnderflow(LoopState& state);

@@ -186,7 +186,7 @@ class ControllerFixture : public testing::Test {
 
     void Build(bool threaded) {
         controller = std::make_unique<TestController>(journal, threaded);
-        controller->SetNotify(&listener);
+        (void)controller->SetNotify(&listener);
     }
 
     /// Serves the film; the manifest lies at kFilm.

@@ -50,7 +50,7 @@ int Player::Run() {
         getLogger(name)->setLevel(log4cxx::Level::getTrace());
     ListenToDiagnostics();
     m_controller.reset(NewStreamingController());
-    m_controller->SetNotify(&m_listener);
+    (void)m_controller->SetNotify(&m_listener);
     m_commands =
         std::make_unique<Commands>([this](const Commands::Command& command, OPALError code) {
             Notice notice;

@@ -31,7 +31,7 @@ int64_t Since(const boost::posix_time::ptime& time) {
 }  // namespace
 
 StreamingController::LoopState::LoopState()
-    : lastPositionReport(opal::Now()), lastLogFlush(opal::Now()) {}
+    : lastPositionReport(opal::Now()), lastStart(opal::Now()), lastLogFlush(opal::Now()) {}
 
 OPALError StreamingController::EventLoop() {
     LoopState state;
@@ -53,12 +53,15 @@ void StreamingController::Shielded(const std::function<void()>& action) {
     } catch (const std::exception& e) {
         LOG4CXX_ERROR(logger, "StreamingController::EventLoop - exception: " << e.what());
         code = OPAL_ERROR_GENERAL;
+    } catch (...) {
+        LOG4CXX_ERROR(logger, "StreamingController::EventLoop - exception of no known type");
+        code = OPAL_ERROR_GENERAL;
     }
     try {
         if (code != OPAL_OK)
             (void)Terminate(code);
-    } catch (const std::exception& e) {
-        LOG4CXX_ERROR(logger, "StreamingController::EventLoop - exception: " << e.what());
+    } catch (...) {
+        LOG4CXX_ERROR(logger, "StreamingController::EventLoop - exception while ending");
     }
 }
 
@@ -167,6 +170,12 @@ void StreamingController::WatchPlayback(LoopState& state) {
         Tell([&](IStreamingControllerNotify& listener) { listener.OnPosition(position, level); });
         state.lastPositionReport = opal::Now();
     }
+    // The set starts with a block that comes after it is ready. So little may be left to play that
+    // none comes any more.
+    if (position == 0 && !m_writersPaused && Since(state.lastStart) > kPositionPeriodMs) {
+        (void)m_pVideoPlatform->SetPaused(false);
+        state.lastStart = opal::Now();
+    }
     if (m_pVideoWriter->IsEndOfStream()) {
         ReportEndOfStream();
         state.playing = false;
@@ -220,7 +229,7 @@ OPALError StreamingController::Dispatch(const StreamingControllerMessage& messag
         case MSG_TRICK_STARTED:
             return HandleTrickStarted(state);
         case MSG_SEEK_DONE:
-            return HandleSeekDone(state);
+            return StartWhenReady(state);
         default:
             return OPAL_OK;
     }
@@ -331,6 +340,7 @@ OPALError StreamingController::EndSubtitleSelection(LoopState& state) {
 
 void StreamingController::DeclareStarted(LoopState& state) {
     state.playing = true;
+    state.lastStart = opal::Now();
     ReportPlay();
     if (m_buffering.IsActive() && m_buffering.IsComplete()) {
         m_buffering.Reset();
@@ -339,35 +349,24 @@ void StreamingController::DeclareStarted(LoopState& state) {
     state.playStateToReport = kStateStarted;
 }
 
-OPALError StreamingController::HandleStart(LoopState& state) {
+/// Begins playback at 1x, or posts the start again until enough is buffered.
+OPALError StreamingController::StartWhenReady(LoopState& state) {
     state.playing = false;
     m_jumpPending = false;
     if (m_stopRequested)
         return OPAL_OK;
     const OPALError code = IsReadyToStart();
-    if (code == OPAL_ERROR_NOT_YET) {
-        (void)Post(MSG_START);
-        return OPAL_OK;
-    }
-    if (code != OPAL_OK)
-        return code;
-    DeclareStarted(state);
-    state.lastPositionReport = opal::Now();
-    return OPAL_OK;
-}
-
-OPALError StreamingController::HandleSeekDone(LoopState& state) {
-    state.playing = false;
-    m_jumpPending = false;
-    if (m_stopRequested)
-        return OPAL_OK;
-    const OPALError code = IsReadyToStart();
-    if (code == OPAL_ERROR_NOT_YET) {
-        (void)Post(MSG_START);
-        return OPAL_OK;
-    }
     if (code == OPAL_OK)
         DeclareStarted(state);
+    else if (code == OPAL_ERROR_NOT_YET)
+        return Post(MSG_START);
+    return code;
+}
+
+OPALError StreamingController::HandleStart(LoopState& state) {
+    const OPALError code = StartWhenReady(state);
+    if (state.playing)
+        state.lastPositionReport = opal::Now();
     return code;
 }
 

@@ -289,8 +289,8 @@ OPALError StreamingController::InitializeInternal(const std::string& ticket,
     m_terminated = false;
     m_error = OPAL_OK;
     m_writersPaused = true;
+    StartLoop();  // waits for this lock
     m_initialized = true;
-    StartLoop();
     LogEventFactory& events = LogEventFactory::Instance();
     LogServer::Instance().PostOrDestroy(
         events.NewAlgorithmConfigLogEvent(&AlgorithmConfig::Instance()));

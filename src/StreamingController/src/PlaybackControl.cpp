@@ -64,8 +64,10 @@ OPALError StreamingController::Resume(int64_t positionMs) {
             code = SeekInternal(position);
         if (code == OPAL_OK)
             code = Play();
-        if (code != OPAL_OK)
+        if (code != OPAL_OK) {
+            m_jumpPending = false;
             return code;
+        }
         LogServer::Instance().PostOrDestroy(
             LogEventFactory::Instance().NewResumeLogEvent(positionMs / 1000));
         return OPAL_OK;
@@ -85,11 +87,13 @@ OPALError StreamingController::Seek(int64_t& positionMs) {
 }
 
 OPALError StreamingController::SetPlayRate(OPALPlayRate rate) {
+    Lock lock(m_mutex);
+    if (m_terminated)
+        return m_error;
     if (!IsRate(rate))
         return OPAL_ERROR_INVALID_ARGUMENT;
-    Lock lock(m_mutex);
     const bool trick = rate != OPAL_PLAYRATE_ONEX;
-    if (!m_terminated && trick && (!m_pSMILParser || m_pSMILParser->GetVideoTrickTrackCount() == 0))
+    if (trick && (!m_pSMILParser || m_pSMILParser->GetVideoTrickTrackCount() == 0))
         return OPAL_ERROR_OUT_OF_RANGE;
     return Guarded([&] {
         OPALError code = OPAL_OK;

@@ -60,8 +60,9 @@ StreamingController::~StreamingController() {
     (void)StreamingController::Finalize();
 }
 
-void StreamingController::SetNotify(IStreamingControllerNotify* notify) {
+OPALError StreamingController::SetNotify(IStreamingControllerNotify* notify) {
     m_pNotify = notify;
+    return OPAL_OK;
 }
 
 OPALError StreamingController::GetDuration(int64_t& ms) {
