@@ -4,7 +4,10 @@
 #
 #   scripts/nginx-origin.sh FOLDER [RATE]
 #
-# RATE is nginx's limit_rate, bytes per second for each connection: 750k is 6 Mbit/s.
+# RATE is nginx's limit_rate, bytes per second for each reply behind its first second: 750k is
+# 6 Mbit/s. Each line on the standard input, unless that is a terminal, is another RATE, for replies
+# that begin from then on:
+#   (sleep 20; echo 125k; sleep 40; echo 1m) | scripts/nginx-origin.sh FOLDER 750k
 # The first line on the standard output is "Serving FOLDER at http://127.0.0.1:PORT/"; the server
 # runs until this script is ended (SIGINT, SIGTERM, SIGHUP).
 #
@@ -19,7 +22,10 @@ fail() {
 [ $# -eq 1 ] || [ $# -eq 2 ] || fail 2 "usage: nginx-origin.sh FOLDER [RATE]"
 folder=$(realpath -e -- "$1" 2>/dev/null) && [ -d "$folder" ] || fail 2 "$1 is not a folder"
 rate=${2:-0}
-[[ $rate =~ ^[0-9]{1,9}[kKmM]?$ ]] || fail 2 "'$rate' is not a rate in bytes per second, such as 750k"
+is_rate() {
+    [[ $1 =~ ^[0-9]{1,9}[kKmM]?$ ]]
+}
+is_rate "$rate" || fail 2 "'$rate' is not a rate in bytes per second, such as 750k"
 [[ $folder != *[\"\\\$$'\n']* ]] || fail 2 "$folder: nginx cannot quote this name"
 nginx=$(PATH=$PATH:/usr/sbin:/sbin command -v nginx) ||
     fail 1 "nginx is not installed; apt-get install nginx-light"
@@ -82,6 +88,24 @@ answers() {
     (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null
 }
 
+# Until the standard input ends, or nginx does.
+take_rates() {
+    local line= status
+    while kill -0 "$pid" 2>/dev/null; do
+        IFS= read -r -t 0.5 line
+        status=$?
+        [ "$status" -le 128 ] || continue  # nothing was said
+        [ "$status" -eq 0 ] || return 0
+        if is_rate "$line"; then
+            rate=$line
+            write_config "$port"
+            kill -HUP "$pid"
+        else
+            echo "nginx-origin: '$line' is not a rate" >&2
+        fi
+    done
+}
+
 # nginx cannot choose a port by itself, so ports are tried until it gets one.
 for _ in $(seq 20); do
     port=$((20000 + RANDOM % 12000))
@@ -92,6 +116,7 @@ for _ in $(seq 20); do
     for _ in $(seq 100); do
         if [ -s "$dir/pid" ] && answers "$port"; then
             echo "Serving $folder at http://127.0.0.1:$port/"
+            [ -t 0 ] || take_rates
             wait "$pid"
             pid=
             cat "$dir/error.log" >&2

@@ -46,12 +46,12 @@ std::vector<package::Cluster> MakeClusters(int count, int64_t clusterMs, int64_t
 
 }  // namespace
 
-SessionFixture::SessionFixture() {
+SessionFixture::SessionFixture(int speed, tvset::Decoding decoding) : m_clock(speed) {
     AlgorithmConfig::Instance().Reset();
     tvset::control::Reset();
     tvset::Options options;
-    options.decoding = tvset::Decoding::PassThrough;
-    options.clock = tvset::NewRealClock(kSpeed);
+    options.decoding = decoding;
+    options.clock = tvset::NewRealClock(speed);
     EXPECT_TRUE(tvset::Configure(options));
     tvset::control::Record(true);
     std::string error;
@@ -142,9 +142,9 @@ std::string SessionFixture::ManifestText(const std::string& baseUrl) const {
     return out.str();
 }
 
-OPALError SessionFixture::Initialize(OPALWriterModel model) {
-    m_player->SetNotify(&m_listener);  // Finalize has forgotten it
-    return m_player->InitializeFromSMILFile(Manifest(), "US", "en", model);
+OPALError SessionFixture::InitializeFrom(const std::string& manifest, OPALWriterModel model) {
+    (void)m_player->SetNotify(&m_listener);  // Finalize has forgotten it
+    return m_player->InitializeFromSMILFile(manifest, "US", "en", model);
 }
 
 void SessionFixture::StartPlaying(const Presentation& presentation) {
@@ -155,8 +155,9 @@ void SessionFixture::StartPlaying(const Presentation& presentation) {
         m_listener.WaitFor(presentation.audioTracks > 0 ? "OnPlay 1 0 -1" : "OnPlay 1 -1 -1"));
 }
 
-bool SessionFixture::Eventually(const std::function<bool()>& condition) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+bool SessionFixture::Eventually(const std::function<bool()>& condition,
+                                std::chrono::seconds timeout) {
+    const auto end = std::chrono::steady_clock::now() + timeout;
     while (!condition()) {
         if (std::chrono::steady_clock::now() > end)
             return false;
@@ -189,20 +190,31 @@ std::vector<SeenBlock> SessionFixture::Pushed(uint32_t streamType) {
     return blocks;
 }
 
+uint32_t SessionFixture::Crc(const uint8_t* data, size_t size) {
+    CrcTable table;
+    FillCrcTable(table);
+    return CalculateCrc(table, data, size);
+}
+
+std::vector<SeenBlock> SessionFixture::FileBlocks(const std::string& file) const {
+    return Blocks(file, false);
+}
+
 std::vector<SeenBlock> SessionFixture::ExpectedBlocks(const std::string& file) const {
-    const bool video = file.rfind("audio", 0) != 0;
-    CrcTable crcTable;
-    FillCrcTable(crcTable);
+    return Blocks(file, file.rfind("audio", 0) != 0);
+}
+
+std::vector<SeenBlock> SessionFixture::Blocks(const std::string& file, bool startCodes) const {
     std::vector<SeenBlock> blocks;
     for (const package::Cluster& cluster : m_media.at(file)) {
         for (const package::Block& block : cluster.blocks) {
             std::vector<uint8_t> bytes = block.data;
-            if (video) {
+            if (startCodes) {
                 const uint8_t startCode[] = {0, 0, 0, 1};
                 std::copy(std::begin(startCode), std::end(startCode), bytes.begin());
             }
             blocks.push_back({block.timeMs, static_cast<uint32_t>(bytes.size()),
-                              CalculateCrc(crcTable, bytes.data(), bytes.size())});
+                              Crc(bytes.data(), bytes.size())});
         }
     }
     return blocks;

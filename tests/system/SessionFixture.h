@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -64,7 +65,8 @@ class RecordedController : public StreamingController {
 /// The whole library over a loopback origin, on the set in pass-through mode.
 class SessionFixture : public testing::Test {
   protected:
-    SessionFixture();
+    explicit SessionFixture(int speed = kSpeed,
+                            tvset::Decoding decoding = tvset::Decoding::PassThrough);
     ~SessionFixture() override;
 
     /// Builds the files; the manifest is served at Manifest().
@@ -72,24 +74,31 @@ class SessionFixture : public testing::Test {
     std::string Manifest() const { return m_origin.Url("film.smil"); }
     /// What the manifest says when it is fetched from `baseUrl`.
     std::string ManifestText(const std::string& baseUrl) const;
-    OPALError Initialize(OPALWriterModel model = OPAL_WRITER_MODEL_PUSH);
+    OPALError Initialize(OPALWriterModel model = OPAL_WRITER_MODEL_PUSH) {
+        return InitializeFrom(Manifest(), model);
+    }
+    OPALError InitializeFrom(const std::string& manifest,
+                             OPALWriterModel model = OPAL_WRITER_MODEL_PUSH);
     /// Initialises, plays and waits until playback has started.
     void StartPlaying(const Presentation& presentation);
 
-    /// False if the condition has not come true within twenty seconds of real time.
-    [[nodiscard]] static bool Eventually(const std::function<bool()>& condition);
+    /// False if the condition has not come true in that much real time.
+    [[nodiscard]] static bool Eventually(const std::function<bool()>& condition,
+                                         std::chrono::seconds timeout = std::chrono::seconds(20));
     [[nodiscard]] bool WaitForPosition(int64_t ms);
     /// Real time, milliseconds, that Finalize takes.
     int64_t FinalizeMs();
 
+    static uint32_t Crc(const uint8_t* data, size_t size);
     /// Access units that reached the set since the journal began, as the journal has them.
     static std::vector<SeenBlock> Pushed(uint32_t streamType);
+    std::vector<SeenBlock> FileBlocks(const std::string& file) const;
     /// What the set must get of a file: blocks with start codes in place of lengths for video.
     std::vector<SeenBlock> ExpectedBlocks(const std::string& file) const;
     /// Ranges of clusters asked for, in order: "level1/3" for cluster 3 of level 1.
     std::vector<std::string> ClusterRequests() const;
 
-    ScaledClock m_clock{kSpeed};
+    ScaledClock m_clock;
     origin::Origin m_origin;
     RecordingListener m_listener;
     std::unique_ptr<RecordedController> m_player;
@@ -98,6 +107,7 @@ class SessionFixture : public testing::Test {
     Presentation m_presentation;
 
   private:
+    std::vector<SeenBlock> Blocks(const std::string& file, bool startCodes) const;
     void AddFile(const std::string& name, const package::TrackDescription& track,
                  std::vector<package::Cluster> clusters);
 };
