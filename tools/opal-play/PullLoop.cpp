@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <iomanip>
 #include <stdexcept>
 
 #include "opal-play/MonotonicTime.h"
@@ -105,7 +106,8 @@ bool PullLoop::PullOne(IStreamingController& controller, Pull pull, const char* 
         boost::crc_32_type crc;
         crc.process_bytes(data.GetData(), data.GetSize());
         m_blocks << stream << ' ' << time << ' ' << duration << ' ' << level << ' ' << flags << ' '
-                 << data.GetSize() << ' ' << std::hex << crc.checksum() << std::dec << '\n';
+                 << data.GetSize() << ' ' << std::hex << std::setw(8) << std::setfill('0')
+                 << crc.checksum() << std::dec << '\n';
     }
     return true;
 }
