@@ -10,7 +10,6 @@
 #include <unistd.h>
 #include <utmp.h>
 
-#include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -219,7 +218,7 @@ TEST_F(ProgramsTest, TheOriginPrintsItsAddressServesLogsAndStops) {
         {"url": "a.mkv", "method": "GET", "nth": 2, "hold": true, "headers": {"A": "b"}}]})");
     const std::string portFile = s_folder->File("port");
     Program program({OPAL_ORIGIN, s_folder->File("served"), "--script", script, "--port-file",
-                     portFile, "--latency", "1"});
+                     portFile, "--latency", "100"});
     const std::string line = program.ReadTo("\n");
     const std::string port = line.substr(line.find("127.0.0.1:") + 10);
     ASSERT_THAT(line, testing::MatchesRegex("Serving .* at http://127.0.0.1:[0-9]+/\n"));

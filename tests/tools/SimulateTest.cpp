@@ -1,5 +1,7 @@
 #include <gmock/gmock.h>
 
+#include <thread>
+
 #include "opal-simulate/Film.h"
 #include "opal-simulate/Link.h"
 #include "opal-simulate/Recording.h"
