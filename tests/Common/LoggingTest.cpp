@@ -15,6 +15,7 @@
 #include "Common/logging/LoggingConfig.h"
 #include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
 #include "support/TemporaryDirectory.h"
+#include "support/VirtualClock.h"
 
 using opal::test::TemporaryDirectory;
 using testing::HasSubstr;
@@ -147,14 +148,19 @@ TEST(LogEventSerializer, CutsAtAnEventBoundaryAndMarksThePart) {
 
 TEST(LogEventSerializer, DropsEventsAtItsLimitAndSaysSo) {
     LogEventSerializer serializer;
-    for (int i = 0; i < 16448; ++i)
-        serializer.AddEvent(Events().NewErrorLogEvent(-1));
-    serializer.AddEvent(Events().NewErrorLogEvent(-2));
     std::string document;
-    serializer.Serialize(document, SIZE_MAX);
-    EXPECT_THAT(document,
-                StartsWith("<device-event><partial-buffer>true</partial-buffer><action>"));
-    EXPECT_EQ(document.find("<error-code>-2"), std::string::npos);
+    // 66 bytes and 69 an event. The tenth would be the last to fit, but for the room that a cut
+    // always allows for a second mark.
+    for (const auto& [maxSize, count] : {std::pair<size_t, size_t>{SIZE_MAX, 16448}, {768, 9}}) {
+        for (int i = 0; i < 16448; ++i)
+            serializer.AddEvent(Events().NewErrorLogEvent(-1));
+        serializer.AddEvent(Events().NewErrorLogEvent(-2));
+        serializer.Serialize(document, maxSize);
+        EXPECT_THAT(document,
+                    StartsWith("<device-event><partial-buffer>true</partial-buffer><action>"));
+        EXPECT_EQ(document.size(), 66 + 69 * count);
+        EXPECT_EQ(document.find("<error-code>-2"), std::string::npos);
+    }
     serializer.AddEvent(Events().NewErrorLogEvent(-2));
     serializer.Serialize(document, SIZE_MAX);
     EXPECT_EQ(document, Action("<error><error-code>-2</error-code></error>"));
@@ -163,13 +169,15 @@ TEST(LogEventSerializer, DropsEventsAtItsLimitAndSaysSo) {
 TEST(LogServer, SendsWhatIsPostedBetweenStartAndStop) {
     EXPECT_FALSE(Server().Post(nullptr));
     RecordingSender sender, broken(OPAL_ERROR_SERVICE_21), next;
+    opal::test::VirtualClock clock;
     Server().Start(&sender);
+    clock.Advance(2999);
     Server().PostOrDestroy(Events().NewResumeLogEvent(5));   // level 1
     Server().PostOrDestroy(Events().NewErrorLogEvent(-13));  // level 2, off in this sender
     Server().PostOrDestroy(Events().NewTraceLogEvent("t"));  // level 3
     Server().Stop();
     Server().PostOrDestroy(Events().NewStopDownloadLogEvent(6));
-    EXPECT_THAT(sender.Documents(), HasSubstr("<resume>"));
+    EXPECT_THAT(sender.Documents(), HasSubstr("<ts>2</ts><resume>"));
     EXPECT_THAT(sender.Documents(), HasSubstr("<algo-trace>"));
     EXPECT_THAT(sender.Documents(), testing::Not(HasSubstr("<error>")));
 
@@ -228,6 +236,26 @@ TEST(LogServer, EveryPostArrivesAndStopNeverMissesItsWakeUp) {
     for (size_t at = documents.find("<resume>"); at != std::string::npos; ++count)
         at = documents.find("<resume>", at + 1);
     EXPECT_EQ(count, 800u);
+}
+
+// Two controllers at once are not meant to be, and must not bring the process down.
+TEST(LogServer, TwoOwnersAtOnceDoNoHarm) {
+    const auto own = [] {
+        for (int i = 0; i < 500; ++i) {
+            RecordingSender sender;
+            Server().Start(&sender);
+            Server().PostOrDestroy(Events().NewResumeLogEvent(i));
+            Server().Stop();
+        }
+    };
+    std::thread other(own);
+    own();
+    other.join();
+    RecordingSender last;
+    Server().Start(&last);
+    Server().PostOrDestroy(Events().NewResumeLogEvent(7));
+    Server().Stop();
+    EXPECT_EQ(last.Documents(), Action("<resume><playback-time>7</playback-time></resume>"));
 }
 
 TEST(LogEventSender, OutOfBoundsSettingsFallBack) {

@@ -6,6 +6,7 @@
 #include <boost/thread/condition_variable.hpp>
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/mutex.hpp>
+#include <boost/thread/recursive_mutex.hpp>
 #include <boost/thread/thread.hpp>
 #include <exception>
 
@@ -32,10 +33,13 @@ constexpr size_t kMaxQueued = 16448;
 
 /// Two locks keep posting apart from the network: `wakeMutex` is a leaf that is held only around a
 /// push and around the wait for one; `mutex` is held while a message is handled, uploads included.
+/// `controlMutex`, the outermost, makes Start and Stop wait for one another; the log thread never
+/// takes it.
 class LogServer::PIMPL {
   public:
     LockedQueue<LogEventMessage> queue;
     boost::thread thread;
+    boost::recursive_mutex controlMutex;
     boost::mutex mutex;
     boost::mutex wakeMutex;
     boost::condition_variable wakeup;
@@ -171,8 +175,9 @@ LogServer& LogServer::Instance() {
 void LogServer::Start(ILogEventSender* sender) {
     if (!sender)
         return;
-    Stop();
     PIMPL& self = *m_pimpl;
+    boost::lock_guard<boost::recursive_mutex> control(self.controlMutex);
+    Stop();
     self.sender = sender;
     self.connected = false;
     self.stopping = false;
@@ -204,6 +209,7 @@ void LogServer::Flush() {
 
 void LogServer::Stop() {
     PIMPL& self = *m_pimpl;
+    boost::lock_guard<boost::recursive_mutex> control(self.controlMutex);
     if (self.thread.joinable()) {
         self.Push(LogEventMessage::kStop, nullptr);
         self.thread.join();

@@ -11,7 +11,8 @@ class LogEvent;
 /// by what becomes of a log.
 ///
 /// Threading: Post and Flush from any thread, without waiting for the network. Start and Stop from
-/// the controller's threads, one at a time; Stop joins the log thread.
+/// any thread of a controller's; they wait for one another, and Stop joins the log thread. With two
+/// controllers in a process the later Start wins, and either one's Stop ends it.
 /// Ownership: the sender is not owned and must outlive Stop. An accepted event is the server's.
 /// Errors: before the first Start every event is refused. Without a log thread, after Stop or when
 /// the connection failed, events are still taken, 16448 at most; the next Start or Stop drops them.
