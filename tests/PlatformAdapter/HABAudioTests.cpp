@@ -18,7 +18,10 @@ TEST_F(HABAudioTest, TheFirstConfigurationGoesIntoTheItem) {
     const Case cases[] = {
         {AUDIOCODECID_AAC, {0x12, 0x10}, "ncy 4 & sampleRate 44100 & channelCount 2\n", 44100},
         {AUDIOCODECID_AAC, {0x16, 0x08}, "ncy 12 & sampleRate 7350 & channelCount 1\n", 7350},
-        {AUDIOCODECID_AAC, {0x17, 0x80, 0x5D, 0xC0, 0x10}, "ncy 15 & sampleRate 48000 & ch", 48000},
+        {AUDIOCODECID_AAC,
+         {0x17, 0x80, 0x5D, 0xC0, 0x10},
+         "ncy 15 & sampleRate 48000 & channelCount 2\n",
+         48000},
         {AUDIOCODECID_AAC, {0x17, 0x10}, "dataSize = 2 > 0\n0x17 \n0x10 \n", 0},  // reserved
         {AUDIOCODECID_AAC, {}, "dataSize = 0 <= 0\nSet sampleRate 32000!\n", 32000},
         // Not whole: not read.

@@ -112,6 +112,8 @@ TEST(StreamHeader, EachAnswerNeedsItsElements) {
          "cues 0,"},
         {"relative to the Segment's six bytes",
          Element(kSeekHead, seek(cues) + seek(position("30") + cues)), "cues 54,"},
+        {"beyond 64 bits, wrapped", Element(kSeekHead, seek(cues + position("7fffffffffffffff"))),
+         "cues -9223372036854775803,"},
         {"", info("41700000", "0f4240"), " 15 ms"},
         {"a float of eight bytes", info("402e000000000000", "0f4240"), " -1 ms"},
         {"no scale", info("41700000", "00"), " -1 ms"},
@@ -130,6 +132,9 @@ TEST(StreamHeader, EachAnswerNeedsItsElements) {
         {"a long name", audio(257, sampling + channels), "audio -1  0"},
         {"output frequency preferred", audio(256, sampling + channels + output),
          "audio 48000 " + std::string(256, 'A') + " 6 ,"},
+        {"a frequency of 2^31",
+         audio(5, channels + Element(kOutputSamplingFrequency, Hex("4f000000"))),
+         "audio 2147483647 AAAAA 6 ,"},
         {"TrueType", font("application/x-truetype-font"), "font 0 a.ttf 616263,"},
         {"another attachment", font("font/ttf"), "font -1  ,"},
     };

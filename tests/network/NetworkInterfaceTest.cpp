@@ -120,7 +120,8 @@ TEST(NetworkCaptureConfig, LoadsTheFileOrChangesNothing) {
         nested += "<settings>";
     for (const std::string& bad :
          {std::string("settings"), good.substr(0, good.size() - 20), nested,
-          "<settings><device>x</device><snapshot-length>many" + length}) {
+          "<settings><device>x</device><snapshot-length>many" + length,
+          std::string("<settings><device>x</device><filter/></settings>")}) {
         folder.Write("kmt_net_cap_config.xml", bad);
         EXPECT_EQ(OPAL_ERROR_GENERAL, config.Load()) << bad.substr(0, 200);
         EXPECT_EQ("ifb0", config.device);
