@@ -161,13 +161,18 @@ int Serve(const Arguments& arguments, const Script& script) {
     if (!origin.Start(&error)) {
         return Fail(kCannotServe, error);
     }
-    // The line goes out before the observer can print any request.
-    std::printf("Serving %s at %s\n", arguments.options.folder.c_str(), origin.Url("/").c_str());
-    std::fflush(stdout);
+    // Who finds the port, in the file or in the first line, finds everything in place; and no
+    // request is logged above that line.
+    flockfile(stdout);
     if (!arguments.quiet) {
         origin.SetObserver(PrintRecord);
     }
-    if (!arguments.portFile.empty() && !WritePortFile(arguments.portFile, origin.Port())) {
+    const bool hasPortFile =
+        arguments.portFile.empty() || WritePortFile(arguments.portFile, origin.Port());
+    std::printf("Serving %s at %s\n", arguments.options.folder.c_str(), origin.Url("/").c_str());
+    std::fflush(stdout);
+    funlockfile(stdout);
+    if (!hasPortFile) {
         return Fail(kCannotServe, arguments.portFile + ": cannot be written");
     }
     int received = 0;
