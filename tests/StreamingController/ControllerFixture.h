@@ -91,6 +91,7 @@ class TestController : public StreamingController {
     using StreamingController::Post;
 
     LoopState state;
+    HHABARCH arch = nullptr;
     FakeSwitching* switching = nullptr;
     FakePlatform* video = nullptr;
     FakePlatform* audio = nullptr;
@@ -112,7 +113,8 @@ class TestController : public StreamingController {
         switching->level = startLevel;
         return switching;
     }
-    opal::VideoSink NewVideoSink(HHABARCH, HHABTIMER) override {
+    opal::VideoSink NewVideoSink(HHABARCH hArch, HHABTIMER) override {
+        arch = hArch;
         video = MakeSink("video");
         opal::VideoSink sink;
         sink.platform = video;

@@ -1,3 +1,4 @@
+#include "PlatformAdapter/Mstar/src/HABArchRecord.h"
 #include "StreamingController/ControllerFixture.h"
 #include "support/ScaledClock.h"
 
@@ -175,6 +176,22 @@ INSTANTIATE_TEST_SUITE_P(
         Stall{"http://host/v0", FakeRule::Kind::Read, 5, InitialBandwidthMode_LowestLevel},
         Stall{"http://host/s0", FakeRule::Kind::Open, 0, InitialBandwidthMode_LowestLevel},
         Stall{"http://host/s0", FakeRule::Kind::Read, 1, InitialBandwidthMode_LowestLevel}));
+
+// As a set does that takes no more payloads, or a text that waits for a picture.
+TEST_F(ShutdownTest, FinalizeEndsAWaitInsideASink) {
+    BuildThreaded();
+    Serve({});
+    ASSERT_EQ(OPAL_OK, Initialize());
+    std::atomic<int> ended{-1};
+    controller->video->SetQueueHook([&, arch = controller->arch](const FakePlatform::Block&) {
+        ended = 0;
+        ended = Eventually([arch] { return arch->closing == 1; });
+    });
+    ASSERT_EQ(OPAL_OK, controller->Play());
+    ASSERT_TRUE(Eventually([&] { return ended == 0; }));
+    EXPECT_TRUE(FinalizePromptly());
+    EXPECT_EQ(1, ended);
+}
 
 TEST_F(ShutdownTest, FinalizeAtAnyMomentLeavesNothing) {
     BuildThreaded();
