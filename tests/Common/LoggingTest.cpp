@@ -142,7 +142,7 @@ TEST(LogEventSerializer, CutsAtAnEventBoundaryAndMarksThePart) {
     EXPECT_THAT(cut, testing::EndsWith("</action></device-event>"));
 
     // Too small for one event: marked, but not cut.
-    for (size_t maxSize : {152, 36, 0})
+    for (const size_t maxSize : {152u, 36u, 0u})
         EXPECT_EQ(pauses(maxSize), "<partial-buffer>true</partial-buffer>" + whole);
 }
 

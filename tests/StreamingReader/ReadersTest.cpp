@@ -254,7 +254,7 @@ TEST_F(ReadersTest, StreamThatIsLeftIsStopped) {
     ASSERT_EQ(OPAL_OK, InitVideo(1));
     EXPECT_EQ(OPAL_OK, readers.StartVideo());
     EXPECT_TRUE(Buffered(2000));
-    for (const size_t level : {0, 1})
+    for (const size_t level : {0u, 1u})
         EXPECT_EQ(OPAL_OK, readers.SetVideoStream(level));
     int state = 0;
     EXPECT_EQ(OPAL_OK, readers.GetVideoState(state));
