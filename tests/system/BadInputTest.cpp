@@ -63,6 +63,14 @@ TEST_F(BadInputTest, Manifests) {
          "<smil><body><par><video src=\"" + m_origin.Url("nothing") +
              "\"><param name=\"header-request\" value=\"100\"/></video></par></body></smil>",
          -1},
+        {"a header size that is too small",
+         "<smil><body><par><video src=\"" + m_origin.Url("level0") +
+             "\"><param name=\"header-request\" value=\"40\"/></video></par></body></smil>",
+         -1},
+        {"a level on a server that refuses",
+         "<smil><body><par><video src=\"http://127.0.0.1:1/level0\"><param "
+         "name=\"header-request\" value=\"100\"/></video></par></body></smil>",
+         -1},
         {"a level of no known protocol",
          "<smil><body><par><video src=\"gopher://x\"><param name=\"header-request\" "
          "value=\"100\"/></video></par></body></smil>",
