@@ -39,6 +39,7 @@ TEST_F(PlatformSinkTest, ASessionAndTheNextAreTheSame) {
     EXPECT_EQ(first, PlayOnce());
     for (const char* call : {"MM_PushPayload", "MM_Stop"})
         EXPECT_NE(0u, Entries(call).back().item) << call;
+    EXPECT_EQ(1u, Entries("MM_SetVideoBlackScreen").back().value);
 
     Bytes expected(192, 0);
     std::fill_n(&expected[32], 8, uint8_t{0xFF});
@@ -54,7 +55,7 @@ TEST_F(PlatformSinkTest, PlaybackStartsWheneverTheHandleComesFirst) {
     for (int run = 0; run < kRuns; ++run) {
         Session session;
         EXPECT_EQ(OPAL_OK, session.Queue(0));
-        Await([&] { return session.arch->itemReady == 1; });
+        ASSERT_TRUE(Await([&] { return session.arch->itemReady == 1; }));
         EXPECT_EQ(OPAL_OK, session.Queue(40));
         EXPECT_EQ(0, session.arch->held);
     }
@@ -113,7 +114,7 @@ TEST_F(PlatformSinkTest, ARefusedPayloadHoldsUpQueriesUntilTheSessionCloses) {
     const auto async = [](auto call) { return std::async(std::launch::async, call); };
     std::future<OPALError> video = async([&] { return session.Queue(0); });
     std::future<OPALError> audio = async([&] { return session.QueueAudio(0); });
-    Await([] { return !Pushed(0, false).empty() && !Pushed(1, false).empty(); });
+    EXPECT_TRUE(Await([] { return !Pushed(0, false).empty() && !Pushed(1, false).empty(); }));
     std::future<int64_t> query = async([&] { return session.Position(); });
     EXPECT_EQ(std::future_status::timeout, query.wait_for(std::chrono::milliseconds(50)));
     HABArch_SetClosing(session.arch);

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -65,10 +66,12 @@ class PlayerTest : public testing::Test, private opal::Clock {
         testing::internal::CaptureStdout();
         return printed;
     }
-    /// Waits for another thread, in real time.
-    static void Await(const std::function<bool()>& condition) {
-        while (!condition())
+    /// Waits for another thread, in real time; false when that takes too long.
+    [[nodiscard]] static bool Await(const std::function<bool()>& condition) {
+        const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (!condition() && std::chrono::steady_clock::now() < giveUp)
             std::this_thread::yield();
+        return condition();
     }
     static std::vector<control::JournalEntry> Entries(const std::string& call) {
         std::vector<control::JournalEntry> found;

@@ -122,7 +122,7 @@ TEST_P(PlayerContract, PauseFreezesPictureAndSoundAndNothingIsRefused) {
 
 TEST_P(PlayerContract, FlushDropsBothKindsAndTheNextPictureIsShownAtOnce) {
     StartPlaying();
-    for (const uint32_t target : {60000u, 5000u, 5000u}) {
+    for (const uint32_t target : {60000u, 5000u, 20400u}) {
         SCOPED_TRACE(target);
         PushFilm(0, 50, 20000);
         PushSound(film::Audio(1900), 20000);
