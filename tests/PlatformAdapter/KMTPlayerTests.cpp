@@ -66,25 +66,19 @@ TEST_F(KMTPlayerTest, AnItemNeedsACodecAndIsMadeOnce) {
     EXPECT_EQ(UINT32_MAX, Word(made[0].record, 80));
 }
 
-TEST_F(KMTPlayerTest, ResumingIsNotPlaying) {
-    Create();
-    EXPECT_EQ(1, KMTPlayer_Play());
-    for (const auto operation : {KMTPlayer_Pause, KMTPlayer_Play}) {
-        control::Fail(control::Operation::TrickMode);
-        EXPECT_EQ(0, operation());
-        EXPECT_EQ(1, operation());
-    }
-    EXPECT_EQ(1u, Entries("MM_Play").size());
-    EXPECT_EQ(0u, Entries("MM_SetTrickMode").back().value);
-    EXPECT_TRUE(Entries("MM_SetDisplayRectangle").empty());
-}
-
 TEST_F(KMTPlayerTest, FailuresOfTheServiceDoNotOutliveThePlayer) {
     control::Fail(control::Operation::Initialize);
     EXPECT_EQ(0, KMTPlayer_Initialize());
     EXPECT_EQ(0, KMTPlayer_Initialize());  // the object is kept
     EXPECT_EQ(1, KMTPlayer_Finalize());
     Create();
+    EXPECT_EQ(1, KMTPlayer_Play());
+    for (const auto operation : {KMTPlayer_Pause, KMTPlayer_Play}) {  // resumes, and is no new play
+        control::Fail(control::Operation::TrickMode);
+        EXPECT_EQ(0, operation());
+        EXPECT_EQ(1, operation());
+    }
+    EXPECT_EQ(1u, Entries("MM_Play").size());
     control::Fail(control::Operation::Delete);
     EXPECT_EQ(0, KMTPlayer_DeleteMediaItem());
     control::Fail(control::Operation::Finalize);
@@ -132,12 +126,8 @@ TEST_F(KMTPlayerTest, AnswersTheSubtitleWindow) {
 }
 
 TEST(PlatformServicesTest, NullHandlesAndCrc) {
-    uint32_t ms = 5;
-    EXPECT_EQ(HAB_OK, HABTimer_GetState(nullptr, &ms));
-    EXPECT_EQ(5u, ms);
     EXPECT_EQ(HAB_FAIL, HABTimer_SetTime(nullptr, 1));
     HABArch_SetClosing(nullptr);
-    EXPECT_EQ("hHABArch != __null", AssertionTextOf([] { HABArch_Delete(nullptr); }));
     CrcTable table;
     FillCrcTable(table);
     EXPECT_EQ(0xCBF43926u, CalculateCrc(table, reinterpret_cast<const uint8_t*>("123456789"), 9));

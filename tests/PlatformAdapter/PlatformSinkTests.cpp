@@ -13,10 +13,10 @@ class PlatformSinkTest : public PlayerTest {
         const size_t before = control::Journal().size();
         {
             Session session;
-            EXPECT_EQ(OPAL_OK, session.Queue(0));
+            session.QueueAll({0});
             control::HoldEvent(E_EVENT_INIT_OK, false);
             Settle();
-            EXPECT_EQ(OPAL_OK, session.Queue(40));
+            session.QueueAll({40});
             Advance(60);
             EXPECT_EQ(40, session.Position());
         }
