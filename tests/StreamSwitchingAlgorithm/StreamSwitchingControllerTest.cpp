@@ -172,6 +172,11 @@ TEST_F(SwitchingControllerTest, StartUpModeHintAndZeroBandwidth) {
     probe.controller->SetBandwidth(512000);
     probe.controller->SetStartupTime(1500);
     EXPECT_EQ(probe.controller->GetCurrentLevel(), 2);
+    // 1500 ms leave 326400 of 435200, but twice the block time makes it 1502, and 326254.
+    SwitchingSession close({25000, 50000, 100000, 326300, 400000});
+    close.controller->SetBandwidth(512000);
+    close.controller->SetStartupTime(1500);
+    EXPECT_EQ(close.controller->GetCurrentLevel(), 1);
     AlgorithmConfig::Instance().Reset();
 }
 

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <boost/make_shared.hpp>
 
 #include "Common/ConfigurationFiles.h"
@@ -195,6 +196,7 @@ TEST_F(InitializationTest, StartLevelByProbeHintAndDecision) {
     HandClock clock;
     FilmShape film;
     film.levels = 6;
+    film.clusters = 30;
     film.blockBytes = 5000;
     Serve(film);
     struct Case {
@@ -233,6 +235,13 @@ TEST_F(InitializationTest, StartLevelByProbeHintAndDecision) {
         EXPECT_EQ(c.bandwidth, controller->switching->bandwidth);
         EXPECT_EQ(c.probeMs < 0 ? 0 : 1, controller->switching->queries);
         EXPECT_EQ(c.bandwidth >= 0 ? c.probeMs : -1, controller->switching->startupMs);
+        const auto decided = static_cast<size_t>(std::clamp(c.decided, 0, film.levels - 1));
+        if (decided == c.level)
+            continue;
+        // The decision stands where it stood: the first change goes there.
+        ASSERT_EQ(OPAL_OK, controller->Play());
+        EXPECT_TRUE(UntilEvent("OnVideoLevelChanged 6 " + std::to_string(c.level) + " " +
+                               std::to_string(decided)));
     }
 }
 

@@ -12,6 +12,9 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Lt;
 
+/// Of a reader's thread, in which it would do what it must not.
+constexpr int64_t kFivePollsMs = 100;
+
 class PlaybackTest : public ControllerFixture {};
 
 /// Everything of a film from block `first` on, four blocks of 500 ms a cluster.
@@ -37,6 +40,9 @@ TEST_F(PlaybackTest, PlaybackStartsWhenBothBuffersAreReady) {
     Turns(10);
     EXPECT_THAT(listener.Lines(), IsEmpty());
     EXPECT_THAT(listener.Progress(), Each(Lt(100u)));
+    const uint64_t video = layouts["v0"].clusters[0].size;
+    const uint64_t audio = layouts["a0"].clusters[0].size;
+    EXPECT_EQ((video + 100) * 100 / (video + audio), listener.Progress().back());
     server->Release(held);
     ASSERT_TRUE(UntilEvent("OnPlay 1 0 -1"));
     EXPECT_THAT(listener.Lines(), ElementsAre("OnPlay 1 0 -1"));
@@ -61,6 +67,14 @@ TEST_F(PlaybackTest, PauseAndPlayNeedNoBuffering) {
     ASSERT_TRUE(UntilEvent("OnPlay 1 0 -1"));
     EXPECT_THAT(listener.Lines(), ElementsAre("OnPause", "OnPlay 1 0 -1"));
     EXPECT_THAT(listener.Progress(), IsEmpty());
+    // The pause counts until the first seek after it, which reports no progress either.
+    for (const bool reported : {false, true}) {
+        Forget();
+        int64_t position = 2000;
+        ASSERT_EQ(OPAL_OK, controller->Seek(position));
+        ASSERT_TRUE(UntilEvent("OnPlay 1 0 -1"));
+        EXPECT_EQ(reported, !listener.Progress().empty());
+    }
     Forget();
     // A pause that comes before the start was handled: the start still happens, and the writers
     // run.
@@ -85,8 +99,10 @@ TEST_F(PlaybackTest, SeekRestartsAtAClusterWithoutAStaleByte) {
     Forget();
     server->ClearLog();
     int64_t position = 101300;
+    controller->switching->level = 1;
     ASSERT_EQ(OPAL_OK, controller->Seek(position));
     EXPECT_EQ(100000, position);
+    EXPECT_THAT(listener.Lines(), ElementsAre("OnVideoLevelChanged 2 0 1"));
     EXPECT_THAT(journal.Lines(), ElementsAre("video SetPaused true", "audio SetPaused true",
                                              "video Flush", "audio Flush"));
     EXPECT_EQ(1, controller->switching->restarts[OPAL_STREAM_VIDEO]);
@@ -98,7 +114,9 @@ TEST_F(PlaybackTest, SeekRestartsAtAClusterWithoutAStaleByte) {
     ASSERT_TRUE(Until([&] { return controller->video->BlockCount() > before; }));
     EXPECT_EQ(100000, Times(*controller->video)[before]);
     EXPECT_TRUE(HasRead("a0", 50));
-    EXPECT_THAT(listener.Lines(), ElementsAre("OnPlay 1 0 -1"));
+    EXPECT_TRUE(HasRead("v1", 50));
+    EXPECT_FALSE(HasRead("v0", 50));
+    EXPECT_THAT(listener.Lines(), ElementsAre("OnVideoLevelChanged 2 0 1", "OnPlay 1 0 -1"));
     EXPECT_EQ(100u, listener.Progress().back());
 }
 
@@ -227,7 +245,11 @@ TEST_F(PlaybackTest, TrickPlayTakesKeyFramesAndComesBack) {
     film.trick = true;
     film.clusters = 12;
     StartPlaying(film);
+    const package::BuiltFile trick =
+        MakeMedia({package::TrackKind::Video, 4, 6, 100, 6000, true});  // a longer one
+    server->AddFile(Url("t"), std::string(trick.bytes.begin(), trick.bytes.end()));
     controller->video->SetPositionMs(2500);
+    controller->video->AcceptBlocks(0);
     ASSERT_EQ(OPAL_OK, controller->SetPlayRate(OPAL_PLAYRATE_FOURXFF));
     EXPECT_THAT(journal.Lines(),
                 ElementsAre("video SetPaused true", "audio SetPaused true", "video Flush",
@@ -239,6 +261,13 @@ TEST_F(PlaybackTest, TrickPlayTakesKeyFramesAndComesBack) {
     EXPECT_GE(lines.size(), 2u);
     EXPECT_EQ(lines.size() - 1, listener.Count("OnPause"));
     EXPECT_EQ("OnPlayRateChanged 4", lines.back());
+    // One cluster in the writer's hands, one in the buffer, and no third.
+    const size_t reads = 3 + 2;  // of the opening and of the two
+    ASSERT_TRUE(Until([&] { return server->Reads(Url("t")).size() >= reads; }));
+    Turns(10);
+    SleepMs(kFivePollsMs);
+    EXPECT_EQ(reads, server->Reads(Url("t")).size());
+    controller->video->AcceptBlocks(FakePlatform::kAlways);
     ASSERT_TRUE(Until([&] { return controller->video->BlockCount() >= before + 3; }));
     // Frames 2 and 4 of the first cluster; cluster 1 starts at 6000 and gives every second one.
     auto times = Times(*controller->video);
@@ -383,6 +412,7 @@ TEST_F(PlaybackTest, StopHoldsUntilTheNextStart) {
     release.wait();
     server->ClearLog();
     Turns(20);
+    SleepMs(kFivePollsMs);
     EXPECT_EQ(0u, ClusterReads("v0"));
     Forget();
     ASSERT_EQ(OPAL_OK, controller->Play());
@@ -409,6 +439,28 @@ TEST_F(PlaybackTest, AFailedReaderEndsTheSession) {
     EXPECT_EQ("OnStop", listener.Lines().back());
     EXPECT_EQ(OPAL_OK, controller->Finalize());
     EXPECT_EQ(1u, listener.Count("OnError -13 ''"));
+}
+
+TEST_F(PlaybackTest, ALevelOnTheWayThatDoesNotOpenEndsTheSession) {
+    FilmShape film;
+    film.levels = 3;
+    film.clusters = 40;
+    StartPlaying(film);
+    server->AddRule(FakeRule::Fail(OPAL_ERROR_HTTP_SERVER, Url("v1")));
+    controller->switching->level = 2;
+    ASSERT_TRUE(UntilEvent("OnError -13 ''"));
+    EXPECT_THAT(server->Reads(Url("v2")), IsEmpty());
+}
+
+TEST_F(PlaybackTest, WhatIsLeftInTheQueueIsNotForTheNextSession) {
+    StartPlaying({});
+    ASSERT_EQ(OPAL_OK, controller->Pause());
+    ASSERT_EQ(OPAL_OK, controller->Finalize());
+    (void)controller->SetNotify(&listener);
+    controller->state = TestController::LoopState();
+    Start({});
+    Turns(50);
+    EXPECT_THAT(listener.Lines(), IsEmpty());
 }
 
 TEST_F(PlaybackTest, AFailedWriterEndsTheSession) {
