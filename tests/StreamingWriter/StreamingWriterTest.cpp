@@ -158,6 +158,30 @@ TEST_F(StreamingWriterTest, ClustersOfTheDiscardedLevelAreDropped) {
     EXPECT_TRUE(writer->IsEndOfStream());
 }
 
+// The underflow watch adds up buffer and writer at any moment.
+TEST_F(StreamingWriterTest, AClusterCountsAllTheWayFromTheBufferToTheSink) {
+    class Sink : public FakePlatform {
+      public:
+        OPALError SetClusterTime(int64_t) override {
+            taken();
+            return OPAL_OK;
+        }
+        std::function<void()> taken;
+    } taking;
+    PutMedia({}, {0});
+    writer.reset(
+        NewStreamingWriter(buffer.get(), &taking, OPAL_STREAM_VIDEO, OPAL_WRITER_MODEL_PUSH));
+    EXPECT_EQ(OPAL_OK, writer->Start());
+    int64_t counted = 0;
+    taking.taken = [&] {
+        EXPECT_EQ(0, buffer->GetBufferedDuration());
+        EXPECT_EQ(OPAL_OK, writer->GetBufferedDuration(counted));
+    };
+    EXPECT_EQ(OPAL_OK, writer->WriteBlocks());
+    EXPECT_EQ(2000, counted);
+    writer.reset();
+}
+
 TEST_F(StreamingWriterTest, LevelOnTheScreenFollowsTheTime) {
     PutMedia({}, {0, 2, 2, 1});
     Make();

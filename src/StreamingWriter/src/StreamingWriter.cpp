@@ -278,14 +278,26 @@ OPALError StreamingWriter::NextBlock(BlockNode& block) {
 OPALError StreamingWriter::NextCluster(bool exhausted, BlockNode& block, size_t trailer) {
     qutl::MemoryBuffer<unsigned char> bytes;
     ClusterInfo info;
-    OPALError result = m_pBuffer->Read(bytes, info);
+    OPALError result = OPAL_OK;
+    bool dropped = false;
+    {
+        // Held from where the cluster leaves the buffer to where it counts here: between the two it
+        // would be missing from what is buffered, and that would be taken for an underflow.
+        Lock clusterLock(m_clusterMutex);
+        result = m_pBuffer->Read(bytes, info);
+        if (result == OPAL_OK) {
+            dropped = IsDropped(info.level);
+            if (!dropped)
+                m_clusterRemaining = info.duration;
+        }
+    }
     if (result == OPAL_ERROR_NO_MEMORY)
         return exhausted && m_endOfStream ? OPAL_ERROR_END_OF_DATA : OPAL_ERROR_NOT_YET;
     if (result != OPAL_OK)
         return result;
     if (IsLast(info))
         m_endOfStream = true;
-    if (IsDropped(info.level))
+    if (dropped)
         return OPAL_ERROR_NOT_YET;
 
     // Out of a file, so it may be anything.
@@ -293,10 +305,6 @@ OPALError StreamingWriter::NextCluster(bool exhausted, BlockNode& block, size_t 
                                           std::numeric_limits<int32_t>::max());
     if (m_pSink)
         (void)m_pSink->SetClusterTime(m_frameDuration);
-    {
-        Lock clusterLock(m_clusterMutex);
-        m_clusterRemaining = info.duration;
-    }
     result = m_pParser->SetCluster(bytes, info.level);
     return result == OPAL_OK ? AskParser(block, trailer) : result;
 }
