@@ -151,7 +151,7 @@ TEST_F(Window, ShowsThePictureBelowASubtitleWindow) {
     const XServer server("-extension");
     (void)film::Video();  // made here, not again in the child
     // In a process of its own: DirectFB lasts as long as the process, and ends with the server. Now
-    // and then it crashes in a thread of its own while it starts, and is started again.
+    // and then a thread that its former user left behind crashes; then it is all done again.
     int status = SIGSEGV;
     for (int starts = 0; starts < 3 && WTERMSIG(status) == SIGSEGV; ++starts) {
         std::fflush(stdout);
