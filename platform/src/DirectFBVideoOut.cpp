@@ -41,6 +41,9 @@ class DirectFBVideoOut : public VideoOut {
         if (result == DFB_OK) {
             result = DirectFBCreate(&directFB);
         }
+        if (result == DFB_OK) {
+            KeepUntilExit(*directFB);
+        }
         m_directFB.reset(directFB);
         IDirectFBDisplayLayer* layer = nullptr;
         if (result == DFB_OK) {
@@ -72,6 +75,12 @@ class DirectFBVideoOut : public VideoOut {
     }
 
   private:
+    /// When its last user goes, DirectFB leaves a thread behind that now and then crashes as the
+    /// next one starts DirectFB again. So it is started once a process.
+    static void KeepUntilExit(IDirectFB& directFB) {
+        [[maybe_unused]] static const DirectResult kept = directFB.AddRef(&directFB);
+    }
+
     struct Area {
         int x, y, width, height;
     };
