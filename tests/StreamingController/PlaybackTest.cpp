@@ -321,6 +321,7 @@ TEST_F(PlaybackTest, AnUnderflowPausesAndRecovers) {
     Start(film);
     FakeRule rule = FakeRule::Hold(Url("v0"), FakeRule::Kind::Read);
     rule.skip = 5;
+    rule.bytesFirst = 100;
     const uint64_t held = server->AddRule(rule);
     ASSERT_EQ(OPAL_OK, controller->Play());
     ASSERT_TRUE(UntilEvent("OnPlay 1 0 -1"));
@@ -338,6 +339,8 @@ TEST_F(PlaybackTest, AnUnderflowPausesAndRecovers) {
     EXPECT_EQ(1, controller->switching->restarts[OPAL_STREAM_VIDEO]);
     EXPECT_EQ(0, controller->switching->restarts[OPAL_STREAM_AUDIO]);
     EXPECT_EQ(1u, listener.Count("OnUnderflow"));
+    // Of the one cluster that is missing, whatever audio does.
+    EXPECT_EQ(100 * 100 / layouts["v0"].clusters[5].size, listener.Progress().back());
     Forget();
     controller->video->UseComputedBufferedDuration();
     server->Release(held);
