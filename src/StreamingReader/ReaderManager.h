@@ -117,6 +117,8 @@ class ReaderManager : boost::noncopyable {
     bool EndTransfer();
     uint64_t Generation();
     void WaitForWake(Lock& lock, uint64_t generation);
+    Reader NoteStartInTransfer();
+    bool TryLock(Lock& lock);
     void LockAfterAbort(Lock& lock);
     void LockAfterCancel(Lock& lock);
     void SetCancelled(bool cancelled);

@@ -120,22 +120,15 @@ OPALError ReaderManager::Finalize() {
 }
 
 OPALError ReaderManager::Start() {
-    Reader transferring;
-    {
-        // A transfer may take a minute, and the caller's thread has more to do than to wait for it.
-        // The start is made up for when the transfer ends.
-        StateLock state(m_stateMutex);
-        if (m_transferring) {
-            transferring = m_readers[m_current];
-            m_startRequested = true;
-            m_cancelled = false;
-            ++m_generation;
-        }
-    }
-    if (transferring)
-        return transferring->GetError();
+    Lock lock(m_mutex, boost::defer_lock);
+    // A transfer may take a minute, and the caller's thread has more to do than to wait for it. The
+    // start is made up for when the transfer ends. Looked at again after each attempt, since who
+    // holds the lock may be the thread on its way into a transfer.
+    do {
+        if (const Reader transferring = NoteStartInTransfer())
+            return transferring->GetError();
+    } while (!TryLock(lock));
 
-    Lock lock(m_mutex);
     const Reader reader = Current();
     if (!reader)
         return NoReaderResult();
@@ -146,6 +139,25 @@ OPALError ReaderManager::Start() {
     const OPALError started = reader->Start();
     WakeThread();
     return started;
+}
+
+/// The reader that is in a transfer, if one is, with the start noted.
+ReaderManager::Reader ReaderManager::NoteStartInTransfer() {
+    StateLock state(m_stateMutex);
+    if (!m_transferring)
+        return {};
+    m_startRequested = true;
+    m_cancelled = false;
+    ++m_generation;
+    return m_readers[m_current];
+}
+
+/// Sleeps a little if that fails.
+bool ReaderManager::TryLock(Lock& lock) {
+    if (lock.try_lock())
+        return true;
+    opal::SleepMs(kLockRetryMs);
+    return false;
 }
 
 OPALError ReaderManager::Stop() {
@@ -263,10 +275,8 @@ bool ReaderManager::IsCancelled() {
 /// repeated until the thread lets go.
 void ReaderManager::LockAfterAbort(Lock& lock) {
     AbortTransfers();
-    while (!lock.try_lock()) {
-        opal::SleepMs(kLockRetryMs);
+    while (!TryLock(lock))
         AbortTransfers();
-    }
 }
 
 /// Likewise for a cancel that came just before a transfer had begun. Without a cancel this waits
