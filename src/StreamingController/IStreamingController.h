@@ -74,9 +74,9 @@ class IStreamingController {
     virtual OPALError SetAudioTrack(size_t index) = 0;
     /// (size_t)-1 switches subtitles off.
     virtual OPALError SetSubtitleTrack(size_t index) = 0;
-    /// The next block of a stream in the pull model, as the file holds it (H.264 with the lengths of
-    /// its NAL units in front); `time` and `duration` in ms, `flags` 16 for a key frame. -7: none
-    /// yet. -9: the stream is over. -3 in the push model.
+    /// The next block of a stream in the pull model, as the file holds it (H.264 with the lengths
+    /// of its NAL units in front); `time` and `duration` in ms, `flags` 16 for a key frame. -7:
+    /// none yet. -9: the stream is over. -3 in the push model.
     virtual OPALError PullAudioBlock(qutl::MemoryBuffer<unsigned char>& data, int64_t& time,
                                      int64_t& duration, uint32_t& level, uint32_t& flags) = 0;
     virtual OPALError PullVideoBlock(qutl::MemoryBuffer<unsigned char>& data, int64_t& time,

@@ -43,9 +43,9 @@ class IStreamingWriter : boost::noncopyable {
     virtual OPALError SetDiscardLevel(size_t level) = 0;
     /// A disabled writer takes nothing to its sink.
     virtual OPALError SetDisabled(bool disabled) = 0;
-    /// Pull model only, else -3. `data` is the block as the file holds it: video with the lengths of
-    /// its NAL units. The sink is offered a copy; that it is full (-7) is not told, since the caller
-    /// has the block.
+    /// Pull model only, else -3. `data` is the block as the file holds it: video with the lengths
+    /// of its NAL units. The sink is offered a copy; that it is full (-7) is not told, since the
+    /// caller has the block.
     virtual OPALError PullBlock(qutl::MemoryBuffer<unsigned char>& data, int64_t& time,
                                 int64_t& duration, uint32_t& level, uint32_t& flags) = 0;
     /// Which level is on the screen at `timeMs`; -1, with `level` as it was, if not known. Video

@@ -166,7 +166,13 @@ TEST_F(StreamingWriterTest, AClusterCountsAllTheWayFromTheBufferToTheSink) {
             taken();
             return OPAL_OK;
         }
+        OPALError GetBufferedDuration(int64_t& ms) override {
+            const OPALError result = FakePlatform::GetBufferedDuration(ms);
+            asked();
+            return result;
+        }
         std::function<void()> taken;
+        std::function<void()> asked = [] {};
     } taking;
     PutMedia({}, {0});
     writer.reset(
@@ -179,6 +185,12 @@ TEST_F(StreamingWriterTest, AClusterCountsAllTheWayFromTheBufferToTheSink) {
     };
     EXPECT_EQ(OPAL_OK, writer->WriteBlocks());
     EXPECT_EQ(2000, counted);
+    taking.asked = [&] {  // blocks that move on in the middle of the question
+        for (int i = 0; i < 3; ++i)
+            EXPECT_EQ(OPAL_OK, writer->WriteBlocks());
+    };
+    EXPECT_EQ(OPAL_OK, writer->GetBufferedDuration(counted));
+    EXPECT_GE(counted, 2000);
     writer.reset();
 }
 

@@ -125,10 +125,15 @@ OPALError StreamingWriter::GetBufferedDuration(int64_t& ms) {
     ms = 0;
     if (m_disabled)
         return OPAL_OK;
+    // The cluster before the sink, as blocks travel: what moves meanwhile counts twice, not never.
+    int64_t remaining = 0;
+    {
+        Lock lock(m_clusterMutex);
+        remaining = m_clusterRemaining;
+    }
     if (m_pSink && m_pSink->GetBufferedDuration(ms) != OPAL_OK)
         return OPAL_ERROR_GENERAL;
-    Lock lock(m_clusterMutex);
-    ms += m_clusterRemaining;
+    ms += remaining;
     return OPAL_OK;
 }
 

@@ -17,8 +17,9 @@ struct ClusterInfo;
 /// anything else, and nothing is locked between rounds. Without a sink, which the pull model
 /// allows, everything is accepted.
 ///
-/// Threading: lock order m_mutex, then the sink's locks; m_clusterMutex and m_discardMutex are
-/// innermost. Exceptions of libraries end the thread with OPAL_ERROR_GENERAL.
+/// Threading: lock order m_mutex, then the sink's locks; or m_mutex, m_clusterMutex, then the
+/// cluster buffer's lock or m_discardMutex, which are innermost. Exceptions of libraries end the
+/// thread with OPAL_ERROR_GENERAL.
 class StreamingWriter : public IStreamingWriter {
   public:
     StreamingWriter(IClusterBuffer* buffer, IPlatform* sink, OPALStreamType streamType,
