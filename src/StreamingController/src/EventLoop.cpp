@@ -15,6 +15,7 @@ namespace {
 
 constexpr int64_t kTurnMs = 10;
 constexpr int64_t kPositionPeriodMs = 999;
+constexpr int64_t kStartAgainMs = 999;
 constexpr int64_t kUnderflowMs = 501;
 
 // Play states as the content session counts them.
@@ -172,7 +173,7 @@ void StreamingController::WatchPlayback(LoopState& state) {
     }
     // The set starts with a block that comes after it is ready. So little may be left to play that
     // none comes any more.
-    if (position == 0 && !m_writersPaused && Since(state.lastStart) > kPositionPeriodMs) {
+    if (position == 0 && !m_writersPaused && Since(state.lastStart) > kStartAgainMs) {
         (void)m_pVideoPlatform->SetPaused(false);
         state.lastStart = opal::Now();
     }

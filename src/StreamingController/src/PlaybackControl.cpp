@@ -62,8 +62,9 @@ OPALError StreamingController::Resume(int64_t positionMs) {
         int64_t position = positionMs;
         if (code == OPAL_OK)
             code = SeekInternal(position);
-        if (code == OPAL_OK)
-            code = Play();
+        if (code != OPAL_OK)
+            return code;
+        code = Play();
         if (code != OPAL_OK) {
             m_jumpPending = false;
             return code;
@@ -90,11 +91,11 @@ OPALError StreamingController::SetPlayRate(OPALPlayRate rate) {
     Lock lock(m_mutex);
     if (m_terminated)
         return m_error;
-    if (!IsRate(rate))
-        return OPAL_ERROR_INVALID_ARGUMENT;
     const bool trick = rate != OPAL_PLAYRATE_ONEX;
     if (trick && (!m_pSMILParser || m_pSMILParser->GetVideoTrickTrackCount() == 0))
         return OPAL_ERROR_OUT_OF_RANGE;
+    if (!IsRate(rate))
+        return OPAL_ERROR_INVALID_ARGUMENT;
     return Guarded([&] {
         OPALError code = OPAL_OK;
         int message = MSG_START;
