@@ -90,12 +90,13 @@ answers() {
 
 # Until the standard input ends, or nginx does.
 take_rates() {
-    local line= status
+    local line= part status
     while kill -0 "$pid" 2>/dev/null; do
-        IFS= read -r -t 0.5 line
+        IFS= read -r -t 0.5 part
         status=$?
-        [ "$status" -le 128 ] || continue  # nothing was said
-        [ "$status" -eq 0 ] || return 0
+        line+=$part
+        [ "$status" -le 128 ] || continue  # the line's end has not come yet
+        [ "$status" -eq 0 ] || [ -n "$line" ] || return 0
         if is_rate "$line"; then
             rate=$line
             write_config "$port"
@@ -103,6 +104,7 @@ take_rates() {
         else
             echo "nginx-origin: '$line' is not a rate" >&2
         fi
+        line=
     done
 }
 

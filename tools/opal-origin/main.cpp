@@ -167,12 +167,15 @@ int Serve(const Arguments& arguments, const Script& script) {
     if (!arguments.quiet) {
         origin.SetObserver(PrintRecord);
     }
-    const bool hasPortFile =
+    const bool portFileWritten =
         arguments.portFile.empty() || WritePortFile(arguments.portFile, origin.Port());
-    std::printf("Serving %s at %s\n", arguments.options.folder.c_str(), origin.Url("/").c_str());
-    std::fflush(stdout);
+    if (portFileWritten) {
+        std::printf("Serving %s at %s\n", arguments.options.folder.c_str(),
+                    origin.Url("/").c_str());
+        std::fflush(stdout);
+    }
     funlockfile(stdout);
-    if (!hasPortFile) {
+    if (!portFileWritten) {
         return Fail(kCannotServe, arguments.portFile + ": cannot be written");
     }
     int received = 0;
