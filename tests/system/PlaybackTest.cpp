@@ -210,6 +210,7 @@ TEST_F(PlaybackTest, TrickRatesShowKeyFramesInTheirDirectionAndReturn) {
     film.trick = true;
     StartPlaying(film);
     ASSERT_TRUE(WaitForPosition(1000));
+    EXPECT_EQ(m_player->SetPlayRate(static_cast<OPALPlayRate>(12)), OPAL_ERROR_INVALID_ARGUMENT);
     EXPECT_EQ(m_player->SetPlayRate(OPAL_PLAYRATE_EIGHTXFF), OPAL_OK);
     ASSERT_TRUE(m_listener.WaitFor("OnPlayRateChanged 6"));
     ASSERT_TRUE(WaitForPosition(40000));
