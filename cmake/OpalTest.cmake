@@ -1,10 +1,12 @@
-# opal_test(NAME sources... [LIBS libraries...] [TIMEOUT seconds])
+# opal_test(NAME [SINGLE_THREADED] SOURCES sources... [LIBS libraries...] [TIMEOUT seconds])
 # One GoogleTest program a folder; CTest runs it as a whole. A .cpp file below tests/ that no
-# opal_test() or opal_test_support() names stops the configuration.
+# opal_test() or opal_test_support() names stops the configuration. Code that has no threads of ours
+# is not built for the thread sanitizer.
 include(CMakeParseArguments)
 
 function(opal_test name)
-  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(ARG "SINGLE_THREADED" "TIMEOUT" "SOURCES;LIBS" ${ARGN})
+  opal_register_test_sources(${ARG_SOURCES})
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 300)
   endif()
@@ -12,7 +14,10 @@ function(opal_test name)
   opal_own_code(${name})
   target_link_libraries(${name} PRIVATE ${ARG_LIBS} opal_test_main)
   target_precompile_headers(${name} REUSE_FROM opal_test_pch)
-  opal_register_test_sources(${ARG_SOURCES})
+  if(ARG_SINGLE_THREADED AND OPAL_SANITIZE MATCHES "thread")
+    set_target_properties(${name} PROPERTIES EXCLUDE_FROM_ALL TRUE)
+    return()
+  endif()
   add_test(NAME ${name} COMMAND ${name} WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR})
   set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT})
 endfunction()
