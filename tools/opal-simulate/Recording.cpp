@@ -184,7 +184,7 @@ uint64_t RecordingSwitchingController::OpenIndexes() {
     const size_t count = m_indexes ? std::min(m_indexes->size(), kMaxLevels) : 0;
     m_recording->clusterSizes.resize(std::max(m_recording->clusterSizes.size(), count));
     for (size_t level = 0; level < count; ++level) {
-        const IClusterIndex* index = (*m_indexes)[level];
+        const IClusterIndex* index = __atomic_load_n(&(*m_indexes)[level], __ATOMIC_ACQUIRE);
         if (!index)
             continue;
         open |= uint64_t{1} << level;
