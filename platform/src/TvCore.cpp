@@ -262,6 +262,11 @@ int TvCore::PushVideo(Unit unit, bool forItem) {
     }
     m_videoBytes = after;
     m_pushedPts = unit.pts;
+    m_pictureStale |= m_flushed;
+    if (m_flushed || !m_pictureStale) {
+        m_highestPts = unit.pts;
+    }
+    m_flushed = false;
     m_video.push_back(std::move(unit));
     ++m_statistics.videoUnitsPushed;
     Refresh();
@@ -323,9 +328,9 @@ int TvCore::SetBlack(bool black) {
 }
 
 uint32_t TvCore::VideoPts() const {
-    // Never above what was pushed last: whoever subtracts the two counts on it, and after a jump
-    // back the old picture is still on the screen.
-    return m_hasPicture ? std::min<uint32_t>(m_shownPts, m_pushedPts) : 0;
+    // Never above what was pushed last: whoever subtracts the two counts on it. After a jump back
+    // the old picture is still on the screen; what was pushed since then is all still to come.
+    return m_hasPicture ? std::min<uint32_t>(m_shownPts, m_highestPts) : 0;
 }
 
 void TvCore::PictureSize(int& width, int& height) const {
@@ -381,6 +386,7 @@ void TvCore::DropAll(std::unique_lock<std::mutex>& lock) {
     ++m_generation;
     m_resetDecoder = true;
     m_starvedSince = -1;
+    m_flushed = true;
     DropAudio();
     m_shownOne.wait(lock, [&] { return !m_showing; });
     m_presenter.Reset();

@@ -120,6 +120,9 @@ class TvCore {
     bool m_resetDecoder = false;
     bool m_decoding = false;
     int64_t m_starvedSince = -1;
+    uint32_t m_pushedPts = 0;     ///< of the last video unit
+    bool m_flushed = false;       ///< no video unit came since the last flush
+    bool m_pictureStale = false;  ///< units came since, and none of them is on the screen yet
 
     std::deque<Unit> m_audio;
     size_t m_audioBytes = 0;
@@ -142,7 +145,7 @@ class TvCore {
     // Read without the mutex by the position queries.
     std::atomic<bool> m_hasPicture{false};
     std::atomic<uint32_t> m_shownPts{0};
-    std::atomic<uint32_t> m_pushedPts{0};
+    std::atomic<uint32_t> m_highestPts{0};  ///< that the position may have
     std::atomic<unsigned long> m_gauge{0};
     std::atomic<unsigned> m_volume{100};
 };

@@ -198,6 +198,8 @@ void TvCore::ShowFront(std::unique_lock<std::mutex>& lock) {
     // The gauge moves last: who sees it changed must also see the new PTS, or a jump forward would
     // be taken for a decoder that has run dry behind a full queue.
     m_shownPts = picture.pts;
+    m_pictureStale = false;
+    m_highestPts = m_pushedPts;
     m_hasPicture = true;
     ++m_gauge;
     m_showing = false;
