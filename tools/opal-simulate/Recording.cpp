@@ -169,11 +169,15 @@ RecordingSwitchingController::~RecordingSwitchingController() {
     m_notify.Clear();
 }
 
-Recording::Call& RecordingSwitchingController::Record(Kind kind, int64_t value) {
+Recording::Call& RecordingSwitchingController::Record(Kind kind, int64_t value,
+                                                      OPALStreamType type) {
     Recording::Call call;
     call.kind = kind;
     call.nowMs = static_cast<double>((opal::Now() - m_start).total_microseconds()) / 1000.0;
-    call.openIndexes = OpenIndexes();
+    // The table belongs to the video's manager: a report from another thread must not look at it.
+    if (type == OPAL_STREAM_VIDEO)
+        m_openIndexes = OpenIndexes();
+    call.openIndexes = m_openIndexes;
     call.value = value;
     m_recording->calls.push_back(call);
     return m_recording->calls.back();
@@ -184,7 +188,7 @@ uint64_t RecordingSwitchingController::OpenIndexes() {
     const size_t count = m_indexes ? std::min(m_indexes->size(), kMaxLevels) : 0;
     m_recording->clusterSizes.resize(std::max(m_recording->clusterSizes.size(), count));
     for (size_t level = 0; level < count; ++level) {
-        const IClusterIndex* index = __atomic_load_n(&(*m_indexes)[level], __ATOMIC_ACQUIRE);
+        const IClusterIndex* index = (*m_indexes)[level];
         if (!index)
             continue;
         open |= uint64_t{1} << level;
@@ -289,7 +293,7 @@ void RecordingSwitchingController::eventHandler(OPALStreamType type,
                                                 StreamSwitchingNotify::event what,
                                                 const Message& message) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    Recording::Call& call = Record(Kind::Event);
+    Recording::Call& call = Record(Kind::Event, 0, type);
     call.type = type;
     call.event = what;
     call.message = message;

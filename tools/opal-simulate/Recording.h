@@ -96,7 +96,8 @@ class RecordingSwitchingController : public IStreamSwitchingController,
                       const Message& message) override;
     void eventHandler(OPALStreamType type, StreamSwitchingNotify::event what, int first,
                       int second) override;
-    Recording::Call& Record(Recording::Kind kind, int64_t value = 0);
+    Recording::Call& Record(Recording::Kind kind, int64_t value = 0,
+                            OPALStreamType type = OPAL_STREAM_VIDEO);
     uint64_t OpenIndexes();
 
     std::unique_ptr<IStreamSwitchingController> m_inner;
@@ -104,6 +105,7 @@ class RecordingSwitchingController : public IStreamSwitchingController,
     StreamSwitchingNotify m_notify;
     std::mutex m_mutex;
     const std::vector<IClusterIndex*>* m_indexes = nullptr;
+    uint64_t m_openIndexes = 0;
     boost::posix_time::ptime m_start;
 };
 

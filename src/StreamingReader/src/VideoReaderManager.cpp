@@ -70,8 +70,8 @@ OPALError VideoReaderManager::OpenLevelsUpToCurrent() {
             return opened;
         IClusterIndex* index = nullptr;
         (void)reader.GetClusterIndex(index);
-        if (i < m_clusterIndexes.size())  // the table is read without the lock
-            __atomic_store_n(&m_clusterIndexes[i], index, __ATOMIC_RELEASE);
+        if (i < m_clusterIndexes.size())
+            m_clusterIndexes[i] = index;
     }
     return OPAL_OK;
 }
