@@ -29,9 +29,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using Bytes = std::vector<uint8_t>;
 
-/// AAC LC, 44100 Hz, stereo.
-inline const Bytes kStereoConfig = {0x12, 0x10};
-
 /// The set without decoding, on a clock that only the test and the library's sleeps move, with its
 /// journal on.
 class PlayerTest : public testing::Test, private opal::Clock {
@@ -109,7 +106,7 @@ class PlayerTest : public testing::Test, private opal::Clock {
 
 /// The sinks of one session, made and configured as the controller does it.
 struct Session {
-    explicit Session(bool withAudio = true) {
+    Session() {
         HABArch_New(&arch);
         HABTimer_New(&timer, arch, kSessionTimerKind);
         video = std::make_unique<PlatformVideo>(arch, timer);
@@ -117,8 +114,7 @@ struct Session {
         EXPECT_EQ(OPAL_OK, video->Initialize());
         EXPECT_EQ(OPAL_OK, audio->Initialize());
         ConfigureVideo();
-        if (withAudio)
-            ConfigureAudio();
+        ConfigureAudio();
     }
     ~Session() {
         video.reset();
@@ -132,7 +128,8 @@ struct Session {
     void ConfigureVideo() {
         EXPECT_EQ(OPAL_OK, video->Configure(VIDEOCODECID_AVC, 640, 360, 1, nullptr, 0, true));
     }
-    void ConfigureAudio(const Bytes& config = kStereoConfig, uint32_t rate = 48000,
+    /// Unless told otherwise AAC LC of 44100 Hz, stereo.
+    void ConfigureAudio(const Bytes& config = {0x12, 0x10}, uint32_t rate = 48000,
                         const std::string& codec = AUDIOCODECID_AAC) {
         EXPECT_EQ(OPAL_OK, audio->Configure(codec, rate, 2, config.data(), config.size(), true));
     }
@@ -144,9 +141,9 @@ struct Session {
         for (const int64_t ts : times)
             EXPECT_EQ(OPAL_OK, Queue(ts)) << ts;
     }
-    OPALError QueueAudio(int64_t ts, int64_t duration = 21) {
-        Bytes frame = {1, 2, 3};
-        return audio->Queue(frame.data(), frame.size(), ts, duration);
+    OPALError QueueAudio(int64_t ts) {
+        uint8_t byte = 1;
+        return audio->Queue(&byte, 1, ts, 21);
     }
     int64_t Position() {
         int64_t ms = -1;
