@@ -30,12 +30,12 @@ struct ClientReply {
 };
 
 /// A blocking HTTP client without any opinion of its own: one connection, bytes out, bytes in.
-/// Each wait is bounded by the time-out.
+/// Each wait is bounded.
 class OriginClient {
   public:
-    explicit OriginClient(uint16_t port, int timeoutMs = 10000)
+    explicit OriginClient(uint16_t port)
         : m_socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        const timeval timeout{timeoutMs / 1000, (timeoutMs % 1000) * 1000};
+        const timeval timeout{10, 0};
         setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
         sockaddr_in address{};
         address.sin_family = AF_INET;
@@ -67,8 +67,7 @@ class OriginClient {
     ClientReply Read(bool hasBody = true) {
         ClientReply reply;
         size_t wanted = SIZE_MAX;
-        const auto receive = [&] { return Receive(&reply.end); };
-        while (m_input.find("\r\n\r\n") == std::string::npos && receive()) {
+        while (m_input.find("\r\n\r\n") == std::string::npos && Receive(&reply.end)) {
         }
         const size_t headEnd = m_input.find("\r\n\r\n");
         if (headEnd != std::string::npos) {
@@ -79,7 +78,7 @@ class OriginClient {
             wanted = !hasBody         ? 0
                      : length.empty() ? SIZE_MAX
                                       : std::strtoull(length.c_str(), nullptr, 10);
-            while (m_input.size() < wanted && receive()) {
+            while (m_input.size() < wanted && Receive(&reply.end)) {
             }
         }
         reply.body = m_input.substr(0, wanted);

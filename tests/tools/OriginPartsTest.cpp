@@ -10,69 +10,55 @@ namespace {
 using namespace opal::origin;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
+using testing::DoubleNear;
+using testing::Each;
 using Time = Link::Time;
 
-// Clients that always have more to send, stepped from one due time to the next.
-class LinkTest : public testing::Test {
-  protected:
-    void Ask(uint64_t connection, bool continuing) {
-        m_asked[connection] = m_link.Quantum(m_now);
-        m_link.Ask(connection, m_asked[connection], continuing, m_now);
-    }
+constexpr Time kStart = seconds(1000);
 
-    // Runs until the time; each grant is noticed this much too late.
-    void RunUntil(Time end, Time lateness = Time(0)) {
-        uint64_t connection = 0;
-        while (m_link.Due() != Link::kNoTime && m_link.Due() + lateness <= end) {
-            m_now = std::max(m_now, m_link.Due() + lateness);
-            ASSERT_TRUE(m_link.Take(m_now, &connection));
-            m_sent[connection] += static_cast<double>(m_asked[connection]);
-            Ask(connection, true);
-        }
-        m_now = end;
-    }
-
-    Link m_link;
-    Time m_now = seconds(1000);
-    std::map<uint64_t, int64_t> m_asked;
-    std::map<uint64_t, double> m_sent;
-};
-
-TEST_F(LinkTest, DeliversTheRateInTurnsAlsoWhenTimersAreLate) {
+TEST(LinkTest, DeliversTheRateInTurnsAlsoWhenTimersAreLate) {
     for (const int64_t rate : {100000, 6000000, 2000000000}) {
         for (const Time lateness : {milliseconds(0), milliseconds(1), milliseconds(3)}) {
-            m_link = Link();
-            m_sent.clear();
-            m_link.SetScript(RateScript::Constant(rate), m_now);
-            Ask(1, false);
-            Ask(2, false);
-            RunUntil(m_now + seconds(20), lateness);
+            Link link;
+            link.SetScript(RateScript::Constant(rate), kStart);
+            const int64_t quantum = link.Quantum(kStart);
+            // Two clients that always have more to send.
+            link.Ask(0, quantum, false, kStart);
+            link.Ask(1, quantum, false, kStart);
+            std::vector<double> sent(2);
+            Time now = kStart;
+            for (uint64_t i = 0; link.Due() + lateness <= kStart + seconds(20);) {
+                now = std::max(now, link.Due() + lateness);
+                ASSERT_TRUE(link.Take(now, &i));
+                sent[i] += static_cast<double>(quantum);
+                link.Ask(i, quantum, true, now);
+            }
             const double expected = static_cast<double>(rate) / 8 * 10;
             // A packet takes long at 100 kbit/s, and the last one may not be through.
-            for (const auto& [connection, sent] : m_sent) {
-                EXPECT_NEAR(sent, expected, expected * 0.01 + 1460)
-                    << connection << " of " << rate << " bit/s, late by " << lateness.count();
-            }
+            EXPECT_THAT(sent, Each(DoubleNear(expected, expected * 0.01 + 1460)))
+                << rate << " bit/s, late by " << lateness.count();
         }
     }
 }
 
-TEST_F(LinkTest, IdleTimeIsNotSavedUpAndASlowClientLosesIt) {
-    m_link.SetScript(RateScript::Constant(8000000), m_now);  // 1000 bytes a millisecond
+TEST(LinkTest, IdleTimeIsNotSavedUpAndASlowClientLosesIt) {
+    Link link;
+    Time now = kStart;
+    link.SetScript(RateScript::Constant(8000000), now);  // 1000 bytes a millisecond
     uint64_t connection = 0;
     for (int reply = 0; reply < 2; ++reply) {
-        m_link.Ask(1, 5000, false, m_now);
-        EXPECT_EQ(m_now + milliseconds(5), m_link.Due()) << "a new reply found credit";
-        m_now += milliseconds(5);
-        ASSERT_TRUE(m_link.Take(m_now, &connection));
-        m_now += milliseconds(40);
+        link.Ask(1, 5000, false, now);
+        EXPECT_EQ(now + milliseconds(5), link.Due()) << "a new reply found credit";
+        now += milliseconds(5);
+        ASSERT_TRUE(link.Take(now, &connection));
+        now += milliseconds(40);
     }
-    m_now += seconds(10);  // the client did not read; only what a late timer explains is made good
-    m_link.Ask(1, 500000, true, m_now);
-    EXPECT_EQ(m_now + milliseconds(400), m_link.Due());
+    now += seconds(10);  // the client did not read; only what a late timer explains is made good
+    link.Ask(1, 500000, true, now);
+    EXPECT_EQ(now + milliseconds(400), link.Due());
 }
 
-TEST_F(LinkTest, TracesLoopFromTheFirstRequestOn) {
+TEST(LinkTest, TracesLoopFromTheFirstRequestOn) {
     RateScript trace;
     std::string error;
     ASSERT_TRUE(RateScript::FromTrace(R"([
@@ -82,40 +68,37 @@ TEST_F(LinkTest, TracesLoopFromTheFirstRequestOn) {
         {"duration_ms": 500, "bandwidth_kbps": 1600.0}])",
                                       &trace, &error))
         << error;
-    m_link.SetScript(trace, m_now);
-    m_now += seconds(100);
-    const Time start = m_now;
-    m_link.OnRequest(start);
-    m_link.OnRequest(start + milliseconds(1));  // the second one moves nothing
-    EXPECT_EQ(20, m_link.LatencyMs(start + milliseconds(2999)));
-    EXPECT_EQ(300, m_link.LatencyMs(start + milliseconds(3000)));
-    Ask(1, false);
-    for (const auto& [ms, sent] : {std::pair{1000, 1e5}, {1500, 1e5}, {2000, 2e5}, {20000, 2e6}}) {
-        RunUntil(start + milliseconds(ms));
-        EXPECT_NEAR(sent, m_sent[1], 8000) << ms;
+    Link link;
+    link.SetScript(trace, seconds(900));
+    link.OnRequest(kStart);
+    link.OnRequest(kStart + milliseconds(1));  // the second one moves nothing
+    EXPECT_EQ(20, link.LatencyMs(kStart + milliseconds(2999)));
+    EXPECT_EQ(300, link.LatencyMs(kStart + milliseconds(3000)));
+    for (const auto& [bytes, ms] : {std::pair{100000, 1000}, {150000, 1750}, {2050000, 20500}}) {
+        link.Ask(1, bytes, false, kStart);
+        EXPECT_EQ(kStart + milliseconds(ms), link.Due());
+        link.Drop(1, kStart);
     }
 
     RateScript never;
     never.steps = {{0, 0, 0}, {1, 0, 0}};
     never.loopMs = 2;
-    m_link.SetScript(never, m_now);
-    m_link.OnRequest(m_now);
-    EXPECT_EQ(Link::kNoTime, m_link.Due()) << "looked for the end in all loops to come";
+    link.SetScript(never, kStart);
+    link.OnRequest(kStart);
+    link.Ask(1, 1, false, kStart);
+    EXPECT_EQ(Link::kNoTime, link.Due()) << "looked for the end in all loops to come";
 }
 
 TEST(OriginScriptTest, MistakesAreNamed) {
     const std::pair<std::string, std::string> rows[] = {
         {std::string(100000, '['), "parse error"},
-        {R"({"speed": 1})", "\"speed\""},
         {R"({"rate": "nan"})", "nan"},
         {R"({"rate": "2000G"})", "2000G"},
-        {R"({"rate": " 6k"})", " 6k"},
         {R"({"rate": "1k", "rates": "0 1k"})", "beside another"},
         {R"({"rates": "0 6000k,"})", "rates"},
         {R"({"rates": "0 1k, 5 2k, 5 3k"})", "5 3k"},
         {R"({"rates": "1e300 6k"})", "1e300"},
         {R"({"trace": [{"duration_ms": 0, "bandwidth_kbps": 1}]})", "no time"},
-        {R"({"trace": [{"duration_ms": -1, "bandwidth_kbps": 1}]})", "trace"},
         {R"({"trace": [{"duration_ms": 1e18, "bandwidth_kbps": 1}]})", "trace"},
         {R"({"faults": {}})", "array"},
         {R"({"faults": [{}, {"urk": "x"}]})", "fault 2: has an unknown key \"urk\""},

@@ -2,8 +2,6 @@
 
 #include <boost/scoped_ptr.hpp>
 #include <cstdint>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -29,11 +27,6 @@ inline bool operator==(const Block& a, const Block& b) {
 }  // namespace opal::package
 
 namespace opal::test {
-
-inline std::vector<uint8_t> ReadBytes(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
 
 /// The failure that the work ends with; its text in `text`.
 template <typename Work>
