@@ -2,8 +2,10 @@
 
 #include <vector>
 
-#include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
 #include "StreamSwitchingAlgorithm/src/BandwidthMonitor.h"
+#include "SwitchingFixture.h"
+
+using namespace opal::test;
 
 namespace {
 
@@ -23,10 +25,7 @@ int Estimate(const std::vector<Download>& downloads, int64_t now = kNow) {
     return monitor.GetBandwidth(now);
 }
 
-class BandwidthMonitorTest : public testing::Test {
-  protected:
-    void SetUp() override { AlgorithmConfig::Instance().Reset(); }
-};
+class BandwidthMonitorTest : public SwitchingTest {};
 
 }  // namespace
 
@@ -57,21 +56,16 @@ TEST_F(BandwidthMonitorTest, CountsActiveTimeInTheWindowOnly) {
 TEST_F(BandwidthMonitorTest, KeepsTheNewestSamplesOnly) {
     AlgorithmConfig::Global global;
     global.bandwidthMonitorSampleCount = 2;
-    ASSERT_EQ(AlgorithmConfig::Instance().Set(global, {}, {}), OPAL_OK);
+    Configure(global);
     EXPECT_EQ(Estimate({{9000000, 3500, 3000}, {250000, 2000, 1000}, {250000, 1000, 0}}), 2000000);
-    AlgorithmConfig::Instance().Reset();
 }
 
-TEST_F(BandwidthMonitorTest, AnyWindowThatAFileGivesIsHarmless) {
+TEST_F(BandwidthMonitorTest, BadFiguresAreHarmlessOrTheCallersFault) {
+    AlgorithmConfig::Global global;
     for (int64_t window : {INT64_MIN, INT64_MIN + 1000, int64_t{-1}, int64_t{0}, INT64_MAX}) {
-        AlgorithmConfig::Global global;
         global.bandwidthMonitorWindowInterval = window;
-        ASSERT_EQ(AlgorithmConfig::Instance().Set(global, {}, {}), OPAL_OK);
+        Configure(global);
         EXPECT_GE(Estimate({{1000000, 2000, 0}}), 0) << window;
     }
-    AlgorithmConfig::Instance().Reset();
-}
-
-TEST_F(BandwidthMonitorTest, ANegativeDurationIsTheCallersFault) {
     EXPECT_THROW(BandwidthSample(1, 0, -1), std::exception);
 }

@@ -1,26 +1,20 @@
 #include <gmock/gmock.h>
 
-#include <boost/make_shared.hpp>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "Common/logging/LogEventSender.h"
 #include "Common/logging/LogServer.h"
-#include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
 #include "SwitchingFixture.h"
 
-using opal::test::FakeAudioTrack;
-using opal::test::SwitchingSession;
+using namespace opal::test;
 
 namespace {
 
-const std::vector<int> kLadder = {500000, 1000000, 2000000, 4000000};
+using Audio = opal::simulate::SimulatedAudio;
 
-class SwitchingControllerTest : public testing::Test {
-  protected:
-    void SetUp() override { AlgorithmConfig::Instance().Reset(); }
-};
+class SwitchingControllerTest : public SwitchingTest {};
 
 /// Keeps what level 2 events tell; of these tests that is the changes of mode.
 class ModeSender : public NullLogEventSender {
@@ -33,12 +27,6 @@ class ModeSender : public NullLogEventSender {
     std::string sent;
 };
 
-int Requirement(IStreamSwitchingController& controller, OPALStreamType type) {
-    int ms = -1;
-    controller.GetBufferRequirement(ms, type);
-    return ms;
-}
-
 }  // namespace
 
 // A whole session in virtual time: clusters at 5 Mbit/s with 30 ms between them, buffered 2 s more
@@ -48,8 +36,7 @@ TEST_F(SwitchingControllerTest, StartsLowClimbsSettlesAndFallsBackOnARestart) {
     ModeSender modes;
     SwitchingSession session(kLadder);
     LogServer::Instance().Start(&modes);
-    ASSERT_EQ(session.controller->GetCurrentLevel(), 0);
-    session.GiveIndexes();
+    ASSERT_EQ(session.Begin(), 0);
     std::vector<int> levels;
     std::vector<int> estimates;
     std::vector<int64_t> times;
@@ -86,31 +73,25 @@ TEST_F(SwitchingControllerTest, StartsLowClimbsSettlesAndFallsBackOnARestart) {
 
 TEST_F(SwitchingControllerTest, ReservesTheEnglishTrackElseTheFirst) {
     const auto required = [](std::vector<boost::shared_ptr<IAudioTrack>> tracks) {
-        SwitchingSession session(kLadder, 2, tracks);
+        SwitchingSession session(kLadder, tracks);
         session.controller->SetBandwidth(1000000);
-        return Requirement(*session.controller, OPAL_STREAM_AUDIO);
+        int ms = -1;
+        session.controller->GetBufferRequirement(ms, OPAL_STREAM_AUDIO);
+        return ms;
     };
     EXPECT_EQ(required({}), 0);
-    const auto german = boost::make_shared<FakeAudioTrack>("ger", 0);
-    const auto english = boost::make_shared<FakeAudioTrack>("eng", 64000);
-    const auto french = boost::make_shared<FakeAudioTrack>("fre", 64000);
+    const auto german = boost::make_shared<Audio>("ger", 0);
+    const auto english = boost::make_shared<Audio>("eng", 64000);
+    const auto french = boost::make_shared<Audio>("fre", 64000);
     EXPECT_EQ(required({german, english}), 2000) << "two seconds, whatever the rate";
     EXPECT_EQ(required({german, french}), 0) << "the first, which reserves nothing";
 }
 
 TEST_F(SwitchingControllerTest, AudioReportsCountForTheLinkAndForAudioOnly) {
-    SwitchingSession session(kLadder, 2, {boost::make_shared<FakeAudioTrack>("eng", 64000)});
-    session.controller->GetCurrentLevel();
-    session.GiveIndexes();
+    SwitchingSession session(kLadder, {boost::make_shared<Audio>("eng", 64000)});
+    session.Begin();
     EXPECT_FALSE(session.controller->IsAudioBuffered());
-    StreamSwitchingNotify::Message audio;
-    audio.downloadSize = 1000000;
-    audio.downloadTime = 2000;
-    audio.bufferedDuration = 5000;
-    session.clock.Advance(2000);
-    audio.timeSinceStart = session.clock.ElapsedMs();
-    session.controller->GetNotify()->Notify(OPAL_STREAM_AUDIO,
-                                            StreamSwitchingNotify::EVENT_DOWNLOAD_COMPLETE, audio);
+    session.Report(OPAL_STREAM_AUDIO, 1000000, 2000, 5000);
     EXPECT_TRUE(session.controller->IsAudioBuffered());
     EXPECT_EQ(session.controller->GetAudioExcessBuffer(), 3000);
     EXPECT_EQ(session.controller->GetBandwidth(), 0) << "decided on video reports only";
@@ -121,16 +102,11 @@ TEST_F(SwitchingControllerTest, AudioReportsCountForTheLinkAndForAudioOnly) {
 
 TEST_F(SwitchingControllerTest, SteadyModeEndsWithAnyDropAndIsOffWhenDisabled) {
     for (bool disabled : {false, true}) {
-        AlgorithmConfig::Global global;
-        global.minBufferedToEnterAgile = 40000;
+        AlgorithmConfig::Global global = BuiltIn();
         global.disableSteadyState = disabled;
-        AlgorithmConfig::Mode agile;
-        AlgorithmConfig::Mode steady;
-        steady.minPeriodUpSwitch = 3600000;
-        ASSERT_EQ(AlgorithmConfig::Instance().Set(global, agile, steady), OPAL_OK);
+        Configure(global, 0, 3600000);
         SwitchingSession session(kLadder);
-        session.controller->GetCurrentLevel();
-        session.GiveIndexes();
+        session.Begin();
         // 20 s at level 2 under 2.5 Mbit/s.
         for (int i = 0; i < 12; ++i)
             session.Video(625000, 2000, 10000);
@@ -147,7 +123,6 @@ TEST_F(SwitchingControllerTest, SteadyModeEndsWithAnyDropAndIsOffWhenDisabled) {
             session.Video(3750000, 2000, 10000);
         EXPECT_EQ(session.controller->GetCurrentLevel(), 3);
     }
-    AlgorithmConfig::Instance().Reset();
 }
 
 TEST_F(SwitchingControllerTest, StartUpModeHintAndZeroBandwidth) {
@@ -161,29 +136,17 @@ TEST_F(SwitchingControllerTest, StartUpModeHintAndZeroBandwidth) {
 
     AlgorithmConfig::Global global;
     global.maxLevelDrop = 0;
-    ASSERT_EQ(AlgorithmConfig::Instance().Set(global, {}, {}), OPAL_OK);
-    const std::vector<int> ladder = {200000, 400000, 600000, 800000};
-    SwitchingSession hint(ladder);
-    hint.controller->SetBandwidth(1000000);
-    hint.controller->SetStartupTime(1500);
-    EXPECT_EQ(hint.controller->GetCurrentLevel(), 1) << "637500 are trusted";
-
-    SwitchingSession probe({25000, 50000, 100000, 200000, 400000});
-    probe.controller->SetBandwidth(512000);
-    probe.controller->SetStartupTime(1500);
-    EXPECT_EQ(probe.controller->GetCurrentLevel(), 2);
+    Configure(global);
     // 1500 ms leave 326400 of 435200, but twice the block time makes it 1502, and 326254.
     SwitchingSession close({25000, 50000, 100000, 326300, 400000});
     close.controller->SetBandwidth(512000);
     close.controller->SetStartupTime(1500);
     EXPECT_EQ(close.controller->GetCurrentLevel(), 1);
-    AlgorithmConfig::Instance().Reset();
 }
 
 TEST_F(SwitchingControllerTest, QueriesAndReportsMayComeFromAnyThread) {
     SwitchingSession session(kLadder);
-    session.controller->GetCurrentLevel();
-    session.GiveIndexes();
+    session.Begin();
     IStreamSwitchingController& controller = *session.controller;
     std::thread queries([&controller] {
         for (int i = 0; i < 2000; ++i) {
@@ -193,14 +156,8 @@ TEST_F(SwitchingControllerTest, QueriesAndReportsMayComeFromAnyThread) {
             controller.GetMaxBuffer();
         }
     });
-    StreamSwitchingNotify::Message message;
-    message.downloadSize = 250000;
-    message.downloadTime = 400;
-    message.bufferedDuration = 4000;
     for (int i = 0; i < 2000; ++i) {
-        message.timeSinceStart += 500;
-        controller.GetNotify()->Notify(OPAL_STREAM_VIDEO,
-                                       StreamSwitchingNotify::EVENT_DOWNLOAD_COMPLETE, message);
+        session.Video(250000, 400, 4000, 100);
         if (i % 100 == 0)
             session.Restart();
     }
