@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "Common/logging/LogServer.h"
 #include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
 #include "StreamingController/PlayReportConfig.h"
 #include "StreamingController/StreamingController.h"
@@ -46,7 +45,7 @@ class FakeSwitching : public IStreamSwitchingController, private StreamSwitching
     void SetStartupTime(int64_t ms) override { startupMs = ms; }
     StreamSwitchingNotify* GetNotify() override { return &m_notify; }
     int64_t GetMaxBuffer() override { return maxBuffer; }
-    void SetAudioBitrate(int rate) override { audioBitrate = rate; }
+    void SetAudioBitrate(int) override {}
     void GetBufferRequirement(int& ms, OPALStreamType) override { ms = requirementMs; }
     void SetClusterIndexes(const std::vector<IClusterIndex*>*) override {}
 
@@ -59,7 +58,6 @@ class FakeSwitching : public IStreamSwitchingController, private StreamSwitching
     InitialBandwidthMode mode = InitialBandwidthMode_LowestLevel;
     int bandwidth = -1;
     int64_t startupMs = -1;
-    int audioBitrate = -1;
     size_t levelCount = 0;
 
   private:
@@ -74,12 +72,24 @@ class FakeSwitching : public IStreamSwitchingController, private StreamSwitching
     StreamSwitchingNotify m_notify{this};
 };
 
+/// A sink whose end, too, is in the journal.
+class SessionSink : public FakePlatform {
+  public:
+    SessionSink(const std::string& name, CallJournal& journal)
+        : FakePlatform(name, &journal), m_name(name), m_journal(journal) {}
+    ~SessionSink() override { m_journal.Add(m_name + " gone"); }
+
+  private:
+    const std::string m_name;
+    CallJournal& m_journal;
+};
+
 /// A controller on fake sinks and a fake decision, whose loop the test steps unless `threaded`.
 class TestController : public StreamingController {
   public:
     TestController(CallJournal& journal, bool threaded)
         : m_journal(journal), m_threaded(threaded) {}
-    ~TestController() override { EXPECT_NE(OPAL_ERROR_NOT_YET, Finalize()); }
+    ~TestController() override { (void)Finalize(); }
 
     void Turn() {
         if (!IsTerminated())
@@ -88,7 +98,6 @@ class TestController : public StreamingController {
     using StreamingController::GetState;
     using StreamingController::LeaveLoop;
     using StreamingController::LoopState;
-    using StreamingController::Post;
 
     LoopState state;
     HHABARCH arch = nullptr;
@@ -104,7 +113,6 @@ class TestController : public StreamingController {
     OPALError videoConfigure = OPAL_OK;
     std::string videoConfiguration;
     std::string subtitleConfiguration;
-    std::function<FakePlatform*(const std::string&)> newSink;
 
   protected:
     IStreamSwitchingController* NewSwitchingController() override {
@@ -115,7 +123,7 @@ class TestController : public StreamingController {
     }
     opal::VideoSink NewVideoSink(HHABARCH hArch, HHABTIMER) override {
         arch = hArch;
-        video = MakeSink("video");
+        video = new SessionSink("video", m_journal);
         opal::VideoSink sink;
         sink.platform = video;
         sink.configure = [this](const std::string& codec, int width, int height, int64_t bitrate,
@@ -128,7 +136,7 @@ class TestController : public StreamingController {
         return sink;
     }
     opal::AudioSink NewAudioSink(HHABARCH, HHABTIMER) override {
-        audio = MakeSink("audio");
+        audio = new SessionSink("audio", m_journal);
         opal::AudioSink sink;
         sink.platform = audio;
         sink.configure = [this](const std::string&, uint32_t, uint32_t, const uint8_t*, size_t,
@@ -138,7 +146,7 @@ class TestController : public StreamingController {
     opal::SubtitleSink NewSubtitleSink(HHABARCH hArch, HHABTIMER hTimer) override {
         if (!hasSubtitleSink)
             return StreamingController::NewSubtitleSink(hArch, hTimer);
-        subtitle = MakeSink("subtitle");
+        subtitle = new SessionSink("subtitle", m_journal);
         opal::SubtitleSink sink;
         sink.platform = subtitle;
         sink.configure = [this](const std::string& codec, int, int, const void*, size_t size) {
@@ -154,12 +162,23 @@ class TestController : public StreamingController {
     }
 
   private:
-    FakePlatform* MakeSink(const std::string& name) {
-        return newSink ? newSink(name) : new FakePlatform(name, &m_journal);
-    }
-
     CallJournal& m_journal;
     const bool m_threaded;
+};
+
+/// Time that only the test moves, while sleeps are real.
+class HandClock : public Clock {
+  public:
+    HandClock() { SetClock(this); }
+    ~HandClock() override { SetClock(nullptr); }
+    HandClock(const HandClock&) = delete;
+    HandClock& operator=(const HandClock&) = delete;
+    boost::posix_time::ptime Now() override {
+        return boost::posix_time::ptime(boost::gregorian::date(2020, 1, 1)) +
+               boost::posix_time::milliseconds(ms.load());
+    }
+    void SleepMs(int64_t) override { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
+    std::atomic<int64_t> ms{0};
 };
 
 /// What a presentation holds; every cluster lasts two seconds, a trick cluster six.
@@ -168,9 +187,8 @@ struct FilmShape {
     int audioTracks = 1;
     int subtitleTracks = 0;
     bool trick = false;
-    int clusters = 6;
+    int clusters = 60;
     size_t subtitleHeader = 0;  ///< 0: as large as it is
-    size_t blockBytes = 100;    ///< of video
 };
 
 class ControllerFixture : public testing::Test {
@@ -191,22 +209,32 @@ class ControllerFixture : public testing::Test {
         (void)controller->SetNotify(&listener);
     }
 
-    /// Serves the film; the manifest lies at kFilm.
-    void Serve(const FilmShape& film) {
+    /// Serves the film; the manifest lies at kFilm, and is what this answers.
+    std::string Serve(const FilmShape& film) {
+        MediaShape shape;
+        shape.clusters = film.clusters;
+        shape.blockBytes = 400;  // a level is large enough for a probe
         std::string body;
         layouts.clear();
-        for (int i = 0; i < film.levels; ++i)
-            body += Video("v" + std::to_string(i), (i + 1) * 500000, film.clusters, film.blockBytes,
-                          false);
+        for (int i = 1; i <= film.levels; ++i)
+            body += Entry("video", "v" + std::to_string(i - 1), shape,
+                          "systemBitrate='" + std::to_string(i * 500000) + "' width='" +
+                              std::to_string(i * 500) + "' height='360'");
         if (film.trick)
-            body += "<switch>" + Video("t", 100000, 2, 100, true) + "</switch>";
+            body += "<switch>" +
+                    Entry("video", "t", {package::TrackKind::Video, 4, 6, 100, 6000, true},
+                          "systemProfile='TavoPlusTrickTrack'") +
+                    "</switch>";
+        shape.kind = package::TrackKind::Audio;
         for (int i = 0; i < film.audioTracks; ++i)
-            body += Track("audio", "a" + std::to_string(i), package::TrackKind::Audio,
-                          film.clusters, 0, size_t{40} + static_cast<size_t>(i));
+            body += Entry("audio", "a" + std::to_string(i), shape, "xml:lang='eng'", 0, 40 + i);
+        shape.kind = package::TrackKind::Subtitle;
         for (int i = 0; i < film.subtitleTracks; ++i)
-            body += Track("textstream", "s" + std::to_string(i), package::TrackKind::Subtitle,
-                          film.clusters, film.subtitleHeader, size_t{60} + static_cast<size_t>(i));
-        server->AddFile(kFilm, "<smil><body><par>" + body + "</par></body></smil>");
+            body += Entry("textstream", "s" + std::to_string(i), shape, "xml:lang='eng'",
+                          film.subtitleHeader);
+        const std::string manifest = "<smil><body><par>" + body + "</par></body></smil>";
+        server->AddFile(kFilm, manifest);
+        return manifest;
     }
     OPALError Initialize() {
         return controller->InitializeFromSMILFile(kFilm, "DE", "de", OPAL_WRITER_MODEL_PUSH);
@@ -217,9 +245,11 @@ class ControllerFixture : public testing::Test {
         server->ClearLog();
         listener.Clear();
     }
-    /// Playing, with all events so far forgotten.
-    void StartPlaying(const FilmShape& film) {
+    /// Playing, with all events so far forgotten. Video buffers at most `maxBufferMs`; -1:
+    /// anything.
+    void StartPlaying(const FilmShape& film, int64_t maxBufferMs = -1) {
         Start(film);
+        controller->switching->maxBuffer = maxBufferMs;
         ASSERT_EQ(OPAL_OK, controller->Play());
         ASSERT_TRUE(UntilEvent("OnPlay 1 " + std::string(film.audioTracks ? "0" : "-1") + " -1"));
         Forget();
@@ -240,6 +270,13 @@ class ControllerFixture : public testing::Test {
     bool UntilEvent(const std::string& line) {
         return Until([&] { return listener.Count(line) > 0; });
     }
+    /// Holds a file's reads from the number `skip` on, each after its first bytes.
+    uint64_t HoldReads(const std::string& name, int skip = 0, int64_t bytesFirst = 0) {
+        FakeRule rule = FakeRule::Hold(Url(name), FakeRule::Kind::Read);
+        rule.skip = skip;
+        rule.bytesFirst = bytesFirst;
+        return server->AddRule(rule);
+    }
     bool UntilHeld(uint64_t rule) {
         return Until([&] { return server->WaitForHeld(rule, 1, 0); });
     }
@@ -247,18 +284,20 @@ class ControllerFixture : public testing::Test {
         for (int i = 0; i < count; ++i)
             controller->Turn();
     }
-    /// Reads of the clusters of a stream.
+    /// How often each cluster of a stream has been read, in all.
     size_t ClusterReads(const std::string& name) const {
         size_t count = 0;
-        for (const std::string& read : server->Reads(Url(name)))
-            for (const package::ClusterLayout& cluster : layouts.at(name).clusters)
-                count += read == RangeOf(cluster) ? 1 : 0;
+        for (size_t i = 0; i < layouts.at(name).clusters.size(); ++i)
+            count += ClusterReads(name, i);
         return count;
     }
-    bool HasRead(const std::string& name, size_t cluster) const {
+    size_t ClusterReads(const std::string& name, size_t cluster) const {
         const auto reads = server->Reads(Url(name));
-        return std::count(reads.begin(), reads.end(),
-                          RangeOf(layouts.at(name).clusters.at(cluster))) > 0;
+        return static_cast<size_t>(
+            std::count(reads.begin(), reads.end(), RangeOf(layouts.at(name).clusters.at(cluster))));
+    }
+    bool HasRead(const std::string& name, size_t cluster) const {
+        return ClusterReads(name, cluster) > 0;
     }
     /// Times of the blocks that a sink has been given.
     static std::vector<int64_t> Times(const FakePlatform& sink) {
@@ -277,40 +316,17 @@ class ControllerFixture : public testing::Test {
     std::unique_ptr<TestController> controller;
 
   private:
-    size_t Store(const std::string& name, const MediaShape& shape) {
+    /// Serves a file and answers its place in the manifest.
+    std::string Entry(const std::string& element, const std::string& name, const MediaShape& shape,
+                      const std::string& attributes, size_t headerSize = 0, int assetId = 0) {
         const package::BuiltFile file = MakeMedia(shape);
         server->AddFile(Url(name), std::string(file.bytes.begin(), file.bytes.end()));
         layouts[name] = file.layout;
-        return static_cast<size_t>(file.layout.headerSize);
-    }
-    static std::string Param(const std::string& name, size_t value) {
-        return "<param name='" + name + "' value='" + std::to_string(value) + "'/>";
-    }
-    std::string Video(const std::string& name, int bitrate, int clusters, size_t blockBytes,
-                      bool trick) {
-        MediaShape shape;
-        shape.blockBytes = blockBytes;
-        shape.clusters = clusters;
-        shape.trick = trick;
-        if (trick) {
-            shape.clusterMs = 6000;
-            shape.blocks = 6;
-        }
-        const size_t header = Store(name, shape);
-        return "<video src='" + Url(name) + "' systemBitrate='" + std::to_string(bitrate) +
-               "' width='" + std::to_string(bitrate / 1000) + "' height='360'" +
-               (trick ? " systemProfile='TavoPlusTrickTrack'" : "") + ">" +
-               Param("header-request", header) + Param("vbv", 1000000) + "</video>";
-    }
-    std::string Track(const std::string& element, const std::string& name, package::TrackKind kind,
-                      int clusters, size_t headerSize, size_t assetId) {
-        MediaShape shape;
-        shape.kind = kind;
-        shape.clusters = clusters;
-        const size_t header = Store(name, shape);
-        return "<" + element + " src='" + Url(name) + "' xml:lang='eng'>" +
-               Param("header-request", headerSize != 0 ? headerSize : header) +
-               Param("assetId", assetId) + "</" + element + ">";
+        const auto header = headerSize != 0 ? headerSize : file.layout.headerSize;
+        return "<" + element + " src='" + Url(name) + "' " + attributes +
+               "><param name='header-request' value='" + std::to_string(header) +
+               "'/><param name='assetId' value='" + std::to_string(assetId) + "'/></" + element +
+               ">";
     }
 };
 
