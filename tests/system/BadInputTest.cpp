@@ -136,7 +136,7 @@ TEST_F(BadInputTest, RepliesOfTheWrongLength) {
                   std::string(5000, 'x');
     m_origin.AddFault(longer.On("level0").Get().RangeStart(offset));
     EXPECT_EQ(Outcome(), 0) << "more than asked";
-    EXPECT_EQ(Pushed(1), ExpectedBlocks("level0"));
+    EXPECT_EQ(Pushed(kVideo), ExpectedBlocks("level0"));
 
     m_origin.ClearFaults();
     m_listener.Clear();

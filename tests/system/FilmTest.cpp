@@ -19,7 +19,6 @@ using opal::package::TimeCode;
 
 namespace {
 
-constexpr uint32_t kVideo = 1;
 constexpr int64_t kFilmMs = 160000;
 constexpr int64_t kTrickIntervalMs = 1000;
 
@@ -131,15 +130,21 @@ std::vector<uint8_t> WithStartCodes(std::vector<uint8_t> unit) {
     return unit;
 }
 
-/// What libavformat reads from a video file, by time.
-std::map<int64_t, std::vector<uint8_t>> ReadPackets(const std::string& path) {
+struct Packet {
+    std::vector<uint8_t> bytes;
+    int64_t durationMs = 0;
+};
+using Packets = std::map<int64_t, Packet>;  // by time
+
+/// What libavformat reads from a file.
+Packets ReadPackets(const std::string& path) {
     AVFormatContext* opened = nullptr;
     EXPECT_EQ(avformat_open_input(&opened, path.c_str(), nullptr, nullptr), 0);
     const opal::package::AvPtr<AVFormatContext> context(opened);
     const opal::package::AvPtr<AVPacket> packet(av_packet_alloc());
-    std::map<int64_t, std::vector<uint8_t>> packets;
+    Packets packets;
     while (opened && av_read_frame(opened, packet.get()) >= 0) {
-        packets[packet->pts].assign(packet->data, packet->data + packet->size);
+        packets[packet->pts] = {{packet->data, packet->data + packet->size}, packet->duration};
         av_packet_unref(packet.get());
     }
     return packets;
@@ -199,35 +204,48 @@ TEST_F(FilmTest, EveryTrickRateShowsItsPicturesInOrder) {
     EXPECT_LT(FinalizeMs(), 3000);
 }
 
-// Both models yield, in count, time and bytes, what libavformat reads from the same file.
+// Both models yield, in count, time and bytes, what libavformat reads from the same files.
 TEST_F(FilmTest, TheBlocksAreThePacketsOfTheFile) {
-    std::map<int64_t, std::vector<uint8_t>> packets =
-        ReadPackets(s_folder->File("film/" + s_presentation.entries[0].file));
-    ASSERT_EQ(packets.size(), static_cast<size_t>(kFilmMs / 40));
+    Packets packets[2];
+    for (const auto& entry : s_presentation.entries) {
+        if (entry.kind == opal::package::EntryKind::Audio)
+            packets[kAudio] = ReadPackets(s_folder->File("film/" + entry.file));
+        if (entry.kind == opal::package::EntryKind::Level)
+            packets[kVideo] = ReadPackets(s_folder->File("film/" + entry.file));
+    }
+    ASSERT_EQ(packets[kVideo].size(), static_cast<size_t>(kFilmMs / 40));
     ASSERT_EQ(Initialize(OPAL_WRITER_MODEL_PULL), OPAL_OK);
     ASSERT_EQ(m_player->Play(), OPAL_OK);
-    qutl::MemoryBuffer<unsigned char> data;
-    int64_t time = 0;
-    int64_t duration = 0;
-    uint32_t level = 0;
-    uint32_t flags = 0;
-    size_t pulled = 0;
-    OPALError code = OPAL_OK;
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while ((code == OPAL_OK || code == OPAL_ERROR_NOT_YET) &&
-           std::chrono::steady_clock::now() < end) {
-        code = m_player->PullVideoBlock(data, time, duration, level, flags);
-        if (code == OPAL_OK) {
-            ++pulled;
+    const auto pullAll = [this, &packets](decltype(&IStreamingController::PullVideoBlock) pull,
+                                          uint32_t type) {
+        qutl::MemoryBuffer<unsigned char> data;
+        int64_t time = 0;
+        int64_t duration = 0;
+        uint32_t level = 0;
+        uint32_t flags = 0;
+        size_t blocks = 0;
+        size_t keys = 0;
+        OPALError code = OPAL_OK;
+        while (code == OPAL_OK || code == OPAL_ERROR_NOT_YET) {
+            code = (m_player.get()->*pull)(data, time, duration, level, flags);
+            if (code != OPAL_OK) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                continue;
+            }
             const std::vector<uint8_t> bytes(data.GetData(), data.GetData() + data.GetSize());
-            ASSERT_EQ(bytes, packets[time]) << time;
-        } else {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            (void)m_player->PullAudioBlock(data, time, duration, level, flags);
+            const Packet& packet = packets[type][time];
+            EXPECT_EQ(bytes, packet.bytes) << type << " at " << time;
+            EXPECT_EQ(duration, packet.durationMs) << type << " at " << time;
+            ++blocks;
+            keys += flags == 16 ? 1 : 0;
         }
-    }
-    EXPECT_EQ(code, OPAL_ERROR_END_OF_DATA);
-    EXPECT_EQ(pulled, packets.size());
+        EXPECT_EQ(code, OPAL_ERROR_END_OF_DATA);
+        EXPECT_EQ(blocks, packets[type].size());
+        EXPECT_EQ(keys, type == kVideo ? kFilmMs / 2000 : blocks);
+    };
+    std::thread audio(pullAll, &IStreamingController::PullAudioBlock, kAudio);
+    pullAll(&IStreamingController::PullVideoBlock, kVideo);
+    audio.join();
     EXPECT_LT(FinalizeMs(), 3000);
 
     m_listener.Clear();
@@ -237,7 +255,7 @@ TEST_F(FilmTest, TheBlocksAreThePacketsOfTheFile) {
     const std::vector<SeenBlock> pushed = Pushed(kVideo);
     EXPECT_GT(pushed.size(), 50u);
     for (const SeenBlock& block : pushed) {
-        const std::vector<uint8_t> bytes = WithStartCodes(packets[block.timeMs]);
+        const std::vector<uint8_t> bytes = WithStartCodes(packets[kVideo][block.timeMs].bytes);
         EXPECT_EQ(block.size, bytes.size()) << block.timeMs;
         EXPECT_EQ(block.crc, Crc(bytes.data(), bytes.size())) << block.timeMs;
     }

@@ -11,8 +11,6 @@ using namespace opal::test;
 
 namespace {
 
-constexpr uint32_t kVideo = 1;
-
 class LinkTest : public SessionFixture {
   protected:
     explicit LinkTest(int speed = kSpeed) : SessionFixture(speed) {}

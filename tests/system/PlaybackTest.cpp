@@ -1,7 +1,5 @@
 #include <gmock/gmock.h>
 
-#include <thread>
-
 #include "system/SessionFixture.h"
 
 using namespace opal::test;
@@ -9,17 +7,7 @@ using testing::ElementsAre;
 
 namespace {
 
-constexpr uint32_t kAudio = 0;
-constexpr uint32_t kVideo = 1;
-
 class PlaybackTest : public SessionFixture {};
-
-std::vector<int64_t> Times(const std::vector<SeenBlock>& blocks) {
-    std::vector<int64_t> times;
-    for (const SeenBlock& block : blocks)
-        times.push_back(block.timeMs);
-    return times;
-}
 
 }  // namespace
 
@@ -42,47 +30,6 @@ TEST_F(PlaybackTest, AFilmPlaysToItsEndAndEveryBlockReachesTheSetOnce) {
                                                 "OnEndOfStream", "OnStop"));
     EXPECT_EQ(m_listener.Progress().back(), 100u);
     EXPECT_EQ(m_player->Finalize(), OPAL_OK) << "a second time finds nothing";
-}
-
-TEST_F(PlaybackTest, ThePullModelGivesTheSameBlocks) {
-    Serve({});
-    ASSERT_EQ(Initialize(OPAL_WRITER_MODEL_PULL), OPAL_OK);
-    ASSERT_EQ(m_player->Play(), OPAL_OK);
-    ASSERT_TRUE(m_listener.WaitFor("OnPlay 1 0 -1"));
-    using Pull = OPALError (IStreamingController::*)(qutl::MemoryBuffer<unsigned char>&, int64_t&,
-                                                     int64_t&, uint32_t&, uint32_t&);
-    std::vector<SeenBlock> pulled[2];
-    std::vector<uint32_t> flags;
-    const auto pullAll = [&](Pull pull, std::vector<SeenBlock>& blocks, bool video) {
-        qutl::MemoryBuffer<unsigned char> data;
-        int64_t time = 0;
-        int64_t duration = 0;
-        uint32_t level = 0;
-        uint32_t blockFlags = 0;
-        OPALError result = OPAL_OK;
-        while (result == OPAL_OK || result == OPAL_ERROR_NOT_YET) {
-            result = (m_player.get()->*pull)(data, time, duration, level, blockFlags);
-            if (result == OPAL_OK) {
-                blocks.push_back({time, static_cast<uint32_t>(data.GetSize()),
-                                  Crc(data.GetData(), data.GetSize())});
-                EXPECT_EQ(duration, video ? 200 : 40);
-                if (video)
-                    flags.push_back(blockFlags);
-            } else {
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            }
-        }
-        EXPECT_EQ(result, OPAL_ERROR_END_OF_DATA);
-    };
-    std::thread audio(
-        [&] { pullAll(&IStreamingController::PullAudioBlock, pulled[kAudio], false); });
-    pullAll(&IStreamingController::PullVideoBlock, pulled[kVideo], true);
-    audio.join();
-    for (const auto& [type, file] :
-         {std::pair<uint32_t, std::string>{kAudio, "audio0"}, {kVideo, "level0"}})
-        EXPECT_EQ(pulled[type], FileBlocks(file)) << file;
-    EXPECT_EQ(std::count(flags.begin(), flags.end(), 16u), 5) << "one key frame a cluster";
-    EXPECT_LT(FinalizeMs(), 3000);
 }
 
 TEST_F(PlaybackTest, PauseSeekStopAndASecondSessionTellTheListenerOnceEach) {
@@ -243,32 +190,5 @@ TEST_F(PlaybackTest, TrickRatesShowKeyFramesInTheirDirectionAndReturn) {
         })) << record.rangeText;
     }
     EXPECT_GE(trickRequests, 6u);
-    EXPECT_LT(FinalizeMs(), 3000);
-}
-
-TEST_F(PlaybackTest, ReversePlayReachesTheStartOfTheFile) {
-    Presentation film;
-    film.clusters = 15;
-    film.trick = true;
-    StartPlaying(film);
-    ASSERT_TRUE(WaitForPosition(9000));
-    EXPECT_EQ(m_player->SetPlayRate(OPAL_PLAYRATE_TWOXRW), OPAL_OK);
-    ASSERT_TRUE(m_listener.WaitFor("OnPlayRateChanged 3"));
-    // The last frame is given to the decoder twice: it holds one back, and nothing follows.
-    ASSERT_TRUE(Eventually([] {
-        const auto pushed = Times(Pushed(kVideo));
-        return pushed.size() > 2 && pushed[pushed.size() - 1] == pushed[pushed.size() - 2];
-    }));
-    EXPECT_EQ(m_player->SetPlayRate(OPAL_PLAYRATE_ONEX), OPAL_OK);
-    ASSERT_TRUE(m_listener.WaitFor("OnPlay 1 0 -1", 2));
-    EXPECT_LT(FinalizeMs(), 3000);
-    EXPECT_EQ(m_listener.Count("OnError -1 ''"), 0u);
-}
-
-TEST_F(PlaybackTest, WithoutATrickTrackATrickRateIsRefused) {
-    StartPlaying({});
-    EXPECT_EQ(m_player->SetPlayRate(OPAL_PLAYRATE_TWOXFF), OPAL_ERROR_OUT_OF_RANGE);
-    EXPECT_EQ(m_player->SetSubtitleTrack(0), OPAL_ERROR_OUT_OF_RANGE);
-    ASSERT_TRUE(m_listener.WaitFor("OnEndOfStream"));
     EXPECT_LT(FinalizeMs(), 3000);
 }

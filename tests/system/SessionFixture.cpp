@@ -196,15 +196,8 @@ uint32_t SessionFixture::Crc(const uint8_t* data, size_t size) {
     return CalculateCrc(table, data, size);
 }
 
-std::vector<SeenBlock> SessionFixture::FileBlocks(const std::string& file) const {
-    return Blocks(file, false);
-}
-
 std::vector<SeenBlock> SessionFixture::ExpectedBlocks(const std::string& file) const {
-    return Blocks(file, file.rfind("audio", 0) != 0);
-}
-
-std::vector<SeenBlock> SessionFixture::Blocks(const std::string& file, bool startCodes) const {
+    const bool startCodes = file.rfind("audio", 0) != 0;
     std::vector<SeenBlock> blocks;
     for (const package::Cluster& cluster : m_media.at(file)) {
         for (const package::Block& block : cluster.blocks) {

@@ -28,6 +28,10 @@ constexpr int kSpeed = 5;
 constexpr int kSpeed = 10;
 #endif
 
+/// Stream types in the journal of the set.
+constexpr uint32_t kAudio = 0;
+constexpr uint32_t kVideo = 1;
+
 /// A presentation of synthetic blocks that the pass-through set shows undecoded.
 struct Presentation {
     std::vector<int> levelKbps = {500};
@@ -92,7 +96,6 @@ class SessionFixture : public testing::Test {
     static uint32_t Crc(const uint8_t* data, size_t size);
     /// Access units that reached the set since the journal began, as the journal has them.
     static std::vector<SeenBlock> Pushed(uint32_t streamType);
-    std::vector<SeenBlock> FileBlocks(const std::string& file) const;
     /// What the set must get of a file: blocks with start codes in place of lengths for video.
     std::vector<SeenBlock> ExpectedBlocks(const std::string& file) const;
     /// Ranges of clusters asked for, in order: "level1/3" for cluster 3 of level 1.
@@ -107,7 +110,6 @@ class SessionFixture : public testing::Test {
     Presentation m_presentation;
 
   private:
-    std::vector<SeenBlock> Blocks(const std::string& file, bool startCodes) const;
     void AddFile(const std::string& name, const package::TrackDescription& track,
                  std::vector<package::Cluster> clusters);
 };
