@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "Common/Clock.h"
-#include "SMILParser/ISMILParser.h"
 #include "StreamingDemux/EBML/IClusterBuffer.h"
 #include "StreamingReader/IStreamingReader.h"
 #include "support/FakeHTTPFile.h"
@@ -58,7 +57,7 @@ inline bool Eventually(const std::function<bool()>& condition) {
     return true;
 }
 
-/// A server in memory and the means to fill it.
+/// A server in memory and what the readers write to.
 class ReaderFixture : public testing::Test {
   protected:
     ReaderFixture() { RegisterFakeHTTP(server); }
@@ -69,49 +68,10 @@ class ReaderFixture : public testing::Test {
         server->AddFile(url, std::string(file.bytes.begin(), file.bytes.end()));
         return file.layout;
     }
-    package::FileLayout ServeLevel(const std::string& url, const MediaShape& shape = {}) {
-        const auto layout = Serve(url, shape);
-        return AddEntry("video systemBitrate='" + std::to_string(++m_levels) + "'", url, layout);
-    }
-    package::FileLayout ServeTrick(const std::string& url, MediaShape shape) {
-        shape.trick = true;
-        return AddEntry("video systemProfile='TavoPlusTrickTrack'", url, Serve(url, shape));
-    }
-    package::FileLayout ServeAudio(const std::string& url, const MediaShape& shape) {
-        return AddEntry("audio", url, Serve(url, shape));
-    }
-    package::FileLayout ServeSubtitle(const std::string& url) {
-        MediaShape shape;
-        shape.kind = package::TrackKind::Subtitle;
-        return AddEntry("textstream xml:lang='eng'", url, Serve(url, shape));
-    }
-    /// Of what has been served so far.
-    ISMILParser* Manifest() {
-        const std::string text = "<smil><body><par>" + m_entries + "</par></body></smil>";
-        m_parser.reset(NewSMILParser());
-        EXPECT_EQ(OPAL_OK, m_parser->ParseSMILData(text.c_str(), text.size()));
-        return m_parser.get();
-    }
 
     const std::shared_ptr<FakeHTTPServer> server = std::make_shared<FakeHTTPServer>();
     ReportLog reports;
     const std::unique_ptr<IClusterBuffer> buffer{NewClusterBuffer(0xC00000)};
-
-  private:
-    package::FileLayout AddEntry(const std::string& element, const std::string& url,
-                                 const package::FileLayout& layout) {
-        const std::string entry = "<" + element + " src='" + url +
-                                  "'><param name='header-request' value='" +
-                                  std::to_string(layout.headerSize) + "'/></" +
-                                  element.substr(0, element.find(' ')) + ">";
-        const bool isVideo = element.compare(0, 5, "video") == 0;
-        m_entries += isVideo ? "<switch>" + entry + "</switch>" : entry;
-        return layout;
-    }
-
-    std::string m_entries;
-    int m_levels = 0;
-    std::unique_ptr<ISMILParser> m_parser;
 };
 
 }  // namespace opal::test
