@@ -12,7 +12,6 @@
 #include <string>
 
 #include "Common/Clock.h"
-#include "Common/StreamingTuning.h"
 #include "Common/network/NetworkInterface.h"
 #include "support/TemporaryDirectory.h"
 
@@ -59,10 +58,7 @@ class HTTPFileTest : public testing::Test {
         origin.AddGeneratedFile("/film.mkv", 5000000);
         url = origin.Url("/film.mkv");
     }
-    ~HTTPFileTest() override {
-        StreamingTuning::OverrideTimeouts(60, 60);
-        opal::SetNetworkSource();
-    }
+    ~HTTPFileTest() override { opal::SetNetworkSource(); }
 
     void SetLink(const std::string& carrier, const std::string& state) {
         sysfs.Write("class/net/lo/carrier", carrier + "\n");
@@ -127,29 +123,12 @@ TEST_F(HTTPFileTest, HeaderRequestGivesTheSizeOrAnError) {
     EXPECT_EQ(OPAL_OK, file.Open(url));
 }
 
-TEST_F(HTTPFileTest, RepliesOtherThanTheRangesAreContained) {
+TEST_F(HTTPFileTest, WhatCannotBeHeldIsRefusedAndTheNextReadServed) {
     ASSERT_EQ(OPAL_OK, file.Open(url));
     origin.AddFault(Fault::IgnoreRange().Get());
-    ASSERT_EQ(OPAL_OK, file.RequestRange(100, 100, nullptr));
-    ASSERT_EQ(OPAL_OK, file.GetCompletedRequest(request, false));
-    EXPECT_EQ(100u, request.GetBytesReceived());
-    EXPECT_EQ(origin.GeneratedByte(99), request.GetData()->GetData()[99]) << "the file's start";
     EXPECT_EQ(OPAL_ERROR_GENERAL, file.RequestRanges({{0, 5}, {9, 5}}, nullptr))
-        << "a reply far longer than its parts is refused";
-    EXPECT_EQ(OPAL_OK, file.Close());
-
-    ScriptedServer plain(
-        {{"HTTP/1.1 200 OK\r\nContent-Length: 4294967296\r\n\r\n", 0, ScriptedReply::After::Keep},
-         {"HTTP/1.1 206 Partial\r\nContent-Length: 10\r\n\r\n0123456789", 0,
-          ScriptedReply::After::Keep}});
-    ASSERT_EQ(OPAL_OK, file.Open(plain.Url("/a")));
-    ASSERT_EQ(OPAL_OK, file.RequestRanges({{0, 5}, {5, 5}}, nullptr)) << "joined by the server";
-    ASSERT_EQ(OPAL_OK, file.GetCompletedRequest(request, false));
-    EXPECT_EQ(0u, request.GetBytesReceived());
-    ASSERT_EQ(10u, request.GetData()->GetSize());
-    EXPECT_EQ(0, request.GetData()->GetData()[9]);
-    EXPECT_EQ(OPAL_ERROR_GENERAL, file.RequestRange(0, -1, nullptr)) << "above 32 bits";
-    EXPECT_EQ(OPAL_OK, file.RequestRange(0, 10, nullptr));
+        << "a reply far longer than its parts";
+    EXPECT_EQ(OPAL_OK, file.RequestRange(100, 100, nullptr)) << "cut off";
 }
 
 TEST_F(HTTPFileTest, AllRangesTravelOverOneConnection) {
@@ -181,7 +160,7 @@ TEST_F(HTTPFileTest, ServerErrorAfterACancelLeavesTheFileUsable) {
     EXPECT_EQ(OPAL_OK, file.RequestRange(0, 10, nullptr));
 }
 
-TEST_F(HTTPFileTest, ThreadedCancelStrikesWhatWasAskedBeforeIt) {
+TEST_F(HTTPFileTest, ThreadedCancelAndCloseStrikeWhatWasAskedBeforeThem) {
     ASSERT_EQ(OPAL_OK, threaded.Open(url));
     const uint64_t held = origin.AddFault(Fault::HoldRequest().Get());
     for (int64_t n = 0; n < 3; ++n)
@@ -198,14 +177,11 @@ TEST_F(HTTPFileTest, ThreadedCancelStrikesWhatWasAskedBeforeIt) {
         ASSERT_EQ(OPAL_OK, threaded.RequestRange(1000 + round, 10, nullptr));
         ASSERT_NO_FATAL_FAILURE(ExpectNext(threaded, 1000 + round));
     }
-}
 
-TEST_F(HTTPFileTest, ThreadedCloseEndsAStalledTransfer) {
-    ASSERT_EQ(OPAL_OK, threaded.Open(url));
-    const uint64_t held = origin.AddFault(Fault::StallAt(1000).Get());
-    ASSERT_EQ(OPAL_OK, threaded.RequestRange(0, -1, nullptr));
-    ASSERT_EQ(OPAL_OK, threaded.RequestRange(0, 10, nullptr));
-    ASSERT_TRUE(origin.WaitForHeld(held, 1, kWaitMs));
+    const uint64_t stalled = origin.AddFault(Fault::StallAt(1000).Get());
+    for (const int64_t length : {-1, 10})
+        ASSERT_EQ(OPAL_OK, threaded.RequestRange(0, length, nullptr));
+    ASSERT_TRUE(origin.WaitForHeld(stalled, 1, kWaitMs));
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(OPAL_OK, threaded.Close());
     EXPECT_GT(std::chrono::seconds(2), std::chrono::steady_clock::now() - start);
@@ -228,7 +204,6 @@ TEST_F(HTTPFileTest, ThreadedFailureSticksAndNamesTheLink) {
         const char* state;
         OPALError result;
     } kCases[] = {{"1", "up", OPAL_ERROR_CONNECT},
-                  {"0", "unknown", OPAL_ERROR_CONNECT},
                   {"0", "down", OPAL_ERROR_LINK_DOWN},
                   {"", "down", OPAL_ERROR_LINK_UNKNOWN}};
     for (const auto& test : kCases) {
@@ -245,18 +220,6 @@ TEST_F(HTTPFileTest, ThreadedFailureSticksAndNamesTheLink) {
         EXPECT_EQ(OPAL_ERROR_CONNECT, threaded.Open(url)) << "an Open never blames the link";
         ASSERT_TRUE(origin.Start());
     }
-}
-
-TEST_F(HTTPFileTest, TimeOutsAreReported) {
-    StreamingTuning::OverrideTimeouts(1, 1);
-    const uint64_t heldHead = origin.AddFault(Fault::HoldRequest().Head());
-    EXPECT_EQ(OPAL_ERROR_TIMEOUT, file.Open(url));
-    origin.Release(heldHead);
-    ASSERT_EQ(OPAL_OK, file.Open(url));
-    const uint64_t heldGet = origin.AddFault(Fault::StallAt(5).Get());
-    EXPECT_EQ(OPAL_ERROR_TIMEOUT, file.RequestRange(0, 10, nullptr));
-    origin.Release(heldGet);
-    EXPECT_EQ(OPAL_OK, file.RequestRange(0, 10, nullptr));
 }
 
 TEST_F(HTTPFileTest, ReadsLocalFiles) {

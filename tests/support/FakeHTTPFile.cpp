@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <list>
 #include <utility>
+
+#include "StreamingReader/HTTPFile/HTTPRequestInternal.h"
 
 namespace opal::test {
 namespace {
@@ -22,20 +25,6 @@ std::string Reply(const std::string& bytes, const std::vector<ByteRange>& ranges
 }
 
 }  // namespace
-
-FakeRule FakeRule::Fail(OPALError code, const std::string& url, Kind kind) {
-    FakeRule rule;
-    rule.url = url;
-    rule.kind = kind;
-    rule.result = code;
-    return rule;
-}
-
-FakeRule FakeRule::Hold(const std::string& url, Kind kind) {
-    FakeRule rule = Fail(OPAL_OK, url, kind);
-    rule.hold = true;
-    return rule;
-}
 
 void FakeHTTPServer::AddFile(const std::string& url, std::string bytes) {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -62,12 +51,6 @@ bool FakeHTTPServer::WaitForHeld(uint64_t id, size_t n, int64_t timeoutMs) {
     std::unique_lock<std::mutex> lock(m_mutex);
     return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
                               [&] { return m_rules.at(id)->held >= n; });
-}
-
-bool FakeHTTPServer::WaitForRequests(size_t n, int64_t timeoutMs) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                              [&] { return m_log.size() >= n; });
 }
 
 std::vector<FakeRequest> FakeHTTPServer::Log() const {
@@ -117,224 +100,219 @@ std::shared_ptr<FakeHTTPServer::ActiveRule> FakeHTTPServer::Strike(
     return std::make_shared<ActiveRule>();
 }
 
-void FakeHTTPFile::AwaitTurn(Lock& lock, bool alsoReads) {
-    m_server->m_changed.wait(lock, [&] { return !m_opening && !(alsoReads && m_reading); });
-}
+class FakeHTTPFile : public IHTTPFile {
+  public:
+    explicit FakeHTTPFile(const std::shared_ptr<FakeHTTPServer>& server) : m_server(server) {}
+    ~FakeHTTPFile() override { (void)Close(); }
 
-OPALError FakeHTTPFile::Status() const {
-    if (!m_open)
-        return OPAL_ERROR_NOT_READY;
-    if (m_closers > 0)
-        return OPAL_ERROR_TERMINATED;
-    return m_aborted ? OPAL_ERROR_CANCELLED : OPAL_OK;
-}
-
-OPALError FakeHTTPFile::Ending() const {
-    if (m_closers > 0 && !m_cancelled)
-        return OPAL_ERROR_TERMINATED;
-    return m_cancelled || m_aborted ? OPAL_ERROR_CANCELLED : OPAL_OK;
-}
-
-OPALError FakeHTTPFile::CheckRanges(const std::vector<ByteRange>& ranges) const {
-    if (ranges.empty())
-        return OPAL_ERROR_INVALID_ARGUMENT;
-    for (const ByteRange& range : ranges) {
-        if (range.offset < 0)
+    OPALError Open(const std::string& url) override {
+        if (url.compare(0, 7, "http://") != 0)
             return OPAL_ERROR_INVALID_ARGUMENT;
-        if (range.offset >= static_cast<int64_t>(m_bytes->size()))
-            return OPAL_ERROR_OUT_OF_RANGE;
-        if (range.length <= 0 || range.length > INT64_MAX - range.offset)
-            return OPAL_ERROR_INVALID_ARGUMENT;
-    }
-    return OPAL_OK;
-}
-
-OPALError FakeHTTPFile::Suffer(Lock& lock, FakeHTTPServer::ActiveRule& rule) {
-    if (rule.action) {
-        lock.unlock();
-        rule.action();
-        lock.lock();
-    }
-    if (rule.hold) {
-        ++rule.held;
+        Lock lock = Turn(false);
+        if (m_bytes || m_aborted)
+            return m_bytes ? OPAL_ERROR_NOT_READY : OPAL_ERROR_CANCELLED;
+        m_opening = true;
+        const auto request = std::make_shared<FakeRequest>(FakeRequest{url, true, {}});
+        OPALError result = Suffer(lock, *m_server->Strike(request));
+        const auto found = m_server->m_files.find(url);
+        if (result == OPAL_OK && found == m_server->m_files.end())
+            result = OPAL_ERROR_HTTP_CLIENT;
+        else if (result == OPAL_OK && found->second->empty())
+            result = OPAL_ERROR_GENERAL;
+        if (result == OPAL_OK) {
+            m_bytes = found->second;
+            m_url = url;
+            ++m_server->m_openFiles;
+        }
+        m_opening = false;
         m_server->m_changed.notify_all();
-        m_server->m_changed.wait(lock, [&] { return Ending() != OPAL_OK || rule.released; });
-        --rule.held;
+        return request->result = result;
     }
-    return Ending() != OPAL_OK ? Ending() : rule.result;
-}
 
-OPALError FakeHTTPFile::Deliver(const std::string& reply, size_t from, size_t to) {
-    if (to > from && m_pending.front().Write(reply.data() + from, to - from) != OPAL_OK)
-        return OPAL_ERROR_GENERAL;
-    m_inFlight = static_cast<int>(to);
-    return OPAL_OK;
-}
-
-FakeHTTPFile::~FakeHTTPFile() {
-    (void)Close();
-}
-
-OPALError FakeHTTPFile::Open(const std::string& url) {
-    if (url.compare(0, 7, "http://") != 0)
-        return OPAL_ERROR_INVALID_ARGUMENT;
-    Lock lock(m_server->m_mutex);
-    AwaitTurn(lock, false);
-    if (m_open)
-        return OPAL_ERROR_NOT_READY;
-    if (m_aborted)
-        return OPAL_ERROR_CANCELLED;
-    m_opening = true;
-    const auto request = std::make_shared<FakeRequest>(FakeRequest{url, true, {}});
-    request->result = Suffer(lock, *m_server->Strike(request));
-    const auto found = m_server->m_files.find(url);
-    if (request->result == OPAL_OK && found == m_server->m_files.end())
-        request->result = OPAL_ERROR_HTTP_CLIENT;
-    else if (request->result == OPAL_OK && found->second->empty())
-        request->result = OPAL_ERROR_GENERAL;
-    if (request->result == OPAL_OK) {
-        m_bytes = found->second;
-        m_url = url;
-        m_open = true;
-        ++m_server->m_openFiles;
-    }
-    m_opening = false;
-    m_server->m_changed.notify_all();
-    return request->result;
-}
-
-OPALError FakeHTTPFile::GetSize(int64_t& size) {
-    size = 0;
-    Lock lock(m_server->m_mutex);
-    AwaitTurn(lock, false);
-    if (Status() == OPAL_OK)
-        size = static_cast<int64_t>(m_bytes->size());
-    return Status();
-}
-
-OPALError FakeHTTPFile::RequestRange(int64_t offset, int64_t length, HTTPRequestNotify* notify) {
-    if (length < 0 && offset >= 0) {
-        int64_t size = 0;
-        (void)GetSize(size);
-        length = size - offset;
-    }
-    return RequestRanges({ByteRange(offset, length)}, notify);
-}
-
-OPALError FakeHTTPFile::RequestRanges(const std::vector<ByteRange>& ranges,
-                                      HTTPRequestNotify* notify) {
-    Lock lock(m_server->m_mutex);
-    AwaitTurn(lock, true);
-    OPALError result = Status();
-    if (result == OPAL_OK)
-        result = CheckRanges(ranges);
-    if (result != OPAL_OK)
-        return result;
-    m_reading = true;
-    m_pending.emplace_back(ranges, notify);
-    m_pending.front().MarkStart();
-    const auto request = std::make_shared<FakeRequest>(
-        FakeRequest{m_url, false, m_pending.front().BuildRangeString()});
-    const auto rule = m_server->Strike(request);
-
-    const std::string reply = Reply(*m_bytes, ranges);
-    const size_t first = std::min(reply.size(), static_cast<size_t>(rule->bytesFirst));
-    result = Deliver(reply, 0, first);
-    if (result == OPAL_OK)
-        result = Suffer(lock, *rule);
-    if (result == OPAL_OK)
-        result = Deliver(reply, first, reply.size());
-    request->result = result;
-    m_inFlight = 0;
-    m_cancelled = false;
-    if (result == OPAL_OK) {
-        m_pending.front().MarkEnd();
-        m_completed.splice(m_completed.end(), m_pending);
-        HTTPRequestInternal numbers;
-        numbers.Assign(m_completed.back(), false);
-        lock.unlock();  // the object told may look at the server, though not at this file
-        numbers.Notify();
-        lock.lock();
-    }
-    m_pending.clear();
-    m_reading = false;
-    m_server->m_changed.notify_all();
-    return result;
-}
-
-OPALError FakeHTTPFile::GetCompletedRequest(HTTPRequest& request, bool peek) {
-    request.Reset();
-    Lock lock(m_server->m_mutex);
-    AwaitTurn(lock, false);
-    if (Status() != OPAL_OK)
+    OPALError GetSize(int64_t& size) override {
+        const Lock lock = Turn(false);
+        size = Status() == OPAL_OK ? static_cast<int64_t>(m_bytes->size()) : 0;
         return Status();
-    if (!m_completed.empty()) {
-        request.Assign(m_completed.front(), !peek);
-        if (!peek)
-            m_completed.pop_front();
+    }
+
+    OPALError RequestRange(int64_t offset, int64_t length, HTTPRequestNotify* notify) override {
+        if (length < 0 && offset >= 0) {
+            int64_t size = 0;
+            (void)GetSize(size);
+            length = size - offset;
+        }
+        return RequestRanges({ByteRange(offset, length)}, notify);
+    }
+
+    OPALError RequestRanges(const std::vector<ByteRange>& ranges,
+                            HTTPRequestNotify* notify) override {
+        Lock lock = Turn(true);
+        OPALError result = Status() == OPAL_OK ? CheckRanges(ranges) : Status();
+        if (result != OPAL_OK)
+            return result;
+        m_reading = true;
+        m_pending.emplace_back(ranges, notify);
+        m_pending.front().MarkStart();
+        const auto request = std::make_shared<FakeRequest>(
+            FakeRequest{m_url, false, m_pending.front().BuildRangeString()});
+        const auto rule = m_server->Strike(request);
+
+        const std::string reply = Reply(*m_bytes, ranges);
+        const size_t first = std::min(reply.size(), static_cast<size_t>(rule->bytesFirst));
+        m_inFlight = static_cast<int>(first);
+        (void)m_pending.front().Write(reply.data(), first);
+        result = request->result = Suffer(lock, *rule);
+        m_inFlight = 0;
+        m_cancelled = false;
+        if (result == OPAL_OK) {
+            (void)m_pending.front().Write(reply.data() + first, reply.size() - first);
+            m_pending.front().MarkEnd();
+            m_completed.splice(m_completed.end(), m_pending);
+            HTTPRequestInternal numbers;
+            numbers.Assign(m_completed.back(), false);
+            lock.unlock();  // the object told may look at the server, though not at this file
+            numbers.Notify();
+            lock.lock();
+        }
+        m_pending.clear();
+        m_reading = false;
+        m_server->m_changed.notify_all();
+        return result;
+    }
+
+    OPALError GetCompletedRequest(HTTPRequest& request, bool peek) override {
+        request.Reset();
+        const Lock lock = Turn(false);
+        if (Status() != OPAL_OK)
+            return Status();
+        if (!m_completed.empty()) {
+            request.Assign(m_completed.front(), !peek);
+            if (!peek)
+                m_completed.pop_front();
+            return OPAL_OK;
+        }
+        if (m_pending.empty() || m_cancelled)
+            return OPAL_ERROR_OUT_OF_RANGE;
+        request.Assign(m_pending.front(), false);
+        return OPAL_ERROR_NOT_YET;
+    }
+
+    OPALError CancelRequests(bool cancelInFlight, bool clearCompleted) override {
+        const Lock lock = Turn(false);
+        if (Status() != OPAL_OK)
+            return Status();
+        m_cancelled = m_cancelled || (cancelInFlight && !m_pending.empty());
+        if (clearCompleted)
+            m_completed.clear();
+        m_server->m_changed.notify_all();
         return OPAL_OK;
     }
-    if (m_pending.empty() || m_cancelled)
-        return OPAL_ERROR_OUT_OF_RANGE;
-    request.Assign(m_pending.front(), false);
-    return OPAL_ERROR_NOT_YET;
-}
 
-OPALError FakeHTTPFile::CancelRequests(bool cancelInFlight, bool clearCompleted) {
-    Lock lock(m_server->m_mutex);
-    AwaitTurn(lock, false);
-    if (Status() != OPAL_OK)
-        return Status();
-    if (cancelInFlight && !m_pending.empty())
-        m_cancelled = true;
-    if (clearCompleted)
+    OPALError GetBytesInFlight(int& bytes) override {
+        const Lock lock(m_server->m_mutex);
+        bytes = m_inFlight;
+        return OPAL_OK;
+    }
+
+    OPALError Close() override {
+        Lock lock(m_server->m_mutex);
+        ++m_closers;
+        m_server->m_changed.notify_all();
+        lock.unlock();
+        lock = Turn(true);
+        m_server->m_openFiles -= m_bytes ? 1 : 0;
+        m_bytes.reset();
+        m_aborted = false;
         m_completed.clear();
-    m_server->m_changed.notify_all();
-    return OPAL_OK;
-}
+        --m_closers;
+        m_server->m_changed.notify_all();
+        return OPAL_OK;
+    }
 
-OPALError FakeHTTPFile::GetBytesInFlight(int& bytes) {
-    Lock lock(m_server->m_mutex);
-    bytes = m_inFlight;
-    return OPAL_OK;
-}
+    void Abort() override {
+        const Lock lock(m_server->m_mutex);
+        m_aborted = true;
+        m_server->m_changed.notify_all();
+    }
 
-OPALError FakeHTTPFile::Close() {
-    Lock lock(m_server->m_mutex);
-    ++m_closers;
-    m_server->m_changed.notify_all();
-    AwaitTurn(lock, true);
-    if (m_open)
-        --m_server->m_openFiles;
-    m_open = false;
-    m_aborted = false;
-    m_completed.clear();
-    --m_closers;
-    m_server->m_changed.notify_all();
-    return OPAL_OK;
-}
+  private:
+    using Lock = std::unique_lock<std::mutex>;
 
-void FakeHTTPFile::Abort() {
-    Lock lock(m_server->m_mutex);
-    m_aborted = true;
-    m_server->m_changed.notify_all();
+    /// Once neither an Open nor, for a read, another read runs.
+    Lock Turn(bool alsoReads) const {
+        Lock lock(m_server->m_mutex);
+        m_server->m_changed.wait(lock, [&] { return !m_opening && !(alsoReads && m_reading); });
+        return lock;
+    }
+
+    OPALError Status() const {
+        if (!m_bytes)
+            return OPAL_ERROR_NOT_READY;
+        if (m_closers > 0)
+            return OPAL_ERROR_TERMINATED;
+        return m_aborted ? OPAL_ERROR_CANCELLED : OPAL_OK;
+    }
+
+    /// What ends the Open or read that runs.
+    OPALError Ending() const {
+        if (m_closers > 0 && !m_cancelled)
+            return OPAL_ERROR_TERMINATED;
+        return m_cancelled || m_aborted ? OPAL_ERROR_CANCELLED : OPAL_OK;
+    }
+
+    OPALError CheckRanges(const std::vector<ByteRange>& ranges) const {
+        for (const ByteRange& range : ranges) {
+            if (range.offset >= static_cast<int64_t>(m_bytes->size()))
+                return OPAL_ERROR_OUT_OF_RANGE;
+            if (range.offset < 0 || range.length <= 0 || range.length > INT64_MAX - range.offset)
+                return OPAL_ERROR_INVALID_ARGUMENT;
+        }
+        return ranges.empty() ? OPAL_ERROR_INVALID_ARGUMENT : OPAL_OK;
+    }
+
+    /// Applies the rule but for its bytes.
+    OPALError Suffer(Lock& lock, FakeHTTPServer::ActiveRule& rule) {
+        if (rule.action) {
+            lock.unlock();
+            rule.action();
+            lock.lock();
+        }
+        if (rule.hold) {
+            ++rule.held;
+            m_server->m_changed.notify_all();
+            m_server->m_changed.wait(lock, [&] { return Ending() != OPAL_OK || rule.released; });
+            --rule.held;
+        }
+        return Ending() != OPAL_OK ? Ending() : rule.result;
+    }
+
+    // All under the server's mutex.
+    const std::shared_ptr<FakeHTTPServer> m_server;
+    std::shared_ptr<const std::string> m_bytes;  ///< null: not open
+    std::string m_url;
+    bool m_opening = false;
+    bool m_reading = false;
+    bool m_cancelled = false;
+    bool m_aborted = false;
+    int m_closers = 0;
+    int m_inFlight = 0;
+    std::list<HTTPRequestInternal> m_pending;
+    std::list<HTTPRequestInternal> m_completed;
+};
+
+IHTTPFile* NewFakeHTTPFile(const std::shared_ptr<FakeHTTPServer>& server) {
+    return new FakeHTTPFile(server);
 }
 
 void RegisterFakeHTTP(const std::shared_ptr<FakeHTTPServer>& server) {
-    class FakeHTTPFileObject : public HTTPFileObject {
-      public:
-        explicit FakeHTTPFileObject(const std::shared_ptr<FakeHTTPServer>& server)
-            : m_server(server) {}
+    struct FakeHTTPFileObject : HTTPFileObject {
         bool Accepts(int kind) const override { return kind == 0; }
-        IHTTPFile* Create(bool threaded) override {
-            return threaded ? nullptr : new FakeHTTPFile(m_server);
-        }
-
-      private:
-        const std::shared_ptr<FakeHTTPServer> m_server;
+        IHTTPFile* Create(bool) override { return new FakeHTTPFile(files); }
+        std::shared_ptr<FakeHTTPServer> files;
     };
-    ObjectFactory::Instance().Register(
-        boost::shared_ptr<HTTPFileObject>(new FakeHTTPFileObject(server)), true);
+    const boost::shared_ptr<FakeHTTPFileObject> object(new FakeHTTPFileObject);
+    object->files = server;
+    ObjectFactory::Instance().Register(object, true);
 }
 
 }  // namespace opal::test

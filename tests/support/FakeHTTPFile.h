@@ -3,7 +3,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -11,7 +10,6 @@
 #include <vector>
 
 #include "Common/ObjectFactory.h"
-#include "StreamingReader/HTTPFile/HTTPRequestInternal.h"
 #include "StreamingReader/HTTPFile/IHTTPFile.h"
 
 namespace opal::test {
@@ -42,15 +40,18 @@ struct FakeRule {
     bool hold = false;             ///< until Release, cancelled, aborted or closed
     OPALError result = OPAL_OK;    ///< other than 0: fails with it
 
-    static FakeRule Fail(OPALError code, const std::string& url = {}, Kind kind = Kind::Any);
-    static FakeRule Hold(const std::string& url = {}, Kind kind = Kind::Any);
+    static FakeRule Fail(OPALError code, const std::string& url = {}, Kind kind = Kind::Any) {
+        return {url, kind, 0, -1, 0, {}, false, code};
+    }
+    static FakeRule Hold(const std::string& url = {}, Kind kind = Kind::Any) {
+        return {url, kind, 0, -1, 0, {}, true, OPAL_OK};
+    }
 };
 
 /// A server in memory: files by URL, rules, and a log of the requests, shared by the FakeHTTPFiles
 /// made from it.
 ///
-/// Threading: any operation from any thread. WaitForHeld and WaitForRequests alone block, within
-/// their time.
+/// Threading: any operation from any thread. WaitForHeld alone blocks, within its time.
 class FakeHTTPServer {
   public:
     void AddFile(const std::string& url, std::string bytes);
@@ -59,7 +60,6 @@ class FakeHTTPServer {
     /// The rule goes, and what it holds goes on.
     void Release(uint64_t id);
     [[nodiscard]] bool WaitForHeld(uint64_t id, size_t n, int64_t timeoutMs);
-    [[nodiscard]] bool WaitForRequests(size_t n, int64_t timeoutMs);
     /// In the order of arrival.
     std::vector<FakeRequest> Log() const;
     /// The ranges of each read of `url`, or of all files.
@@ -83,59 +83,17 @@ class FakeHTTPServer {
     std::condition_variable m_changed;
     std::map<std::string, std::shared_ptr<const std::string>> m_files;
     std::map<uint64_t, std::shared_ptr<ActiveRule>> m_rules;
-    std::list<std::shared_ptr<FakeRequest>> m_log;
+    std::vector<std::shared_ptr<FakeRequest>> m_log;
     uint64_t m_lastId = 0;
     size_t m_openFiles = 0;
 };
 
-/// A blocking IHTTPFile on a FakeHTTPServer, with the results, waits and cancellation of the real
-/// one. A missing file fails its Open with -12; only "http://" URLs are accepted.
-class FakeHTTPFile : public IHTTPFile {
-  public:
-    explicit FakeHTTPFile(const std::shared_ptr<FakeHTTPServer>& server) : m_server(server) {}
-    ~FakeHTTPFile() override;
+/// A blocking IHTTPFile on the server, with the results, waits and cancellation of the real one. A
+/// missing file fails its Open with -12; only "http://" URLs are accepted.
+IHTTPFile* NewFakeHTTPFile(const std::shared_ptr<FakeHTTPServer>& server);
 
-    OPALError Open(const std::string& url) override;
-    OPALError GetSize(int64_t& size) override;
-    OPALError RequestRange(int64_t offset, int64_t length, HTTPRequestNotify* notify) override;
-    OPALError RequestRanges(const std::vector<ByteRange>& ranges,
-                            HTTPRequestNotify* notify) override;
-    OPALError GetCompletedRequest(HTTPRequest& request, bool peek) override;
-    OPALError CancelRequests(bool cancelInFlight, bool clearCompleted) override;
-    OPALError GetBytesInFlight(int& bytes) override;
-    OPALError Close() override;
-    void Abort() override;
-
-  private:
-    using Lock = std::unique_lock<std::mutex>;
-
-    /// Waits until neither an Open nor, for a read, another read runs.
-    void AwaitTurn(Lock& lock, bool alsoReads);
-    OPALError Status() const;
-    /// What ends the Open or read that runs.
-    OPALError Ending() const;
-    OPALError CheckRanges(const std::vector<ByteRange>& ranges) const;
-    /// Applies the rule but for its bytes.
-    OPALError Suffer(Lock& lock, FakeHTTPServer::ActiveRule& rule);
-    OPALError Deliver(const std::string& reply, size_t from, size_t to);
-
-    // All under the server's mutex.
-    const std::shared_ptr<FakeHTTPServer> m_server;
-    std::shared_ptr<const std::string> m_bytes;
-    std::string m_url;
-    bool m_open = false;
-    bool m_opening = false;
-    bool m_reading = false;
-    bool m_cancelled = false;
-    bool m_aborted = false;
-    int m_closers = 0;
-    int m_inFlight = 0;
-    std::list<HTTPRequestInternal> m_pending;
-    std::list<HTTPRequestInternal> m_completed;
-};
-
-/// Puts the server in front of the object factory's list: every blocking file made from now on
-/// reads from it. ObjectFactory::Instance().Reset() takes it out again.
+/// Puts the server in front of the object factory's list: every file made from now on reads from
+/// it, blocking. ObjectFactory::Instance().Reset() takes it out again.
 void RegisterFakeHTTP(const std::shared_ptr<FakeHTTPServer>& server);
 
 }  // namespace opal::test
