@@ -108,6 +108,7 @@ TEST_F(PlaybackTest, SeekRestartsAtAClusterWithoutAStaleByte) {
     EXPECT_TRUE(HasRead("v1", 50));
     EXPECT_FALSE(HasRead("v0", 50));
     EXPECT_THAT(listener.Lines(), ElementsAre("OnVideoLevelChanged 2 0 1", "OnPlay 1 0 -1"));
+    ASSERT_FALSE(listener.Progress().empty());
     EXPECT_EQ(100u, listener.Progress().back());
 }
 
