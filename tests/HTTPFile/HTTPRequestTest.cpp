@@ -92,6 +92,11 @@ TEST(MIMEParser, WorkStaysLinear) {
     ASSERT_TRUE(Feed(endlessLine, "\r\n--").empty());
     for (int n = 0; n < 100000; ++n)
         ASSERT_TRUE(Feed(endlessLine, "\r").empty());
+    MIMEParser largePart;
+    ASSERT_TRUE(Feed(largePart, "\r\n--B\r\n\r\n").empty());
+    const std::string piece(100, 'x');
+    for (int n = 0; n < 100000; ++n)
+        ASSERT_TRUE(Feed(largePart, piece).empty());
 }
 
 TEST(HTTPRequest, HoldsTheSameHoweverTheReplyIsCutAndNeverMoreThanWasAskedFor) {
