@@ -95,8 +95,8 @@ TEST_F(ShutdownTest, FinalizeEndsATransferThatAnAccessorWaitsFor) {
         std::async(std::launch::async, [&] { return controller->GetAudioTrackInfo(0, info); });
     EXPECT_EQ(std::future_status::timeout, asking.wait_for(std::chrono::milliseconds(50)));
     ASSERT_EQ(OPAL_OK, controller->SetSubtitleTrack(0));
-    std::future<size_t>
-        count;  // waits behind the loop once that puts the subtitles' buffer in place
+    // An accessor waits behind the loop once that puts the subtitles' buffer in place.
+    std::future<size_t> count;
     ASSERT_TRUE(Eventually([&] {
         count = std::async(std::launch::async, [&] { return controller->GetVideoLevelCount(); });
         return count.wait_for(std::chrono::milliseconds(50)) == std::future_status::timeout;
