@@ -122,6 +122,7 @@ TEST(HTTPRequest, HoldsTheSameHoweverTheReplyIsCutAndNeverMoreThanWasAskedFor) {
          "\r\n--B\r\n\r\nhe\r\n\r\nlo\r\n--B\r\n\r\nabc\r\n--B--\r\n",
          "he\r\n\r\nlolo\x61",
          11},
+        {"one part without a boundary", {{0, 5}, {5, 3}}, "hellobye", std::string(8, '\0'), 0},
         {"the whole file instead", {{100, 5}}, std::string(1000, 'x'), "xxxxx", 5},
     };
     for (const auto& test : kCases) {

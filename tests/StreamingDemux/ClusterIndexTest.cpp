@@ -130,6 +130,10 @@ TEST(ClusterIndex, OffsetsWrapWithoutOverflow) {
     EXPECT_EQ(index.GetOffset(0), std::numeric_limits<int64_t>::max() - 1);
     EXPECT_EQ(index.GetSize(0), 2);
     EXPECT_EQ(index.GetHeaderSize(0), 0xFFFFFFFFu);
+    int64_t offset = 0;
+    uint32_t size = 0;
+    EXPECT_EQ(index.GetFrame(0, 0, offset, size), OPAL_OK);
+    EXPECT_EQ(size, 3u) << "3 - 2^32 in 32 bits";
 }
 
 }  // namespace

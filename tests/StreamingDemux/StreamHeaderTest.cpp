@@ -122,6 +122,7 @@ TEST(StreamHeader, EachAnswerNeedsItsElements) {
         {"infinity", info("7f800000", "0f4240"), " -1 ms"},
         {"not a number", info("7fc00000", "0f4240"), " -1 ms"},
         {"2^100", info("71800000", "0f4240"), " -1 ms"},
+        {"2^-100", info("0d800000", "0f4240"), " -1 ms"},
         {"7199025, short after rounding", info("4adbb262", "0f4240"), " 7199024 ms"},
         {"too large", info("4f000000", "ffffffffffffffff"), " 9223372036854775807 ms"},
         {"video first", Element(kTracks, track("01", frame) + track("02", "")), "frame 40000000,"},
