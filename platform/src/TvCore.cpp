@@ -263,7 +263,7 @@ int TvCore::PushVideo(Unit unit, bool forItem) {
     m_videoBytes = after;
     m_pushedPts = unit.pts;
     m_pictureStale |= m_flushed;
-    if (m_flushed || !m_pictureStale) {
+    if (m_flushed || !m_pictureStale || unit.pts < m_highestPts) {
         m_highestPts = unit.pts;
     }
     m_flushed = false;
@@ -330,7 +330,9 @@ int TvCore::SetBlack(bool black) {
 uint32_t TvCore::VideoPts() const {
     // Never above what was pushed last: whoever subtracts the two counts on it. After a jump back
     // the old picture is still on the screen; what was pushed since then is all still to come.
-    return m_hasPicture ? std::min<uint32_t>(m_shownPts, m_highestPts) : 0;
+    // Read in the reverse order of their change, so that no picture of before meets a later limit.
+    const uint32_t highest = m_highestPts;
+    return m_hasPicture ? std::min<uint32_t>(m_shownPts, highest) : 0;
 }
 
 void TvCore::PictureSize(int& width, int& height) const {

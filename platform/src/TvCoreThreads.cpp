@@ -176,6 +176,7 @@ void TvCore::PopPicture() {
 void TvCore::ShowFront(std::unique_lock<std::mutex>& lock) {
     const Picture picture = m_pictures.front();
     PopPicture();
+    const uint64_t generation = m_generation;
     m_showing = true;
     m_screen = picture;
     lock.unlock();
@@ -198,8 +199,10 @@ void TvCore::ShowFront(std::unique_lock<std::mutex>& lock) {
     // The gauge moves last: who sees it changed must also see the new PTS, or a jump forward would
     // be taken for a decoder that has run dry behind a full queue.
     m_shownPts = picture.pts;
-    m_pictureStale = false;
-    m_highestPts = m_pushedPts;
+    if (generation == m_generation) {
+        m_pictureStale = false;
+        m_highestPts = m_pushedPts;
+    }
     m_hasPicture = true;
     ++m_gauge;
     m_showing = false;

@@ -141,8 +141,13 @@ TEST_F(HABVideoTest, StaysTwoSecondsAheadAndAfterAFlushWaitsForThePictureToMove)
     Advance(300);
     EXPECT_GE(m_session.Position(), 60200);
     EXPECT_EQ(OPAL_OK, m_session.video->Flush());
-    m_session.QueueAll({5000});
-    EXPECT_LE(m_session.Buffered(), 60000);
+    control::Freeze(true);
+    m_session.QueueAll({5000, 5080, 5040});
+    EXPECT_EQ(40, m_session.Buffered()) << "the last less the first: none is on the screen yet";
+    EXPECT_EQ(OPAL_OK, m_session.video->Flush());
+    m_session.QueueAll({5080, 5000});
+    EXPECT_LE(m_session.Buffered(), 80) << "the first is not the lowest";
+    control::Freeze(false);
     Settle();
     EXPECT_EQ(5000, m_session.Position());
     VideoErrorCount() = 1;
