@@ -113,6 +113,9 @@ OPALError HTTPFile::InitCURLOptions_Unlocked(bool headerOnly) {
     SetOption(curl, CURLOPT_SOCKOPTFUNCTION, &HTTPFile::OnSocket);
     SetOption(curl, CURLOPT_FOLLOWLOCATION, 1L);
     SetOption(curl, CURLOPT_MAXREDIRS, kMaxRedirects);
+#if LIBCURL_VERSION_NUM >= 0x075500
+    SetOption(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+#endif
 #if LIBCURL_VERSION_NUM >= 0x075700
     // Else a transfer that is ended while the name server is silent waits for the resolver.
     SetOption(curl, CURLOPT_QUICK_EXIT, 1L);
