@@ -226,7 +226,9 @@ TEST_F(FilmTest, TheBlocksAreThePacketsOfTheFile) {
         size_t blocks = 0;
         size_t keys = 0;
         OPALError code = OPAL_OK;
-        while (code == OPAL_OK || code == OPAL_ERROR_NOT_YET) {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while ((code == OPAL_OK || code == OPAL_ERROR_NOT_YET) &&
+               std::chrono::steady_clock::now() < end) {
             code = (m_player.get()->*pull)(data, time, duration, level, flags);
             if (code != OPAL_OK) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));

@@ -134,6 +134,10 @@ TEST_F(OriginTest, FaultsAsAClientSeesThem) {
         m_origin.Release(id);
         EXPECT_EQ("234", Connect().Ask("GET", "/a.mkv", "2-4").body);
     }
+    m_origin.AddFault(Fault::Status(503).On("?.mkv").Covering(7).Nth(2));
+    for (const auto& [range, status] : {std::pair("2-4", 206), std::pair("6-8", 206),
+                                        std::pair("0-1,7-7", 503), std::pair("6-8", 206)})
+        EXPECT_EQ(status, Connect().Ask("GET", "/a.mkv", range).status) << range;
     Fault longer = Fault::ExtraBytes(5);
     longer.closeAfter = true;
     m_origin.AddFault(longer.On("a.mkv"));

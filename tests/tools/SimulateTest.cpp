@@ -90,8 +90,8 @@ TEST_F(SimulateTest, SessionsSideBySideFollowTheirLinksStallAndRecover) {
             EXPECT_EQ(result.clusters == 60, finished) << what;
         }));
     }
-    for (const auto& session : sessions)
-        session.wait();
+    for (auto& session : sessions)
+        session.get();
     Tunables bounded = Tunables::Current();
     bounded.Set("maxBuffer=8000");
     bounded.Apply();
