@@ -133,6 +133,7 @@ TEST_F(SwitchingControllerTest, StartUpModeHintAndZeroBandwidth) {
     four.controller->SetBandwidth(0);
     four.controller->SetStartupTime(1500);
     EXPECT_EQ(four.controller->GetCurrentLevel(), 0);
+    EXPECT_EQ(four.Video(125000, -5, 2000), 0) << "a clock set back makes no duration";
 
     AlgorithmConfig::Global global;
     global.maxLevelDrop = 0;

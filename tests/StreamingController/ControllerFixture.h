@@ -113,8 +113,13 @@ class TestController : public StreamingController {
     OPALError videoConfigure = OPAL_OK;
     std::string videoConfiguration;
     std::string subtitleConfiguration;
+    std::vector<size_t> buffers;  ///< capacities, in the order of creation
 
   protected:
+    IClusterBuffer* NewClusterBuffer(size_t capacity) override {
+        buffers.push_back(capacity);
+        return StreamingController::NewClusterBuffer(capacity);
+    }
     IStreamSwitchingController* NewSwitchingController() override {
         switching = new FakeSwitching;
         switching->mode = mode;

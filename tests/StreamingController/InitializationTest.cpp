@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <boost/make_shared.hpp>
+#include <climits>
 
 #include "Common/ConfigurationFiles.h"
 #include "ContentSession/IProtectedContent.h"
@@ -158,6 +159,7 @@ TEST_F(InitializationTest, StartLevelByProbeHintAndDecision) {
     HandClock clock;
     FilmShape film;
     film.levels = 6;
+    film.clusters = 180;
     Serve(film);
     struct Case {
         InitialBandwidthMode mode;
@@ -172,6 +174,7 @@ TEST_F(InitializationTest, StartLevelByProbeHintAndDecision) {
     for (const Case& c :
          std::vector<Case>{{InitialBandwidthMode_BandwidthProbe, 5, 1200, 4, 512000},
                            {InitialBandwidthMode_BandwidthProbe, 0, 0, 0, 0},
+                           {InitialBandwidthMode_BandwidthProbe, 0, 1, 0, INT_MAX},  // and more
                            {InitialBandwidthMode_BandwidthProbe, 5, -1, 0, -1},
                            {InitialBandwidthMode_BandwidthHint, 3, 0, 3, 777},
                            {InitialBandwidthMode_LowestLevel, 2, 0, 2, -1},
@@ -183,6 +186,7 @@ TEST_F(InitializationTest, StartLevelByProbeHintAndDecision) {
         rule.kind = c.probeMs < 0 ? FakeRule::Kind::Open : FakeRule::Kind::Read;
         rule.result = c.probeMs < 0 ? OPAL_ERROR_CONNECT : OPAL_OK;
         rule.count = 1;
+        rule.skip = c.probeMs == 1 ? 2 : 0;  // the whole file in 1 ms
         rule.action = [&] { clock.ms += std::max<int64_t>(0, c.probeMs); };
         if (c.mode == InitialBandwidthMode_BandwidthProbe)
             server->AddRule(rule);

@@ -195,6 +195,8 @@ TEST_F(PlaybackTest, TrickPlayTakesKeyFramesAndComesBack) {
     EXPECT_THAT(journal.Lines(),
                 ElementsAre("video SetPaused true", "audio SetPaused true", "video Flush",
                             "audio Flush", "video SetRate OPAL_PLAYRATE_FOURXFF"));
+    for (const auto& restarts : controller->switching->restarts)
+        EXPECT_EQ(1, restarts);
     EXPECT_EQ(StreamingController::CONTROLLER_TRICK, controller->GetState());
     const size_t before = controller->video->BlockCount();
     ASSERT_TRUE(UntilEvent("OnPlayRateChanged 4"));
@@ -221,6 +223,9 @@ TEST_F(PlaybackTest, TrickPlayTakesKeyFramesAndComesBack) {
     controller->video->SetPositionMs(4500);
     server->ClearLog();
     ASSERT_EQ(OPAL_OK, controller->SetPlayRate(OPAL_PLAYRATE_ONEX));
+    EXPECT_THAT(journal.Lines(),
+                ElementsAre("video SetPaused true", "audio SetPaused true", "video Flush",
+                            "audio Flush", "video SetRate OPAL_PLAYRATE_ONEX"));
     ASSERT_TRUE(UntilEvent("OnPlay 1 0 -1"));
     EXPECT_TRUE(HasRead("v0", 2));
     EXPECT_FALSE(HasRead("v0", 1));

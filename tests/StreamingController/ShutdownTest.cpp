@@ -56,7 +56,7 @@ TEST_F(ShutdownTest, FinalizeDoesNotWaitForTheNetwork) {
         });
         EXPECT_TRUE(server->WaitForHeld(held, 1, 10000));
         EXPECT_TRUE(FinalizePromptly());
-        application.wait();
+        application.get();
         EXPECT_TRUE(FinalizePromptly());
         server->Release(held);
         EXPECT_THAT(listener.Lines(),
@@ -184,6 +184,7 @@ TEST_F(ShutdownTest, ASecondInitializeEndsTheFirstSession) {
     listener.Clear();
     ASSERT_EQ(OPAL_OK, Initialize());
     EXPECT_EQ(before, controller->switching);
+    EXPECT_EQ(2u, controller->buffers.size());  // those of the first session
     EXPECT_EQ(1u, controller->switching->levelCount);
     EXPECT_THAT(listener.Lines(), ElementsAre("OnStop", "OnVideoLevelChanged 1 0 0"));
     EXPECT_EQ(0u, controller->video->BlockCount());

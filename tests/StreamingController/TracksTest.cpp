@@ -106,6 +106,7 @@ TEST_F(TracksTest, ASubtitleTrackIsOpenedShownChangedAndSwitchedOff) {
     ASSERT_TRUE(UntilEvent("OnSubtitleTrackChanged 0"));
     EXPECT_THAT(listener.Lines(), ElementsAre("OnPause", "OnSubtitleTrackChanged 0"));
     EXPECT_EQ("video SetPaused true", journal.Lines().at(1));
+    EXPECT_THAT(controller->buffers, ElementsAre(12 * 1024 * 1024, 384000, 384000));
     EXPECT_EQ("S_TEXT/UTF8 font 2", controller->subtitleConfiguration);
     ASSERT_TRUE(Until([&] { return controller->subtitle->BlockCount() > 0; }));
     EXPECT_EQ(4000, Times(*controller->subtitle)[0]);

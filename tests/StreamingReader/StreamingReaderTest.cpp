@@ -313,9 +313,12 @@ TEST_F(StreamingReaderTest, TransferIsObservedAndCancelledWithoutItsLock) {
 TEST_F(StreamingReaderTest, OpeningIsNotCancelledButAborted) {
     Make();
     for (const FakeRule::Kind kind : {FakeRule::Kind::Open, FakeRule::Kind::Read}) {
-        const uint64_t held = server->AddRule(FakeRule::Hold({}, kind));
+        FakeRule rule = FakeRule::Hold({}, kind);
+        rule.skip = kind == FakeRule::Kind::Read ? 2 : 0;  // the index
+        const uint64_t held = server->AddRule(rule);
         auto opening = std::async(std::launch::async, [&] { return reader->Open(); });
         ASSERT_TRUE(server->WaitForHeld(held, 1, 10000));
+        EXPECT_EQ(STREAMING_READER_NOT_OPEN, reader->GetState());  // and not at its end
         EXPECT_EQ(OPAL_OK, reader->CancelTransfers());
         EXPECT_EQ(std::future_status::timeout, opening.wait_for(std::chrono::milliseconds(30)));
         reader->AbortTransfers();
