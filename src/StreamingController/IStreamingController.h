@@ -72,7 +72,8 @@ class IStreamingController {
     virtual size_t GetCurrentAudioTrack() = 0;
     virtual size_t GetCurrentSubtitleTrack() = 0;
     virtual OPALError SetAudioTrack(size_t index) = 0;
-    /// (size_t)-1 switches subtitles off.
+    /// (size_t)-1 switches subtitles off. A track that is switched on in a pause resumes the
+    /// session.
     virtual OPALError SetSubtitleTrack(size_t index) = 0;
     /// The next block of a stream in the pull model, as the file holds it (H.264 with the lengths
     /// of its NAL units in front); `time` and `duration` in ms, `flags` 16 for a key frame. -7:

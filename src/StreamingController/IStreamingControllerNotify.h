@@ -12,13 +12,12 @@
 ///
 /// Threading: calls come from the controller's event-loop thread, with four exceptions.
 /// OnVideoLevelChanged comes on the caller's thread during initialisation, Seek and Resume; OnError
-/// with -23 on the caller's thread during Play and Resume; OnError of a ticket that does not open
-/// on the initialising thread; OnSubtitle on the subtitle sink's thread. Most calls are made with
-/// the controller's lock held: a listener must not block. It may call the controller back, for the
-/// lock is recursive; but not Finalize (which answers -1 from a callback), and from OnSubtitle no
-/// operation at all, since that thread must not wait for the controller.
-/// Ownership: the application's; it must outlive the controller's Finalize.
-/// Units: milliseconds; percent.
+/// with -23 on the caller's thread during Play, Resume and SetPlayRate; OnError of a ticket that
+/// does not open on the initialising thread; OnSubtitle on the subtitle sink's thread. Most calls
+/// are made with the controller's lock held: a listener must not block. It may call the controller
+/// back, for the lock is recursive; but not Finalize (which answers -1 from a callback), and from
+/// OnSubtitle no operation at all, since that thread must not wait for the controller. Ownership:
+/// the application's; it must outlive the controller's Finalize. Units: milliseconds; percent.
 class IStreamingControllerNotify {
   public:
     virtual ~IStreamingControllerNotify() = default;
