@@ -16,8 +16,9 @@
 /// does not open on the initialising thread; OnSubtitle on the subtitle sink's thread. Most calls
 /// are made with the controller's lock held: a listener must not block. It may call the controller
 /// back, for the lock is recursive; but not Finalize (which answers -1 from a callback), and from
-/// OnSubtitle no operation at all, since that thread must not wait for the controller. Ownership:
-/// the application's; it must outlive the controller's Finalize. Units: milliseconds; percent.
+/// OnSubtitle no operation at all, since that thread must not wait for the controller.
+/// Ownership: the application's; it must outlive the controller's Finalize.
+/// Units: milliseconds; percent.
 class IStreamingControllerNotify {
   public:
     virtual ~IStreamingControllerNotify() = default;
