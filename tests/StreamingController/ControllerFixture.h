@@ -14,6 +14,7 @@
 #include "StreamingReader/ReaderFixture.h"
 #include "support/FakePlatform.h"
 #include "support/RecordingListener.h"
+#include "support/VirtualClock.h"
 
 namespace opal::test {
 
@@ -171,19 +172,10 @@ class TestController : public StreamingController {
     const bool m_threaded;
 };
 
-/// Time that only the test moves, while sleeps are real.
-class HandClock : public Clock {
+/// Time that only the test moves: sleeps are real, and short.
+class HandClock : public VirtualClock {
   public:
-    HandClock() { SetClock(this); }
-    ~HandClock() override { SetClock(nullptr); }
-    HandClock(const HandClock&) = delete;
-    HandClock& operator=(const HandClock&) = delete;
-    boost::posix_time::ptime Now() override {
-        return boost::posix_time::ptime(boost::gregorian::date(2020, 1, 1)) +
-               boost::posix_time::milliseconds(ms.load());
-    }
     void SleepMs(int64_t) override { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
-    std::atomic<int64_t> ms{0};
 };
 
 /// What a presentation holds; every cluster lasts two seconds, a trick cluster six.

@@ -187,7 +187,7 @@ TEST_F(InitializationTest, StartLevelByProbeHintAndDecision) {
         rule.result = c.probeMs < 0 ? OPAL_ERROR_CONNECT : OPAL_OK;
         rule.count = 1;
         rule.skip = c.probeMs == 1 ? 2 : 0;  // the whole file in 1 ms
-        rule.action = [&] { clock.ms += std::max<int64_t>(0, c.probeMs); };
+        rule.action = [&] { clock.Advance(std::max<int64_t>(0, c.probeMs)); };
         if (c.mode == InitialBandwidthMode_BandwidthProbe)
             server->AddRule(rule);
         Build(false);

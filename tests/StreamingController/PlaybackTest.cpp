@@ -309,17 +309,17 @@ TEST_F(PlaybackTest, PositionComesOnceASecondAndNotForZero) {
     HandClock clock;
     StartPlaying({});
     ASSERT_TRUE(Until([&] { return controller->video->BlockCount() > 4; }));
-    clock.ms += 5000;
+    clock.Advance(5000);
     Turns(1);
     EXPECT_THAT(listener.Positions(), IsEmpty());  // still at 0
     controller->video->SetPositionMs(1700);
     Turns(1);
-    clock.ms += 999;
+    clock.Advance(999);
     Turns(1);
     ASSERT_EQ(1u, listener.Positions().size());
     EXPECT_EQ(1700, listener.Positions()[0].ms);
     EXPECT_EQ(0u, listener.Positions()[0].level);
-    clock.ms += 1;
+    clock.Advance(1);
     Turns(1);
     EXPECT_EQ(2u, listener.Positions().size());
     controller.reset();  // its threads sleep by the clock
