@@ -8,6 +8,10 @@
 #include "Common/OPALError.h"
 #include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
 
+namespace opal {
+class StopSignal;
+}
+
 /// The service side of a ticket start: turns a ticket into a manifest, brings the switching
 /// algorithm's settings, and reports play events.
 ///
@@ -40,4 +44,7 @@ class IProtectedContent : boost::noncopyable {
                               void** session) = 0;
     /// NUL-terminated.
     virtual OPALError GetLastErrorText(qutl::MemoryBuffer<unsigned char>& text) = 0;
+    /// Raised, the signal ends the call that runs, and every one to come, within a second. Not
+    /// owned; it outlives the content session.
+    virtual void SetStopSignal(const opal::StopSignal* /*signal*/) {}
 };

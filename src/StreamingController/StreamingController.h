@@ -14,6 +14,7 @@
 
 #include "Common/InitialBandwidthMode.h"
 #include "Common/LockedQueue.h"
+#include "Common/StopSignal.h"
 #include "Common/logging/Logger.h"
 #include "Common/network/BandwidthProbe.h"
 #include "PlatformAdapter/Common/IPlatform.h"
@@ -431,6 +432,7 @@ class StreamingController : public IStreamingController {
     boost::mutex m_lifecycleMutex;
     boost::shared_mutex m_objectsMutex;
     boost::mutex m_interruptMutex;
+    opal::StopSignal m_stop;                   ///< of the session
     ISMILParser* m_pFetchingParser = nullptr;  ///< while it fetches; under m_interruptMutex
     /// Calls of Finalize under way: a failure then is a consequence of the shutdown.
     std::atomic<int> m_finalizing{0};

@@ -123,7 +123,7 @@ TEST_F(KMTPlayerTest, AnswersTheSubtitleWindow) {
 
 TEST(PlatformServicesTest, NullHandlesAndCrc) {
     EXPECT_EQ(HAB_FAIL, HABTimer_SetTime(nullptr, 1));
-    HABArch_SetClosing(nullptr);
+    HABArch_SetStopSignal(nullptr, nullptr);
     CrcTable table;
     FillCrcTable(table);
     EXPECT_EQ(0xCBF43926u, CalculateCrc(table, reinterpret_cast<const uint8_t*>("123456789"), 9));

@@ -106,7 +106,7 @@ TEST_F(PlatformSinkTest, ARefusedPayloadHoldsUpQueriesUntilTheSessionCloses) {
     EXPECT_TRUE(Await([] { return !Pushed(0, false).empty() && !Pushed(1, false).empty(); }));
     std::future<int64_t> query = async([&] { return session.Position(); });
     EXPECT_EQ(std::future_status::timeout, query.wait_for(std::chrono::milliseconds(50)));
-    HABArch_SetClosing(session.arch);
+    session.stop.Raise();
     EXPECT_EQ(OPAL_OK, video.get());
     EXPECT_EQ(OPAL_OK, audio.get());
     EXPECT_EQ(0, query.get());
@@ -127,7 +127,7 @@ TEST_F(PlatformSinkTest, TwoSessionsAtOnceDisturbEachOtherWithoutACrash) {
         (void)second.video->Flush();
     }
     stop = true;
-    HABArch_SetClosing(first.arch);
+    first.stop.Raise();
     writer.join();
 }
 

@@ -13,6 +13,7 @@
 
 #include "Common/Clock.h"
 #include "Common/CodecIDs.h"
+#include "Common/StopSignal.h"
 #include "MSrv_MM_PlayerInterface.h"
 #include "PlatformAdapter/Common/PlatformAudio.h"
 #include "PlatformAdapter/Common/PlatformVideo.h"
@@ -108,6 +109,7 @@ class PlayerTest : public testing::Test, private opal::Clock {
 struct Session {
     Session() {
         HABArch_New(&arch);
+        HABArch_SetStopSignal(arch, &stop);
         HABTimer_New(&timer, arch, kSessionTimerKind);
         video = std::make_unique<PlatformVideo>(arch, timer);
         audio = std::make_unique<PlatformAudio>(arch, timer);
@@ -156,6 +158,7 @@ struct Session {
         return ms;
     }
 
+    StopSignal stop;
     HHABARCH arch = nullptr;
     HHABTIMER timer = nullptr;
     std::unique_ptr<PlatformVideo> video;

@@ -1,4 +1,4 @@
-#include "PlatformAdapter/Mstar/src/HABArchRecord.h"
+#include "PlatformAdapter/Mstar/HABArch.h"
 #include "StreamingController/ControllerFixture.h"
 #include "support/ScaledClock.h"
 
@@ -73,7 +73,7 @@ TEST_F(ShutdownTest, FinalizeEndsAWaitInsideASink) {
     std::atomic<int> ended{-1};
     controller->video->SetQueueHook([&, arch = controller->arch](const FakePlatform::Block&) {
         ended = 0;
-        ended = Eventually([arch] { return arch->closing == 1; });
+        ended = Eventually([arch] { return HABArch_IsClosing(arch); });
     });
     ASSERT_EQ(OPAL_OK, controller->Play());
     ASSERT_TRUE(Eventually([&] { return ended == 0; }));

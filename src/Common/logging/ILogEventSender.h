@@ -7,6 +7,10 @@
 
 #include "Common/OPALError.h"
 
+namespace opal {
+class StopSignal;
+}
+
 /// Uploads documents of log events.
 ///
 /// Threading: Initialize, Send and Shutdown on the log thread and, once that has ended, the
@@ -28,4 +32,7 @@ class ILogEventSender : boost::noncopyable {
     /// The session under which to upload; the first one given stays.
     virtual void SetContext(void* context) = 0;
     virtual ~ILogEventSender() = default;
+    /// Raised, the signal ends the upload that runs, and every one to come, within a second. Not
+    /// owned; it outlives the sender.
+    virtual void SetStopSignal(const opal::StopSignal* /*signal*/) {}
 };

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "PlatformAdapter/Common/ISinks.h"
 #include "PlatformAdapter/Common/PlatformStream.h"
 
 /// The audio sink on the set's player. Position and buffered duration are the video decoder's; rate
@@ -10,7 +11,7 @@
 /// Threading: as PlatformStream.
 /// Errors: also -7 from Queue while audio is far enough ahead of video, and -23 from Configure when
 /// the set refuses the codec.
-class PlatformAudio : public opal::PlatformStream<HHABAUDIO> {
+class PlatformAudio : public opal::PlatformStream<HHABAUDIO>, public IAudioSink {
   public:
     using PlatformStream::PlatformStream;
 
@@ -20,6 +21,6 @@ class PlatformAudio : public opal::PlatformStream<HHABAUDIO> {
     OPALError SetRate(OPALPlayRate rate) override;
     OPALError SetClusterTime(int64_t ms) override;
 
-    virtual OPALError Configure(const std::string& codecId, uint32_t sampleRate, uint32_t channels,
-                                const uint8_t* codecPrivate, size_t codecPrivateSize, bool first);
+    OPALError Configure(const std::string& codecId, uint32_t sampleRate, uint32_t channels,
+                        const uint8_t* codecPrivate, size_t codecPrivateSize, bool first) override;
 };

@@ -9,7 +9,7 @@ namespace opal {
 /// results into OPALError.
 ///
 /// Threading: as IPlatform. Queue holds the lock while the player refuses a payload, so that a
-/// position query waits meanwhile; HABArch_SetClosing ends that.
+/// position query waits meanwhile; the stop signal of the session ends that.
 /// Errors: -1 before Configure, after Finalize and for any failure below.
 template <typename Handle>
 class PlatformStream : public PlatformBase {

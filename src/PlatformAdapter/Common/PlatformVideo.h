@@ -2,13 +2,14 @@
 
 #include <string>
 
+#include "PlatformAdapter/Common/ISinks.h"
 #include "PlatformAdapter/Common/PlatformStream.h"
 
 /// The video sink on the set's player. Its position is the session's.
 ///
 /// Threading: as PlatformStream. Flush takes 1.5 s.
 /// Errors: also -7 from Queue while the decoder has enough.
-class PlatformVideo : public opal::PlatformStream<HHABVIDEO> {
+class PlatformVideo : public opal::PlatformStream<HHABVIDEO>, public IVideoSink {
   public:
     using PlatformStream::PlatformStream;
 
@@ -17,6 +18,6 @@ class PlatformVideo : public opal::PlatformStream<HHABVIDEO> {
     OPALError SetRate(OPALPlayRate rate) override;
     OPALError SetClusterTime(int64_t ms) override;
 
-    virtual OPALError Configure(const std::string& codecId, int width, int height, int64_t bitrate,
-                                const void* codecPrivate, size_t codecPrivateSize, bool first);
+    OPALError Configure(const std::string& codecId, int width, int height, int64_t bitrate,
+                        const void* codecPrivate, size_t codecPrivateSize, bool first) override;
 };

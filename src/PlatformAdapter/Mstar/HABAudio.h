@@ -13,7 +13,7 @@
 ///
 /// Threading: any thread, but no two calls for one object at a time: the sink's lock sees to that.
 /// Queue blocks for as long as the player refuses the payload, one try a second, until
-/// HABArch_SetClosing.
+/// the session ends.
 /// Ownership: the caller of HABAudio_New deletes the object; arch is not owned and outlives it.
 /// Units: milliseconds, Hz.
 /// Errors: HAB results. HAB_AUDIO_FULL from Queue: nothing was taken. HAB_FAIL from Flush: a block

@@ -14,13 +14,12 @@
 ///
 /// Threading: any thread; Queue, Flush and Pause exclude each other by one process-wide mutex.
 /// Queue blocks for as long as the player refuses the payload, one try a second, until
-/// HABArch_SetClosing; Flush blocks for 1.5 s. Position and buffered duration read what Queue and
-/// Flush write: their caller keeps them apart by its own lock.
-/// Ownership: the caller of HABVideo_New deletes the object; arch and timer are not owned and
-/// outlive it. The player is a singleton, so one object at a time is of use in a process.
-/// Units: milliseconds.
-/// Errors: HAB results. HAB_VIDEO_FULL from Queue: nothing was taken. HAB_FAIL from Flush: a block
-/// check has counted errors. A null handle is answered with 0 and no action.
+/// the session ends; Flush blocks for 1.5 s, or until then. Position and buffered duration read
+/// what Queue and Flush write: their caller keeps them apart by its own lock. Ownership: the caller
+/// of HABVideo_New deletes the object; arch and timer are not owned and outlive it. The player is a
+/// singleton, so one object at a time is of use in a process. Units: milliseconds. Errors: HAB
+/// results. HAB_VIDEO_FULL from Queue: nothing was taken. HAB_FAIL from Flush: a block check has
+/// counted errors. A null handle is answered with 0 and no action.
 
 int HABVideo_New(HABVideo** phHABVideo, HHABARCH hArch, HHABTIMER hTimer);
 /// Also stops the player and lets go of it.

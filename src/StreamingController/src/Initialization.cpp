@@ -61,6 +61,9 @@ OPALError StreamingController::RunInitialization(const std::function<OPALError()
     boost::lock_guard<boost::mutex> lifecycle(m_lifecycleMutex);
     EndPreviousSession();
     Lock lock(m_mutex);
+    m_stop.Lower();
+    if (m_finalizing != 0)  // whichever of the two comes last raises the signal
+        m_stop.Raise();
     try {
         return build();
     } catch (const std::bad_alloc&) {
@@ -315,6 +318,7 @@ OPALError StreamingController::CreateRuntimeHandles() {
         boost::unique_lock<boost::shared_mutex> lock(m_objectsMutex);
         boost::lock_guard<boost::mutex> interrupt(m_interruptMutex);
         m_hArch = hArch;
+        HABArch_SetStopSignal(m_hArch, &m_stop);
     }
     if (HABTimer_New(&m_hTimer, m_hArch, kSessionTimerKind) != HAB_OK ||
         HABTimer_Start(m_hTimer) != HAB_OK || HABTimer_SetTime(m_hTimer, 0) != HAB_OK)

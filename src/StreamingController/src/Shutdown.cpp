@@ -52,7 +52,7 @@ boost::unique_lock<Mutex> StreamingController::LockInterrupting(Mutex& mutex) {
 // An accessor may hold m_objectsMutex while it waits for a transfer, so that is not taken here.
 void StreamingController::Interrupt() {
     boost::lock_guard<boost::mutex> lock(m_interruptMutex);
-    HABArch_SetClosing(m_hArch);
+    m_stop.Raise();
     if (m_pReaders)
         m_pReaders->AbortTransfers();
     if (m_pProbe)

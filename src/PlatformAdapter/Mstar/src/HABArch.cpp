@@ -1,8 +1,10 @@
 #include "PlatformAdapter/Mstar/HABArch.h"
 
+#include <algorithm>
 #include <new>
 
 #include "Common/Assert.h"
+#include "Common/Clock.h"
 #include "PlatformAdapter/Mstar/src/HABArchRecord.h"
 
 int HABArch_New(HABArch** phHABArch) {
@@ -36,7 +38,19 @@ int HABArch_GetPreferences(HHABARCH /*hHABArch*/, HABPreferences& prefs) {
     return HAB_OK;
 }
 
-void HABArch_SetClosing(HHABARCH hHABArch) {
+void HABArch_SetStopSignal(HHABARCH hHABArch, const opal::StopSignal* signal) {
     if (hHABArch)
-        hHABArch->closing = 1;
+        hHABArch->stop = signal;
+}
+
+bool HABArch_IsClosing(HHABARCH hHABArch) {
+    OPAL_ASSERT(hHABArch != nullptr, "hHABArch != __null");
+    return hHABArch->closing || opal::IsRaised(hHABArch->stop);
+}
+
+bool HABArch_SleepMs(HHABARCH hHABArch, int64_t ms) {
+    constexpr int64_t kSliceMs = opal::StopSignal::kSliceMs;
+    for (; ms > 0 && !HABArch_IsClosing(hHABArch); ms -= kSliceMs)
+        opal::SleepMs(std::min(ms, kSliceMs));
+    return !HABArch_IsClosing(hHABArch);
 }

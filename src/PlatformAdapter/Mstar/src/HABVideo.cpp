@@ -10,6 +10,7 @@
 #include "Common/Assert.h"
 #include "Common/Clock.h"
 #include "Common/CodecIDs.h"
+#include "PlatformAdapter/Mstar/HABArch.h"
 #include "PlatformAdapter/Mstar/KMTPlayer.h"
 #include "PlatformAdapter/Mstar/src/GoldenFileCheck.h"
 #include "PlatformAdapter/Mstar/src/HABArchRecord.h"
@@ -272,7 +273,7 @@ int HABVideo_Flush(HHABVIDEO hHABVideo) {
     std::printf("[flush] KMTPlayer_GetPlayPosition= %lu \n", static_cast<unsigned long>(pts));
     std::printf("------------------------V HABVideo_Flush!\n");
     (void)KMTPlayer_SetFlushData(EN_DATA_TYPE_VIDEO);
-    opal::SleepMs(kFlushMs);
+    (void)HABArch_SleepMs(hHABVideo->hArch, kFlushMs);
     std::printf("------------------------V HABVideo_Flush!OK!!\n");
     g_flushLevel = KMTPlayer_GetVideoBufferLevel();
     g_ptsMode = kFlushed;
