@@ -1,9 +1,9 @@
 #pragma once
 
-#include <boost/thread/lock_guard.hpp>
-#include <boost/thread/recursive_mutex.hpp>
 #include <cstddef>
 #include <deque>
+
+#include "Common/Mutex.h"
 
 /// A first-in-first-out queue of values.
 ///
@@ -18,23 +18,23 @@ class LockedQueue {
     LockedQueue& operator=(const LockedQueue&) = delete;
 
     bool IsEmpty() const {
-        boost::lock_guard<boost::recursive_mutex> lock(m_mutex);
+        opal::RecursiveLock lock(m_mutex);
         return m_values.empty();
     }
 
     size_t Size() const {
-        boost::lock_guard<boost::recursive_mutex> lock(m_mutex);
+        opal::RecursiveLock lock(m_mutex);
         return m_values.size();
     }
 
     void Push(const T& value) {
-        boost::lock_guard<boost::recursive_mutex> lock(m_mutex);
+        opal::RecursiveLock lock(m_mutex);
         m_values.push_back(value);
     }
 
     /// False, with `value` untouched, when the queue is empty.
     bool Pop(T& value) {
-        boost::lock_guard<boost::recursive_mutex> lock(m_mutex);
+        opal::RecursiveLock lock(m_mutex);
         if (m_values.empty())
             return false;
         value = m_values.front();
@@ -43,6 +43,6 @@ class LockedQueue {
     }
 
   private:
-    mutable boost::recursive_mutex m_mutex;
-    std::deque<T> m_values;
+    mutable opal::RecursiveMutex m_mutex;
+    std::deque<T> m_values OPAL_GUARDED_BY(m_mutex);
 };

@@ -1,10 +1,6 @@
 #include "Common/ObjectFactory.h"
 
-#include <boost/thread/lock_guard.hpp>
-
 namespace {
-
-using Lock = boost::lock_guard<boost::recursive_mutex>;
 
 template <typename List, typename Object>
 void Insert(List& list, const Object& object, bool first) {
@@ -28,55 +24,66 @@ ObjectFactory& ObjectFactory::Instance() {
 }
 
 void ObjectFactory::Register(const boost::shared_ptr<HTTPFileObject>& object, bool first) {
-    Lock lock(m_mutex);
+    opal::MutexLock lock(m_mutex);
     Insert(m_httpFileObjects, object, first);
 }
 
 void ObjectFactory::Register(const boost::shared_ptr<LogEventSenderObject>& object, bool first) {
-    Lock lock(m_mutex);
+    opal::MutexLock lock(m_mutex);
     Insert(m_logEventSenderObjects, object, first);
 }
 
 void ObjectFactory::Register(const boost::shared_ptr<ProtectedContentObject>& object, bool first) {
-    Lock lock(m_mutex);
+    opal::MutexLock lock(m_mutex);
     Insert(m_protectedContentObjects, object, first);
 }
 
 IHTTPFile* ObjectFactory::NewHTTPFile(bool threaded) {
-    Lock lock(m_mutex);
+    opal::MutexLock lock(m_mutex);
     const auto object = Find(m_httpFileObjects, 0);
+    lock.Unlock();
     return object ? object->Create(threaded) : nullptr;
 }
 
 ILogEventSender* ObjectFactory::NewLogEventSender() {
-    Lock lock(m_mutex);
+    opal::MutexLock lock(m_mutex);
     const auto object = Find(m_logEventSenderObjects, m_logEventSenderKind);
-    return object ? object->Create(m_logEventSenderConfig.get(), m_logEventSenderExtra) : nullptr;
+    std::unique_ptr<LogEventSenderConfig> config;
+    if (m_logEventSenderConfig)
+        config = std::make_unique<LogEventSenderConfig>(*m_logEventSenderConfig);
+    void* const extra = m_logEventSenderExtra;
+    lock.Unlock();
+    return object ? object->Create(config.get(), extra) : nullptr;
 }
 
 IProtectedContent* ObjectFactory::NewProtectedContent() {
-    Lock lock(m_mutex);
+    opal::MutexLock lock(m_mutex);
     const auto object = Find(m_protectedContentObjects, 0);
+    lock.Unlock();
     return object ? object->Create() : nullptr;
 }
 
 int ObjectFactory::GetLogEventSenderKind() const {
-    Lock lock(m_mutex);
+    opal::MutexLock lock(m_mutex);
     return m_logEventSenderKind;
 }
 
 void ObjectFactory::SelectLogEventSender(int kind, const LogEventSenderConfig* config,
                                          void* extra) {
-    Lock lock(m_mutex);
+    opal::MutexLock lock(m_mutex);
+    Select(kind, config, extra);
+}
+
+void ObjectFactory::Select(int kind, const LogEventSenderConfig* config, void* extra) {
     m_logEventSenderKind = kind;
     m_logEventSenderConfig.reset(config ? new LogEventSenderConfig(*config) : nullptr);
     m_logEventSenderExtra = extra;
 }
 
 void ObjectFactory::Reset() {
-    Lock lock(m_mutex);
+    opal::MutexLock lock(m_mutex);
     m_httpFileObjects.clear();
     m_logEventSenderObjects.clear();
     m_protectedContentObjects.clear();
-    SelectLogEventSender(kUploadSender, nullptr, nullptr);
+    Select(kUploadSender, nullptr, nullptr);
 }

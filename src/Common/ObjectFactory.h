@@ -2,10 +2,10 @@
 
 #include <boost/noncopyable.hpp>
 #include <boost/shared_ptr.hpp>
-#include <boost/thread/recursive_mutex.hpp>
 #include <memory>
 #include <vector>
 
+#include "Common/Mutex.h"
 #include "Common/logging/LogEventSenderConfig.h"
 
 class IHTTPFile;
@@ -31,7 +31,8 @@ using ProtectedContentObject = FactoryObject<IProtectedContent>;
 /// products by their interfaces only; the production objects are registered in one place by the
 /// streaming controller.
 ///
-/// Threading: any operation from any thread.
+/// Threading: any operation from any thread. Products are created with no lock held, so that a
+/// product may ask for another.
 /// Errors: a product that no object accepts is null.
 class ObjectFactory : boost::noncopyable {
   public:
@@ -62,11 +63,15 @@ class ObjectFactory : boost::noncopyable {
     void Reset();
 
   private:
-    mutable boost::recursive_mutex m_mutex;
-    std::vector<boost::shared_ptr<HTTPFileObject>> m_httpFileObjects;
-    std::vector<boost::shared_ptr<LogEventSenderObject>> m_logEventSenderObjects;
-    std::vector<boost::shared_ptr<ProtectedContentObject>> m_protectedContentObjects;
-    int m_logEventSenderKind = kUploadSender;
-    std::unique_ptr<LogEventSenderConfig> m_logEventSenderConfig;
-    void* m_logEventSenderExtra = nullptr;
+    void Select(int kind, const LogEventSenderConfig* config, void* extra) OPAL_REQUIRES(m_mutex);
+
+    mutable opal::Mutex m_mutex;
+    std::vector<boost::shared_ptr<HTTPFileObject>> m_httpFileObjects OPAL_GUARDED_BY(m_mutex);
+    std::vector<boost::shared_ptr<LogEventSenderObject>> m_logEventSenderObjects
+        OPAL_GUARDED_BY(m_mutex);
+    std::vector<boost::shared_ptr<ProtectedContentObject>> m_protectedContentObjects
+        OPAL_GUARDED_BY(m_mutex);
+    int m_logEventSenderKind OPAL_GUARDED_BY(m_mutex) = kUploadSender;
+    std::unique_ptr<LogEventSenderConfig> m_logEventSenderConfig OPAL_GUARDED_BY(m_mutex);
+    void* m_logEventSenderExtra OPAL_GUARDED_BY(m_mutex) = nullptr;
 };
