@@ -2,16 +2,13 @@
 
 #include <boost/noncopyable.hpp>
 #include <boost/shared_ptr.hpp>
-#include <boost/thread/condition_variable.hpp>
-#include <boost/thread/locks.hpp>
-#include <boost/thread/mutex.hpp>
-#include <boost/thread/recursive_mutex.hpp>
 #include <boost/thread/thread.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include "Common/Mutex.h"
 #include "Common/OPALError.h"
 #include "Common/OPALPlayRate.h"
 #include "Common/OPALStreamType.h"
@@ -75,64 +72,76 @@ class ReaderManager : boost::noncopyable {
 
   protected:
     using Reader = boost::shared_ptr<IStreamingReader>;
-    using Lock = boost::unique_lock<boost::recursive_mutex>;
+    using Lock = opal::RecursiveLock;
     static constexpr size_t kNone = static_cast<size_t>(-1);
 
-    /// Told, with m_mutex held, that the readers are gone.
-    virtual void OnReadersDropped() {}
+    /// Told that the readers are gone.
+    virtual void OnReadersDropped() OPAL_REQUIRES(m_mutex) {}
 
     Reader Current();
     /// What an operation answers without a current reader.
     OPALError NoReaderResult();
-    /// The common form of the operations on the current reader; the lock is the caller's.
+    /// The common form of the operations on the current reader; the lock, where one is needed, is
+    /// the caller's.
     template <typename Operation>
     OPALError OnCurrent(Operation operation) {
         const Reader reader = Current();
         return reader ? operation(*reader) : NoReaderResult();
     }
     OPALError AddReader(const std::string& url, size_t headerRequestSize, IClusterBuffer* buffer,
-                        IStreamingReaderNotify* notify, OPALStreamType type, size_t level);
-    OPALError StartThread();
-    /// Starts it again if a failure has ended it. m_mutex is held.
-    OPALError RestartEndedThread();
+                        IStreamingReaderNotify* notify, OPALStreamType type, size_t level)
+        OPAL_REQUIRES(m_mutex);
+    OPALError StartThread() OPAL_REQUIRES(m_mutex);
+    /// Starts it again if a failure has ended it.
+    OPALError RestartEndedThread() OPAL_REQUIRES(m_mutex);
     /// Opens the current reader on the caller's thread after Initialize; -1 unless it then stands
     /// ready.
-    OPALError OpenAfterInitialize();
+    OPALError OpenAfterInitialize() OPAL_REQUIRES(m_mutex);
     /// Every such call lets the thread go on if it waits, or not wait if it is in a transfer.
     void WakeThread();
-    bool IsThreadEnded() const { return m_threadEnded; }
+    bool IsThreadEnded() const OPAL_REQUIRES(m_mutex) { return m_threadEnded; }
+    /// Levels first, then trick tracks. Both fields behind these two are written with both locks
+    /// held, so m_mutex is enough to read them, which the compiler cannot be told.
+    const std::vector<Reader>& ReaderList() const
+        OPAL_REQUIRES(m_mutex) OPAL_NO_THREAD_SAFETY_ANALYSIS {
+        return m_readers;
+    }
+    size_t CurrentIndex() const OPAL_REQUIRES(m_mutex) OPAL_NO_THREAD_SAFETY_ANALYSIS {
+        return m_current;
+    }
 
-    std::vector<Reader> m_readers;  ///< levels first, then trick tracks; see m_stateMutex
-    size_t m_current = kNone;       ///< see m_stateMutex
-    boost::thread m_thread;
-    boost::recursive_mutex m_mutex;
-    boost::condition_variable_any m_wakeup;
+    opal::RecursiveMutex m_mutex;
 
   private:
     void ThreadMain();
     OPALError EventLoop();
-    bool RunRound(Lock& lock, OPALError& result);
-    bool Download(Lock& lock, OPALError& result);
+    bool RunRound(OPALError& result) OPAL_REQUIRES(m_mutex);
+    bool Download(OPALError& result) OPAL_REQUIRES(m_mutex);
     uint64_t BeginTransfer();
     bool EndTransfer();
     uint64_t Generation();
-    void WaitForWake(Lock& lock, uint64_t generation);
+    void WaitForWake(uint64_t generation) OPAL_REQUIRES(m_mutex);
     Reader NoteStartInTransfer();
-    bool TryLock(Lock& lock);
-    void LockAfterAbort(Lock& lock);
-    void LockAfterCancel(Lock& lock);
+    void SetCurrent(size_t index) OPAL_REQUIRES(m_mutex);
+    void LockAfterAbort() OPAL_ACQUIRE(m_mutex);
+    void LockAfterCancel() OPAL_ACQUIRE(m_mutex);
     void SetCancelled(bool cancelled);
     bool IsCancelled();
 
-    /// Innermost lock, held over nothing but the fields it guards. m_readers and m_current are
-    /// written with both locks held, so either one is enough to read them.
-    boost::mutex m_stateMutex;
-    uint64_t m_generation = 0;      ///< counts the wakes
-    bool m_transferring = false;    ///< the thread is inside DownloadNext
-    bool m_startRequested = false;  ///< Start came meanwhile
-    bool m_cancelled = false;       ///< Cancel came, and neither Start nor Seek since
+    boost::thread m_thread OPAL_GUARDED_BY(m_mutex);
+    bool m_threadEnded OPAL_GUARDED_BY(m_mutex) = false;  ///< by a failure
+    opal::RecursiveCondVar m_wakeup;
 
-    bool m_threadEnded = false;  ///< by a failure; guarded by m_mutex
+    /// Innermost lock, held over nothing but the fields it guards.
+    opal::Mutex m_stateMutex OPAL_ACQUIRED_AFTER(m_mutex);
+    std::vector<Reader> m_readers OPAL_GUARDED_BY(m_stateMutex);  ///< see ReaderList
+    size_t m_current OPAL_GUARDED_BY(m_stateMutex) = kNone;       ///< see CurrentIndex
+    uint64_t m_generation OPAL_GUARDED_BY(m_stateMutex) = 0;      ///< counts the wakes
+    /// The thread is inside DownloadNext.
+    bool m_transferring OPAL_GUARDED_BY(m_stateMutex) = false;
+    bool m_startRequested OPAL_GUARDED_BY(m_stateMutex) = false;  ///< Start came meanwhile
+    /// Cancel came, and neither Start nor Seek since.
+    bool m_cancelled OPAL_GUARDED_BY(m_stateMutex) = false;
 };
 
 /// Video: a reader for each level, then one for each trick track. All levels up to the current one
@@ -155,13 +164,13 @@ class VideoReaderManager : public ReaderManager {
     const std::vector<IClusterIndex*>& GetClusterIndexes() const { return m_clusterIndexes; }
 
   protected:
-    void OnReadersDropped() override;
+    void OnReadersDropped() override OPAL_REQUIRES(m_mutex);
 
   private:
-    OPALError OpenLevelsUpToCurrent();
+    OPALError OpenLevelsUpToCurrent() OPAL_REQUIRES(m_mutex);
 
-    size_t m_firstTrickTrack = kNone;
-    OPALPlayRate m_rate = OPAL_PLAYRATE_ONEX;
+    size_t m_firstTrickTrack OPAL_GUARDED_BY(m_mutex) = kNone;
+    OPALPlayRate m_rate OPAL_GUARDED_BY(m_mutex) = OPAL_PLAYRATE_ONEX;
     std::vector<IClusterIndex*> m_clusterIndexes;
 };
 

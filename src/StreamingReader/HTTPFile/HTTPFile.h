@@ -3,14 +3,13 @@
 #include <curl/curl.h>
 
 #include <atomic>
-#include <boost/thread/condition_variable.hpp>
-#include <boost/thread/mutex.hpp>
 #include <boost/thread/thread.hpp>
 #include <cstdint>
 #include <list>
 #include <string>
 #include <vector>
 
+#include "Common/Mutex.h"
 #include "StreamingReader/HTTPFile/HTTPRequestInternal.h"
 #include "StreamingReader/HTTPFile/IHTTPFile.h"
 
@@ -42,7 +41,7 @@ class HTTPFile : public IHTTPFile {
     void Abort() override;
 
   private:
-    using Lock = boost::unique_lock<boost::mutex>;
+    using Lock = opal::MutexLock;
 
     static int OnSocket(void* user, curl_socket_t socket, curlsocktype purpose);
     static size_t OnHeader(char* bytes, size_t size, size_t count, void* user);
@@ -50,40 +49,40 @@ class HTTPFile : public IHTTPFile {
     static int OnProgress(void* user, curl_off_t total, curl_off_t now, curl_off_t uploadTotal,
                           curl_off_t uploadNow);
 
-    OPALError OpenLocal_Unlocked();
-    OPALError OpenRemote_Unlocked();
-    OPALError InitCURLOptions_Unlocked(bool headerOnly);
-    OPALError CheckStatus_Unlocked() const;
-    OPALError MapError_Unlocked(CURLcode code) const;
-    OPALError CheckRanges_Unlocked(const std::vector<ByteRange>& ranges) const;
-    OPALError DownloadRequest_Unlocked(Lock& lock);
-    void Reset_Unlocked();
-    void Close_Unlocked();
+    OPALError OpenLocal_Unlocked() OPAL_REQUIRES(mutex);
+    OPALError OpenRemote_Unlocked() OPAL_REQUIRES(mutex);
+    OPALError InitCURLOptions_Unlocked(bool headerOnly) OPAL_REQUIRES(mutex);
+    OPALError CheckStatus_Unlocked() const OPAL_REQUIRES(mutex);
+    OPALError MapError_Unlocked(CURLcode code) const OPAL_REQUIRES(mutex);
+    OPALError CheckRanges_Unlocked(const std::vector<ByteRange>& ranges) const OPAL_REQUIRES(mutex);
+    OPALError DownloadRequest_Unlocked() OPAL_REQUIRES(mutex);
+    void Reset_Unlocked() OPAL_REQUIRES(mutex);
+    void Close_Unlocked() OPAL_REQUIRES(mutex);
     OPALError EndingResult() const;
     void RunWorker();
     void ServeQueue();
 
-    // Under `mutex`, or on the thread that holds it, unless said otherwise.
-    std::string url;
-    int64_t fileSize = 0;
-    bool closing = false;
+    std::string url OPAL_GUARDED_BY(mutex);
+    int64_t fileSize OPAL_GUARDED_BY(mutex) = 0;
+    bool closing OPAL_GUARDED_BY(mutex) = false;
     std::atomic<bool> cancelInFlight{false};  ///< written under `mutex`, read by the callbacks
-    CURLcode lastCurlCode = CURLE_OK;
-    std::list<HTTPRequestInternal> pending;
-    std::list<HTTPRequestInternal> completed;
+    CURLcode lastCurlCode OPAL_GUARDED_BY(mutex) = CURLE_OK;
+    std::list<HTTPRequestInternal> pending OPAL_GUARDED_BY(mutex);
+    std::list<HTTPRequestInternal> completed OPAL_GUARDED_BY(mutex);
     const bool threaded;
-    CURL* curl = nullptr;
-    boost::thread worker;
-    boost::mutex mutex;
-    boost::condition_variable wakeup;
-    std::string localAddress;
-    boost::mutex progressMutex;
-    int32_t bytesInFlight = 0;  ///< under `progressMutex`
+    CURL* curl OPAL_GUARDED_BY(mutex) = nullptr;
+    boost::thread worker OPAL_GUARDED_BY(mutex);
+    opal::Mutex mutex;
+    opal::CondVar wakeup;
+    std::string localAddress OPAL_GUARDED_BY(mutex);
+    opal::Mutex progressMutex OPAL_ACQUIRED_AFTER(mutex);
+    int32_t bytesInFlight OPAL_GUARDED_BY(progressMutex) = 0;
 
-    bool m_performing = false;         ///< a queued transfer runs, on any thread
-    bool m_runningDropped = false;     ///< ... and its request is no longer the front of `pending`
-    boost::condition_variable m_idle;  ///< m_performing has become false
-    boost::mutex m_closeMutex;         ///< one Close at a time; taken before `mutex`
-    std::atomic<int> m_closers{0};     ///< calls of Close under way: what runs has to end
+    bool m_performing OPAL_GUARDED_BY(mutex) = false;  ///< a queued transfer runs, on any thread
+    /// ... and its request is no longer the front of `pending`
+    bool m_runningDropped OPAL_GUARDED_BY(mutex) = false;
+    opal::CondVar m_idle;                                  ///< m_performing has become false
+    opal::Mutex m_closeMutex OPAL_ACQUIRED_BEFORE(mutex);  ///< one Close at a time
+    std::atomic<int> m_closers{0};  ///< calls of Close under way: what runs has to end
     std::atomic<bool> m_aborted{false};
 };

@@ -11,7 +11,7 @@ namespace {
 constexpr int64_t kPollMs = 20;
 constexpr int64_t kLockRetryMs = 5;
 
-using StateLock = boost::unique_lock<boost::mutex>;
+using StateLock = opal::MutexLock;
 
 }  // namespace
 
@@ -22,19 +22,16 @@ OPALError ReaderManager::Initialize(ISMILParser* parser, IClusterBuffer* buffer,
     Lock lock(m_mutex);
     if (!parser || !buffer || index == kNone)
         return OPAL_ERROR_INVALID_ARGUMENT;
-    if (!m_readers.empty() || m_current != kNone)
+    if (!ReaderList().empty() || CurrentIndex() != kNone)
         return OPAL_ERROR_NOT_READY;
     const OPALError created = CreateReaders(parser, buffer, notify, index);
     if (created != OPAL_OK)
         return created;
-    if (m_readers.empty())
+    if (ReaderList().empty())
         return OPAL_OK;
-    if (index >= m_readers.size())
+    if (index >= ReaderList().size())
         return OPAL_ERROR_INVALID_ARGUMENT;
-    {
-        StateLock state(m_stateMutex);
-        m_current = index;
-    }
+    SetCurrent(index);
     return StartThread();
 }
 
@@ -63,17 +60,14 @@ OPALError ReaderManager::SetStream(size_t index, bool open) {
     const Reader before = Current();
     if (!before)
         return NoReaderResult();
-    if (index >= m_readers.size())
+    if (index >= ReaderList().size())
         return OPAL_ERROR_INVALID_ARGUMENT;
-    if (index == m_current)
+    if (index == CurrentIndex())
         return OPAL_OK;
     // Were it left running, it would fetch a cluster of its old place when it becomes current
     // again, before anyone has sought it.
     (void)before->Stop();
-    {
-        StateLock state(m_stateMutex);
-        m_current = index;
-    }
+    SetCurrent(index);
     if (open) {
         const OPALError opened = OpenCurrent();
         if (opened != OPAL_OK)
@@ -81,6 +75,11 @@ OPALError ReaderManager::SetStream(size_t index, bool open) {
     }
     WakeThread();
     return OPAL_OK;
+}
+
+void ReaderManager::SetCurrent(size_t index) {
+    StateLock state(m_stateMutex);
+    m_current = index;
 }
 
 OPALError ReaderManager::DownloadNext() {
@@ -97,15 +96,17 @@ OPALError ReaderManager::OpenCurrent() {
 }
 
 OPALError ReaderManager::Finalize() {
-    Lock lock(m_mutex, boost::defer_lock);
-    LockAfterAbort(lock);
+    LockAfterAbort();
+    Lock lock(m_mutex, opal::AdoptLock());
     (void)SetError(OPAL_ERROR_TERMINATED);
     WakeThread();
-    lock.unlock();
-    if (m_thread.joinable())
-        m_thread.join();
-    lock.lock();
-    for (const Reader& reader : m_readers)
+    boost::thread ending;
+    ending.swap(m_thread);
+    lock.Unlock();
+    if (ending.joinable())
+        ending.join();
+    lock.Lock();
+    for (const Reader& reader : ReaderList())
         (void)reader->Finalize();
     std::vector<Reader> dropped;
     {
@@ -120,14 +121,17 @@ OPALError ReaderManager::Finalize() {
 }
 
 OPALError ReaderManager::Start() {
-    Lock lock(m_mutex, boost::defer_lock);
+    Lock lock(m_mutex, opal::DeferLock());
     // A transfer may take a minute, and the caller's thread has more to do than to wait for it. The
     // start is made up for when the transfer ends. Looked at again after each attempt, since who
     // holds the lock may be the thread on its way into a transfer.
-    do {
+    for (;;) {
         if (const Reader transferring = NoteStartInTransfer())
             return transferring->GetError();
-    } while (!TryLock(lock));
+        if (lock.TryLock())
+            break;
+        opal::SleepMs(kLockRetryMs);
+    }
 
     const Reader reader = Current();
     if (!reader)
@@ -152,17 +156,9 @@ ReaderManager::Reader ReaderManager::NoteStartInTransfer() {
     return m_readers[m_current];
 }
 
-/// Sleeps a little if that fails.
-bool ReaderManager::TryLock(Lock& lock) {
-    if (lock.try_lock())
-        return true;
-    opal::SleepMs(kLockRetryMs);
-    return false;
-}
-
 OPALError ReaderManager::Stop() {
-    Lock lock(m_mutex, boost::defer_lock);
-    LockAfterCancel(lock);
+    LockAfterCancel();
+    Lock lock(m_mutex, opal::AdoptLock());
     const Reader reader = Current();
     if (!reader)
         return NoReaderResult();
@@ -212,7 +208,7 @@ OPALError ReaderManager::GetPosition(int64_t& ms) {
 bool ReaderManager::HasError() {
     Lock lock(m_mutex);
     const Reader reader = Current();
-    return reader ? reader->HasError() : !m_readers.empty();
+    return reader ? reader->HasError() : !ReaderList().empty();
 }
 
 OPALError ReaderManager::GetError() {
@@ -273,19 +269,21 @@ bool ReaderManager::IsCancelled() {
 
 /// An abort that comes between two transfers of an opening may find nothing to end, so it is
 /// repeated until the thread lets go.
-void ReaderManager::LockAfterAbort(Lock& lock) {
+void ReaderManager::LockAfterAbort() {
     AbortTransfers();
-    while (!TryLock(lock))
+    while (!m_mutex.TryLock()) {
+        opal::SleepMs(kLockRetryMs);
         AbortTransfers();
+    }
 }
 
 /// Likewise for a cancel that came just before a transfer had begun. Without a cancel this waits
 /// for the transfer.
-void ReaderManager::LockAfterCancel(Lock& lock) {
-    while (!lock.try_lock()) {
+void ReaderManager::LockAfterCancel() {
+    while (!m_mutex.TryLock()) {
         const Reader reader = IsCancelled() ? Current() : Reader();
         if (!reader) {
-            lock.lock();
+            m_mutex.Lock();
             return;
         }
         (void)reader->CancelTransfers();
@@ -316,7 +314,7 @@ void ReaderManager::WakeThread() {
         StateLock state(m_stateMutex);
         ++m_generation;
     }
-    m_wakeup.notify_all();
+    m_wakeup.NotifyAll();
 }
 
 uint64_t ReaderManager::Generation() {
@@ -339,7 +337,7 @@ OPALError ReaderManager::EventLoop() {
         opal::SleepMs(kPollMs);
         Lock lock(m_mutex);
         OPALError result = OPAL_OK;
-        bool ended = !HasError() && RunRound(lock, result);
+        bool ended = !HasError() && RunRound(result);
         if (!ended && HasError()) {
             result = GetError();
             ended = true;
@@ -352,7 +350,7 @@ OPALError ReaderManager::EventLoop() {
 }
 
 /// One turn of the loop. True ends the loop with `result`.
-bool ReaderManager::RunRound(Lock& lock, OPALError& result) {
+bool ReaderManager::RunRound(OPALError& result) {
     int state = STREAMING_READER_ERROR;
     result = GetState(state);
     if (result != OPAL_OK) {
@@ -370,16 +368,16 @@ bool ReaderManager::RunRound(Lock& lock, OPALError& result) {
             return true;
         case STREAMING_READER_STOPPED:
         case STREAMING_READER_END:
-            WaitForWake(lock, Generation());
+            WaitForWake(Generation());
             return false;
         case STREAMING_READER_RUNNING:
-            return Download(lock, result);
+            return Download(result);
         default:
             return false;
     }
 }
 
-bool ReaderManager::Download(Lock& lock, OPALError& result) {
+bool ReaderManager::Download(OPALError& result) {
     const uint64_t generation = BeginTransfer();
     try {
         result = DownloadNext();
@@ -394,7 +392,7 @@ bool ReaderManager::Download(Lock& lock, OPALError& result) {
     if (startRequested)
         (void)OnCurrent([](IStreamingReader& reader) { return reader.Start(); });
     if (IsWaitError(result))
-        WaitForWake(lock, generation);
+        WaitForWake(generation);
     return false;
 }
 
@@ -414,7 +412,7 @@ bool ReaderManager::EndTransfer() {
 }
 
 /// To be called with m_mutex locked once, since the wait releases one level only.
-void ReaderManager::WaitForWake(Lock& lock, uint64_t generation) {
+void ReaderManager::WaitForWake(uint64_t generation) {
     while (Generation() == generation)
-        m_wakeup.wait(lock);
+        m_wakeup.Wait(m_mutex);
 }

@@ -121,11 +121,11 @@ OPALError StreamingReader::Seek(int64_t& timeMs) {
     Lock lock(m_mutex);
     if (m_hasError)
         return m_error;
-    if (!m_pIndex)
+    if (!HeldIndex())
         return OPAL_ERROR_NOT_READY;
 
     ClusterIndexEntry entry;
-    const OPALError found = m_pIndex->FindByTime(timeMs, entry);
+    const OPALError found = HeldIndex()->FindByTime(timeMs, entry);
     if (found != OPAL_OK)
         return found;
     (void)m_pHTTP->CancelRequests(true, true);
@@ -137,8 +137,8 @@ OPALError StreamingReader::Seek(int64_t& timeMs) {
         if (entry.time < timeMs)
             m_skipFrames = FramesBetween(entry.time, timeMs, m_frameDuration);
         const size_t next = static_cast<size_t>(entry.index) + 1;
-        if (next < m_pIndex->GetCount())
-            m_trimFrames = FramesBetween(timeMs, m_pIndex->GetTime(next), m_frameDuration);
+        if (next < HeldIndex()->GetCount())
+            m_trimFrames = FramesBetween(timeMs, HeldIndex()->GetTime(next), m_frameDuration);
     }
     timeMs = entry.time;
     Wake();
@@ -150,10 +150,12 @@ OPALError StreamingReader::Finalize() {
     Lock lock(m_mutex);
     (void)SetError(OPAL_ERROR_TERMINATED);
     Wake();
-    lock.unlock();
-    if (m_thread.joinable())
-        m_thread.join();
-    lock.lock();
+    boost::thread ending;
+    ending.swap(m_thread);
+    lock.Unlock();
+    if (ending.joinable())
+        ending.join();
+    lock.Lock();
     ResetState();
     m_font.Resize(0, false);
     const OPALError closed = m_pHTTP->Close();
@@ -165,9 +167,9 @@ OPALError StreamingReader::GetPosition(int64_t& timeMs) {
     Lock lock(m_mutex);
     if (m_hasError)
         return m_error;
-    if (!m_pIndex)
+    if (!HeldIndex())
         return OPAL_ERROR_NOT_READY;
-    timeMs = m_pIndex->GetTime(static_cast<size_t>(m_clusterIndex.load()));
+    timeMs = HeldIndex()->GetTime(static_cast<size_t>(m_clusterIndex.load()));
     return OPAL_OK;
 }
 
@@ -218,11 +220,11 @@ OPALError StreamingReader::DownloadNext(OPALPlayRate rate) {
         return OPAL_OK;
     if (m_hasError)
         return m_error;
-    if (!m_pIndex)
+    if (!HeldIndex())
         return OPAL_ERROR_NOT_READY;
     const bool forward = GetRateValue(rate) > 0;
     const int32_t position = m_clusterIndex;
-    const size_t count = m_pIndex->GetCount();
+    const size_t count = HeldIndex()->GetCount();
     if (forward ? (position >= 0 && static_cast<size_t>(position) >= count) : position < 0)
         return OPAL_ERROR_END_OF_DATA;
 
@@ -278,7 +280,7 @@ OPALError StreamingReader::BuildRanges(OPALPlayRate rate, bool forward,
     if (rate != OPAL_PLAYRATE_ONEX)
         return BuildTrickRanges(rate, forward, ranges);
     const auto cluster = static_cast<size_t>(m_clusterIndex.load());
-    ranges.emplace_back(m_pIndex->GetOffset(cluster), m_pIndex->GetSize(cluster));
+    ranges.emplace_back(HeldIndex()->GetOffset(cluster), HeldIndex()->GetSize(cluster));
     return OPAL_OK;
 }
 
@@ -289,10 +291,10 @@ OPALError StreamingReader::BuildTrickRanges(OPALPlayRate rate, bool forward,
     size_t take = 0;
     size_t skip = 0;
     (void)GetRateFrameStep(rate, &take, &skip);
-    const uint32_t headerSize = m_pIndex->GetHeaderSize(cluster);
+    const uint32_t headerSize = HeldIndex()->GetHeaderSize(cluster);
     if (headerSize == 0)
         return OPAL_ERROR_NOT_READY;
-    ranges.emplace_back(m_pIndex->GetOffset(cluster), headerSize);
+    ranges.emplace_back(HeldIndex()->GetOffset(cluster), headerSize);
 
     int64_t frame = forward ? m_skipFrames : 0;
     const int64_t last = m_framesPerCluster - (forward ? 0 : m_trimFrames);
@@ -301,7 +303,8 @@ OPALError StreamingReader::BuildTrickRanges(OPALPlayRate rate, bool forward,
         for (size_t taken = 0; taken < take && more; ++taken) {
             int64_t offset = 0;
             uint32_t size = 0;
-            more = m_pIndex->GetFrame(cluster, static_cast<size_t>(frame), offset, size) == OPAL_OK;
+            more =
+                HeldIndex()->GetFrame(cluster, static_cast<size_t>(frame), offset, size) == OPAL_OK;
             if (more) {
                 ranges.emplace_back(offset, size);
                 ++frame;
@@ -410,7 +413,6 @@ void StreamingReader::ResetState() {
 
 OPALError StreamingReader::FetchRange(int64_t offset, int64_t size,
                                       qutl::MemoryBuffer<unsigned char>& bytes) {
-    Lock lock(m_mutex);
     OPALError result = m_pHTTP->RequestRange(offset, size, nullptr);
     if (result != OPAL_OK)
         return result;
@@ -426,7 +428,6 @@ OPALError StreamingReader::FetchRange(int64_t offset, int64_t size,
 }
 
 OPALError StreamingReader::ReadHeaders() {
-    Lock lock(m_mutex);
     qutl::MemoryBuffer<unsigned char> bytes;
     OPALError result = FetchRange(0, m_headerRequestSize, bytes);
     if (result != OPAL_OK)
@@ -497,12 +498,12 @@ OPALError StreamingReader::FetchIndex(int64_t cuesOffset, int64_t segmentOffset,
 }
 
 void StreamingReader::SetIndex(const boost::shared_ptr<IClusterIndex>& index) {
-    boost::lock_guard<boost::mutex> lock(m_indexMutex);
+    opal::MutexLock lock(m_indexMutex);
     m_pIndex = index;
 }
 
 boost::shared_ptr<IClusterIndex> StreamingReader::Index() {
-    boost::lock_guard<boost::mutex> lock(m_indexMutex);
+    opal::MutexLock lock(m_indexMutex);
     return m_pIndex;
 }
 
@@ -532,37 +533,36 @@ OPALError StreamingReader::Run() {
             break;
         const int state = GetState();
         if (state == STREAMING_READER_RUNNING) {
-            DelayStart(lock);
+            DelayStart();
             const uint64_t wakes = m_wakes;
             const OPALError result = DownloadNext(OPAL_PLAYRATE_ONEX);
             if (IsFatalError(result))
                 return SetError(result);
             if (IsWaitError(result))
-                WaitForWake(lock, wakes);
+                WaitForWake(wakes);
         } else if (state == STREAMING_READER_END || state == STREAMING_READER_STOPPED) {
-            WaitForWake(lock, m_wakes);
+            WaitForWake(m_wakes);
         }
     }
     return GetError();
 }
 
-void StreamingReader::DelayStart(Lock& lock) {
+void StreamingReader::DelayStart() {
     if (m_clusterIndex <= 0 || m_startDelay <= 0)
         return;
     int64_t left = m_startDelay;
     m_startDelay = 0;
-    lock.unlock();
+    const opal::RecursiveUnlock unlocked(m_mutex);
     for (; left > 0 && !HasError() && !m_aborted; left -= kPollMs)
         opal::SleepMs(std::min(left, kPollMs));
-    lock.lock();
 }
 
 void StreamingReader::Wake() {
     ++m_wakes;
-    m_wakeup.notify_all();
+    m_wakeup.NotifyAll();
 }
 
-void StreamingReader::WaitForWake(Lock& lock, uint64_t wakes) {
+void StreamingReader::WaitForWake(uint64_t wakes) {
     while (m_wakes == wakes)
-        m_wakeup.wait(lock);
+        m_wakeup.Wait(m_mutex);
 }

@@ -3,15 +3,12 @@
 #include <atomic>
 #include <boost/scoped_ptr.hpp>
 #include <boost/shared_ptr.hpp>
-#include <boost/thread/condition_variable.hpp>
-#include <boost/thread/locks.hpp>
-#include <boost/thread/mutex.hpp>
-#include <boost/thread/recursive_mutex.hpp>
 #include <boost/thread/thread.hpp>
 #include <string>
 #include <vector>
 
 #include "Common/MemoryBuffer.h"
+#include "Common/Mutex.h"
 #include "StreamingReader/HTTPFile/IHTTPFile.h"
 #include "StreamingReader/IStreamingReader.h"
 
@@ -56,57 +53,64 @@ class StreamingReader : public IStreamingReader, public HTTPRequestNotify {
     void OnRequestComplete(const HTTPRequest& request) override;
 
   private:
-    using Lock = boost::unique_lock<boost::recursive_mutex>;
+    using Lock = opal::RecursiveLock;
 
-    void ResetState();
-    void SetIndex(const boost::shared_ptr<IClusterIndex>& index);
+    void ResetState() OPAL_REQUIRES(m_mutex);
+    void SetIndex(const boost::shared_ptr<IClusterIndex>& index) OPAL_REQUIRES(m_mutex);
+    /// The index is set, once it is filled, with both locks held, so m_mutex is enough to read it,
+    /// which the compiler cannot be told. A filled index does not change.
+    IClusterIndex* HeldIndex() const OPAL_REQUIRES(m_mutex) OPAL_NO_THREAD_SAFETY_ANALYSIS {
+        return m_pIndex.get();
+    }
     boost::shared_ptr<IClusterIndex> Index();
-    OPALError FetchRange(int64_t offset, int64_t size, qutl::MemoryBuffer<unsigned char>& bytes);
-    OPALError ReadHeaders();
-    OPALError FetchIndex(int64_t cuesOffset, int64_t segmentOffset, uint64_t totalSize);
-    void TakeHeaderFields(StreamHeaderParser& parser);
-    OPALError BuildRanges(OPALPlayRate rate, bool forward, std::vector<ByteRange>& ranges);
-    OPALError BuildTrickRanges(OPALPlayRate rate, bool forward, std::vector<ByteRange>& ranges);
+    OPALError FetchRange(int64_t offset, int64_t size, qutl::MemoryBuffer<unsigned char>& bytes)
+        OPAL_REQUIRES(m_mutex);
+    OPALError ReadHeaders() OPAL_REQUIRES(m_mutex);
+    OPALError FetchIndex(int64_t cuesOffset, int64_t segmentOffset, uint64_t totalSize)
+        OPAL_REQUIRES(m_mutex);
+    void TakeHeaderFields(StreamHeaderParser& parser) OPAL_REQUIRES(m_mutex);
+    OPALError BuildRanges(OPALPlayRate rate, bool forward, std::vector<ByteRange>& ranges)
+        OPAL_REQUIRES(m_mutex);
+    OPALError BuildTrickRanges(OPALPlayRate rate, bool forward, std::vector<ByteRange>& ranges)
+        OPAL_REQUIRES(m_mutex);
     OPALError Transfer(const std::vector<ByteRange>& ranges,
                        qutl::MemoryBuffer<unsigned char>& bytes);
-    void Wake();
-    void WaitForWake(Lock& lock, uint64_t wakes);
-    void DelayStart(Lock& lock);
+    void Wake() OPAL_REQUIRES(m_mutex);
+    void WaitForWake(uint64_t wakes) OPAL_REQUIRES(m_mutex);
+    void DelayStart() OPAL_REQUIRES(m_mutex);
 
     IStreamingReaderNotify* const m_pNotify;
-    boost::recursive_mutex m_mutex;
-    boost::thread m_thread;
+    opal::RecursiveMutex m_mutex;
+    boost::thread m_thread OPAL_GUARDED_BY(m_mutex);
     IClusterBuffer* const m_pBuffer;
-    AudioStreamInfo m_track;
+    AudioStreamInfo m_track OPAL_GUARDED_BY(m_mutex);
     const std::string m_url;
     const int64_t m_headerRequestSize;
     const boost::scoped_ptr<IHTTPFile> m_pHTTP;
-    boost::shared_ptr<IClusterIndex> m_pIndex;  ///< see m_indexMutex
+    boost::shared_ptr<IClusterIndex> m_pIndex OPAL_GUARDED_BY(m_indexMutex);
     std::atomic<bool> m_hasError{false};
     std::atomic<int32_t> m_clusterIndex{0};
     std::atomic<OPALError> m_error{OPAL_OK};
     std::atomic<bool> m_opened{false};
     std::atomic<bool> m_stopped{true};
-    int64_t m_duration = 0;
-    int64_t m_frameDuration = 0;
-    boost::condition_variable_any m_wakeup;
+    int64_t m_duration OPAL_GUARDED_BY(m_mutex) = 0;
+    int64_t m_frameDuration OPAL_GUARDED_BY(m_mutex) = 0;
+    opal::RecursiveCondVar m_wakeup;
     const OPALStreamType m_streamType;
     const size_t m_level;
-    int64_t m_startDelay = 0;
-    qutl::MemoryBuffer<unsigned char> m_font;
-    int64_t m_skipFrames = 0;
-    int64_t m_trimFrames = 0;
-    uint32_t m_framesPerCluster = 0;
+    int64_t m_startDelay OPAL_GUARDED_BY(m_mutex) = 0;
+    qutl::MemoryBuffer<unsigned char> m_font OPAL_GUARDED_BY(m_mutex);
+    int64_t m_skipFrames OPAL_GUARDED_BY(m_mutex) = 0;
+    int64_t m_trimFrames OPAL_GUARDED_BY(m_mutex) = 0;
+    uint32_t m_framesPerCluster OPAL_GUARDED_BY(m_mutex) = 0;
     std::atomic<bool> m_isSubtitle{false};
 
-    /// Innermost lock. m_pIndex is set, once it is filled, with m_mutex held too, so either one is
-    /// enough to read it; a filled index does not change.
-    boost::mutex m_indexMutex;
+    opal::Mutex m_indexMutex OPAL_ACQUIRED_AFTER(m_mutex);  ///< innermost
     /// CancelTransfers came, and neither Start nor Seek since. Tested before each transfer, so that
     /// a cancel between two transfers is not lost.
     std::atomic<bool> m_cancelled{false};
     /// AbortTransfers came, and no Finalize since.
     std::atomic<bool> m_aborted{false};
-    /// Counts the wakes, under m_mutex: a wait that ends without one is resumed.
-    uint64_t m_wakes = 0;
+    /// Counts the wakes: a wait that ends without one is resumed.
+    uint64_t m_wakes OPAL_GUARDED_BY(m_mutex) = 0;
 };

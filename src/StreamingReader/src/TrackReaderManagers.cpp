@@ -26,7 +26,7 @@ OPALError AudioReaderManager::CreateReaders(ISMILParser* parser, IClusterBuffer*
         if (added != OPAL_OK)
             return added;
     }
-    return m_readers.size() == tracks ? OPAL_OK : OPAL_ERROR_GENERAL;
+    return ReaderList().size() == tracks ? OPAL_OK : OPAL_ERROR_GENERAL;
 }
 
 OPALError AudioReaderManager::GetTrackInfo(AudioStreamInfo& info) {
@@ -36,9 +36,9 @@ OPALError AudioReaderManager::GetTrackInfo(AudioStreamInfo& info) {
 
 OPALError AudioReaderManager::GetTrackInfo(size_t index, AudioStreamInfo& info) {
     Lock lock(m_mutex);
-    if (index >= m_readers.size())
+    if (index >= ReaderList().size())
         return OPAL_ERROR_INVALID_ARGUMENT;
-    return m_readers[index]->GetTrackInfo(info);
+    return ReaderList()[index]->GetTrackInfo(info);
 }
 
 OPALError AudioReaderManager::GetCodecID(std::string& codecID) {
@@ -64,11 +64,11 @@ OPALError SubtitleReaderManager::SetStream(size_t index, bool open) {
     const Reader before = Current();
     if (!before)
         return NoReaderResult();
-    if (index >= m_readers.size())
+    if (index >= ReaderList().size())
         return OPAL_ERROR_INVALID_ARGUMENT;
     // Its connection is gone before the next one is made. A failed stream that is selected again is
     // opened afresh.
-    if (index != m_current || IsThreadEnded())
+    if (index != CurrentIndex() || IsThreadEnded())
         (void)before->Finalize();
     const OPALError selected = ReaderManager::SetStream(index, open);
     return selected == OPAL_OK ? RestartEndedThread() : selected;
@@ -87,7 +87,7 @@ OPALError SubtitleReaderManager::CreateReaders(ISMILParser* parser, IClusterBuff
         if (added != OPAL_OK)
             return added;
     }
-    return m_readers.size() == tracks ? OPAL_OK : OPAL_ERROR_GENERAL;
+    return ReaderList().size() == tracks ? OPAL_OK : OPAL_ERROR_GENERAL;
 }
 
 OPALError SubtitleReaderManager::GetFont(const void*& data, size_t& size) {

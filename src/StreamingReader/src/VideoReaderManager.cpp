@@ -29,7 +29,7 @@ OPALError VideoReaderManager::CreateReaders(ISMILParser* parser, IClusterBuffer*
         if (added != OPAL_OK)
             return added;
     }
-    const size_t first = m_readers.size();
+    const size_t first = ReaderList().size();
     const size_t trickTracks = parser->GetVideoTrickTrackCount();
     for (size_t i = 0; i < trickTracks; ++i) {
         boost::shared_ptr<IVideoTrickTrack> track;
@@ -40,9 +40,9 @@ OPALError VideoReaderManager::CreateReaders(ISMILParser* parser, IClusterBuffer*
         if (added != OPAL_OK)
             return added;
     }
-    if (m_readers.size() != levels + trickTracks)
+    if (ReaderList().size() != levels + trickTracks)
         return OPAL_ERROR_GENERAL;
-    if (first < m_readers.size())
+    if (first < ReaderList().size())
         m_firstTrickTrack = first;
     m_clusterIndexes.assign(first, nullptr);
     return OPAL_OK;
@@ -50,19 +50,20 @@ OPALError VideoReaderManager::CreateReaders(ISMILParser* parser, IClusterBuffer*
 
 OPALError VideoReaderManager::DownloadNext() {
     Lock lock(m_mutex);
-    return OnCurrent([this](IStreamingReader& reader) { return reader.DownloadNext(m_rate); });
+    const OPALPlayRate rate = m_rate;
+    return OnCurrent([rate](IStreamingReader& reader) { return reader.DownloadNext(rate); });
 }
 
 OPALError VideoReaderManager::OpenCurrent() {
     Lock lock(m_mutex);
-    if (m_current == m_firstTrickTrack)
+    if (CurrentIndex() == m_firstTrickTrack)
         return ReaderManager::OpenCurrent();
-    return OnCurrent([this](IStreamingReader&) { return OpenLevelsUpToCurrent(); });
+    return Current() ? OpenLevelsUpToCurrent() : NoReaderResult();
 }
 
 OPALError VideoReaderManager::OpenLevelsUpToCurrent() {
-    for (size_t i = 0; i <= m_current; ++i) {
-        IStreamingReader& reader = *m_readers[i];
+    for (size_t i = 0; i <= CurrentIndex(); ++i) {
+        IStreamingReader& reader = *ReaderList()[i];
         if (reader.GetState() != STREAMING_READER_NOT_OPEN)
             continue;
         const OPALError opened = reader.Open();
@@ -78,10 +79,10 @@ OPALError VideoReaderManager::OpenLevelsUpToCurrent() {
 
 OPALError VideoReaderManager::SetRate(OPALPlayRate rate) {
     Lock lock(m_mutex);
-    return OnCurrent([&](IStreamingReader&) {
-        m_rate = rate;
-        return rate == OPAL_PLAYRATE_ONEX ? OPAL_OK : SetStream(m_firstTrickTrack, true);
-    });
+    if (!Current())
+        return NoReaderResult();
+    m_rate = rate;
+    return rate == OPAL_PLAYRATE_ONEX ? OPAL_OK : SetStream(m_firstTrickTrack, true);
 }
 
 void VideoReaderManager::OnReadersDropped() {

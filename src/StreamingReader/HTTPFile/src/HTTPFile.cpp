@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <boost/thread/lock_guard.hpp>
 #include <fstream>
 #include <limits>
 #include <sstream>
@@ -162,7 +161,9 @@ size_t HTTPFile::OnHeader(char* bytes, size_t size, size_t count, void* user) {
         int64_t number = 0;
         if (!(text >> number) || number <= 0)
             return 0;
-        static_cast<HTTPFile*>(user)->fileSize = number;
+        HTTPFile& file = *static_cast<HTTPFile*>(user);
+        file.mutex.AssertHeld();
+        file.fileSize = number;
     } catch (const std::exception&) {
         return 0;
     }
@@ -175,7 +176,7 @@ size_t HTTPFile::OnBody(char* bytes, size_t size, size_t count, void* user) {
     HTTPFile& file = *static_cast<HTTPFile*>(user);
     const size_t length = size * count;
     try {
-        boost::lock_guard<boost::mutex> lock(file.mutex);
+        Lock lock(file.mutex);
         if (file.cancelInFlight || file.CheckStatus_Unlocked() != OPAL_OK || file.pending.empty())
             return 0;
         return file.pending.front().Write(bytes, length) == OPAL_OK ? length : 0;
@@ -186,7 +187,7 @@ size_t HTTPFile::OnBody(char* bytes, size_t size, size_t count, void* user) {
 
 int HTTPFile::OnProgress(void* user, curl_off_t, curl_off_t now, curl_off_t, curl_off_t) {
     HTTPFile& file = *static_cast<HTTPFile*>(user);
-    boost::lock_guard<boost::mutex> lock(file.progressMutex);
+    Lock lock(file.progressMutex);
     file.bytesInFlight =
         static_cast<int32_t>(std::min<curl_off_t>(now, std::numeric_limits<int32_t>::max()));
     return file.cancelInFlight || file.EndingResult() != OPAL_OK ? -1 : 0;
@@ -277,7 +278,7 @@ OPALError HTTPFile::CheckRanges_Unlocked(const std::vector<ByteRange>& ranges) c
 OPALError HTTPFile::RequestRanges(const std::vector<ByteRange>& ranges, HTTPRequestNotify* notify) {
     Lock lock(mutex);
     while (!threaded && m_performing)  // the handle serves one caller at a time
-        m_idle.wait(lock);
+        m_idle.Wait(mutex);
     OPALError result = CheckStatus_Unlocked();
     if (result == OPAL_OK)
         result = CheckRanges_Unlocked(ranges);
@@ -285,25 +286,26 @@ OPALError HTTPFile::RequestRanges(const std::vector<ByteRange>& ranges, HTTPRequ
         return result;
     pending.emplace_back(ranges, notify);
     if (!threaded)
-        return DownloadRequest_Unlocked(lock);
-    wakeup.notify_one();
+        return DownloadRequest_Unlocked();
+    wakeup.NotifyOne();
     return OPAL_OK;
 }
 
-OPALError HTTPFile::DownloadRequest_Unlocked(Lock& lock) {
+OPALError HTTPFile::DownloadRequest_Unlocked() {
     if (pending.empty())
         return OPAL_ERROR_NOT_READY;
     SetOption(curl, CURLOPT_RANGE, pending.front().BuildRangeString().c_str());
     pending.front().MarkStart();
     m_performing = true;
     m_runningDropped = false;
-    lock.unlock();
-    const CURLcode code = curl_easy_perform(curl);
-    lock.lock();
+    CURL* const handle = curl;
+    mutex.Unlock();
+    const CURLcode code = curl_easy_perform(handle);
+    mutex.Lock();
     m_performing = false;
-    m_idle.notify_all();
+    m_idle.NotifyAll();
     {
-        boost::lock_guard<boost::mutex> progress(progressMutex);
+        Lock progress(progressMutex);
         bytesInFlight = 0;
     }
     if (cancelInFlight &&
@@ -342,9 +344,9 @@ void HTTPFile::ServeQueue() {
     Lock lock(mutex);
     while (CheckStatus_Unlocked() == OPAL_OK) {
         if (pending.empty())
-            wakeup.wait(lock);
+            wakeup.Wait(mutex);
         else
-            (void)DownloadRequest_Unlocked(lock);  // the status says whether to go on
+            (void)DownloadRequest_Unlocked();  // the status says whether to go on
     }
 }
 
@@ -386,7 +388,7 @@ OPALError HTTPFile::CancelRequests(bool cancelRunning, bool clearCompleted) {
 }
 
 OPALError HTTPFile::GetBytesInFlight(int& bytes) {
-    boost::lock_guard<boost::mutex> lock(progressMutex);
+    Lock lock(progressMutex);
     bytes = bytesInFlight;
     return OPAL_OK;
 }
@@ -394,18 +396,18 @@ OPALError HTTPFile::GetBytesInFlight(int& bytes) {
 OPALError HTTPFile::Close() {
     ++m_closers;
     {
-        boost::lock_guard<boost::mutex> oneAtATime(m_closeMutex);
+        Lock oneAtATime(m_closeMutex);
         Lock lock(mutex);
         closing = true;
-        wakeup.notify_all();
+        wakeup.NotifyAll();
         boost::thread ending;
         ending.swap(worker);
-        lock.unlock();
+        lock.Unlock();
         if (ending.joinable())
             ending.join();
-        lock.lock();
+        lock.Lock();
         while (m_performing)
-            m_idle.wait(lock);
+            m_idle.Wait(mutex);
         Close_Unlocked();
         m_aborted = false;
     }
