@@ -1,10 +1,8 @@
 #include "Common/logging/LogEventSender.h"
 
-#include <boost/thread/lock_guard.hpp>
-
 namespace {
 
-using Lock = boost::lock_guard<boost::recursive_mutex>;
+using Lock = opal::RecursiveLock;
 
 constexpr int64_t kDayMs = 86400000;
 constexpr int64_t kDefaultInterval = 300000;

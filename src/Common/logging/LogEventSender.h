@@ -1,8 +1,8 @@
 #pragma once
 
-#include <boost/thread/recursive_mutex.hpp>
 #include <string>
 
+#include "Common/Mutex.h"
 #include "Common/logging/ILogEventSender.h"
 
 /// The settings of a log sender; what it does with a document is left to the derived class.
@@ -20,14 +20,14 @@ class LogEventSender : public ILogEventSender {
     bool IsLevel3Enabled() override;
 
   protected:
-    boost::recursive_mutex m_mutex;
-    int64_t m_interval = 300000;
-    size_t m_size = 0x20000;
-    bool m_level1 = true;
-    bool m_level2 = false;
-    bool m_level3 = false;
-    std::string m_country = "US";
-    std::string m_language = "en";
+    opal::RecursiveMutex m_mutex;
+    int64_t m_interval OPAL_GUARDED_BY(m_mutex) = 300000;
+    size_t m_size OPAL_GUARDED_BY(m_mutex) = 0x20000;
+    bool m_level1 OPAL_GUARDED_BY(m_mutex) = true;
+    bool m_level2 OPAL_GUARDED_BY(m_mutex) = false;
+    bool m_level3 OPAL_GUARDED_BY(m_mutex) = false;
+    std::string m_country OPAL_GUARDED_BY(m_mutex) = "US";
+    std::string m_language OPAL_GUARDED_BY(m_mutex) = "en";
 };
 
 /// Throws everything away.

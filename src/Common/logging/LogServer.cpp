@@ -3,15 +3,12 @@
 #include <sys/resource.h>
 
 #include <atomic>
-#include <boost/thread/condition_variable.hpp>
-#include <boost/thread/lock_guard.hpp>
-#include <boost/thread/mutex.hpp>
-#include <boost/thread/recursive_mutex.hpp>
 #include <boost/thread/thread.hpp>
 #include <exception>
 
 #include "Common/Clock.h"
 #include "Common/LockedQueue.h"
+#include "Common/Mutex.h"
 #include "Common/logging/ILogEventSender.h"
 #include "Common/logging/LogEvent.h"
 #include "Common/logging/LogEventSerializer.h"
@@ -34,51 +31,52 @@ constexpr size_t kMaxQueued = 16448;
 /// Two locks keep posting apart from the network: `wakeMutex` is a leaf that is held only around a
 /// push and around the wait for one; `mutex` is held while a message is handled, uploads included.
 /// `controlMutex`, the outermost, makes Start and Stop wait for one another; the log thread never
-/// takes it.
+/// takes it. Start and Stop take `mutex` only while no log thread runs.
 class LogServer::PIMPL {
   public:
     LockedQueue<LogEventMessage> queue;
-    boost::thread thread;
-    boost::recursive_mutex controlMutex;
-    boost::mutex mutex;
-    boost::mutex wakeMutex;
-    boost::condition_variable wakeup;
-    LogEventSerializer serializer;
-    ILogEventSender* sender = nullptr;
+    opal::Mutex controlMutex;
+    boost::thread thread OPAL_GUARDED_BY(controlMutex);
+    opal::Mutex mutex OPAL_ACQUIRED_AFTER(controlMutex);
+    LogEventSerializer serializer OPAL_GUARDED_BY(mutex);
+    ILogEventSender* sender OPAL_GUARDED_BY(mutex) = nullptr;
+    bool stopping OPAL_GUARDED_BY(mutex) = false;
+    opal::Mutex wakeMutex OPAL_ACQUIRED_AFTER(mutex);
+    opal::CondVar wakeup;
+    /// Late posts meet the next start.
+    boost::posix_time::ptime startTime OPAL_GUARDED_BY(wakeMutex);
     log4cxx::LoggerPtr logger = getLogger("opal.LogServer");
     log4cxx::LoggerPtr dataLogger = getLogger("opal.LogServer.data");
     std::atomic<bool> started{false};  ///< at any time; from then on events are taken
     std::atomic<bool> connected{false};
-    bool stopping = false;
     /// The sender's switches as of the connection, so that Post need not touch the sender, which
     /// may be gone while a reader still posts.
     std::atomic<bool> levelEnabled[3] = {{false}, {false}, {false}};
-    boost::posix_time::ptime startTime;  ///< under wakeMutex: late posts meet the next start
 
     void StampStart() {
-        boost::lock_guard<boost::mutex> lock(wakeMutex);
+        opal::MutexLock lock(wakeMutex);
         startTime = opal::Now();
     }
 
     int64_t SecondsSinceStart() {
-        boost::lock_guard<boost::mutex> lock(wakeMutex);
+        opal::MutexLock lock(wakeMutex);
         return opal::ToMilliseconds(opal::Now() - startTime) / 1000;
     }
 
     void Push(int type, LogEvent* event) {
-        boost::lock_guard<boost::mutex> lock(wakeMutex);
+        opal::MutexLock lock(wakeMutex);
         LogEventMessage message;
         message.type = type;
         message.event = event;
         queue.Push(message);
-        wakeup.notify_one();
+        wakeup.NotifyOne();
     }
 
     LogEventMessage WaitForMessage() {
-        boost::unique_lock<boost::mutex> lock(wakeMutex);
+        opal::MutexLock lock(wakeMutex);
         LogEventMessage message;
         while (!queue.Pop(message))
-            wakeup.wait(lock);
+            wakeup.Wait(wakeMutex);
         return message;
     }
 
@@ -93,13 +91,13 @@ class LogServer::PIMPL {
         return level >= 1 && level <= 3 && levelEnabled[level - 1];
     }
 
-    void ReadLevels() {
+    void ReadLevels() OPAL_REQUIRES(mutex) {
         levelEnabled[0] = sender->IsLevel1Enabled();
         levelEnabled[1] = sender->IsLevel2Enabled();
         levelEnabled[2] = sender->IsLevel3Enabled();
     }
 
-    bool Connect() {
+    bool Connect() OPAL_REQUIRES(mutex) {
         if (sender->Initialize() != OPAL_OK)
             return false;
         ReadLevels();
@@ -107,7 +105,7 @@ class LogServer::PIMPL {
         return true;
     }
 
-    void SendBufferToServer() {
+    void SendBufferToServer() OPAL_REQUIRES(mutex) {
         if (!connected && !stopping && !Connect())
             return;
         std::string document;
@@ -121,7 +119,7 @@ class LogServer::PIMPL {
 
     /// False when the thread shall end at once.
     bool Handle(const LogEventMessage& message) {
-        boost::lock_guard<boost::mutex> lock(mutex);
+        opal::MutexLock lock(mutex);
         switch (message.type) {
             case LogEventMessage::kEvent:
                 // Before the connection the sender's own switches count, as they stand.
@@ -147,17 +145,30 @@ class LogServer::PIMPL {
     void Run() {
         setpriority(PRIO_PROCESS, 0, kLowestPriority);
         try {
-            while (!stopping) {
-                if (!Handle(WaitForMessage()))
-                    return;
+            while (Handle(WaitForMessage())) {
+                opal::MutexLock lock(mutex);
+                if (!stopping)
+                    continue;
+                SendBufferToServer();
+                connected = false;
+                stopping = false;
+                return;
             }
-            boost::lock_guard<boost::mutex> lock(mutex);
-            SendBufferToServer();
-            connected = false;
-            stopping = false;
         } catch (const std::exception& e) {
             LOG4CXX_ERROR(logger, "Log thread ended: " << e.what());
         }
+    }
+
+    void Stop() OPAL_REQUIRES(controlMutex) {
+        if (thread.joinable()) {
+            Push(LogEventMessage::kStop, nullptr);
+            thread.join();
+        }
+        connected = false;
+        Drain();
+        opal::MutexLock lock(mutex);
+        serializer.Clear();
+        sender = nullptr;
     }
 };
 
@@ -176,11 +187,13 @@ void LogServer::Start(ILogEventSender* sender) {
     if (!sender)
         return;
     PIMPL& self = *m_pimpl;
-    boost::lock_guard<boost::recursive_mutex> control(self.controlMutex);
-    Stop();
-    self.sender = sender;
-    self.connected = false;
-    self.stopping = false;
+    opal::MutexLock control(self.controlMutex);
+    self.Stop();
+    {
+        opal::MutexLock lock(self.mutex);
+        self.sender = sender;
+        self.stopping = false;
+    }
     self.StampStart();
     self.started = true;
     self.thread = boost::thread([&self] { self.Run(); });
@@ -209,13 +222,6 @@ void LogServer::Flush() {
 
 void LogServer::Stop() {
     PIMPL& self = *m_pimpl;
-    boost::lock_guard<boost::recursive_mutex> control(self.controlMutex);
-    if (self.thread.joinable()) {
-        self.Push(LogEventMessage::kStop, nullptr);
-        self.thread.join();
-    }
-    self.connected = false;
-    self.Drain();
-    self.serializer.Clear();
-    self.sender = nullptr;
+    opal::MutexLock control(self.controlMutex);
+    self.Stop();
 }

@@ -6,28 +6,28 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <boost/thread/lock_guard.hpp>
-#include <boost/thread/mutex.hpp>
 #include <fstream>
 
+#include "Common/Mutex.h"
 #include "Common/logging/Logger.h"
 
 namespace opal {
 namespace {
 
-boost::mutex& SourceMutex() {
-    static boost::mutex mutex;
-    return mutex;
-}
+struct ReplacedSource {
+    Mutex mutex;
+    NetworkSource source OPAL_GUARDED_BY(mutex);
+};
 
-NetworkSource& Source() {
-    static NetworkSource source;
-    return source;
+ReplacedSource& Replaced() {
+    static ReplacedSource replaced;
+    return replaced;
 }
 
 NetworkSource CurrentSource() {
-    boost::lock_guard<boost::mutex> lock(SourceMutex());
-    NetworkSource source = Source();
+    ReplacedSource& replaced = Replaced();
+    MutexLock lock(replaced.mutex);
+    NetworkSource source = replaced.source;
     if (!source.getAddresses)
         source.getAddresses = &getifaddrs;
     if (!source.freeAddresses)
@@ -83,8 +83,9 @@ int ReadOperationalState(const std::string& path) {
 }  // namespace
 
 void SetNetworkSource(const NetworkSource& source) {
-    boost::lock_guard<boost::mutex> lock(SourceMutex());
-    Source() = source;
+    ReplacedSource& replaced = Replaced();
+    MutexLock lock(replaced.mutex);
+    replaced.source = source;
 }
 
 }  // namespace opal

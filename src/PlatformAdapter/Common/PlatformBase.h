@@ -1,7 +1,6 @@
 #pragma once
 
-#include <boost/thread/recursive_mutex.hpp>
-
+#include "Common/Mutex.h"
 #include "PlatformAdapter/Common/IPlatform.h"
 #include "PlatformAdapter/Mstar/HABTypes.h"
 
@@ -17,11 +16,11 @@ class PlatformBase : public IPlatform {
     OPALError GetTime(uint32_t& ms) override;
 
   protected:
-    using Lock = boost::recursive_mutex::scoped_lock;
+    using Lock = opal::RecursiveLock;
 
     static OPALError FromHAB(int result);
 
     HHABTIMER m_hTimer;
     HHABARCH m_hArch;
-    boost::recursive_mutex m_mutex;
+    opal::RecursiveMutex m_mutex;
 };

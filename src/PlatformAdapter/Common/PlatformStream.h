@@ -29,8 +29,8 @@ class PlatformStream : public PlatformBase {
     OPALError Refresh() override;
 
   protected:
-    Handle m_hStream = nullptr;
-    bool m_configured = false;
+    Handle m_hStream OPAL_GUARDED_BY(PlatformBase::m_mutex) = nullptr;
+    bool m_configured OPAL_GUARDED_BY(PlatformBase::m_mutex) = false;
 };
 
 extern template class PlatformStream<HHABVIDEO>;

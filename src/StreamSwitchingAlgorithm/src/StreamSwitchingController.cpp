@@ -1,7 +1,6 @@
 #include "StreamSwitchingAlgorithm/src/StreamSwitchingController.h"
 
 #include <algorithm>
-#include <boost/thread/lock_guard.hpp>
 #include <limits>
 
 #include "Common/Assert.h"
@@ -15,7 +14,7 @@
 
 namespace {
 
-using Lock = boost::lock_guard<boost::mutex>;
+using Lock = opal::MutexLock;
 using boost::posix_time::milliseconds;
 
 constexpr int kMaxUsefulAudioBuffer = 16000;

@@ -2,9 +2,9 @@
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/scoped_ptr.hpp>
-#include <boost/thread/mutex.hpp>
 #include <string>
 
+#include "Common/Mutex.h"
 #include "StreamSwitchingAlgorithm/IStreamSwitchingController.h"
 #include "StreamSwitchingAlgorithm/src/BandwidthMonitor.h"
 #include "StreamSwitchingAlgorithm/src/VideoStreamSwitchingAlgorithm.h"
@@ -55,27 +55,30 @@ class StreamSwitchingController : public IStreamSwitchingController,
     void eventHandler(OPALStreamType type, StreamSwitchingNotify::event what, int first,
                       int second) override;
 
-    void OnDownloadComplete(OPALStreamType type, const Message& message);
-    void OnRestart(OPALStreamType type);
-    void UpdateStability(int level, int64_t downloadTime);
-    void UpdateMode(int level, int64_t downloadTime);
-    void SwitchMode(int mode);
-    void StoreBandwidth(int bandwidth);
-    void StoreAudioBitrate(int bitrate);
+    void OnDownloadComplete(OPALStreamType type, const Message& message) OPAL_REQUIRES(m_mutex);
+    void OnRestart(OPALStreamType type) OPAL_REQUIRES(m_mutex);
+    void UpdateStability(int level, int64_t downloadTime) OPAL_REQUIRES(m_mutex);
+    void UpdateMode(int level, int64_t downloadTime) OPAL_REQUIRES(m_mutex);
+    void SwitchMode(int mode) OPAL_REQUIRES(m_mutex);
+    void StoreBandwidth(int bandwidth) OPAL_REQUIRES(m_mutex);
+    void StoreAudioBitrate(int bitrate) OPAL_REQUIRES(m_mutex);
 
     StreamSwitchingNotify m_notify;
-    boost::scoped_ptr<VideoStreamSwitchingAlgorithm> m_algorithm;
-    boost::mutex m_mutex;
-    int m_bandwidth = 0;
-    BandwidthMonitor m_monitor;
-    int m_mode = 0;
-    boost::posix_time::ptime m_agileStart;   ///< when the present agile period began
-    boost::posix_time::ptime m_stableSince;  ///< when the present level was reached
-    int64_t m_stableDuration = 0;            ///< ms at the present level
-    int m_lastLevel = -1;                    ///< of the last decision; -1: none since a restart
-    int m_audioBuffered = 0;                 ///< ms
-    int m_audioBitrate = 0;                  ///< taken off the video's bandwidth
-    int64_t m_audioBufferSize = 0;           ///< bits
-    int m_audioDelay = 0;                    ///< audio's buffer requirement, ms
-    int64_t m_blockTime = 0;                 ///< see SetBandwidth
+    opal::Mutex m_mutex;
+    const boost::scoped_ptr<VideoStreamSwitchingAlgorithm> m_algorithm OPAL_PT_GUARDED_BY(m_mutex);
+    int m_bandwidth OPAL_GUARDED_BY(m_mutex) = 0;
+    BandwidthMonitor m_monitor OPAL_GUARDED_BY(m_mutex);
+    int m_mode OPAL_GUARDED_BY(m_mutex) = 0;
+    boost::posix_time::ptime m_agileStart
+        OPAL_GUARDED_BY(m_mutex);  ///< when the present agile period began
+    boost::posix_time::ptime m_stableSince
+        OPAL_GUARDED_BY(m_mutex);                           ///< when the present level was reached
+    int64_t m_stableDuration OPAL_GUARDED_BY(m_mutex) = 0;  ///< ms at the present level
+    int m_lastLevel OPAL_GUARDED_BY(m_mutex) =
+        -1;  ///< of the last decision; -1: none since a restart
+    int m_audioBuffered OPAL_GUARDED_BY(m_mutex) = 0;        ///< ms
+    int m_audioBitrate OPAL_GUARDED_BY(m_mutex) = 0;         ///< taken off the video's bandwidth
+    int64_t m_audioBufferSize OPAL_GUARDED_BY(m_mutex) = 0;  ///< bits
+    int m_audioDelay OPAL_GUARDED_BY(m_mutex) = 0;           ///< audio's buffer requirement, ms
+    int64_t m_blockTime OPAL_GUARDED_BY(m_mutex) = 0;        ///< see SetBandwidth
 };

@@ -52,11 +52,15 @@ StreamingWriter::~StreamingWriter() {
 }
 
 OPALError StreamingWriter::Initialize() {
-    if (m_thread.joinable()) {
-        if (!m_stopped)
+    boost::thread ended;
+    {
+        ControlLock lock(*this);
+        if (m_thread.joinable() && !m_stopped)
             return OPAL_ERROR_NOT_READY;
-        m_thread.join();
+        ended.swap(m_thread);
     }
+    if (ended.joinable())
+        ended.join();
     ControlLock lock(*this);
     m_stopped = false;
     m_endOfStream = false;
@@ -110,8 +114,13 @@ bool StreamingWriter::IsEndOfStream() {
 
 OPALError StreamingWriter::Finalize() {
     (void)Fail(OPAL_ERROR_TERMINATED);
-    if (m_thread.joinable())
-        m_thread.join();
+    boost::thread ending;
+    {
+        ControlLock lock(*this);
+        ending.swap(m_thread);
+    }
+    if (ending.joinable())
+        ending.join();
     ControlLock lock(*this);
     m_levelChanges.clear();
     return OPAL_OK;
@@ -263,7 +272,6 @@ OPALError StreamingWriter::WriteBlock(size_t trailer) {
 }
 
 OPALError StreamingWriter::NextBlock(BlockNode& block) {
-    Lock lock(m_mutex);
     size_t trailer = 0;
     OPALError result = GetTrailer(trailer);
     if (result != OPAL_OK)

@@ -2,11 +2,10 @@
 
 #include <atomic>
 #include <boost/scoped_ptr.hpp>
-#include <boost/thread/locks.hpp>
-#include <boost/thread/recursive_mutex.hpp>
 #include <boost/thread/thread.hpp>
 #include <list>
 
+#include "Common/Mutex.h"
 #include "StreamingDemux/EBML/BlockNode.h"
 #include "StreamingDemux/EBML/IClusterParser.h"
 #include "StreamingWriter/IStreamingWriter.h"
@@ -43,7 +42,7 @@ class StreamingWriter : public IStreamingWriter {
     OPALError WriteBlocks() override;
 
   private:
-    using Lock = boost::unique_lock<boost::recursive_mutex>;
+    using Lock = opal::RecursiveLock;
 
     struct LevelChange {
         size_t level;
@@ -51,14 +50,15 @@ class StreamingWriter : public IStreamingWriter {
     };
 
     /// m_mutex for a caller from outside: the loop lets it in before its next round.
-    class ControlLock {
+    class OPAL_SCOPED_CAPABILITY ControlLock {
       public:
-        explicit ControlLock(StreamingWriter& writer) : m_writer(writer) {
+        explicit ControlLock(StreamingWriter& writer) OPAL_ACQUIRE(writer.m_mutex)
+            : m_writer(writer) {
             ++m_writer.m_waiting;
-            m_writer.m_mutex.lock();
+            m_writer.m_mutex.Lock();
             --m_writer.m_waiting;
         }
-        ~ControlLock() { m_writer.m_mutex.unlock(); }
+        ~ControlLock() OPAL_RELEASE() { m_writer.m_mutex.Unlock(); }
         ControlLock(const ControlLock&) = delete;
         ControlLock& operator=(const ControlLock&) = delete;
 
@@ -69,38 +69,39 @@ class StreamingWriter : public IStreamingWriter {
     OPALError Fail(OPALError code);
     void ThreadMain();
     OPALError WriterLoop();
-    OPALError WriteBlock(size_t trailer);
-    OPALError NextBlock(BlockNode& block);
-    OPALError NextCluster(bool exhausted, BlockNode& block, size_t trailer);
-    OPALError AskParser(BlockNode& block, size_t trailer);
+    OPALError WriteBlock(size_t trailer) OPAL_REQUIRES(m_mutex);
+    OPALError NextBlock(BlockNode& block) OPAL_REQUIRES(m_mutex);
+    OPALError NextCluster(bool exhausted, BlockNode& block, size_t trailer) OPAL_REQUIRES(m_mutex);
+    OPALError AskParser(BlockNode& block, size_t trailer) OPAL_REQUIRES(m_mutex);
     OPALError GetTrailer(size_t& trailer);
-    void MakePresentable(BlockNode& block) const;
-    bool IsReverse() const;
-    bool IsLast(const ClusterInfo& info) const;
+    void MakePresentable(BlockNode& block) const OPAL_REQUIRES(m_mutex);
+    bool IsReverse() const OPAL_REQUIRES(m_mutex);
+    bool IsLast(const ClusterInfo& info) const OPAL_REQUIRES(m_mutex);
     bool IsDropped(size_t level);
-    void NoteLevel(size_t level, int64_t time);
+    void NoteLevel(size_t level, int64_t time) OPAL_REQUIRES(m_mutex);
 
-    boost::recursive_mutex m_mutex;
-    boost::recursive_mutex m_clusterMutex;
-    boost::recursive_mutex m_discardMutex;
-    boost::thread m_thread;
+    opal::RecursiveMutex m_mutex;
+    opal::RecursiveMutex m_clusterMutex OPAL_ACQUIRED_AFTER(m_mutex);
+    opal::RecursiveMutex m_discardMutex OPAL_ACQUIRED_AFTER(m_clusterMutex);
+    boost::thread m_thread OPAL_GUARDED_BY(m_mutex);
     IClusterBuffer* const m_pBuffer;
-    const boost::scoped_ptr<IClusterParser> m_pParser;
+    const boost::scoped_ptr<IClusterParser> m_pParser OPAL_PT_GUARDED_BY(m_mutex);
     IPlatform* const m_pSink;
     std::atomic<bool> m_stopped{true};
     std::atomic<bool> m_endOfStream{false};
     std::atomic<bool> m_paused{true};
-    bool m_blockPending = false;
-    size_t m_discardLevel = static_cast<size_t>(-1);
+    bool m_blockPending OPAL_GUARDED_BY(m_mutex) = false;
+    size_t m_discardLevel OPAL_GUARDED_BY(m_discardMutex) = static_cast<size_t>(-1);
     std::atomic<bool> m_disabled{false};
-    BlockNode m_block;
-    qutl::MemoryBuffer<unsigned char> m_offered;  ///< pull model: the sink's copy of a block
+    BlockNode m_block OPAL_GUARDED_BY(m_mutex);
+    qutl::MemoryBuffer<unsigned char> m_offered
+        OPAL_GUARDED_BY(m_mutex);  ///< pull model: the sink's copy of a block
     std::atomic<OPALError> m_error{OPAL_OK};
     const OPALWriterModel m_model;
     const OPALStreamType m_streamType;
-    OPALPlayRate m_rate = OPAL_PLAYRATE_ONEX;
-    int64_t m_frameDuration = 0;
-    int64_t m_clusterRemaining = 0;
-    std::list<LevelChange> m_levelChanges;
+    OPALPlayRate m_rate OPAL_GUARDED_BY(m_mutex) = OPAL_PLAYRATE_ONEX;
+    int64_t m_frameDuration OPAL_GUARDED_BY(m_mutex) = 0;
+    int64_t m_clusterRemaining OPAL_GUARDED_BY(m_clusterMutex) = 0;
+    std::list<LevelChange> m_levelChanges OPAL_GUARDED_BY(m_mutex);
     std::atomic<int> m_waiting{0};  ///< ControlLocks that want m_mutex
 };

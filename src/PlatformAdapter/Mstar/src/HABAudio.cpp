@@ -2,13 +2,13 @@
 
 #include <atomic>
 #include <boost/shared_ptr.hpp>
-#include <boost/thread/recursive_mutex.hpp>
 #include <cstdio>
 #include <new>
 #include <vector>
 
 #include "Common/Assert.h"
 #include "Common/CodecIDs.h"
+#include "Common/Mutex.h"
 #include "PlatformAdapter/Mstar/KMTPlayer.h"
 #include "PlatformAdapter/Mstar/src/GoldenFileCheck.h"
 #include "PlatformAdapter/Mstar/src/HABArchRecord.h"
@@ -38,7 +38,7 @@ constexpr uint32_t kSampleRates[kExplicitRateIndex] = {
 
 std::atomic<uint8_t> g_audioStarted{0};
 std::atomic<uint32_t> g_newestTimestamp{0};
-boost::recursive_mutex g_audioMutex;
+opal::RecursiveMutex g_audioMutex;
 
 struct StreamFormat {
     uint32_t frequencyIndex = 0;
@@ -213,7 +213,7 @@ int HABAudio_Queue(HHABAUDIO hHABAudio, const void* pAudioPacket, uint32_t dataS
 int HABAudio_Flush(HHABAUDIO hHABAudio) {
     if (!hHABAudio)
         return HAB_OK;
-    boost::recursive_mutex::scoped_lock lock(g_audioMutex);
+    opal::RecursiveLock lock(g_audioMutex);
     if (hHABAudio->hArch->itemReady) {
         std::printf("------------------------A HABAudio_Flush ---!\n");
         g_audioStarted = 0;

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <boost/shared_ptr.hpp>
-#include <boost/thread/recursive_mutex.hpp>
 #include <cstdio>
 #include <new>
 #include <vector>
@@ -10,6 +9,7 @@
 #include "Common/Assert.h"
 #include "Common/Clock.h"
 #include "Common/CodecIDs.h"
+#include "Common/Mutex.h"
 #include "PlatformAdapter/Mstar/HABArch.h"
 #include "PlatformAdapter/Mstar/KMTPlayer.h"
 #include "PlatformAdapter/Mstar/src/GoldenFileCheck.h"
@@ -47,9 +47,9 @@ std::atomic<uint8_t> g_itemCreated{0};
 std::atomic<uint8_t> g_firstPtsSet{0};
 std::atomic<uint64_t> g_position{0};
 std::atomic<uint32_t> g_firstPts{0};
-boost::recursive_mutex g_videoMutex;
+opal::RecursiveMutex g_videoMutex;
 
-using Lock = boost::recursive_mutex::scoped_lock;
+using Lock = opal::RecursiveLock;
 
 int OnPlayerEvent(int event, uint32_t /*param*/) {
     if (HHABARCH arch = g_hArch) {

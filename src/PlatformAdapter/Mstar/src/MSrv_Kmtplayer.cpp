@@ -4,44 +4,44 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <new>
-#include <shared_mutex>
 
+#include "Common/Mutex.h"
 #include "MSystem.h"
 #include "PlatformAdapter/Mstar/KMTPlayer.h"
 
 namespace {
 
-MSrv_MM_PlayerInterface* _pMMInterface = nullptr;
-unsigned long _u32Item = 0;
-ST_TRICK_INFO g_trickInfo = {0, 1};
-bool g_paused = false;
-bool g_systemReady = false;
-ST_RECT g_displayRect = {};
-// Nothing here sets it, deliberately: the picture fills the screen. A set that wants another
-// rectangle begins here.
-bool g_displayRectSet = false;
-bool g_mutexReady = false;
-pthread_mutex_t g_mutex;
-int g_videoCodec = -1;
-int g_audioCodec = -1;
-int g_audioSampleRate = 0;
-bool g_videoCodecSet = false;
-bool g_audioCodecSet = false;
-std::atomic<KMTPlayerIoCallback> g_ioCallbacks[kIoCallbackCount] = {};
-
 // Held shared by every call into the player, and whole by what makes, changes or destroys player,
 // item, g_mutex and formats, so that no call meets a player that is being destroyed. The event
 // thread does not take it, since it is waited for with the lock held. Taken before g_mutex.
-std::shared_mutex g_playerMutex;
-using UseLock = std::shared_lock<std::shared_mutex>;
-using ChangeLock = std::unique_lock<std::shared_mutex>;
+opal::SharedMutex g_playerMutex;
+using UseLock = opal::SharedLock;
+using ChangeLock = opal::ExclusiveLock;
+
+MSrv_MM_PlayerInterface* _pMMInterface OPAL_GUARDED_BY(g_playerMutex) = nullptr;
+unsigned long _u32Item OPAL_GUARDED_BY(g_playerMutex) = 0;
+constexpr ST_TRICK_INFO g_trickInfo = {0, 1};
+std::atomic<bool> g_paused{false};  // set with the lock held shared
+bool g_systemReady OPAL_GUARDED_BY(g_playerMutex) = false;
+ST_RECT g_displayRect OPAL_GUARDED_BY(g_playerMutex) = {};
+// Nothing here sets it, deliberately: the picture fills the screen. A set that wants another
+// rectangle begins here.
+bool g_displayRectSet OPAL_GUARDED_BY(g_playerMutex) = false;
+bool g_mutexReady OPAL_GUARDED_BY(g_playerMutex) = false;
+pthread_mutex_t g_mutex;
+int g_videoCodec OPAL_GUARDED_BY(g_playerMutex) = -1;
+int g_audioCodec OPAL_GUARDED_BY(g_playerMutex) = -1;
+int g_audioSampleRate OPAL_GUARDED_BY(g_playerMutex) = 0;
+bool g_videoCodecSet OPAL_GUARDED_BY(g_playerMutex) = false;
+bool g_audioCodecSet OPAL_GUARDED_BY(g_playerMutex) = false;
+std::atomic<KMTPlayerIoCallback> g_ioCallbacks[kIoCallbackCount] = {};
 
 // The set's own record of who creates an item or pushes.
 class PayloadLock {
   public:
-    PayloadLock(const char* function, int line) : m_locked(g_mutexReady) {
+    PayloadLock(const char* function, int line) OPAL_REQUIRES_SHARED(g_playerMutex)
+        : m_locked(g_mutexReady) {
         if (m_locked)
             pthread_mutex_lock_tracker(&g_mutex, function, line);
     }
@@ -80,7 +80,7 @@ constexpr int kMediaType = 2;
 constexpr int kMediaFileType = 3;
 constexpr int kAppType = 0;
 
-ST_MEDIA_INFO DescribeItem() {
+ST_MEDIA_INFO DescribeItem() OPAL_REQUIRES(g_playerMutex) {
     ST_MEDIA_INFO info = {};
     Put(info.bytes, 16, 4, 1);
     Put(info.bytes, 32, 8, kUnknownLength);
@@ -116,7 +116,7 @@ constexpr EventRow kEvents[] = {
     {E_EVENT_PLAYING_OK, KMTPLAYER_EVENT_PLAYING_OK, "E_EVENT_PLAYING_OK"},
 };
 
-void ForgetFormats() {
+void ForgetFormats() OPAL_REQUIRES(g_playerMutex) {
     g_videoCodec = -1;
     g_audioCodec = -1;
     g_audioSampleRate = 0;
@@ -124,7 +124,7 @@ void ForgetFormats() {
     g_audioCodecSet = false;
 }
 
-void InitializeSystemOnce() {
+void InitializeSystemOnce() OPAL_REQUIRES(g_playerMutex) {
     if (g_systemReady)
         return;
     MSystem::bEnableInitialResLoading = 0;
@@ -239,7 +239,6 @@ int KMTPlayer_Play() {
     }
     if (g_displayRectSet)
         _pMMInterface->MM_SetDisplayRectangle(_u32Item, g_displayRect);
-    g_trickInfo = {0, 1};
     const bool done = _pMMInterface->MM_Play(_u32Item) == 0;
     KMT_PRINT("%s", done ? "KMTPlayer_Play OK!!!" : "Error: KMTPlayer_Play failed!!!");
     return done;

@@ -1,10 +1,8 @@
 #include "StreamingDemux/EBML/src/ClusterBuffer.h"
 
-#include <boost/thread/lock_guard.hpp>
-
 namespace {
 
-using Lock = boost::lock_guard<boost::recursive_mutex>;
+using Lock = opal::RecursiveLock;
 
 }  // namespace
 

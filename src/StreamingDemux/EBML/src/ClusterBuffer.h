@@ -1,9 +1,9 @@
 #pragma once
 
 #include <atomic>
-#include <boost/thread/recursive_mutex.hpp>
 #include <deque>
 
+#include "Common/Mutex.h"
 #include "StreamingDemux/EBML/IClusterBuffer.h"
 
 /// The queue of whole clusters: holds no memory but what was handed to it.
@@ -27,10 +27,10 @@ class ClusterBuffer : public IClusterBuffer {
     };
 
     const uint32_t m_capacity;
-    uint32_t m_used = 0;
-    int64_t m_maxDuration = -1;
+    uint32_t m_used OPAL_GUARDED_BY(m_mutex) = 0;
+    int64_t m_maxDuration OPAL_GUARDED_BY(m_mutex) = -1;
     std::atomic<int64_t> m_bufferedDuration{0};
-    std::deque<Entry> m_clusters;
+    std::deque<Entry> m_clusters OPAL_GUARDED_BY(m_mutex);
     /// Recursive because Write asks GetFreeBytes.
-    boost::recursive_mutex m_mutex;
+    opal::RecursiveMutex m_mutex;
 };
