@@ -27,6 +27,14 @@ class StreamingTuning {
     int64_t GetSwitchPeriod() const { return 6000; }
     uint32_t GetSwitchBlockBytes() const { return 81920; }
 
+    /// Pause between a reader manager's looks for something to fetch, ms.
+    static constexpr int64_t GetReaderPoll() { return 20; }
+    /// What a sink takes ahead of its position, ms.
+    static constexpr uint32_t GetVideoSinkAhead() { return 2000; }
+    static constexpr uint32_t GetAudioSinkAhead() { return 1000; }
+    /// With no more than this left to play, a stream without more data has ended, ms.
+    static constexpr int64_t GetEndOfStreamRest() { return 500; }
+
     /// For tests: other time-outs, in seconds. Not while a session runs.
     static void OverrideTimeouts(int64_t connectionSeconds, int64_t transferSeconds);
 

@@ -12,8 +12,8 @@
 #include "Common/ObjectFactory.h"
 #include "Common/StreamingTuning.h"
 #include "Common/network/BandwidthProbe.h"
-#include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
 #include "StreamSwitchingAlgorithm/IStreamSwitchingController.h"
+#include "StreamSwitchingAlgorithm/PlaybackRules.h"
 #include "StreamingReader/HTTPFile/IHTTPFile.h"
 #include "opal-simulate/SimulatedClock.h"
 #include "opal-simulate/SimulatedStreams.h"
@@ -21,14 +21,8 @@
 namespace opal::simulate {
 namespace {
 
-constexpr double kTurnMs = 10.0;         ///< of the event loop
-constexpr double kManagerPollMs = 20.0;  ///< of a reader manager
-constexpr int64_t kVideoCapacity = 0xC00000;
-constexpr int64_t kAudioCapacity = 384000;
-constexpr int64_t kMaxAudioLeadMs = 5000;
-constexpr int64_t kUnderflowMs = 501;
-constexpr int64_t kEndOfStreamMs = 500;
-constexpr int64_t kSinkAheadMs = 2000;  ///< what the video sink takes ahead of its position
+constexpr double kTurnMs = playback::kTurnMs;
+constexpr double kManagerPollMs = StreamingTuning::GetReaderPoll();
 /// What opening a file transfers beside its index: the answer to the header request, the file's
 /// header, and the first bytes of the index.
 constexpr double kOpenBytes[] = {0.0, 1000.0, 18.0};
@@ -49,6 +43,7 @@ struct Stream {
     int64_t maxDurationMs = -1;
     int64_t capacity = 0;
     int64_t usedBytes = 0;
+    double sinkAheadMs = 0.0;                         ///< what the sink takes ahead of its position
     std::deque<std::pair<int64_t, size_t>> clusters;  ///< bytes and level of each
     int64_t takenEndMs = 0;                           ///< media time the writer has taken up to
 
@@ -63,8 +58,10 @@ class Session : private BandwidthProbeNotify {
     Session(const Film& film, const Trace& trace, double limitMs, const DecisionListener& listener)
         : m_film(film), m_link(trace), m_limitMs(limitMs), m_listener(listener) {
         m_result.trace = trace.name;
-        m_video.capacity = kVideoCapacity;
-        m_audio.capacity = kAudioCapacity;
+        m_video.capacity = playback::kVideoBufferBytes;
+        m_video.sinkAheadMs = StreamingTuning::GetVideoSinkAhead();
+        m_audio.capacity = playback::kAudioBufferBytes;
+        m_audio.sinkAheadMs = StreamingTuning::GetAudioSinkAhead();
     }
 
     Result Run();
@@ -79,7 +76,6 @@ class Session : private BandwidthProbeNotify {
     void OnProbe(int kind, int64_t size, int64_t duration) override;
 
     void Initialize();
-    void DetermineStartLevel();
     bool OpenAlone(size_t clusters);
     void StartPlayback();
 
@@ -200,10 +196,7 @@ int64_t Session::FileSize() const {
 }
 
 void Session::OnProbe(int, int64_t size, int64_t duration) {
-    const double bandwidth =
-        duration == 0 ? 0.0 : static_cast<double>(size) * 8000.0 / static_cast<double>(duration);
-    m_switching->SetBandwidth(
-        static_cast<int>(std::min(bandwidth, static_cast<double>(INT32_MAX))));
+    m_switching->SetBandwidth(playback::ProbedBandwidth(size, duration));
 }
 
 bool Session::OpenAlone(size_t clusters) {
@@ -229,33 +222,20 @@ void Session::Initialize() {
         return;
     (void)m_switching->SetLevels(levels, tracks);
     m_initDoneMs = NowMs();
-    DetermineStartLevel();
+    const auto probe = [this] {
+        const StreamingTuning& tuning = StreamingTuning::Instance();
+        return BandwidthProbe(this, tuning.GetProbeInitialSize(), tuning.GetProbeDuration())
+                   .Probe("level0") == OPAL_OK;
+    };
+    m_video.level = playback::ChooseStart(*m_switching, m_film.levels.size(), probe, [this] {
+                        return static_cast<int64_t>(NowMs());
+                    }).level;
     m_openIndexes.assign(m_film.levels.size(), nullptr);
     for (size_t level = 0; level <= m_video.level && !m_failed; ++level) {
         if (OpenAlone(m_film.ClusterCount()))
             m_openIndexes[level] = m_indexes[level].get();
     }
     m_switching->SetClusterIndexes(&m_openIndexes);
-}
-
-void Session::DetermineStartLevel() {
-    int level = 0;
-    const InitialBandwidthMode mode = m_switching->GetInitialBandwidthMode();
-    if (mode == InitialBandwidthMode_BandwidthProbe) {
-        const StreamingTuning& tuning = StreamingTuning::Instance();
-        BandwidthProbe probe(this, tuning.GetProbeInitialSize(), tuning.GetProbeDuration());
-        if (probe.Probe("level0") == OPAL_OK) {
-            m_switching->SetStartupTime(static_cast<int64_t>(NowMs()));
-            level = std::max(0, m_switching->GetCurrentLevel() - 1);
-        }
-    } else {
-        if (mode == InitialBandwidthMode_BandwidthHint) {
-            m_switching->SetStartupTime(static_cast<int64_t>(NowMs()));
-            m_switching->SetBandwidth(AlgorithmConfig::Instance().GetBandwidthHint());
-        }
-        level = std::max(0, m_switching->GetCurrentLevel());
-    }
-    m_video.level = static_cast<size_t>(level);
 }
 
 void Session::StartPlayback() {
@@ -314,7 +294,7 @@ void Session::AdvancePlayback(double ms) {
 
 void Session::TakeClusters(Stream& stream, bool video) {
     while (!stream.clusters.empty() &&
-           static_cast<double>(stream.takenEndMs) <= m_positionMs + kSinkAheadMs) {
+           static_cast<double>(stream.takenEndMs) <= m_positionMs + stream.sinkAheadMs) {
         const auto [bytes, level] = stream.clusters.front();
         stream.clusters.pop_front();
         stream.usedBytes -= bytes;
@@ -408,7 +388,8 @@ void Session::CompleteCluster(Stream& stream, bool video) {
 
 void Session::LoopTurn() {
     if (m_playing && AtEnd(m_video) && m_video.clusters.empty() &&
-        static_cast<double>(m_video.takenEndMs) - m_positionMs <= kEndOfStreamMs) {
+        static_cast<double>(m_video.takenEndMs) - m_positionMs <=
+            StreamingTuning::GetEndOfStreamRest()) {
         m_result.finished = true;
         return;
     }
@@ -446,7 +427,7 @@ void Session::Handle(Message message) {
 }
 
 void Session::HandleVideoCluster() {
-    if (m_playing && !AtEnd(m_video))
+    if (playback::MaySwitchLevel(m_playing, true, AtEnd(m_video)))
         SwitchLevel();
     if (m_toFetch.empty())
         WakeReaders();
@@ -457,25 +438,24 @@ void Session::WakeReaders() {
     Wake(m_video);
     if (m_film.audioBitrate == 0)
         return;
-    m_audioAhead =
-        m_audio.BufferedMs(m_positionMs) - m_video.BufferedMs(m_positionMs) > kMaxAudioLeadMs;
+    m_audioAhead = playback::IsAudioTooFarAhead(m_audio.BufferedMs(m_positionMs),
+                                                m_video.BufferedMs(m_positionMs));
     if (!m_audioAhead)
         Wake(m_audio);
 }
 
 void Session::SwitchLevel() {
     const auto before = std::chrono::steady_clock::now();
-    const int level = m_switching->GetCurrentLevel();
+    const size_t level = playback::LevelOf(m_switching->GetCurrentLevel(), m_film.levels.size());
     m_result.decisionNs +=
         std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - before).count();
     if (m_listener)
-        m_listener(NowMs(), m_video.nextCluster, level);
-    if (level < 0 || static_cast<size_t>(level) == m_video.level ||
-        static_cast<size_t>(level) >= m_film.levels.size())
+        m_listener(NowMs(), m_video.nextCluster, static_cast<int>(level));
+    if (level == m_video.level)
         return;
-    m_wantedLevel = static_cast<size_t>(level);
+    m_wantedLevel = level;
     ++m_result.switches;
-    m_result.stepSum += std::abs(level - static_cast<int>(m_video.level));
+    m_result.stepSum += std::abs(static_cast<int>(level) - static_cast<int>(m_video.level));
     for (size_t i = 0; i <= m_wantedLevel; ++i) {
         if (m_openIndexes[i])
             continue;
@@ -506,13 +486,12 @@ void Session::ContinueOpening() {
 }
 
 bool Session::IsReadyToStart() {
-    const bool buffered = m_switching->IsVideoBuffered() &&
-                          (m_film.audioBitrate == 0 || m_switching->IsAudioBuffered());
-    return buffered || AtEnd(m_video);
+    return playback::IsReadyToPlay(m_switching->IsVideoBuffered(), m_film.audioBitrate > 0,
+                                   m_switching->IsAudioBuffered(), AtEnd(m_video));
 }
 
 void Session::CheckUnderflow() {
-    if (!m_playing || m_video.BufferedMs(m_positionMs) >= kUnderflowMs || AtEnd(m_video))
+    if (!m_playing || !playback::IsUnderflow(m_video.BufferedMs(m_positionMs), AtEnd(m_video)))
         return;
     m_paused = true;
     m_playing = false;

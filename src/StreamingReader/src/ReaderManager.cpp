@@ -3,12 +3,13 @@
 #include <exception>
 
 #include "Common/Clock.h"
+#include "Common/StreamingTuning.h"
 #include "SMILParser/ISMILParser.h"
 #include "StreamingDemux/EBML/IClusterBuffer.h"
 
 namespace {
 
-constexpr int64_t kPollMs = 20;
+constexpr int64_t kPollMs = StreamingTuning::GetReaderPoll();
 constexpr int64_t kLockRetryMs = 5;
 
 using StateLock = opal::MutexLock;

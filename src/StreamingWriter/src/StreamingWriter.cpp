@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "Common/Clock.h"
+#include "Common/StreamingTuning.h"
 #include "PlatformAdapter/Common/IPlatform.h"
 #include "StreamingDemux/EBML/IClusterBuffer.h"
 
@@ -14,7 +15,7 @@ namespace {
 constexpr int64_t kPollMs = 20;
 constexpr int kAudioBlocksPerRound = 10;
 constexpr int32_t kRoundSpanMs = 29;
-constexpr int64_t kEndOfStreamMs = 500;
+constexpr int64_t kEndOfStreamMs = StreamingTuning::GetEndOfStreamRest();
 constexpr int64_t kNanosecondsPerMs = 1000000;
 
 /// Trick tracks travel as video.

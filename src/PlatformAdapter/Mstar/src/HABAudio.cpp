@@ -9,6 +9,7 @@
 #include "Common/Assert.h"
 #include "Common/CodecIDs.h"
 #include "Common/Mutex.h"
+#include "Common/StreamingTuning.h"
 #include "PlatformAdapter/Mstar/KMTPlayer.h"
 #include "PlatformAdapter/Mstar/src/GoldenFileCheck.h"
 #include "PlatformAdapter/Mstar/src/HABArchRecord.h"
@@ -26,7 +27,7 @@ struct HABAudio {
 namespace {
 
 constexpr int kAacCodec = 6;
-constexpr uint32_t kMaxAheadMs = 1000;
+constexpr uint32_t kMaxAheadMs = StreamingTuning::GetAudioSinkAhead();
 constexpr uint32_t kExplicitRateIndex = 15;
 constexpr uint32_t kDefaultRate = 48000;
 constexpr size_t kConfigSize = 2;

@@ -10,6 +10,7 @@
 #include "Common/Clock.h"
 #include "Common/CodecIDs.h"
 #include "Common/Mutex.h"
+#include "Common/StreamingTuning.h"
 #include "PlatformAdapter/Mstar/HABArch.h"
 #include "PlatformAdapter/Mstar/KMTPlayer.h"
 #include "PlatformAdapter/Mstar/src/GoldenFileCheck.h"
@@ -28,7 +29,7 @@ struct HABVideo {
 namespace {
 
 constexpr int kAvcCodec = 7;
-constexpr uint32_t kMaxAheadMs = 2000;
+constexpr uint32_t kMaxAheadMs = StreamingTuning::GetVideoSinkAhead();
 constexpr int kFlushMs = 1500;  // the player does not tell when a flush is over
 constexpr uint32_t kNoAnchor = 0xFFFFFFFFu;
 constexpr int32_t kUnknownSpeed = -1;
