@@ -1,7 +1,7 @@
+#include <algorithm>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 
+#include "Common/Mutex.h"
 #include "TvSet.h"
 
 namespace tvset {
@@ -19,12 +19,12 @@ class RealClock : public Clock {
     }
 
     uint64_t Interrupts() override {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const opal::MutexLock lock(m_mutex);
         return m_interrupts;
     }
 
     void SleepUntil(int64_t ms, uint64_t seen) override {
-        std::unique_lock<std::mutex> lock(m_mutex);
+        opal::MutexLock lock(m_mutex);
         while (m_interrupts == seen) {
             const int64_t rest = ms - NowMs();
             if (rest <= 0) {
@@ -32,16 +32,16 @@ class RealClock : public Clock {
             }
             // An hour at a time: no deadline is too far for the arithmetic.
             const double real = std::min(static_cast<double>(rest) / m_speed, 3.6e6);
-            m_changed.wait_for(lock, std::chrono::duration<double, std::milli>(real));
+            (void)m_changed.WaitFor(m_mutex, std::chrono::duration<double, std::milli>(real));
         }
     }
 
     void Interrupt() override {
         {
-            const std::lock_guard<std::mutex> lock(m_mutex);
+            const opal::MutexLock lock(m_mutex);
             ++m_interrupts;
         }
-        m_changed.notify_all();
+        m_changed.NotifyAll();
     }
 
   private:
@@ -51,49 +51,51 @@ class RealClock : public Clock {
 
     const double m_speed;
     const Steady::time_point m_origin;
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    uint64_t m_interrupts = 0;
+    opal::Mutex m_mutex;
+    opal::CondVar m_changed;
+    uint64_t m_interrupts OPAL_GUARDED_BY(m_mutex) = 0;
 };
 
 class StandingClock : public ManualClock {
   public:
     int64_t NowMs() override {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const opal::MutexLock lock(m_mutex);
         return m_now;
     }
 
     uint64_t Interrupts() override {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const opal::MutexLock lock(m_mutex);
         return m_interrupts;
     }
 
     void SleepUntil(int64_t ms, uint64_t seen) override {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_changed.wait(lock, [&] { return m_interrupts != seen || m_now >= ms; });
+        opal::MutexLock lock(m_mutex);
+        while (m_interrupts == seen && m_now < ms) {
+            m_changed.Wait(m_mutex);
+        }
     }
 
     void Interrupt() override {
         {
-            const std::lock_guard<std::mutex> lock(m_mutex);
+            const opal::MutexLock lock(m_mutex);
             ++m_interrupts;
         }
-        m_changed.notify_all();
+        m_changed.NotifyAll();
     }
 
     void Advance(int64_t ms) override {
         {
-            const std::lock_guard<std::mutex> lock(m_mutex);
+            const opal::MutexLock lock(m_mutex);
             m_now += ms > 0 ? ms : 0;
         }
-        m_changed.notify_all();
+        m_changed.NotifyAll();
     }
 
   private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    int64_t m_now = 0;
-    uint64_t m_interrupts = 0;
+    opal::Mutex m_mutex;
+    opal::CondVar m_changed;
+    int64_t m_now OPAL_GUARDED_BY(m_mutex) = 0;
+    uint64_t m_interrupts OPAL_GUARDED_BY(m_mutex) = 0;
 };
 
 }  // namespace

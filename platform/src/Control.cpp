@@ -54,7 +54,7 @@ Control& Control::Get() {
 }
 
 void Control::Reset() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     m_refuse = 0;
     m_refuseVideo = 0;
     m_failures.clear();
@@ -67,17 +67,17 @@ void Control::Reset() {
 }
 
 void Control::RefusePayloads(size_t count, bool videoOnly) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     (videoOnly ? m_refuseVideo : m_refuse) = count;
 }
 
 void Control::Fail(control::Operation operation, size_t count) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     m_failures[operation] = count;
 }
 
 void Control::HoldEvent(uint32_t event, bool hold) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     if (hold) {
         m_held.insert(event);
     } else {
@@ -86,7 +86,7 @@ void Control::HoldEvent(uint32_t event, bool hold) {
 }
 
 void Control::DropEvent(uint32_t event, bool drop) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     if (drop) {
         m_dropped.insert(event);
     } else {
@@ -95,23 +95,23 @@ void Control::DropEvent(uint32_t event, bool drop) {
 }
 
 bool Control::TakeFailure(control::Operation operation) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     const auto found = m_failures.find(operation);
     return found != m_failures.end() && TakeOne(found->second);
 }
 
 bool Control::TakeRefusal(bool video) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     return TakeOne(m_refuse) || (video && TakeOne(m_refuseVideo));
 }
 
 bool Control::IsHeld(uint32_t event) const {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     return m_held.count(event) != 0;
 }
 
 bool Control::IsDropped(uint32_t event) const {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     return m_dropped.count(event) != 0;
 }
 
@@ -120,7 +120,7 @@ size_t Control::Append(control::JournalEntry entry) {
         return SIZE_MAX;
     }
     entry.thread = ThreadNumber();
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     if (m_journal.size() >= kJournalLimit) {
         return SIZE_MAX;
     }
@@ -130,19 +130,19 @@ size_t Control::Append(control::JournalEntry entry) {
 }
 
 void Control::SetResult(size_t index, int result) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     if (index < m_journal.size()) {
         m_journal[index].result = result;
     }
 }
 
 std::vector<control::JournalEntry> Control::Journal() const {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     return m_journal;
 }
 
 void Control::SetClock(std::shared_ptr<Clock> clock) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     m_clock = std::move(clock);
 }
 

@@ -3,11 +3,11 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "Common/Mutex.h"
 #include "TvSet.h"
 
 namespace tvset {
@@ -46,17 +46,17 @@ class Control {
     void SetClock(std::shared_ptr<Clock> clock);
 
   private:
-    mutable std::mutex m_mutex;
-    size_t m_refuse = 0;
-    size_t m_refuseVideo = 0;
-    std::map<control::Operation, size_t> m_failures;
-    std::set<uint32_t> m_held;
-    std::set<uint32_t> m_dropped;
+    mutable opal::Mutex m_mutex;
+    size_t m_refuse OPAL_GUARDED_BY(m_mutex) = 0;
+    size_t m_refuseVideo OPAL_GUARDED_BY(m_mutex) = 0;
+    std::map<control::Operation, size_t> m_failures OPAL_GUARDED_BY(m_mutex);
+    std::set<uint32_t> m_held OPAL_GUARDED_BY(m_mutex);
+    std::set<uint32_t> m_dropped OPAL_GUARDED_BY(m_mutex);
     std::atomic<bool> m_initBeforeHandle{false};
     std::atomic<bool> m_frozen{false};
     std::atomic<bool> m_recording{false};
-    std::vector<control::JournalEntry> m_journal;
-    std::shared_ptr<Clock> m_clock;
+    std::vector<control::JournalEntry> m_journal OPAL_GUARDED_BY(m_mutex);
+    std::shared_ptr<Clock> m_clock OPAL_GUARDED_BY(m_mutex);
 };
 
 /// CRC of IEEE 802.3.

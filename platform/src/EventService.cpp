@@ -8,50 +8,55 @@
 namespace tvset {
 
 void EventService::Start() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     if (m_stop) {
         m_stop = false;
         m_wakeups.Begin(Sleeper::Events);
         m_thread = std::thread([this] { Loop(); });
+        m_threadId = m_thread.get_id();
     }
 }
 
 void EventService::Stop() {
+    std::thread ending;
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const opal::MutexLock lock(m_mutex);
         m_stop = true;
         m_queue.clear();
+        ending.swap(m_thread);
     }
     m_wakeups.Wake();
-    if (m_thread.joinable()) {
-        m_thread.join();
+    if (ending.joinable()) {
+        ending.join();
+        const opal::MutexLock lock(m_mutex);
+        m_threadId = std::thread::id();
     }
 }
 
 bool EventService::OnOwnThread() const {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return std::this_thread::get_id() == m_thread.get_id();
+    const opal::MutexLock lock(m_mutex);
+    return std::this_thread::get_id() == m_threadId;
 }
 
 void EventService::Add(MSRV_MM_EVENT_RECIPIENT recipient) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     m_recipients.push_back(recipient);
 }
 
 bool EventService::Remove(MSRV_MM_EVENT_RECIPIENT recipient) {
-    std::unique_lock<std::mutex> lock(m_mutex);
+    opal::MutexLock lock(m_mutex);
     const auto end = std::remove(m_recipients.begin(), m_recipients.end(), recipient);
     const bool found = end != m_recipients.end();
     m_recipients.erase(end, m_recipients.end());
-    if (std::this_thread::get_id() != m_thread.get_id()) {
-        m_delivered.wait(lock, [&] { return m_running != recipient; });
+    while (std::this_thread::get_id() != m_threadId && m_running == recipient) {
+        m_delivered.Wait(m_mutex);
     }
     return found;
 }
 
 void EventService::Post(EN_PLAYER_EVENT event, unsigned long item, int64_t delayMs) {
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const opal::MutexLock lock(m_mutex);
         if (m_stop) {
             return;
         }
@@ -61,7 +66,7 @@ void EventService::Post(EN_PLAYER_EVENT event, unsigned long item, int64_t delay
 }
 
 void EventService::Purge(unsigned long item, uint32_t event) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     m_queue.erase(std::remove_if(m_queue.begin(), m_queue.end(),
                                  [&](const Pending& pending) {
                                      return pending.item == item &&
@@ -71,12 +76,16 @@ void EventService::Purge(unsigned long item, uint32_t event) {
 }
 
 void EventService::Drain() {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_delivered.wait_for(lock, std::chrono::seconds(2), [&] {
-        const int64_t now = m_wakeups.NowMs();
-        return !m_busy && std::none_of(m_queue.begin(), m_queue.end(), [&](const Pending& pending) {
-            return pending.dueMs <= now && !Control::Get().IsHeld(pending.event);
-        });
+    opal::MutexLock lock(m_mutex);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while ((m_busy || HasDue()) && m_delivered.WaitUntil(m_mutex, end)) {
+    }
+}
+
+bool EventService::HasDue() const {
+    const int64_t now = m_wakeups.NowMs();
+    return std::any_of(m_queue.begin(), m_queue.end(), [&](const Pending& pending) {
+        return pending.dueMs <= now && !Control::Get().IsHeld(pending.event);
     });
 }
 
@@ -101,7 +110,7 @@ bool EventService::TakeDue(Pending& pending, int64_t& nextMs) {
     return true;
 }
 
-void EventService::Deliver(std::unique_lock<std::mutex>& lock, Pending pending) {
+void EventService::Deliver(Pending pending) {
     m_busy = true;
     control::JournalEntry entry;
     entry.call = "event";
@@ -114,31 +123,32 @@ void EventService::Deliver(std::unique_lock<std::mutex>& lock, Pending pending) 
             continue;  // removed meanwhile
         }
         m_running = recipient;
-        lock.unlock();
-        recipient(m_instance, reinterpret_cast<void*>(static_cast<uintptr_t>(pending.event)),
-                  &pending.item);
-        lock.lock();
+        {
+            const opal::MutexUnlock unlocked(m_mutex);
+            recipient(m_instance, reinterpret_cast<void*>(static_cast<uintptr_t>(pending.event)),
+                      &pending.item);
+        }
         m_running = nullptr;
-        m_delivered.notify_all();
+        m_delivered.NotifyAll();
     }
     m_busy = false;
-    m_delivered.notify_all();
+    m_delivered.NotifyAll();
 }
 
 void EventService::Loop() {
-    std::unique_lock<std::mutex> lock(m_mutex);
+    opal::MutexLock lock(m_mutex);
     while (!m_stop) {
         const uint64_t ticket = m_wakeups.Ticket();
         Pending pending{};
         int64_t nextMs = kNever;
         if (!TakeDue(pending, nextMs)) {
-            m_delivered.notify_all();
-            m_wakeups.Sleep(Sleeper::Events, lock, nextMs, ticket);
+            m_delivered.NotifyAll();
+            m_wakeups.Sleep(Sleeper::Events, m_mutex, nextMs, ticket);
         } else if (!Control::Get().IsDropped(pending.event)) {
-            Deliver(lock, pending);
+            Deliver(pending);
         }
     }
-    lock.unlock();
+    lock.Unlock();
     m_wakeups.End(Sleeper::Events);
 }
 

@@ -1,12 +1,11 @@
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
-#include <mutex>
 #include <thread>
 #include <vector>
 
+#include "Common/Mutex.h"
 #include "MSrv_MM_PlayerInterface.h"
 #include "Wakeups.h"
 
@@ -48,19 +47,22 @@ class EventService {
     };
 
     void Loop();
-    bool TakeDue(Pending& pending, int64_t& nextMs);
-    void Deliver(std::unique_lock<std::mutex>& lock, Pending pending);
+    bool TakeDue(Pending& pending, int64_t& nextMs) OPAL_REQUIRES(m_mutex);
+    void Deliver(Pending pending) OPAL_REQUIRES(m_mutex);
+    bool HasDue() const OPAL_REQUIRES(m_mutex);
 
     Wakeups& m_wakeups;
     void* const m_instance;
-    mutable std::mutex m_mutex;
-    std::condition_variable m_delivered;
-    std::deque<Pending> m_queue;
-    std::vector<MSRV_MM_EVENT_RECIPIENT> m_recipients;
-    MSRV_MM_EVENT_RECIPIENT m_running = nullptr;  ///< recipient that is being called
-    bool m_busy = false;
-    bool m_stop = true;
-    std::thread m_thread;
+    mutable opal::Mutex m_mutex;
+    opal::CondVar m_delivered;
+    std::deque<Pending> m_queue OPAL_GUARDED_BY(m_mutex);
+    std::vector<MSRV_MM_EVENT_RECIPIENT> m_recipients OPAL_GUARDED_BY(m_mutex);
+    MSRV_MM_EVENT_RECIPIENT m_running OPAL_GUARDED_BY(m_mutex) =
+        nullptr;  ///< recipient that is being called
+    bool m_busy OPAL_GUARDED_BY(m_mutex) = false;
+    bool m_stop OPAL_GUARDED_BY(m_mutex) = true;
+    std::thread m_thread OPAL_GUARDED_BY(m_mutex);
+    std::thread::id m_threadId OPAL_GUARDED_BY(m_mutex);  ///< while the thread runs
 };
 
 }  // namespace tvset

@@ -5,17 +5,17 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
-#include <mutex>
 #include <string>
 
+#include "Common/Mutex.h"
 #include "Control.h"
 #include "TvSet.h"
 
 namespace {
 
-std::mutex g_holdersMutex;
+opal::Mutex g_holdersMutex;
 
-std::map<const void*, tvset::MutexHolder>& Holders() {
+std::map<const void*, tvset::MutexHolder>& Holders() OPAL_REQUIRES(g_holdersMutex) {
     static auto* holders = new std::map<const void*, tvset::MutexHolder>;  // outlives every thread
     return *holders;
 }
@@ -77,7 +77,7 @@ bool MSystem::InitializeDFBLayer() {
 int pthread_mutex_lock_tracker(pthread_mutex_t* mutex, const char* function, int line) {
     const int result = pthread_mutex_lock(mutex);
     if (result == 0) {
-        const std::lock_guard<std::mutex> lock(g_holdersMutex);
+        const opal::MutexLock lock(g_holdersMutex);
         tvset::MutexHolder& holder = Holders()[mutex];
         holder.function = function != nullptr ? function : "";
         holder.line = line;
@@ -88,7 +88,7 @@ int pthread_mutex_lock_tracker(pthread_mutex_t* mutex, const char* function, int
 
 int pthread_mutex_unlock_tracker(pthread_mutex_t* mutex) {
     {
-        const std::lock_guard<std::mutex> lock(g_holdersMutex);
+        const opal::MutexLock lock(g_holdersMutex);
         Holders().erase(mutex);
     }
     return pthread_mutex_unlock(mutex);
@@ -97,7 +97,7 @@ int pthread_mutex_unlock_tracker(pthread_mutex_t* mutex) {
 namespace tvset {
 
 bool FindMutexHolder(const void* mutex, MutexHolder& holder) {
-    const std::lock_guard<std::mutex> lock(g_holdersMutex);
+    const opal::MutexLock lock(g_holdersMutex);
     const auto found = Holders().find(mutex);
     if (found == Holders().end()) {
         return false;

@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 
+#include "Common/Mutex.h"
 #include "TvSet.h"
 
 namespace tvset {
@@ -31,14 +31,14 @@ class Registry {
     void TellListener(uint32_t ptsMs);
 
   private:
-    mutable std::mutex m_mutex;
-    Options m_options;
-    Statistics m_last;
-    std::shared_ptr<TvCore> m_core;
-    const void* m_player = nullptr;
+    mutable opal::Mutex m_mutex;
+    Options m_options OPAL_GUARDED_BY(m_mutex);
+    Statistics m_last OPAL_GUARDED_BY(m_mutex);
+    std::shared_ptr<TvCore> m_core OPAL_GUARDED_BY(m_mutex);
+    const void* m_player OPAL_GUARDED_BY(m_mutex) = nullptr;
 
-    std::mutex m_listenerMutex;  ///< held while the listener runs
-    std::function<void(uint32_t)> m_listener;
+    opal::Mutex m_listenerMutex;  ///< held while the listener runs
+    std::function<void(uint32_t)> m_listener OPAL_GUARDED_BY(m_listenerMutex);
 };
 
 }  // namespace tvset

@@ -44,7 +44,7 @@ TvCore::~TvCore() {
 }
 
 int TvCore::Connect() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     if (m_connected) {
         return 0;
     }
@@ -82,8 +82,9 @@ int TvCore::Connect() {
 }
 
 int TvCore::Disconnect() {
+    std::vector<std::thread> ending;
     {
-        std::unique_lock<std::mutex> lock(m_mutex);
+        opal::MutexLock lock(m_mutex);
         if (m_events.OnOwnThread()) {
             return kFailed;
         }
@@ -91,15 +92,15 @@ int TvCore::Disconnect() {
         m_connected = false;
         m_playing = m_paused = false;
         m_item = 0;
+        ending.swap(m_threads);
     }
     m_wakeups.Wake();
     m_events.Stop();
-    for (std::thread& thread : m_threads) {
+    for (std::thread& thread : ending) {
         thread.join();
     }
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_threads.clear();
-    DropAll(lock);
+    opal::MutexLock lock(m_mutex);
+    DropAll();
     m_decoder.reset();
     m_videoOut.reset();
     return 0;
@@ -110,7 +111,7 @@ int TvCore::CreateItem(const ST_MEDIA_INFO& info, unsigned long* item) {
     const uint32_t audioCodec = Word(info.bytes + 160);
     unsigned long made = 0;
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const opal::MutexLock lock(m_mutex);
         if (!m_connected || m_item != 0 || item == nullptr) {
             return kFailed;
         }
@@ -142,13 +143,13 @@ int TvCore::CreateItem(const ST_MEDIA_INFO& info, unsigned long* item) {
 
 int TvCore::DeleteItem(unsigned long item) {
     {
-        std::unique_lock<std::mutex> lock(m_mutex);
+        opal::MutexLock lock(m_mutex);
         if (!IsItem(item)) {
             return kFailed;
         }
         m_item = 0;
         m_playing = m_paused = false;
-        DropAll(lock);
+        DropAll();
     }
     m_events.Purge(item);
     m_wakeups.Wake();
@@ -157,7 +158,7 @@ int TvCore::DeleteItem(unsigned long item) {
 
 int TvCore::Play(unsigned long item) {
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const opal::MutexLock lock(m_mutex);
         if (!IsItem(item)) {
             return kFailed;
         }
@@ -172,12 +173,12 @@ int TvCore::Play(unsigned long item) {
 
 int TvCore::Stop(unsigned long item) {
     {
-        std::unique_lock<std::mutex> lock(m_mutex);
+        opal::MutexLock lock(m_mutex);
         if (!IsItem(item)) {
             return kFailed;
         }
         m_playing = m_paused = false;
-        DropAll(lock);
+        DropAll();
     }
     m_events.Purge(item, E_EVENT_PLAYING_OK);
     m_wakeups.Wake();
@@ -186,7 +187,7 @@ int TvCore::Stop(unsigned long item) {
 
 int TvCore::SetTrickMode(unsigned long item, const ST_TRICK_INFO& info) {
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const opal::MutexLock lock(m_mutex);
         if (!IsItem(item) || info.u32Mode > 1) {
             return kFailed;
         }
@@ -199,7 +200,7 @@ int TvCore::SetTrickMode(unsigned long item, const ST_TRICK_INFO& info) {
 
 int TvCore::SetRectangle(unsigned long item, const ST_RECT& rect) {
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const opal::MutexLock lock(m_mutex);
         if (!IsItem(item)) {
             return kFailed;
         }
@@ -230,7 +231,7 @@ int TvCore::Push(unsigned long item, const ST_MMPLAYER_DATA_INFO& data) {
     }
     int result = 0;
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const opal::MutexLock lock(m_mutex);
         if (item != 0 && !IsItem(item)) {
             return kFailed;
         }
@@ -287,11 +288,11 @@ int TvCore::PushAudio(Unit unit) {
 
 int TvCore::Flush(unsigned long item) {
     {
-        std::unique_lock<std::mutex> lock(m_mutex);
+        opal::MutexLock lock(m_mutex);
         if (!IsItem(item)) {
             return kFailed;
         }
-        DropAll(lock);
+        DropAll();
     }
     m_wakeups.Wake();
     return 0;
@@ -299,7 +300,7 @@ int TvCore::Flush(unsigned long item) {
 
 int TvCore::SwitchAudio(unsigned long item, uint32_t sampleRate, uint32_t channels) {
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const opal::MutexLock lock(m_mutex);
         if (!IsItem(item)) {
             return kFailed;
         }
@@ -319,7 +320,7 @@ int TvCore::SetVolume(unsigned char volume) {
 
 int TvCore::SetBlack(bool black) {
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const opal::MutexLock lock(m_mutex);
         m_black = black;
         m_outputChanged = true;
     }
@@ -336,13 +337,13 @@ uint32_t TvCore::VideoPts() const {
 }
 
 void TvCore::PictureSize(int& width, int& height) const {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     width = m_statistics.pictureWidth;
     height = m_statistics.pictureHeight;
 }
 
 Statistics TvCore::GetStatistics() const {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     Statistics statistics = m_statistics;
     statistics.audioPlayedMs = static_cast<uint64_t>(m_audioPlayedUs / 1000);
     statistics.shownPts = m_shownPts;
@@ -350,14 +351,14 @@ Statistics TvCore::GetStatistics() const {
 }
 
 Picture TvCore::Screen(bool& black) const {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     black = m_black;
     return m_screen;
 }
 
 void TvCore::ControlChanged() {
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const opal::MutexLock lock(m_mutex);
         Refresh();
     }
     m_wakeups.Wake();
@@ -381,7 +382,7 @@ void TvCore::Refresh() {
     }
 }
 
-void TvCore::DropAll(std::unique_lock<std::mutex>& lock) {
+void TvCore::DropAll() {
     m_video.clear();
     m_pictures.clear();
     m_videoBytes = 0;
@@ -390,7 +391,9 @@ void TvCore::DropAll(std::unique_lock<std::mutex>& lock) {
     m_starvedSince = -1;
     m_flushed = true;
     DropAudio();
-    m_shownOne.wait(lock, [&] { return !m_showing; });
+    while (m_showing) {
+        m_shownOne.Wait(m_mutex);
+    }
     m_presenter.Reset();
     Refresh();
 }

@@ -1,16 +1,15 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "AudioOut.h"
+#include "Common/Mutex.h"
 #include "Decoder.h"
 #include "EventService.h"
 #include "MSrv_MM_PlayerInterface.h"
@@ -71,76 +70,81 @@ class TvCore {
     void DisplayLoop();
     void AudioLoop();
     // Steps of the loops; true if something was done, otherwise when to look again.
-    bool DecodeStep(std::unique_lock<std::mutex>& lock, int64_t& nextMs);
-    bool DisplayStep(std::unique_lock<std::mutex>& lock, int64_t& nextMs);
-    bool AudioStep(std::unique_lock<std::mutex>& lock, int64_t& nextMs);
-    void DecodeUnit(std::unique_lock<std::mutex>& lock);
-    void DrainDecoder(std::unique_lock<std::mutex>& lock);
-    void KeepPictures(std::vector<Picture>& pictures, uint64_t generation);
-    void ShowFront(std::unique_lock<std::mutex>& lock);
-    void PlaySound(std::unique_lock<std::mutex>& lock, int64_t aheadMs);
-    bool PrepareSound(std::unique_lock<std::mutex>& lock);
+    bool DecodeStep(int64_t& nextMs) OPAL_REQUIRES(m_mutex);
+    bool DisplayStep(int64_t& nextMs) OPAL_REQUIRES(m_mutex);
+    bool AudioStep(int64_t& nextMs) OPAL_REQUIRES(m_mutex);
+    void DecodeUnit() OPAL_REQUIRES(m_mutex);
+    void DrainDecoder() OPAL_REQUIRES(m_mutex);
+    void KeepPictures(std::vector<Picture>& pictures, uint64_t generation) OPAL_REQUIRES(m_mutex);
+    void ShowFront() OPAL_REQUIRES(m_mutex);
+    void PlaySound(int64_t aheadMs) OPAL_REQUIRES(m_mutex);
+    bool PrepareSound() OPAL_REQUIRES(m_mutex);
 
-    // With m_mutex held.
-    bool IsItem(unsigned long item) const { return m_connected && item != 0 && item == m_item; }
-    bool Running() const;
-    bool Starved() const;
-    bool HasPicture() const { return m_pictures.size() > m_keptBack; }
-    void PopPicture();
-    void Refresh();
-    void DropAll(std::unique_lock<std::mutex>& lock);
-    void DropAudio();
-    int PushVideo(Unit unit, bool forItem);
-    int PushAudio(Unit unit);
+    bool IsItem(unsigned long item) const OPAL_REQUIRES(m_mutex) {
+        return m_connected && item != 0 && item == m_item;
+    }
+    bool Running() const OPAL_REQUIRES(m_mutex);
+    bool Starved() const OPAL_REQUIRES(m_mutex);
+    bool HasPicture() const OPAL_REQUIRES(m_mutex) { return m_pictures.size() > m_keptBack; }
+    void PopPicture() OPAL_REQUIRES(m_mutex);
+    void Refresh() OPAL_REQUIRES(m_mutex);
+    void DropAll() OPAL_REQUIRES(m_mutex);
+    void DropAudio() OPAL_REQUIRES(m_mutex);
+    int PushVideo(Unit unit, bool forItem) OPAL_REQUIRES(m_mutex);
+    int PushAudio(Unit unit) OPAL_REQUIRES(m_mutex);
 
     const Options m_options;
     const size_t m_keptBack;  ///< pictures that wait for the next before they are shown
     Wakeups m_wakeups;
     EventService m_events;
 
-    mutable std::mutex m_mutex;
-    std::condition_variable m_shownOne;
-    std::vector<std::thread> m_threads;
+    mutable opal::Mutex m_mutex;
+    opal::CondVar m_shownOne;
+    std::vector<std::thread> m_threads OPAL_GUARDED_BY(m_mutex);
     std::unique_ptr<VideoDecoder> m_decoder;       ///< used by the decode thread only
     std::unique_ptr<VideoOut> m_videoOut;          ///< used by the display thread only
     std::unique_ptr<AudioDecoder> m_audioDecoder;  ///< used by the sound thread only
     std::unique_ptr<AudioOut> m_audioOut;          ///< likewise
 
-    bool m_connected = false;
-    bool m_stop = false;
-    unsigned long m_item = 0;
-    unsigned long m_lastItem = 0;
-    bool m_playing = false;
-    bool m_paused = false;
+    bool m_connected OPAL_GUARDED_BY(m_mutex) = false;
+    bool m_stop OPAL_GUARDED_BY(m_mutex) = false;
+    unsigned long m_item OPAL_GUARDED_BY(m_mutex) = 0;
+    unsigned long m_lastItem OPAL_GUARDED_BY(m_mutex) = 0;
+    bool m_playing OPAL_GUARDED_BY(m_mutex) = false;
+    bool m_paused OPAL_GUARDED_BY(m_mutex) = false;
 
-    std::deque<Unit> m_video;  ///< not yet decoded; without an item: staged for the next
-    size_t m_videoBytes = 0;   ///< of m_video, and of what passes through undecoded in m_pictures
-    std::deque<Picture> m_pictures;
-    uint64_t m_generation = 0;  ///< counts flushes: what was decoded before one is not kept
-    bool m_resetDecoder = false;
-    bool m_decoding = false;
-    int64_t m_starvedSince = -1;
-    uint32_t m_pushedPts = 0;     ///< of the last video unit
-    bool m_flushed = false;       ///< no video unit came since the last flush
-    bool m_pictureStale = false;  ///< units came since, and none of them is on the screen yet
+    std::deque<Unit> m_video
+        OPAL_GUARDED_BY(m_mutex);  ///< not yet decoded; without an item: staged for the next
+    size_t m_videoBytes OPAL_GUARDED_BY(m_mutex) =
+        0;  ///< of m_video, and of what passes through undecoded in m_pictures
+    std::deque<Picture> m_pictures OPAL_GUARDED_BY(m_mutex);
+    uint64_t m_generation OPAL_GUARDED_BY(m_mutex) =
+        0;  ///< counts flushes: what was decoded before one is not kept
+    bool m_resetDecoder OPAL_GUARDED_BY(m_mutex) = false;
+    bool m_decoding OPAL_GUARDED_BY(m_mutex) = false;
+    int64_t m_starvedSince OPAL_GUARDED_BY(m_mutex) = -1;
+    uint32_t m_pushedPts OPAL_GUARDED_BY(m_mutex) = 0;  ///< of the last video unit
+    bool m_flushed OPAL_GUARDED_BY(m_mutex) = false;    ///< no video unit came since the last flush
+    bool m_pictureStale OPAL_GUARDED_BY(m_mutex) =
+        false;  ///< units came since, and none of them is on the screen yet
 
-    std::deque<Unit> m_audio;
-    size_t m_audioBytes = 0;
-    uint64_t m_audioGeneration = 0;
-    bool m_openAudio = false;
-    bool m_flushAudio = false;
-    uint32_t m_audioRate = 0;
-    uint32_t m_audioChannels = 0;
-    bool m_soundRuns = false;
-    int64_t m_audioPlayedUs = 0;
+    std::deque<Unit> m_audio OPAL_GUARDED_BY(m_mutex);
+    size_t m_audioBytes OPAL_GUARDED_BY(m_mutex) = 0;
+    uint64_t m_audioGeneration OPAL_GUARDED_BY(m_mutex) = 0;
+    bool m_openAudio OPAL_GUARDED_BY(m_mutex) = false;
+    bool m_flushAudio OPAL_GUARDED_BY(m_mutex) = false;
+    uint32_t m_audioRate OPAL_GUARDED_BY(m_mutex) = 0;
+    uint32_t m_audioChannels OPAL_GUARDED_BY(m_mutex) = 0;
+    bool m_soundRuns OPAL_GUARDED_BY(m_mutex) = false;
+    int64_t m_audioPlayedUs OPAL_GUARDED_BY(m_mutex) = 0;
 
-    Presenter m_presenter;
-    Picture m_screen;
-    bool m_black = false;
-    ST_RECT m_rect{};
-    bool m_outputChanged = false;
-    bool m_showing = false;
-    Statistics m_statistics;
+    Presenter m_presenter OPAL_GUARDED_BY(m_mutex);
+    Picture m_screen OPAL_GUARDED_BY(m_mutex);
+    bool m_black OPAL_GUARDED_BY(m_mutex) = false;
+    ST_RECT m_rect OPAL_GUARDED_BY(m_mutex) = {};
+    bool m_outputChanged OPAL_GUARDED_BY(m_mutex) = false;
+    bool m_showing OPAL_GUARDED_BY(m_mutex) = false;
+    Statistics m_statistics OPAL_GUARDED_BY(m_mutex);
 
     // Read without the mutex by the position queries.
     std::atomic<bool> m_hasPicture{false};

@@ -31,24 +31,24 @@ void Scale(std::vector<int16_t>& samples, unsigned percent) {
 // Decoding
 
 void TvCore::DecodeLoop() {
-    std::unique_lock<std::mutex> lock(m_mutex);
+    opal::MutexLock lock(m_mutex);
     while (!m_stop) {
         const uint64_t ticket = m_wakeups.Ticket();
         int64_t nextMs = kNever;
-        if (!DecodeStep(lock, nextMs)) {
-            m_wakeups.Sleep(Sleeper::Decode, lock, nextMs, ticket);
+        if (!DecodeStep(nextMs)) {
+            m_wakeups.Sleep(Sleeper::Decode, m_mutex, nextMs, ticket);
         }
     }
-    lock.unlock();
+    lock.Unlock();
     m_wakeups.End(Sleeper::Decode);
 }
 
-bool TvCore::DecodeStep(std::unique_lock<std::mutex>& lock, int64_t& nextMs) {
+bool TvCore::DecodeStep(int64_t& nextMs) {
     if (m_resetDecoder) {
         m_resetDecoder = false;
-        lock.unlock();
+        m_mutex.Unlock();
         m_decoder->Reset();
-        lock.lock();
+        m_mutex.Lock();
         return true;
     }
     if (m_item == 0) {
@@ -58,7 +58,7 @@ bool TvCore::DecodeStep(std::unique_lock<std::mutex>& lock, int64_t& nextMs) {
         if (m_pictures.size() >= m_decoder->MaxWaiting() + m_keptBack) {
             return false;
         }
-        DecodeUnit(lock);
+        DecodeUnit();
         return true;
     }
     Refresh();
@@ -69,31 +69,31 @@ bool TvCore::DecodeStep(std::unique_lock<std::mutex>& lock, int64_t& nextMs) {
         nextMs = m_starvedSince + kDrainAfterMs;
         return false;
     }
-    DrainDecoder(lock);
+    DrainDecoder();
     return true;
 }
 
-void TvCore::DecodeUnit(std::unique_lock<std::mutex>& lock) {
+void TvCore::DecodeUnit() {
     const Unit unit = std::move(m_video.front());
     m_video.pop_front();
     m_videoBytes -= unit.Cost();
     const uint64_t generation = m_generation;
     m_decoding = true;
-    lock.unlock();
+    m_mutex.Unlock();
     std::vector<Picture> pictures;
     const unsigned errors = m_decoder->Decode(unit, pictures);
-    lock.lock();
+    m_mutex.Lock();
     m_statistics.decodeErrors += errors;
     KeepPictures(pictures, generation);
 }
 
-void TvCore::DrainDecoder(std::unique_lock<std::mutex>& lock) {
+void TvCore::DrainDecoder() {
     const uint64_t generation = m_generation;
     m_decoding = true;
-    lock.unlock();
+    m_mutex.Unlock();
     std::vector<Picture> pictures;
     m_decoder->Drain(pictures);
-    lock.lock();
+    m_mutex.Lock();
     KeepPictures(pictures, generation);
 }
 
@@ -120,27 +120,27 @@ void TvCore::KeepPictures(std::vector<Picture>& pictures, uint64_t generation) {
 // Display
 
 void TvCore::DisplayLoop() {
-    std::unique_lock<std::mutex> lock(m_mutex);
+    opal::MutexLock lock(m_mutex);
     while (!m_stop) {
         const uint64_t ticket = m_wakeups.Ticket();
         int64_t nextMs = kNever;
-        if (!DisplayStep(lock, nextMs)) {
-            m_wakeups.Sleep(Sleeper::Display, lock, nextMs, ticket);
+        if (!DisplayStep(nextMs)) {
+            m_wakeups.Sleep(Sleeper::Display, m_mutex, nextMs, ticket);
         }
     }
-    lock.unlock();
+    lock.Unlock();
     m_wakeups.End(Sleeper::Display);
 }
 
-bool TvCore::DisplayStep(std::unique_lock<std::mutex>& lock, int64_t& nextMs) {
+bool TvCore::DisplayStep(int64_t& nextMs) {
     if (m_outputChanged) {
         m_outputChanged = false;
         const ST_RECT rect = m_rect;
         const bool black = m_black;
-        lock.unlock();
+        m_mutex.Unlock();
         m_videoOut->SetRectangle(rect);
         m_videoOut->SetBlack(black);
-        lock.lock();
+        m_mutex.Lock();
         return true;
     }
     Presenter::Candidate candidate{};
@@ -161,7 +161,7 @@ bool TvCore::DisplayStep(std::unique_lock<std::mutex>& lock, int64_t& nextMs) {
             m_wakeups.Wake();
             return true;
         case Presenter::Action::Show:
-            ShowFront(lock);
+            ShowFront();
             return true;
     }
     return false;
@@ -173,19 +173,19 @@ void TvCore::PopPicture() {
     Refresh();
 }
 
-void TvCore::ShowFront(std::unique_lock<std::mutex>& lock) {
+void TvCore::ShowFront() {
     const Picture picture = m_pictures.front();
     PopPicture();
     const uint64_t generation = m_generation;
     m_showing = true;
     m_screen = picture;
-    lock.unlock();
+    m_mutex.Unlock();
     m_videoOut->Show(picture);
     control::JournalEntry entry;
     entry.call = "shown";
     entry.value = picture.pts;
     Control::Get().Append(std::move(entry));
-    lock.lock();
+    m_mutex.Lock();
     const int64_t now = m_wakeups.NowMs();
     m_presenter.Shown(picture.pts, now);
     if (picture.frame) {
@@ -206,11 +206,11 @@ void TvCore::ShowFront(std::unique_lock<std::mutex>& lock) {
     m_hasPicture = true;
     ++m_gauge;
     m_showing = false;
-    m_shownOne.notify_all();
+    m_shownOne.NotifyAll();
     m_wakeups.Wake();
-    lock.unlock();
+    m_mutex.Unlock();
     TellPictureListener(picture.pts);
-    lock.lock();
+    m_mutex.Lock();
 }
 
 // Sound
@@ -220,21 +220,21 @@ void TvCore::AudioLoop() {
     m_audioOut = NewAudioOut(m_options.audio);
     m_audioDecoder = m_options.decoding == Decoding::Libav ? NewLibavAudioDecoder()
                                                            : NewPassThroughAudioDecoder();
-    std::unique_lock<std::mutex> lock(m_mutex);
+    opal::MutexLock lock(m_mutex);
     while (!m_stop) {
         const uint64_t ticket = m_wakeups.Ticket();
         int64_t nextMs = kNever;
-        if (!AudioStep(lock, nextMs)) {
-            m_wakeups.Sleep(Sleeper::Audio, lock, nextMs, ticket);
+        if (!AudioStep(nextMs)) {
+            m_wakeups.Sleep(Sleeper::Audio, m_mutex, nextMs, ticket);
         }
     }
-    lock.unlock();
+    lock.Unlock();
     m_audioOut.reset();
     m_audioDecoder.reset();
     m_wakeups.End(Sleeper::Audio);
 }
 
-bool TvCore::PrepareSound(std::unique_lock<std::mutex>& lock) {
+bool TvCore::PrepareSound() {
     const bool running = Running();
     if (!m_openAudio && !m_flushAudio && running == m_soundRuns) {
         return false;
@@ -245,7 +245,7 @@ bool TvCore::PrepareSound(std::unique_lock<std::mutex>& lock) {
     const uint32_t channels = m_audioChannels;
     m_openAudio = m_flushAudio = false;
     m_soundRuns = running;
-    lock.unlock();
+    m_mutex.Unlock();
     if (flush) {
         m_audioOut->Flush();
     }
@@ -253,12 +253,12 @@ bool TvCore::PrepareSound(std::unique_lock<std::mutex>& lock) {
         m_audioDecoder->Open(rate, channels);
     }
     m_audioOut->Pause(!running);
-    lock.lock();
+    m_mutex.Lock();
     return true;
 }
 
-bool TvCore::AudioStep(std::unique_lock<std::mutex>& lock, int64_t& nextMs) {
-    if (PrepareSound(lock)) {
+bool TvCore::AudioStep(int64_t& nextMs) {
+    if (PrepareSound()) {
         return true;
     }
     if (!Running() || !m_presenter.Anchored() || m_audio.empty()) {
@@ -276,28 +276,28 @@ bool TvCore::AudioStep(std::unique_lock<std::mutex>& lock, int64_t& nextMs) {
         nextMs = m_presenter.WhenDue(pts - m_audioOut->LeadMs());
         return false;
     }
-    PlaySound(lock, aheadMs);
+    PlaySound(aheadMs);
     return true;
 }
 
-void TvCore::PlaySound(std::unique_lock<std::mutex>& lock, int64_t aheadMs) {
+void TvCore::PlaySound(int64_t aheadMs) {
     const Unit unit = std::move(m_audio.front());
     m_audio.pop_front();
     m_audioBytes -= unit.Cost();
     const uint64_t generation = m_audioGeneration;
-    lock.unlock();
+    m_mutex.Unlock();
     Sound sound;
     const bool decoded = m_audioDecoder->Decode(unit, m_audioOut->WantsSamples(), sound);
     Scale(sound.samples, m_volume);
-    lock.lock();
+    m_mutex.Lock();
     if (!decoded) {
         ++m_statistics.decodeErrors;
     }
     if (generation == m_audioGeneration && decoded) {
         m_audioPlayedUs += sound.durationUs;
-        lock.unlock();
+        m_mutex.Unlock();
         m_audioOut->Play(sound.samples, aheadMs);
-        lock.lock();
+        m_mutex.Lock();
     }
 }
 

@@ -13,7 +13,7 @@ Registry& Registry::Get() {
 }
 
 bool Registry::Configure(const Options& options) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     if (m_core) {
         return false;
     }
@@ -22,7 +22,7 @@ bool Registry::Configure(const Options& options) {
 }
 
 void Registry::Create(void* player) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     if (m_core) {
         return;
     }
@@ -39,41 +39,41 @@ void Registry::Create(void* player) {
 void Registry::Destroy(const void* player) {
     std::shared_ptr<TvCore> core;
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const opal::MutexLock lock(m_mutex);
         if (m_player != player) {
             return;
         }
         core = m_core;
     }
     (void)core->Disconnect();
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     m_last = core->GetStatistics();
     m_core.reset();
     m_player = nullptr;
 }
 
 std::shared_ptr<TvCore> Registry::CoreOf(const void* player) const {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     return m_player == player ? m_core : nullptr;
 }
 
 std::shared_ptr<TvCore> Registry::Current() const {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     return m_core;
 }
 
 Statistics Registry::GetStatistics() const {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const opal::MutexLock lock(m_mutex);
     return m_core ? m_core->GetStatistics() : m_last;
 }
 
 void Registry::SetListener(std::function<void(uint32_t)> listener) {
-    const std::lock_guard<std::mutex> lock(m_listenerMutex);
+    const opal::MutexLock lock(m_listenerMutex);
     m_listener = std::move(listener);
 }
 
 void Registry::TellListener(uint32_t ptsMs) {
-    const std::lock_guard<std::mutex> lock(m_listenerMutex);
+    const opal::MutexLock lock(m_listenerMutex);
     if (m_listener) {
         m_listener(ptsMs);
     }

@@ -5,36 +5,32 @@
 
 namespace tvset {
 
-void Wakeups::Sleep(Sleeper who, std::unique_lock<std::mutex>& lock, int64_t deadline,
-                    uint64_t ticket) {
+void Wakeups::Sleep(Sleeper who, opal::Mutex& mutex, int64_t deadline, uint64_t ticket) {
     {
-        const std::lock_guard<std::mutex> guard(m_mutex);
+        const opal::MutexLock guard(m_mutex);
         At(who).asleep = true;
         At(who).deadline = deadline;
         At(who).ticket = ticket;
     }
-    m_changed.notify_all();
-    lock.unlock();
+    m_changed.NotifyAll();
+    const opal::MutexUnlock unlocked(mutex);
     m_clock->SleepUntil(deadline, ticket);
-    {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        At(who).asleep = false;
-    }
-    lock.lock();
+    const opal::MutexLock guard(m_mutex);
+    At(who).asleep = false;
 }
 
 void Wakeups::Begin(Sleeper who) {
-    const std::lock_guard<std::mutex> guard(m_mutex);
+    const opal::MutexLock guard(m_mutex);
     At(who) = Place();
     At(who).active = true;
 }
 
 void Wakeups::End(Sleeper who) {
     {
-        const std::lock_guard<std::mutex> guard(m_mutex);
+        const opal::MutexLock guard(m_mutex);
         At(who).active = false;
     }
-    m_changed.notify_all();
+    m_changed.NotifyAll();
 }
 
 bool Wakeups::Idle() const {
@@ -46,8 +42,14 @@ bool Wakeups::Idle() const {
 }
 
 bool Wakeups::WaitIdle(int timeoutMs) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return Idle(); });
+    opal::MutexLock lock(m_mutex);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!Idle()) {
+        if (!m_changed.WaitUntil(m_mutex, end)) {
+            return Idle();
+        }
+    }
+    return true;
 }
 
 }  // namespace tvset

@@ -1,11 +1,10 @@
 #pragma once
 
 #include <array>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 
+#include "Common/Mutex.h"
 #include "TvSet.h"
 
 namespace tvset {
@@ -28,8 +27,9 @@ class Wakeups {
     uint64_t Ticket() const { return m_clock->Interrupts(); }
     /// After work was added, with or without its lock.
     void Wake() const { m_clock->Interrupt(); }
-    /// Gives up `lock` until `deadline` or until work was added after `ticket` was read.
-    void Sleep(Sleeper who, std::unique_lock<std::mutex>& lock, int64_t deadline, uint64_t ticket);
+    /// Gives up `mutex` until `deadline` or until work was added after `ticket` was read.
+    void Sleep(Sleeper who, opal::Mutex& mutex, int64_t deadline, uint64_t ticket)
+        OPAL_REQUIRES(mutex);
 
     void Begin(Sleeper who);
     void End(Sleeper who);
@@ -42,13 +42,13 @@ class Wakeups {
         int64_t deadline = 0;
         uint64_t ticket = 0;
     };
-    Place& At(Sleeper who) { return m_places[static_cast<size_t>(who)]; }
-    bool Idle() const;
+    Place& At(Sleeper who) OPAL_REQUIRES(m_mutex) { return m_places[static_cast<size_t>(who)]; }
+    bool Idle() const OPAL_REQUIRES(m_mutex);
 
     const std::shared_ptr<Clock> m_clock;
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::array<Place, static_cast<size_t>(Sleeper::Count)> m_places;
+    opal::Mutex m_mutex;
+    opal::CondVar m_changed;
+    std::array<Place, static_cast<size_t>(Sleeper::Count)> m_places OPAL_GUARDED_BY(m_mutex);
 };
 
 }  // namespace tvset
