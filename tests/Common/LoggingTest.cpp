@@ -56,6 +56,7 @@ class RecordingSender : public NullLogEventSender {
     /// Once the server has stopped.
     const std::string& Documents() const { return m_documents; }
     void Configure(int64_t interval, size_t size) {
+        opal::RecursiveLock lock(m_mutex);
         m_interval = interval;
         m_size = size;
     }
