@@ -6,6 +6,7 @@
 #include <string>
 
 #include "Common/OPALError.h"
+#include "Common/StopSignal.h"
 #include "SMILParser/IAudioTrack.h"
 #include "SMILParser/ISubtitleTrack.h"
 #include "SMILParser/IVideoLevel.h"
@@ -36,8 +37,8 @@ class ISMILParser : boost::noncopyable {
     virtual size_t GetSubtitleTrackCount() const = 0;
     virtual OPALError GetSubtitleTrack(size_t index,
                                        boost::shared_ptr<ISubtitleTrack>& track) const = 0;
-    /// Ends the fetch that runs, and every one to come, with -28. For a shutdown; any thread.
-    virtual void Abort() {}
+    /// Raised, the signal ends a fetch with -28. Not owned; null is never raised.
+    virtual void SetStopSignal(const opal::StopSignal* /*signal*/) {}
 };
 
 /// A new parser, owned by the caller; null when there is no memory.

@@ -217,7 +217,6 @@ class StreamingController : public IStreamingController {
     };
 
     class CallbackScope;
-    class FetchingScope;
     class FinalizingScope;
 
     static constexpr int kNoPlayState = -1;
@@ -256,15 +255,11 @@ class StreamingController : public IStreamingController {
     template <typename T>
     void Publish(boost::scoped_ptr<T>& slot, T* object) {
         boost::unique_lock<boost::shared_mutex> lock(m_objectsMutex);
-        boost::lock_guard<boost::mutex> interrupt(m_interruptMutex);
         slot.reset(object);
     }
 
     // Shutdown.cpp
     bool IsInCallback() const;
-    void Interrupt();
-    template <typename Mutex>
-    boost::unique_lock<Mutex> LockInterrupting(Mutex& mutex);
     void EndPreviousSession();
     void EndLoop();
     void StopLogSender();
@@ -431,9 +426,7 @@ class StreamingController : public IStreamingController {
 
     boost::mutex m_lifecycleMutex;
     boost::shared_mutex m_objectsMutex;
-    boost::mutex m_interruptMutex;
-    opal::StopSignal m_stop;                   ///< of the session
-    ISMILParser* m_pFetchingParser = nullptr;  ///< while it fetches; under m_interruptMutex
+    opal::StopSignal m_stop;  ///< of the session
     /// Calls of Finalize under way: a failure then is a consequence of the shutdown.
     std::atomic<int> m_finalizing{0};
     /// Stop was handled and nothing started since: what is still queued must not start a reader.

@@ -8,6 +8,7 @@
 #include "Common/OPALError.h"
 #include "Common/OPALPlayRate.h"
 #include "Common/OPALStreamType.h"
+#include "Common/StopSignal.h"
 #include "StreamingDemux/EBML/AudioStreamInfo.h"
 #include "StreamingReader/IStreamingReaderNotify.h"
 
@@ -29,13 +30,12 @@ enum StreamingReaderState : int {
 /// into the stream's buffer. When to fetch is for others to decide.
 ///
 /// Threading: a manager's thread runs Open and DownloadNext, others the rest. The lock is held over
-/// a whole transfer, so most calls wait for it; GetError, HasError, GetState, GetBytesInFlight,
-/// GetBytesAhead, GetClusterIndex, CancelTransfers and AbortTransfers do not take it.
-/// Ownership: buffer and notify are not owned. GetFont's and GetClusterIndex's pointers stay valid
-/// until Finalize.
-/// Units: milliseconds, bytes.
-/// Errors: a failed metadata step sticks until the next Open and is what most calls then answer;
-/// DownloadNext returns its failures and stores none.
+/// a whole transfer, and Open, Start, Seek, DownloadNext and Finalize wait for it; no other
+/// operation does.
+/// Ownership: buffer, notify and stop signal are not owned. GetFont's and GetClusterIndex's
+/// pointers stay valid until Finalize. Units: milliseconds, bytes. Errors: a failed metadata step
+/// sticks until the next Open and is what most calls then answer; DownloadNext returns its failures
+/// and stores none.
 class IStreamingReader : boost::noncopyable {
   public:
     virtual ~IStreamingReader() = default;
@@ -66,13 +66,14 @@ class IStreamingReader : boost::noncopyable {
     /// Bytes of the clusters that make up the next `ms` milliseconds.
     virtual OPALError GetBytesAhead(int64_t ms, size_t& bytes) = 0;
     virtual OPALError GetClusterIndex(IClusterIndex*& index) = 0;
-    /// Ends whatever runs, an Open too, and lets nothing begin before Finalize: Open then answers
-    /// -8, DownloadNext -28. For a shutdown; takes no lock and never waits.
-    virtual void AbortTransfers() = 0;
+    /// True ends the Open that runs: it answers -8. False lets the next one run. The reader's stop
+    /// signal does the same for good, and ends a DownloadNext with -28. Takes no lock.
+    virtual void SetAbandoned(bool abandoned) = 0;
 };
 
 /// A new reader, owned by the caller; null for an empty url, a header size of 0, a null buffer or
-/// OPAL_STREAM_NONE. `notify` may be null.
+/// OPAL_STREAM_NONE. `notify` and `stop` may be null.
 IStreamingReader* NewStreamingReader(const std::string& url, size_t headerRequestSize,
                                      IClusterBuffer* buffer, IStreamingReaderNotify* notify,
-                                     OPALStreamType streamType, size_t level);
+                                     OPALStreamType streamType, size_t level,
+                                     const opal::StopSignal* stop = nullptr);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <boost/noncopyable.hpp>
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/thread.hpp>
@@ -12,6 +13,7 @@
 #include "Common/OPALError.h"
 #include "Common/OPALPlayRate.h"
 #include "Common/OPALStreamType.h"
+#include "Common/StopSignal.h"
 #include "StreamingDemux/EBML/AudioStreamInfo.h"
 #include "StreamingReader/IStreamingReader.h"
 
@@ -21,133 +23,171 @@ class ISMILParser;
 class IStreamingReaderNotify;
 
 /// Owns all readers of one stream kind, knows which of them is current, and runs the one thread
-/// that drives the current one. After each cluster the thread waits until Start wakes it again, so
-/// that the caller paces the downloads; while the stream's buffer has no room it polls every 20 ms.
+/// that opens and drives the current one. After each cluster the thread waits until Start wakes it
+/// again, so that the caller paces the downloads; while the stream's buffer has no room it polls
+/// every 20 ms.
 ///
-/// Threading: any operation from any thread. Operations wait for the transfer that runs, except the
-/// ones marked "no lock", and Start, which during a transfer only notes that the thread is wanted
-/// again. Nothing below m_mutex calls up but the notify.
+/// Threading: any operation from any thread. While the thread opens or transfers, an operation
+/// notes what it wants of the current reader, and the thread does it as soon as the network lets go
+/// of it; so none waits for the network but Initialize, SetStream with `open`, Finalize and
+/// WaitForCancelled, and the last two end what they wait for. Nothing below m_mutex calls up but
+/// the notify.
 /// Ownership: owns the readers; parser, buffer and notify are not owned, and buffer and notify must
-/// stay until Finalize. Every derived class runs Finalize in its destructor.
+/// stay until Finalize, the stop signal as long as the manager. Every derived class runs Finalize
+/// in its destructor.
 /// Units: milliseconds, bytes.
 /// Errors: -2 for an index beyond the readers. Without a current reader -4 if there are readers,
 /// and 0 if the manifest has no stream of this kind: such a kind does nothing. A failed download or
 /// a failed open ends the thread, and GetError gives its code.
 class ReaderManager : boost::noncopyable {
   public:
-    ReaderManager() = default;
+    explicit ReaderManager(const opal::StopSignal* stop = nullptr) : m_stop(stop) {}
     virtual ~ReaderManager();
 
     /// To be called once; -4 if there are readers already. Starts the thread if the manifest has
     /// streams of this kind.
     virtual OPALError Initialize(ISMILParser* parser, IClusterBuffer* buffer,
                                  IStreamingReaderNotify* notify, size_t index);
-    /// Makes another reader current, with `open` opened on the caller's thread. The one before is
-    /// stopped.
+    /// Makes another reader current, with `open` opened on the caller's thread, else by the
+    /// manager's. The one before is stopped; its opening, if it is being opened, is given up.
     virtual OPALError SetStream(size_t index, bool open);
     virtual OPALError CreateReaders(ISMILParser* parser, IClusterBuffer* buffer,
                                     IStreamingReaderNotify* notify, size_t index) = 0;
     virtual OPALError DownloadNext();
     virtual OPALError OpenCurrent();
 
-    /// Aborts what runs, joins the thread, finalises and drops the readers. Initialize may follow.
+    /// Ends what runs, joins the thread, finalises and drops the readers. Initialize may follow.
     OPALError Finalize();
     OPALError Start();
     OPALError Stop();
     OPALError Seek(int64_t& ms);
-    size_t GetStreamCount();  ///< no lock
+    size_t GetStreamCount();
     OPALError GetDuration(int64_t& ms);
-    size_t GetCurrent();             ///< no lock; (size_t)-1 for none
-    OPALError GetState(int& state);  ///< no lock
+    size_t GetCurrent();  ///< (size_t)-1 for none
+    OPALError GetState(int& state);
     OPALError GetPosition(int64_t& ms);
     bool HasError();
-    OPALError GetError();  ///< no lock
+    OPALError GetError();
     OPALError SetError(OPALError code);
-    OPALError Cancel();                                  ///< no lock
-    OPALError GetBytesInFlight(size_t& bytes);           ///< no lock
-    OPALError GetBytesAhead(int64_t ms, size_t& bytes);  ///< no lock
-    /// Ends the transfer that runs, an opening one too, and lets no other begin before Finalize.
-    /// Never waits; may be repeated. For the way to Finalize only.
-    void AbortTransfers();
+    OPALError Cancel();
+    OPALError GetBytesInFlight(size_t& bytes);
+    OPALError GetBytesAhead(int64_t ms, size_t& bytes);
+    /// The thread is inside a transfer, or about to have one.
+    bool IsTransferring();
+    /// After Stop and Cancel: when this returns, nothing more of the cancelled transfer reaches the
+    /// buffer. Waits for as long as the transport takes to cancel.
+    void WaitForCancelled();
 
   protected:
     using Reader = boost::shared_ptr<IStreamingReader>;
-    using Lock = opal::RecursiveLock;
     static constexpr size_t kNone = static_cast<size_t>(-1);
 
     /// Told that the readers are gone.
     virtual void OnReadersDropped() OPAL_REQUIRES(m_mutex) {}
 
     Reader Current();
+    Reader At(size_t index);  ///< null beyond the readers
     /// What an operation answers without a current reader.
     OPALError NoReaderResult();
-    /// The common form of the operations on the current reader; the lock, where one is needed, is
-    /// the caller's.
+    /// The common form of the operations on the current reader.
     template <typename Operation>
     OPALError OnCurrent(Operation operation) {
         const Reader reader = Current();
         return reader ? operation(*reader) : NoReaderResult();
     }
-    OPALError AddReader(const std::string& url, size_t headerRequestSize, IClusterBuffer* buffer,
-                        IStreamingReaderNotify* notify, OPALStreamType type, size_t level)
-        OPAL_REQUIRES(m_mutex);
-    OPALError StartThread() OPAL_REQUIRES(m_mutex);
-    /// Starts it again if a failure has ended it.
-    OPALError RestartEndedThread() OPAL_REQUIRES(m_mutex);
+    /// Adds a reader for each entry that `get(i, entry)` finds; -1 unless it finds all.
+    template <typename Entry, typename Get>
+    OPALError AddReaders(size_t count, Get get, IClusterBuffer* buffer,
+                         IStreamingReaderNotify* notify, OPALStreamType type)
+        OPAL_REQUIRES(m_mutex) {
+        for (size_t i = 0; i < count; ++i) {
+            boost::shared_ptr<Entry> entry;
+            if (get(i, entry) != OPAL_OK || !entry)
+                return OPAL_ERROR_GENERAL;
+            const OPALError added =
+                AddReader(entry->GetURI(), entry->GetHeaderRequestSize(), buffer, notify, type, i);
+            if (added != OPAL_OK)
+                return added;
+        }
+        return OPAL_OK;
+    }
+    /// Opens a reader on the calling thread, unless the opening is given up: -28.
+    OPALError OpenReader(const Reader& reader);
     /// Opens the current reader on the caller's thread after Initialize; -1 unless it then stands
     /// ready.
     OPALError OpenAfterInitialize() OPAL_REQUIRES(m_mutex);
-    /// Every such call lets the thread go on if it waits, or not wait if it is in a transfer.
-    void WakeThread();
-    bool IsThreadEnded() const OPAL_REQUIRES(m_mutex) { return m_threadEnded; }
-    /// Levels first, then trick tracks. Both fields behind these two are written with both locks
-    /// held, so m_mutex is enough to read them, which the compiler cannot be told.
+    /// The old reader's connection is gone before the new one's is made; an ended thread begins
+    /// again.
+    void CloseBeforeNextOpening(const Reader& reader);
+    OPALError RestartEndedThread();
+    bool IsThreadEnded() const { return m_threadEnded; }
+
+    /// Held over a whole transfer or opening by the thread that has it.
+    opal::RecursiveMutex m_mutex;
+    /// Levels first, then trick tracks. The list is written with both locks held, so m_mutex is
+    /// enough to read it, which the compiler cannot be told.
     const std::vector<Reader>& ReaderList() const
         OPAL_REQUIRES(m_mutex) OPAL_NO_THREAD_SAFETY_ANALYSIS {
         return m_readers;
     }
-    size_t CurrentIndex() const OPAL_REQUIRES(m_mutex) OPAL_NO_THREAD_SAFETY_ANALYSIS {
-        return m_current;
-    }
-
-    opal::RecursiveMutex m_mutex;
+    /// The reader that the thread transfers from, for DownloadNext; else the current one.
+    Reader Driven();
 
   private:
+    enum class Activity { None, Opening, Transferring };
+    /// What was asked of the current reader while the network had the thread.
+    struct Wishes {
+        bool start = false;
+        bool seek = false;
+        int64_t seekMs = 0;
+    };
+
+    OPALError AddReader(const std::string& url, size_t headerRequestSize, IClusterBuffer* buffer,
+                        IStreamingReaderNotify* notify, OPALStreamType type, size_t level)
+        OPAL_REQUIRES(m_mutex);
+    OPALError StartThread();
     void ThreadMain();
     OPALError EventLoop();
     bool RunRound(OPALError& result) OPAL_REQUIRES(m_mutex);
-    bool Download(OPALError& result) OPAL_REQUIRES(m_mutex);
-    uint64_t BeginTransfer();
-    bool EndTransfer();
+    bool Open(OPALError& result) OPAL_REQUIRES(m_mutex);
+    bool Download(const Reader& reader, OPALError& result) OPAL_REQUIRES(m_mutex);
+    OPALError OpenNow() OPAL_REQUIRES(m_mutex);
+    OPALError GrantWishes() OPAL_REQUIRES(m_mutex);
+    OPALError AlignTime(IStreamingReader& reader, int64_t& ms);
+    bool BeginTransfer(const Reader& reader, uint64_t& generation);
+    bool EndActivity();
+    void WakeThread();
     uint64_t Generation();
     void WaitForWake(uint64_t generation) OPAL_REQUIRES(m_mutex);
-    Reader NoteStartInTransfer();
-    void SetCurrent(size_t index) OPAL_REQUIRES(m_mutex);
-    void LockAfterAbort() OPAL_ACQUIRE(m_mutex);
-    void LockAfterCancel() OPAL_ACQUIRE(m_mutex);
-    void SetCancelled(bool cancelled);
-    bool IsCancelled();
+    bool IsBusy();
 
-    boost::thread m_thread OPAL_GUARDED_BY(m_mutex);
-    bool m_threadEnded OPAL_GUARDED_BY(m_mutex) = false;  ///< by a failure
+    const opal::StopSignal* SignalOfReaders() const { return &m_stop; }
+
+    boost::thread m_thread;  ///< Initialize, SetStream and Finalize are the owner's alone
     opal::RecursiveCondVar m_wakeup;
+    opal::StopSignal m_stop;                 ///< raised by Finalize; below the session's
+    std::atomic<bool> m_threadEnded{false};  ///< by a failure
 
-    /// Innermost lock, held over nothing but the fields it guards.
+    /// Innermost lock, held over nothing but the fields that it guards.
     opal::Mutex m_stateMutex OPAL_ACQUIRED_AFTER(m_mutex);
     std::vector<Reader> m_readers OPAL_GUARDED_BY(m_stateMutex);  ///< see ReaderList
-    size_t m_current OPAL_GUARDED_BY(m_stateMutex) = kNone;       ///< see CurrentIndex
-    uint64_t m_generation OPAL_GUARDED_BY(m_stateMutex) = 0;      ///< counts the wakes
-    /// The thread is inside DownloadNext.
-    bool m_transferring OPAL_GUARDED_BY(m_stateMutex) = false;
-    bool m_startRequested OPAL_GUARDED_BY(m_stateMutex) = false;  ///< Start came meanwhile
-    /// Cancel came, and neither Start nor Seek since.
-    bool m_cancelled OPAL_GUARDED_BY(m_stateMutex) = false;
+    size_t m_current OPAL_GUARDED_BY(m_stateMutex) = kNone;
+    uint64_t m_generation OPAL_GUARDED_BY(m_stateMutex) = 0;  ///< counts the wakes
+    uint64_t m_stops OPAL_GUARDED_BY(m_stateMutex) = 0;       ///< counts the calls of Stop
+    Activity m_activity OPAL_GUARDED_BY(m_stateMutex) = Activity::None;
+    Wishes m_wishes OPAL_GUARDED_BY(m_stateMutex);
+    Reader m_opening OPAL_GUARDED_BY(m_stateMutex);  ///< inside Open
+    Reader m_driven OPAL_GUARDED_BY(m_stateMutex);   ///< inside DownloadNext
+    /// What is being opened is not the current reader any more.
+    bool m_openingGivenUp OPAL_GUARDED_BY(m_stateMutex) = false;
+    std::vector<Reader> m_closing OPAL_GUARDED_BY(m_stateMutex);  ///< before the next opening
 };
 
 /// Video: a reader for each level, then one for each trick track. All levels up to the current one
 /// are open. Errors: SetRate gives -2 for a trick rate when there is no trick track.
 class VideoReaderManager : public ReaderManager {
   public:
+    using ReaderManager::ReaderManager;
     ~VideoReaderManager() override;
 
     OPALError Initialize(ISMILParser* parser, IClusterBuffer* buffer,
@@ -157,7 +197,8 @@ class VideoReaderManager : public ReaderManager {
     OPALError DownloadNext() override;
     OPALError OpenCurrent() override;
 
-    /// A trick rate makes the first trick track current; at 1x the current stream stays.
+    /// A trick rate makes the first trick track current, which the manager's thread opens; at 1x
+    /// the current stream stays.
     OPALError SetRate(OPALPlayRate rate);
     /// One entry a level, null until the level is open. The vector stays where it is for the
     /// manager's life; the indexes are the readers'.
@@ -167,16 +208,17 @@ class VideoReaderManager : public ReaderManager {
     void OnReadersDropped() override OPAL_REQUIRES(m_mutex);
 
   private:
-    OPALError OpenLevelsUpToCurrent() OPAL_REQUIRES(m_mutex);
+    OPALError OpenLevelsUpTo(size_t index) OPAL_REQUIRES(m_mutex);
 
-    size_t m_firstTrickTrack OPAL_GUARDED_BY(m_mutex) = kNone;
-    OPALPlayRate m_rate OPAL_GUARDED_BY(m_mutex) = OPAL_PLAYRATE_ONEX;
+    std::atomic<size_t> m_firstTrickTrack{kNone};
+    std::atomic<OPALPlayRate> m_rate{OPAL_PLAYRATE_ONEX};
     std::vector<IClusterIndex*> m_clusterIndexes;
 };
 
 /// Audio: a reader for each track.
 class AudioReaderManager : public ReaderManager {
   public:
+    using ReaderManager::ReaderManager;
     ~AudioReaderManager() override;
 
     OPALError Initialize(ISMILParser* parser, IClusterBuffer* buffer,
@@ -184,6 +226,10 @@ class AudioReaderManager : public ReaderManager {
     OPALError CreateReaders(ISMILParser* parser, IClusterBuffer* buffer,
                             IStreamingReaderNotify* notify, size_t index) override;
 
+    /// Initialize without its wait: the manager's thread opens the track, as it does with
+    /// subtitles.
+    OPALError InitializeWithoutOpening(ISMILParser* parser, IClusterBuffer* buffer,
+                                       IStreamingReaderNotify* notify, size_t index);
     OPALError GetTrackInfo(AudioStreamInfo& info);
     OPALError GetTrackInfo(size_t index, AudioStreamInfo& info);
     OPALError GetCodecID(std::string& codecID);
@@ -194,6 +240,7 @@ class AudioReaderManager : public ReaderManager {
 /// old reader first, and starts the thread again if a failure has ended it.
 class SubtitleReaderManager : public ReaderManager {
   public:
+    using ReaderManager::ReaderManager;
     ~SubtitleReaderManager() override;
 
     OPALError SetStream(size_t index, bool open) override;

@@ -20,7 +20,9 @@
 /// Errors: the managers'; a combined operation stops at the first failure.
 class Readers : boost::noncopyable {
   public:
-    Readers();
+    /// Raised, the signal ends every transfer and opening, and lets none begin. It outlives this;
+    /// null is never raised.
+    explicit Readers(const opal::StopSignal* stop = nullptr);
     virtual ~Readers();
 
     virtual OPALError VideoInitialize(ISMILParser* parser, IClusterBuffer* buffer,
@@ -29,7 +31,7 @@ class Readers : boost::noncopyable {
                                       IStreamingReaderNotify* notify, size_t index);
     virtual OPALError SubtitleInitialize(ISMILParser* parser, IClusterBuffer* buffer,
                                          IStreamingReaderNotify* notify, size_t index);
-    /// Video, audio, subtitle. Aborts all their transfers first.
+    /// Video, audio, subtitle.
     virtual OPALError Finalize();
     /// Empty on failure.
     virtual std::string GetAudioCodecID();
@@ -90,9 +92,18 @@ class Readers : boost::noncopyable {
     virtual OPALError GetSubtitleBytesAhead(size_t& bytes);
     virtual const std::vector<IClusterIndex*>& GetVideoClusterIndexes();
 
-    /// Ends every transfer of the three kinds, an opening one too, and lets no other begin before
-    /// Finalize. Never waits; may be repeated. For the way to Finalize only.
-    void AbortTransfers();
+    // What no operation above has: the forms that do not wait for the network.
+
+    /// AudioInitialize, and SetAudioStream and SetVideoStream, but opened by the manager's thread:
+    /// poll the state.
+    OPALError BeginAudio(ISMILParser* parser, IClusterBuffer* buffer,
+                         IStreamingReaderNotify* notify, size_t index);
+    OPALError BeginAudioStream(size_t index);
+    OPALError BeginVideoStream(size_t index);
+    bool IsVideoTransferring();
+    /// After a stop and a cancel of all kinds: nothing more of what was cancelled reaches a buffer
+    /// once this returns. Waits for as long as the transport takes to cancel.
+    void WaitForCancelled();
     /// Finalises the subtitle manager alone: it then counts as empty, and SubtitleInitialize may
     /// follow.
     OPALError FinalizeSubtitle();

@@ -80,6 +80,7 @@ class HTTPFileContract : public testing::TestWithParam<bool> {
             content += static_cast<char>('a' + n % 23);
         url = server.add("film.mkv", content);
         file.reset(server.newFile());
+        file->SetStopSignal(&stop);
     }
 
     std::string Take() {
@@ -110,6 +111,7 @@ class HTTPFileContract : public testing::TestWithParam<bool> {
     const Server server;
     std::string content;
     std::string url;
+    opal::StopSignal stop;
     std::unique_ptr<IHTTPFile> file;
 };
 
@@ -195,9 +197,9 @@ TEST_P(HTTPFileContract, CancelEndsTheRunningRead) {
     ExpectServesReads();
 }
 
-TEST_P(HTTPFileContract, CloseAndAbortEndOpensAndReads) {
+TEST_P(HTTPFileContract, CloseAndTheStopSignalEndOpensAndReads) {
     for (const bool read : {false, true}) {
-        for (const bool abort : {false, true}) {
+        for (const bool stopped : {false, true}) {
             const auto request = [&] {
                 return read ? file->RequestRange(0, -1, nullptr) : file->Open(url);
             };
@@ -208,14 +210,15 @@ TEST_P(HTTPFileContract, CloseAndAbortEndOpensAndReads) {
             auto running = std::async(std::launch::async, request);
             ASSERT_TRUE(server.waitForHeld(held));
             const auto start = std::chrono::steady_clock::now();
-            if (abort) {
-                file->Abort();
+            if (stopped) {
+                stop.Raise();
                 EXPECT_EQ(OPAL_ERROR_CANCELLED, running.get());
                 EXPECT_EQ(OPAL_ERROR_CANCELLED, request());
             }
             EXPECT_EQ(OPAL_OK, file->Close());
             EXPECT_GT(std::chrono::seconds(2), std::chrono::steady_clock::now() - start);
-            if (!abort) {
+            stop.Lower();
+            if (!stopped) {
                 EXPECT_EQ(OPAL_ERROR_TERMINATED, running.get());
             }
             server.release(held);

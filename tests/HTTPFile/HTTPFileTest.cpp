@@ -188,14 +188,18 @@ TEST_F(HTTPFileTest, ThreadedCancelAndCloseStrikeWhatWasAskedBeforeThem) {
     EXPECT_EQ(OPAL_OK, threaded.Open(url));
 }
 
-TEST_F(HTTPFileTest, AbortDoesNotWaitForASilentNameServer) {
+TEST_F(HTTPFileTest, TheStopSignalDoesNotWaitForASilentNameServer) {
+    opal::StopSignal stop;
+    file.SetStopSignal(&stop);
     auto open = std::async(std::launch::async, [&] { return file.Open("http://silent.test/a"); });
     g_asked.get_future().wait();
     const auto start = std::chrono::steady_clock::now();
-    file.Abort();
+    stop.Raise();
     EXPECT_EQ(OPAL_ERROR_CANCELLED, open.get());
     EXPECT_GT(std::chrono::seconds(2), std::chrono::steady_clock::now() - start);
     g_answer.set_value();
+    EXPECT_EQ(OPAL_OK, file.Close());
+    file.SetStopSignal(nullptr);
 }
 
 TEST_F(HTTPFileTest, ThreadedFailureSticksAndNamesTheLink) {

@@ -310,7 +310,7 @@ TEST_F(StreamingReaderTest, TransferIsObservedAndCancelledWithoutItsLock) {
     EXPECT_THAT(reports.Lines().front(), testing::EndsWith(" 0"));
 }
 
-TEST_F(StreamingReaderTest, OpeningIsNotCancelledButAborted) {
+TEST_F(StreamingReaderTest, OpeningIsNotCancelledButAbandoned) {
     Make();
     for (const FakeRule::Kind kind : {FakeRule::Kind::Open, FakeRule::Kind::Read}) {
         FakeRule rule = FakeRule::Hold({}, kind);
@@ -321,7 +321,7 @@ TEST_F(StreamingReaderTest, OpeningIsNotCancelledButAborted) {
         EXPECT_EQ(STREAMING_READER_NOT_OPEN, reader->GetState());  // and not at its end
         EXPECT_EQ(OPAL_OK, reader->CancelTransfers());
         EXPECT_EQ(std::future_status::timeout, opening.wait_for(std::chrono::milliseconds(30)));
-        reader->AbortTransfers();
+        reader->SetAbandoned(true);
         EXPECT_EQ(OPAL_ERROR_TERMINATED, opening.get());
         EXPECT_EQ(OPAL_ERROR_TERMINATED, reader->Open());
         EXPECT_EQ(STREAMING_READER_NOT_OPEN, reader->GetState());

@@ -36,7 +36,8 @@ class BandwidthProbeTest : public testing::Test {
 
     std::shared_ptr<opal::test::FakeHTTPServer> server;
     Result result;
-    BandwidthProbe probe{&result, 768, 1000};
+    opal::StopSignal stop;
+    BandwidthProbe probe{&result, 768, 1000, &stop};
 };
 
 TEST_F(BandwidthProbeTest, ReadsGrowUntilOneTakesLongEnough) {
@@ -77,7 +78,7 @@ TEST_F(BandwidthProbeTest, WhatCannotBeProbed) {
     EXPECT_EQ(OPAL_ERROR_GENERAL, probe.Probe("http://film")) << "nothing makes files";
     Serve(200000);
     EXPECT_EQ(OPAL_ERROR_HTTP_CLIENT, probe.Probe("http://missing"));
-    probe.Abort();  // comes before the file is there, and holds
+    stop.Raise();  // comes before the file is there, and holds
     EXPECT_EQ(OPAL_ERROR_CANCELLED, probe.Probe("http://film"));
     EXPECT_EQ(Texts{}, server->Reads());
     EXPECT_EQ("", result.text);

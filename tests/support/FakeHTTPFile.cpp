@@ -109,7 +109,7 @@ class FakeHTTPFile : public IHTTPFile {
         if (url.compare(0, 7, "http://") != 0)
             return OPAL_ERROR_INVALID_ARGUMENT;
         Lock lock = Turn(false);
-        if (m_bytes || m_aborted)
+        if (m_bytes || IsRaised(m_stop))
             return m_bytes ? OPAL_ERROR_NOT_READY : OPAL_ERROR_CANCELLED;
         m_opening = true;
         const auto request = std::make_shared<FakeRequest>(FakeRequest{url, true, {}});
@@ -222,18 +222,13 @@ class FakeHTTPFile : public IHTTPFile {
         lock = Turn(true);
         m_server->m_openFiles -= m_bytes ? 1 : 0;
         m_bytes.reset();
-        m_aborted = false;
         m_completed.clear();
         --m_closers;
         m_server->m_changed.notify_all();
         return OPAL_OK;
     }
 
-    void Abort() override {
-        const Lock lock(m_server->m_mutex);
-        m_aborted = true;
-        m_server->m_changed.notify_all();
-    }
+    void SetStopSignal(const StopSignal* signal) override { m_stop = signal; }
 
   private:
     using Lock = std::unique_lock<std::mutex>;
@@ -250,14 +245,14 @@ class FakeHTTPFile : public IHTTPFile {
             return OPAL_ERROR_NOT_READY;
         if (m_closers > 0)
             return OPAL_ERROR_TERMINATED;
-        return m_aborted ? OPAL_ERROR_CANCELLED : OPAL_OK;
+        return IsRaised(m_stop) ? OPAL_ERROR_CANCELLED : OPAL_OK;
     }
 
     /// What ends the Open or read that runs.
     OPALError Ending() const {
         if (m_closers > 0 && !m_cancelled)
             return OPAL_ERROR_TERMINATED;
-        return m_cancelled || m_aborted ? OPAL_ERROR_CANCELLED : OPAL_OK;
+        return m_cancelled || IsRaised(m_stop) ? OPAL_ERROR_CANCELLED : OPAL_OK;
     }
 
     OPALError CheckRanges(const std::vector<ByteRange>& ranges) const {
@@ -280,7 +275,9 @@ class FakeHTTPFile : public IHTTPFile {
         if (rule.hold) {
             ++rule.held;
             m_server->m_changed.notify_all();
-            m_server->m_changed.wait(lock, [&] { return Ending() != OPAL_OK || rule.released; });
+            // Nobody announces that the stop signal is raised.
+            while (Ending() == OPAL_OK && !rule.released)
+                m_server->m_changed.wait_for(lock, std::chrono::milliseconds(2));
             --rule.held;
         }
         return Ending() != OPAL_OK ? Ending() : rule.result;
@@ -293,7 +290,7 @@ class FakeHTTPFile : public IHTTPFile {
     bool m_opening = false;
     bool m_reading = false;
     bool m_cancelled = false;
-    bool m_aborted = false;
+    std::atomic<const StopSignal*> m_stop{nullptr};
     int m_closers = 0;
     int m_inFlight = 0;
     std::list<HTTPRequestInternal> m_pending;

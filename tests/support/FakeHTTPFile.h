@@ -37,7 +37,7 @@ struct FakeRule {
     // The effect.
     int64_t bytesFirst = 0;
     std::function<void()> action;  ///< on the reading thread without a lock, e.g. to move a clock
-    bool hold = false;             ///< until Release, cancelled, aborted or closed
+    bool hold = false;             ///< until Release, cancelled, stopped or closed
     OPALError result = OPAL_OK;    ///< other than 0: fails with it
 
     static FakeRule Fail(OPALError code, const std::string& url = {}, Kind kind = Kind::Any) {

@@ -156,7 +156,7 @@ class ProbedFile : public IHTTPFile {
         return OPAL_OK;
     }
     OPALError Close() override { return OPAL_OK; }
-    void Abort() override {}
+    void SetStopSignal(const opal::StopSignal*) override {}
 };
 
 class ProbedFileObject : public HTTPFileObject {

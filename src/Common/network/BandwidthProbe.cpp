@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <boost/scoped_ptr.hpp>
-#include <boost/thread/lock_guard.hpp>
 #include <limits>
 
 #include "Common/Assert.h"
@@ -42,40 +41,13 @@ void Advance(int64_t contentLength, int64_t& offset, int64_t& readSize) {
 
 }  // namespace
 
-/// Makes the file known to Abort while the probe runs.
-class BandwidthProbe::Running {
-  public:
-    Running(BandwidthProbe& probe, IHTTPFile& file) : m_probe(probe) {
-        boost::lock_guard<boost::mutex> lock(m_probe.m_mutex);
-        m_probe.m_file = &file;
-        if (m_probe.m_aborted)
-            file.Abort();
-    }
-    ~Running() {
-        boost::lock_guard<boost::mutex> lock(m_probe.m_mutex);
-        m_probe.m_file = nullptr;
-    }
-    Running(const Running&) = delete;
-    Running& operator=(const Running&) = delete;
-
-  private:
-    BandwidthProbe& m_probe;
-};
-
 BandwidthProbe::BandwidthProbe(BandwidthProbeNotify* probeNotify, int64_t initialSize,
-                               int64_t minimumDuration)
-    : notify(probeNotify), size(initialSize), duration(minimumDuration) {
+                               int64_t minimumDuration, const opal::StopSignal* stop)
+    : notify(probeNotify), size(initialSize), duration(minimumDuration), m_pStop(stop) {
     OPAL_ASSERT(initialSize > 0, "initSize > 0");
 }
 
 BandwidthProbe::~BandwidthProbe() = default;
-
-void BandwidthProbe::Abort() {
-    boost::lock_guard<boost::mutex> lock(m_mutex);
-    m_aborted = true;
-    if (m_file)
-        m_file->Abort();
-}
 
 OPALError BandwidthProbe::Probe(const std::string& location) {
     OPAL_ASSERT(!location.empty(), "!uri.empty()");
@@ -86,7 +58,7 @@ OPALError BandwidthProbe::Probe(const std::string& location) {
         LOG4CXX_ERROR(logger, "Could not probe: " << location);
         return OPAL_ERROR_GENERAL;
     }
-    Running running(*this, *file);
+    file->SetStopSignal(m_pStop);
     OPALError result = file->Open(location);
     if (result != OPAL_OK) {
         LOG4CXX_ERROR(logger, "Could not probe: " << location);

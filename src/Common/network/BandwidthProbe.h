@@ -1,11 +1,11 @@
 #pragma once
 
 #include <boost/noncopyable.hpp>
-#include <boost/thread/mutex.hpp>
 #include <cstdint>
 #include <string>
 
 #include "Common/OPALError.h"
+#include "Common/StopSignal.h"
 
 class IHTTPFile;
 
@@ -22,33 +22,26 @@ class BandwidthProbeNotify {
 /// to mean something. When all attempts stay quick, the size handed on has grown once more since
 /// the duration was measured: deliberate, a fast link is estimated high.
 ///
-/// Threading: Probe blocks its caller; Abort from any thread ends it within about a second.
-/// Ownership: the notify object is not owned.
+/// Threading: Probe blocks its caller; the stop signal ends it with -28 within about a second.
+/// Ownership: the notify object and the signal are not owned.
 /// Units: bytes, milliseconds.
 /// Errors: those of IHTTPFile; of the attempts the last one's.
 class BandwidthProbe : boost::noncopyable {
   public:
     /// `initialSize` is that of the first read, and above 0; a read has to take longer than
     /// `minimumDuration` to count.
-    BandwidthProbe(BandwidthProbeNotify* probeNotify, int64_t initialSize, int64_t minimumDuration);
+    BandwidthProbe(BandwidthProbeNotify* probeNotify, int64_t initialSize, int64_t minimumDuration,
+                   const opal::StopSignal* stop = nullptr);
     virtual ~BandwidthProbe();
 
     virtual OPALError Probe(const std::string& location);
 
-    /// Ends the probe that runs, and every one to come, with -28. For a shutdown.
-    void Abort();
-
   private:
-    class Running;
-
     OPALError Measure(IHTTPFile& file, int64_t& probeSize, int64_t& probeDuration) const;
     int64_t NextSize(int64_t readSize, int64_t elapsed) const;
 
     BandwidthProbeNotify* notify;
     int64_t size;
     int64_t duration;
-
-    boost::mutex m_mutex;
-    IHTTPFile* m_file = nullptr;  ///< of the probe that runs; under m_mutex
-    bool m_aborted = false;       ///< under m_mutex
+    const opal::StopSignal* const m_pStop;
 };

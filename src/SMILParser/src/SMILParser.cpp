@@ -4,7 +4,6 @@
 #include <boost/lexical_cast.hpp>
 #include <boost/make_shared.hpp>
 #include <boost/scoped_ptr.hpp>
-#include <boost/thread/lock_guard.hpp>
 #include <cstring>
 #include <new>
 
@@ -69,26 +68,6 @@ struct SMILParser::TrackAttributes {
     int assetId = 0;
 };
 
-/// Makes the file known to Abort while it is being fetched.
-class SMILParser::Fetching {
-  public:
-    Fetching(SMILParser& parser, IHTTPFile& file) : m_parser(parser) {
-        boost::lock_guard<boost::mutex> lock(m_parser.m_fetchMutex);
-        m_parser.m_file = &file;
-        if (m_parser.m_aborted)
-            file.Abort();
-    }
-    ~Fetching() {
-        boost::lock_guard<boost::mutex> lock(m_parser.m_fetchMutex);
-        m_parser.m_file = nullptr;
-    }
-    Fetching(const Fetching&) = delete;
-    Fetching& operator=(const Fetching&) = delete;
-
-  private:
-    SMILParser& m_parser;
-};
-
 SMILParser::SMILParser() : m_logger(getLogger("opal.SMILParser")) {
     // No row and column of an error is looked at, and counting them costs a pass over the text.
     m_document.SetTabSize(0);
@@ -100,7 +79,7 @@ OPALError SMILParser::ParseSMILFile(const std::string& location) {
         LOG4CXX_ERROR(m_logger, "No HTTP file for SMIL file: '" << location << "'");
         return OPAL_ERROR_GENERAL;
     }
-    const Fetching fetching(*this, *file);
+    file->SetStopSignal(m_pStop);
     OPALError result = file->Open(location);
     if (result != OPAL_OK) {
         LOG4CXX_ERROR(m_logger, "HTTP error opening SMIL file: '"
@@ -138,13 +117,6 @@ OPALError SMILParser::ParseSMILFile(const std::string& location) {
                       "ParseSMILData error: '" << location << "' size: " << body.GetSize());
     }
     return result;
-}
-
-void SMILParser::Abort() {
-    boost::lock_guard<boost::mutex> lock(m_fetchMutex);
-    m_aborted = true;
-    if (m_file)
-        m_file->Abort();
 }
 
 OPALError SMILParser::ParseSMILData(const char* data, size_t size) {

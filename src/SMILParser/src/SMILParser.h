@@ -3,13 +3,10 @@
 #include <log4cxx/logger.h>
 #include <tinyxml.h>
 
-#include <boost/thread/mutex.hpp>
 #include <string>
 #include <vector>
 
 #include "SMILParser/ISMILParser.h"
-
-class IHTTPFile;
 
 /// Walks the manifest with TinyXML. Only the element and attribute names that it knows are looked
 /// at, compared as exact strings; everything else is ignored. One parser, one parse.
@@ -29,7 +26,7 @@ class SMILParser : public ISMILParser {
     size_t GetSubtitleTrackCount() const override { return m_subtitleTracks.size(); }
     OPALError GetSubtitleTrack(size_t index,
                                boost::shared_ptr<ISubtitleTrack>& track) const override;
-    void Abort() override;
+    void SetStopSignal(const opal::StopSignal* signal) override { m_pStop = signal; }
 
   private:
     /// How a walk goes on behind an element.
@@ -38,7 +35,6 @@ class SMILParser : public ISMILParser {
         Stop,   ///< quietly: what follows is not read
         Failed  ///< an element lacks what it must have
     };
-    class Fetching;
     struct VideoAttributes;
     struct TrackAttributes;
 
@@ -65,9 +61,7 @@ class SMILParser : public ISMILParser {
     static bool GetIntoElemBlock(const TiXmlHandle& parent, TiXmlHandle& element,
                                  const std::string& name);
 
-    boost::mutex m_fetchMutex;
-    IHTTPFile* m_file = nullptr;  ///< of the fetch that runs; under m_fetchMutex
-    bool m_aborted = false;       ///< under m_fetchMutex
+    const opal::StopSignal* m_pStop = nullptr;
     log4cxx::LoggerPtr m_logger;
     TiXmlDocument m_document;
     std::vector<boost::shared_ptr<IVideoLevel>> m_videoLevels;

@@ -212,26 +212,8 @@ OPALError StreamingController::LoadServiceAlgorithmConfig() {
     return code == OPAL_OK ? AlgorithmConfig::Instance().Set(global, agile, steady) : code;
 }
 
-/// Makes a parser known to Interrupt while it fetches.
-class StreamingController::FetchingScope {
-  public:
-    FetchingScope(StreamingController& controller, ISMILParser& parser) : m_controller(controller) {
-        Set(&parser);
-    }
-    ~FetchingScope() { Set(nullptr); }
-    FetchingScope(const FetchingScope&) = delete;
-    FetchingScope& operator=(const FetchingScope&) = delete;
-
-  private:
-    void Set(ISMILParser* parser) {
-        boost::lock_guard<boost::mutex> lock(m_controller.m_interruptMutex);
-        m_controller.m_pFetchingParser = parser;
-    }
-    StreamingController& m_controller;
-};
-
 OPALError StreamingController::FetchManifest(ISMILParser& parser, const std::string& url) {
-    const FetchingScope fetching(*this, parser);
+    parser.SetStopSignal(&m_stop);
     return parser.ParseSMILFile(url);
 }
 
@@ -316,7 +298,6 @@ OPALError StreamingController::CreateRuntimeHandles() {
         return OPAL_ERROR_GENERAL;
     {
         boost::unique_lock<boost::shared_mutex> lock(m_objectsMutex);
-        boost::lock_guard<boost::mutex> interrupt(m_interruptMutex);
         m_hArch = hArch;
         HABArch_SetStopSignal(m_hArch, &m_stop);
     }
@@ -438,8 +419,8 @@ bool StreamingController::ProbeBandwidth() {
     std::string uri;
     GetProbeProperties(initSize, duration, uri);
     if (!m_pProbe)
-        Publish(m_pProbe,
-                new BandwidthProbe(&m_probeNotify, static_cast<int64_t>(initSize), duration));
+        Publish(m_pProbe, new BandwidthProbe(&m_probeNotify, static_cast<int64_t>(initSize),
+                                             duration, &m_stop));
     Trace("Starting Bandwidth Probe : time=");
     const OPALError code = m_pProbe->Probe(uri);
     Trace("Finished Bandwidth Probe : time=");
@@ -488,7 +469,7 @@ IClusterBuffer* StreamingController::NewClusterBuffer(size_t capacity) {
 }
 
 Readers* StreamingController::NewReaders() {
-    return new Readers;
+    return new Readers(&m_stop);
 }
 
 IStreamSwitchingController* StreamingController::NewSwitchingController() {

@@ -12,53 +12,23 @@
 #include "StreamingReader/Readers.h"
 #include "StreamingWriter/IStreamingWriter.h"
 
-namespace {
-
-constexpr int64_t kInterruptPeriodMs = 10;
-
-}  // namespace
-
 bool StreamingController::IsInCallback() const {
     return CallbackScope::IsCalling(this);
 }
 
-// Finalize waits for threads, and three things could make them wait in turn: a transfer, the set
+// Finalize waits for threads, and three things could make them wait in turn: a transfer, the player
 // (a refused payload, a text on the screen), and a lock, held by an operation that waits for one of
-// the first two. So those are ended first, without a lock, and again as long as it waits, since a
-// running operation may begin another transfer.
+// the first two. All of them look at the stop signal.
 OPALError StreamingController::Finalize() {
     if (IsInCallback())
         return OPAL_ERROR_GENERAL;  // it would wait for its own thread
     FinalizingScope finalizing(m_finalizing);
-    Interrupt();
-    const auto lifecycle = LockInterrupting(m_lifecycleMutex);
+    m_stop.Raise();
+    boost::lock_guard<boost::mutex> lifecycle(m_lifecycleMutex);
     EndLoop();
     StopLogSender();
     Lock lock(m_mutex);
     return TearDown(false);
-}
-
-template <typename Mutex>
-boost::unique_lock<Mutex> StreamingController::LockInterrupting(Mutex& mutex) {
-    boost::unique_lock<Mutex> lock(mutex, boost::try_to_lock);
-    while (!lock.owns_lock()) {
-        opal::SleepMs(kInterruptPeriodMs);
-        Interrupt();
-        lock.try_lock();
-    }
-    return lock;
-}
-
-// An accessor may hold m_objectsMutex while it waits for a transfer, so that is not taken here.
-void StreamingController::Interrupt() {
-    boost::lock_guard<boost::mutex> lock(m_interruptMutex);
-    m_stop.Raise();
-    if (m_pReaders)
-        m_pReaders->AbortTransfers();
-    if (m_pProbe)
-        m_pProbe->Abort();
-    if (m_pFetchingParser)
-        m_pFetchingParser->Abort();
 }
 
 // A second Initialize... without a Finalize between: the running session must not go on with the
@@ -67,7 +37,7 @@ void StreamingController::EndPreviousSession() {
     if (!m_hArch && !m_thread.joinable() && !m_pLogSender)
         return;
     FinalizingScope finalizing(m_finalizing);
-    Interrupt();
+    m_stop.Raise();
     EndLoop();
     StopLogSender();
     Lock lock(m_mutex);
@@ -75,13 +45,9 @@ void StreamingController::EndPreviousSession() {
 }
 
 void StreamingController::EndLoop() {
-    {
-        const auto lock = LockInterrupting(m_mutex);
-        (void)Terminate(OPAL_ERROR_TERMINATED);
-    }
-    const boost::posix_time::milliseconds period(kInterruptPeriodMs);
-    while (m_thread.joinable() && !m_thread.timed_join(period))
-        Interrupt();
+    (void)Terminate(OPAL_ERROR_TERMINATED);
+    if (m_thread.joinable())
+        m_thread.join();
 }
 
 void StreamingController::StopLogSender() {
@@ -138,15 +104,12 @@ OPALError StreamingController::DropSink(boost::scoped_ptr<IPlatform>& sink) {
 
 void StreamingController::DropHandlesAndBuffers(bool keepBuffers) {
     boost::unique_lock<boost::shared_mutex> lock(m_objectsMutex);
-    {
-        boost::lock_guard<boost::mutex> interrupt(m_interruptMutex);
-        if (m_hTimer)
-            (void)HABTimer_Delete(m_hTimer);
-        m_hTimer = nullptr;
-        if (m_hArch)
-            (void)HABArch_Delete(m_hArch);
-        m_hArch = nullptr;
-    }
+    if (m_hTimer)
+        (void)HABTimer_Delete(m_hTimer);
+    m_hTimer = nullptr;
+    if (m_hArch)
+        (void)HABArch_Delete(m_hArch);
+    m_hArch = nullptr;
     for (boost::scoped_ptr<IClusterBuffer>* buffer :
          {&m_pVideoBuffer, &m_pAudioBuffer, &m_pSubtitleBuffer}) {
         if (!keepBuffers)

@@ -38,7 +38,7 @@ class HTTPFile : public IHTTPFile {
     OPALError CancelRequests(bool cancelRunning, bool clearCompleted) override;
     OPALError GetBytesInFlight(int& bytes) override;
     OPALError Close() override;
-    void Abort() override;
+    void SetStopSignal(const opal::StopSignal* signal) override { m_pStop = signal; }
 
   private:
     using Lock = opal::MutexLock;
@@ -84,5 +84,5 @@ class HTTPFile : public IHTTPFile {
     opal::CondVar m_idle;                                  ///< m_performing has become false
     opal::Mutex m_closeMutex OPAL_ACQUIRED_BEFORE(mutex);  ///< one Close at a time
     std::atomic<int> m_closers{0};  ///< calls of Close under way: what runs has to end
-    std::atomic<bool> m_aborted{false};
+    std::atomic<const opal::StopSignal*> m_pStop{nullptr};
 };

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Common/OPALError.h"
+#include "Common/StopSignal.h"
 #include "StreamingReader/HTTPFile/ByteRange.h"
 #include "StreamingReader/HTTPFile/HTTPRequest.h"
 
@@ -16,9 +17,9 @@
 /// failed until Close and a new Open.
 ///
 /// Threading: any operation from any thread. CancelRequests and GetBytesInFlight work while a
-/// transfer runs, and end or observe it; Close and Abort end it too. A stalled transfer ends within
-/// about a second. While Open runs, every operation but Abort and Close waits for it; Close and
-/// Abort end it. Read requests to a blocking file are served one after the other.
+/// transfer runs, and end or observe it; Close and the stop signal end it too. A stalled transfer
+/// ends within about a second. While Open runs, every operation but Close waits for it; Close and
+/// the stop signal end it. Read requests to a blocking file are served one after the other.
 /// Ownership: held by a scoped pointer. Notify pointers are not owned and must outlive the request.
 /// Units: bytes.
 /// Errors: -2 bad URL or range, -3 beyond the end or nothing there, -4 not open (at Open: open), -7
@@ -42,8 +43,7 @@ class IHTTPFile : boost::noncopyable {
     virtual OPALError GetBytesInFlight(int& bytes) = 0;
     /// Always 0. Ends whatever runs, an Open on another thread included, and waits for its end.
     virtual OPALError Close() = 0;
-    /// Ends the header request or transfer that runs now and every one that would come: until
-    /// Close, operations that report the file's health answer -28. For a shutdown: takes no lock
-    /// and never waits, even while Open holds the file's lock.
-    virtual void Abort() = 0;
+    /// While the signal is raised, what runs ends, nothing begins, and operations that report the
+    /// file's health answer -28. Not owned; it outlives the file. To be set before the first Open.
+    virtual void SetStopSignal(const opal::StopSignal* signal) = 0;
 };

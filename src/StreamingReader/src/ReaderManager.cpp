@@ -1,18 +1,19 @@
 #include "StreamingReader/ReaderManager.h"
 
+#include <algorithm>
 #include <exception>
+#include <utility>
 
 #include "Common/Clock.h"
 #include "Common/StreamingTuning.h"
 #include "SMILParser/ISMILParser.h"
 #include "StreamingDemux/EBML/IClusterBuffer.h"
+#include "StreamingDemux/EBML/IClusterIndex.h"
 
 namespace {
 
 constexpr int64_t kPollMs = StreamingTuning::GetReaderPoll();
-constexpr int64_t kLockRetryMs = 5;
-
-using StateLock = opal::MutexLock;
+constexpr int64_t kRetryMs = 5;
 
 }  // namespace
 
@@ -20,10 +21,10 @@ ReaderManager::~ReaderManager() = default;
 
 OPALError ReaderManager::Initialize(ISMILParser* parser, IClusterBuffer* buffer,
                                     IStreamingReaderNotify* notify, size_t index) {
-    Lock lock(m_mutex);
+    opal::RecursiveLock lock(m_mutex);
     if (!parser || !buffer || index == kNone)
         return OPAL_ERROR_INVALID_ARGUMENT;
-    if (!ReaderList().empty() || CurrentIndex() != kNone)
+    if (!ReaderList().empty() || GetCurrent() != kNone)
         return OPAL_ERROR_NOT_READY;
     const OPALError created = CreateReaders(parser, buffer, notify, index);
     if (created != OPAL_OK)
@@ -32,7 +33,10 @@ OPALError ReaderManager::Initialize(ISMILParser* parser, IClusterBuffer* buffer,
         return OPAL_OK;
     if (index >= ReaderList().size())
         return OPAL_ERROR_INVALID_ARGUMENT;
-    SetCurrent(index);
+    {
+        opal::MutexLock state(m_stateMutex);
+        m_current = index;
+    }
     return StartThread();
 }
 
@@ -40,37 +44,51 @@ OPALError ReaderManager::OpenAfterInitialize() {
     const Reader reader = Current();
     if (!reader)
         return OPAL_OK;
-    if (OpenCurrent() != OPAL_OK || reader->GetState() != STREAMING_READER_STOPPED)
-        return OPAL_ERROR_GENERAL;
-    return OPAL_OK;
+    const int state = OpenNow() == OPAL_OK ? reader->GetState() : STREAMING_READER_ERROR;
+    // Running: a start came while it was being opened.
+    return state == STREAMING_READER_STOPPED || state == STREAMING_READER_RUNNING
+               ? OPAL_OK
+               : OPAL_ERROR_GENERAL;
 }
 
 OPALError ReaderManager::AddReader(const std::string& url, size_t headerRequestSize,
                                    IClusterBuffer* buffer, IStreamingReaderNotify* notify,
                                    OPALStreamType type, size_t level) {
-    const Reader reader(NewStreamingReader(url, headerRequestSize, buffer, notify, type, level));
+    const Reader reader(
+        NewStreamingReader(url, headerRequestSize, buffer, notify, type, level, SignalOfReaders()));
     if (!reader)
         return OPAL_ERROR_GENERAL;
-    StateLock state(m_stateMutex);
+    opal::MutexLock state(m_stateMutex);
     m_readers.push_back(reader);
     return OPAL_OK;
 }
 
 OPALError ReaderManager::SetStream(size_t index, bool open) {
-    Lock lock(m_mutex);
     const Reader before = Current();
     if (!before)
         return NoReaderResult();
-    if (index >= ReaderList().size())
+    if (index >= GetStreamCount())
         return OPAL_ERROR_INVALID_ARGUMENT;
-    if (index == CurrentIndex())
+    if (index == GetCurrent())
         return OPAL_OK;
     // Were it left running, it would fetch a cluster of its old place when it becomes current
     // again, before anyone has sought it.
     (void)before->Stop();
-    SetCurrent(index);
+    {
+        opal::MutexLock state(m_stateMutex);
+        m_current = index;
+        m_wishes = Wishes();
+        m_closing.erase(std::remove(m_closing.begin(), m_closing.end(), m_readers[index]),
+                        m_closing.end());
+        if (m_activity == Activity::Opening) {
+            m_openingGivenUp = true;
+            if (m_opening)
+                m_opening->SetAbandoned(true);
+        }
+    }
     if (open) {
-        const OPALError opened = OpenCurrent();
+        opal::RecursiveLock lock(m_mutex);
+        const OPALError opened = OpenNow();
         if (opened != OPAL_OK)
             return opened;
     }
@@ -78,117 +96,173 @@ OPALError ReaderManager::SetStream(size_t index, bool open) {
     return OPAL_OK;
 }
 
-void ReaderManager::SetCurrent(size_t index) {
-    StateLock state(m_stateMutex);
-    m_current = index;
-}
-
 OPALError ReaderManager::DownloadNext() {
-    Lock lock(m_mutex);
-    return OnCurrent(
-        [](IStreamingReader& reader) { return reader.DownloadNext(OPAL_PLAYRATE_ONEX); });
+    const Reader reader = Driven();
+    return reader ? reader->DownloadNext(OPAL_PLAYRATE_ONEX) : NoReaderResult();
 }
 
 OPALError ReaderManager::OpenCurrent() {
-    Lock lock(m_mutex);
-    return OnCurrent([](IStreamingReader& reader) {
-        return reader.GetState() == STREAMING_READER_NOT_OPEN ? reader.Open() : OPAL_OK;
-    });
+    const Reader reader = Current();
+    return reader ? OpenReader(reader) : NoReaderResult();
+}
+
+OPALError ReaderManager::OpenReader(const Reader& reader) {
+    if (reader->GetState() != STREAMING_READER_NOT_OPEN)
+        return OPAL_OK;
+    {
+        opal::MutexLock state(m_stateMutex);
+        if (m_openingGivenUp)
+            return OPAL_ERROR_CANCELLED;
+        m_opening = reader;
+    }
+    const OPALError opened = reader->Open();
+    bool givenUp = false;
+    {
+        opal::MutexLock state(m_stateMutex);
+        m_opening.reset();
+        givenUp = m_openingGivenUp;
+    }
+    if (!givenUp)
+        return opened;
+    reader->SetAbandoned(false);
+    if (opened != OPAL_OK)
+        (void)reader->Finalize();  // what ended the opening is no failure that stays
+    return OPAL_ERROR_CANCELLED;
 }
 
 OPALError ReaderManager::Finalize() {
-    LockAfterAbort();
-    Lock lock(m_mutex, opal::AdoptLock());
+    m_stop.Raise();
+    opal::RecursiveLock lock(m_mutex);
     (void)SetError(OPAL_ERROR_TERMINATED);
     WakeThread();
-    boost::thread ending;
-    ending.swap(m_thread);
     lock.Unlock();
-    if (ending.joinable())
-        ending.join();
+    if (m_thread.joinable())
+        m_thread.join();
     lock.Lock();
     for (const Reader& reader : ReaderList())
         (void)reader->Finalize();
     std::vector<Reader> dropped;
     {
-        StateLock state(m_stateMutex);
+        opal::MutexLock state(m_stateMutex);
         m_readers.swap(dropped);
         m_current = kNone;
-        m_cancelled = false;
+        m_wishes = Wishes();
+        m_openingGivenUp = false;
+        m_closing.clear();
     }
     m_threadEnded = false;
     OnReadersDropped();
+    m_stop.Lower();
     return OPAL_OK;
 }
 
 OPALError ReaderManager::Start() {
-    Lock lock(m_mutex, opal::DeferLock());
-    // A transfer may take a minute, and the caller's thread has more to do than to wait for it. The
-    // start is made up for when the transfer ends. Looked at again after each attempt, since who
-    // holds the lock may be the thread on its way into a transfer.
-    for (;;) {
-        if (const Reader transferring = NoteStartInTransfer())
-            return transferring->GetError();
-        if (lock.TryLock())
-            break;
-        opal::SleepMs(kLockRetryMs);
-    }
-
     const Reader reader = Current();
     if (!reader)
         return NoReaderResult();
-    const OPALError opened = OpenCurrent();
-    if (opened != OPAL_OK)
-        return opened;
-    SetCancelled(false);
-    const OPALError started = reader->Start();
-    WakeThread();
-    return started;
-}
-
-/// The reader that is in a transfer, if one is, with the start noted.
-ReaderManager::Reader ReaderManager::NoteStartInTransfer() {
-    StateLock state(m_stateMutex);
-    if (!m_transferring)
-        return {};
-    m_startRequested = true;
-    m_cancelled = false;
-    ++m_generation;
-    return m_readers[m_current];
+    for (;;) {
+        {
+            opal::MutexLock state(m_stateMutex);
+            if (m_activity != Activity::None) {
+                m_wishes.start = true;
+                ++m_generation;
+                return reader->GetError();
+            }
+            // The thread is about to open it.
+            if (reader->GetState() == STREAMING_READER_NOT_OPEN && !m_threadEnded) {
+                m_wishes.start = true;
+                ++m_generation;
+                break;
+            }
+        }
+        // Tried again and again, since who holds the lock may be the thread on its way into a
+        // transfer, which may take a minute.
+        opal::RecursiveLock lock(m_mutex, opal::DeferLock());
+        if (lock.TryLock()) {
+            const OPALError started = reader->Start();
+            WakeThread();
+            return started;
+        }
+        opal::SleepMs(kRetryMs);
+    }
+    m_wakeup.NotifyAll();
+    return reader->GetError();
 }
 
 OPALError ReaderManager::Stop() {
-    LockAfterCancel();
-    Lock lock(m_mutex, opal::AdoptLock());
     const Reader reader = Current();
     if (!reader)
         return NoReaderResult();
+    {
+        opal::MutexLock state(m_stateMutex);
+        m_wishes.start = false;
+        ++m_stops;
+    }
     const OPALError stopped = reader->Stop();
     WakeThread();
     return stopped;
 }
 
 OPALError ReaderManager::Seek(int64_t& ms) {
-    Lock lock(m_mutex);
-    return OnCurrent([&](IStreamingReader& reader) {
-        SetCancelled(false);
-        return reader.Seek(ms);
-    });
+    if (ms < 0)
+        return OPAL_ERROR_INVALID_ARGUMENT;
+    const Reader reader = Current();
+    if (!reader)
+        return NoReaderResult();
+    for (;;) {
+        if (IsBusy() || reader->GetState() == STREAMING_READER_NOT_OPEN) {
+            if (reader->HasError())
+                return reader->GetError();
+            const OPALError aligned = AlignTime(*reader, ms);
+            if (aligned != OPAL_OK)
+                return aligned;
+            opal::MutexLock state(m_stateMutex);
+            if (m_activity != Activity::None || reader->GetState() == STREAMING_READER_NOT_OPEN) {
+                m_wishes.seek = true;
+                m_wishes.seekMs = ms;
+                return OPAL_OK;
+            }
+        }
+        opal::RecursiveLock lock(m_mutex, opal::DeferLock());
+        if (lock.TryLock())
+            return reader->Seek(ms);
+        opal::SleepMs(kRetryMs);
+    }
+}
+
+/// The time of the cluster to which a seek to `ms` leads. While a file has no index yet, that of
+/// another one answers: the clusters of all levels are aligned. Without any, `ms` stays.
+OPALError ReaderManager::AlignTime(IStreamingReader& reader, int64_t& ms) {
+    std::vector<Reader> readers;
+    {
+        opal::MutexLock state(m_stateMutex);
+        readers = m_readers;
+    }
+    IClusterIndex* index = nullptr;
+    (void)reader.GetClusterIndex(index);
+    for (size_t i = 0; !index && i < readers.size(); ++i)
+        (void)readers[i]->GetClusterIndex(index);
+    if (!index)
+        return OPAL_OK;
+    ClusterIndexEntry entry;
+    const OPALError found = index->FindByTime(ms, entry);
+    if (found == OPAL_OK)
+        ms = entry.time;
+    return found;
 }
 
 size_t ReaderManager::GetStreamCount() {
-    StateLock state(m_stateMutex);
+    opal::MutexLock state(m_stateMutex);
     return m_readers.size();
 }
 
 OPALError ReaderManager::GetDuration(int64_t& ms) {
     ms = 0;
-    Lock lock(m_mutex);
     return OnCurrent([&](IStreamingReader& reader) { return reader.GetDuration(ms); });
 }
 
 size_t ReaderManager::GetCurrent() {
-    StateLock state(m_stateMutex);
+    opal::MutexLock state(m_stateMutex);
     return m_current;
 }
 
@@ -202,14 +276,19 @@ OPALError ReaderManager::GetState(int& state) {
 
 OPALError ReaderManager::GetPosition(int64_t& ms) {
     ms = 0;
-    Lock lock(m_mutex);
+    {
+        opal::MutexLock state(m_stateMutex);
+        if (m_wishes.seek) {
+            ms = m_wishes.seekMs;
+            return OPAL_OK;
+        }
+    }
     return OnCurrent([&](IStreamingReader& reader) { return reader.GetPosition(ms); });
 }
 
 bool ReaderManager::HasError() {
-    Lock lock(m_mutex);
     const Reader reader = Current();
-    return reader ? reader->HasError() : !ReaderList().empty();
+    return reader ? reader->HasError() : GetStreamCount() != 0;
 }
 
 OPALError ReaderManager::GetError() {
@@ -217,15 +296,11 @@ OPALError ReaderManager::GetError() {
 }
 
 OPALError ReaderManager::SetError(OPALError code) {
-    Lock lock(m_mutex);
     return OnCurrent([code](IStreamingReader& reader) { return reader.SetError(code); });
 }
 
 OPALError ReaderManager::Cancel() {
-    return OnCurrent([this](IStreamingReader& reader) {
-        SetCancelled(true);
-        return reader.CancelTransfers();
-    });
+    return OnCurrent([](IStreamingReader& reader) { return reader.CancelTransfers(); });
 }
 
 OPALError ReaderManager::GetBytesInFlight(size_t& bytes) {
@@ -238,58 +313,60 @@ OPALError ReaderManager::GetBytesAhead(int64_t ms, size_t& bytes) {
     return OnCurrent([&](IStreamingReader& reader) { return reader.GetBytesAhead(ms, bytes); });
 }
 
-void ReaderManager::AbortTransfers() {
-    std::vector<Reader> readers;
-    {
-        StateLock state(m_stateMutex);
-        readers = m_readers;
+bool ReaderManager::IsTransferring() {
+    opal::MutexLock state(m_stateMutex);
+    return m_activity == Activity::Transferring;
+}
+
+/// A cancel that came just before a transfer had begun finds nothing to end, so it is repeated.
+void ReaderManager::WaitForCancelled() {
+    for (;;) {
+        if (!IsTransferring()) {
+            // Whoever holds the lock without a transfer opens, or lets go soon.
+            opal::RecursiveLock lock(m_mutex, opal::DeferLock());
+            if (lock.TryLock())
+                return;
+            opal::MutexLock state(m_stateMutex);
+            if (m_activity == Activity::Opening)
+                return;
+        }
+        if (const Reader reader = Current())
+            (void)reader->CancelTransfers();
+        opal::SleepMs(kRetryMs);
     }
-    for (const Reader& reader : readers)
-        reader->AbortTransfers();
 }
 
 ReaderManager::Reader ReaderManager::Current() {
-    StateLock state(m_stateMutex);
+    opal::MutexLock state(m_stateMutex);
     return m_current < m_readers.size() ? m_readers[m_current] : Reader();
 }
 
+ReaderManager::Reader ReaderManager::At(size_t index) {
+    opal::MutexLock state(m_stateMutex);
+    return index < m_readers.size() ? m_readers[index] : Reader();
+}
+
 OPALError ReaderManager::NoReaderResult() {
-    StateLock state(m_stateMutex);
-    return m_readers.empty() ? OPAL_OK : OPAL_ERROR_NOT_READY;
+    return GetStreamCount() == 0 ? OPAL_OK : OPAL_ERROR_NOT_READY;
 }
 
-void ReaderManager::SetCancelled(bool cancelled) {
-    StateLock state(m_stateMutex);
-    m_cancelled = cancelled;
-}
-
-bool ReaderManager::IsCancelled() {
-    StateLock state(m_stateMutex);
-    return m_cancelled;
-}
-
-/// An abort that comes between two transfers of an opening may find nothing to end, so it is
-/// repeated until the thread lets go.
-void ReaderManager::LockAfterAbort() {
-    AbortTransfers();
-    while (!m_mutex.TryLock()) {
-        opal::SleepMs(kLockRetryMs);
-        AbortTransfers();
+ReaderManager::Reader ReaderManager::Driven() {
+    {
+        opal::MutexLock state(m_stateMutex);
+        if (m_driven)
+            return m_driven;
     }
+    return Current();
 }
 
-/// Likewise for a cancel that came just before a transfer had begun. Without a cancel this waits
-/// for the transfer.
-void ReaderManager::LockAfterCancel() {
-    while (!m_mutex.TryLock()) {
-        const Reader reader = IsCancelled() ? Current() : Reader();
-        if (!reader) {
-            m_mutex.Lock();
-            return;
-        }
-        (void)reader->CancelTransfers();
-        opal::SleepMs(kLockRetryMs);
-    }
+bool ReaderManager::IsBusy() {
+    opal::MutexLock state(m_stateMutex);
+    return m_activity != Activity::None;
+}
+
+void ReaderManager::CloseBeforeNextOpening(const Reader& reader) {
+    opal::MutexLock state(m_stateMutex);
+    m_closing.push_back(reader);
 }
 
 OPALError ReaderManager::StartThread() {
@@ -312,14 +389,14 @@ OPALError ReaderManager::RestartEndedThread() {
 
 void ReaderManager::WakeThread() {
     {
-        StateLock state(m_stateMutex);
+        opal::MutexLock state(m_stateMutex);
         ++m_generation;
     }
     m_wakeup.NotifyAll();
 }
 
 uint64_t ReaderManager::Generation() {
-    StateLock state(m_stateMutex);
+    opal::MutexLock state(m_stateMutex);
     return m_generation;
 }
 
@@ -327,7 +404,6 @@ void ReaderManager::ThreadMain() {
     try {
         (void)EventLoop();
     } catch (const std::exception&) {
-        Lock lock(m_mutex);
         (void)SetError(OPAL_ERROR_GENERAL);
         m_threadEnded = true;
     }
@@ -336,7 +412,7 @@ void ReaderManager::ThreadMain() {
 OPALError ReaderManager::EventLoop() {
     for (;;) {
         opal::SleepMs(kPollMs);
-        Lock lock(m_mutex);
+        opal::RecursiveLock lock(m_mutex);
         OPALError result = OPAL_OK;
         bool ended = !HasError() && RunRound(result);
         if (!ended && HasError()) {
@@ -344,6 +420,7 @@ OPALError ReaderManager::EventLoop() {
             ended = true;
         }
         if (ended) {
+            lock.Unlock();
             m_threadEnded = true;
             return result;
         }
@@ -352,64 +429,138 @@ OPALError ReaderManager::EventLoop() {
 
 /// One turn of the loop. True ends the loop with `result`.
 bool ReaderManager::RunRound(OPALError& result) {
-    int state = STREAMING_READER_ERROR;
-    result = GetState(state);
-    if (result != OPAL_OK) {
-        (void)SetError(result);
-        return true;
+    const Reader reader = Current();
+    if (!reader) {
+        result = NoReaderResult();
+        return result != OPAL_OK;
+    }
+    int state = reader->GetState();
+    if (state == STREAMING_READER_NOT_OPEN) {
+        if (Open(result))
+            return true;
+        state = reader->GetState();  // what was opened may start at once
     }
     switch (state) {
-        case STREAMING_READER_NOT_OPEN:
-            result = OpenCurrent();
-            if (result == OPAL_OK)
-                return false;
-            // The failure may be that of a level below the current one.
-            if (!HasError())
-                (void)SetError(result);
-            return true;
         case STREAMING_READER_STOPPED:
         case STREAMING_READER_END:
             WaitForWake(Generation());
             return false;
         case STREAMING_READER_RUNNING:
-            return Download(result);
+            return Download(reader, result);
         default:
             return false;
     }
 }
 
-bool ReaderManager::Download(OPALError& result) {
-    const uint64_t generation = BeginTransfer();
+bool ReaderManager::Open(OPALError& result) {
+    result = OpenNow();
+    if (result == OPAL_OK)
+        return false;
+    {
+        opal::MutexLock state(m_stateMutex);
+        if (m_openingGivenUp)
+            return false;
+    }
+    // The failure may be that of a level below the current one.
+    if (!HasError())
+        (void)SetError(result);
+    return true;
+}
+
+/// Opens the current reader on the calling thread and does what was asked of it meanwhile.
+OPALError ReaderManager::OpenNow() {
+    std::vector<Reader> closing;
+    {
+        opal::MutexLock state(m_stateMutex);
+        m_activity = Activity::Opening;
+        m_openingGivenUp = false;
+        closing.swap(m_closing);
+    }
+    OPALError result = OPAL_OK;
     try {
-        result = DownloadNext();
+        for (const Reader& reader : closing)
+            (void)reader->Finalize();
+        result = OpenCurrent();
+    } catch (const std::bad_alloc&) {
+        result = OPAL_ERROR_NO_MEMORY;
     } catch (const std::exception&) {
         result = OPAL_ERROR_GENERAL;
     }
-    const bool startRequested = EndTransfer();
+    const bool givenUp = EndActivity();
+    const OPALError granted = result == OPAL_OK || givenUp ? GrantWishes() : OPAL_OK;
+    return result != OPAL_OK ? result : granted;
+}
+
+/// Does for the current reader what was asked while the network had the thread.
+OPALError ReaderManager::GrantWishes() {
+    const Reader reader = Current();
+    if (!reader || reader->GetState() == STREAMING_READER_NOT_OPEN)
+        return OPAL_OK;
+    Wishes wishes;
+    uint64_t stops = 0;
+    {
+        opal::MutexLock state(m_stateMutex);
+        std::swap(wishes, m_wishes);
+        stops = m_stops;
+    }
+    OPALError result = OPAL_OK;
+    if (wishes.seek)
+        result = reader->Seek(wishes.seekMs);
+    if (result != OPAL_OK || !wishes.start)
+        return result;
+    (void)reader->Start();
+    opal::MutexLock state(m_stateMutex);
+    if (stops != m_stops)  // the stop was later than the wish
+        (void)reader->Stop();
+    return OPAL_OK;
+}
+
+bool ReaderManager::Download(const Reader& reader, OPALError& result) {
+    uint64_t generation = 0;
+    if (!BeginTransfer(reader, generation))
+        return false;
+    try {
+        result = DownloadNext();
+    } catch (const std::bad_alloc&) {
+        result = OPAL_ERROR_NO_MEMORY;
+    } catch (const std::exception&) {
+        result = OPAL_ERROR_GENERAL;
+    }
+    (void)EndActivity();
     if (IsFatalError(result)) {
+        (void)reader->SetError(result);
+        return Current() == reader;
+    }
+    const OPALError granted = GrantWishes();
+    if (granted != OPAL_OK) {
+        result = granted;
         (void)SetError(result);
         return true;
     }
-    if (startRequested)
-        (void)OnCurrent([](IStreamingReader& reader) { return reader.Start(); });
     if (IsWaitError(result))
         WaitForWake(generation);
     return false;
 }
 
-/// The count of wakes from which a wait after the transfer starts: a wake that comes while it runs
-/// counts, one that came before does not.
-uint64_t ReaderManager::BeginTransfer() {
-    StateLock state(m_stateMutex);
-    m_transferring = true;
-    m_startRequested = false;
-    return m_generation;
+/// False if another reader has become current. `generation` is the count of wakes from which a wait
+/// after the transfer starts: a wake that comes while the transfer runs counts, one that came
+/// before does not.
+bool ReaderManager::BeginTransfer(const Reader& reader, uint64_t& generation) {
+    opal::MutexLock state(m_stateMutex);
+    if (m_current >= m_readers.size() || m_readers[m_current] != reader)
+        return false;
+    m_activity = Activity::Transferring;
+    m_driven = reader;
+    generation = m_generation;
+    return true;
 }
 
-bool ReaderManager::EndTransfer() {
-    StateLock state(m_stateMutex);
-    m_transferring = false;
-    return m_startRequested;
+/// True if an opening was given up.
+bool ReaderManager::EndActivity() {
+    opal::MutexLock state(m_stateMutex);
+    m_activity = Activity::None;
+    m_driven.reset();
+    return m_openingGivenUp;
 }
 
 /// To be called with m_mutex locked once, since the wait releases one level only.

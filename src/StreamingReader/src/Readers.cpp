@@ -1,6 +1,6 @@
 #include "StreamingReader/Readers.h"
 
-Readers::Readers() = default;
+Readers::Readers(const opal::StopSignal* stop) : m_video(stop), m_audio(stop), m_subtitle(stop) {}
 
 Readers::~Readers() {
     (void)Readers::Finalize();
@@ -28,7 +28,6 @@ OPALError Readers::SubtitleInitialize(ISMILParser* parser, IClusterBuffer* buffe
 }
 
 OPALError Readers::Finalize() {
-    AbortTransfers();
     (void)m_video.Finalize();
     (void)m_audio.Finalize();
     return m_subtitle.Finalize();
@@ -271,10 +270,27 @@ const std::vector<IClusterIndex*>& Readers::GetVideoClusterIndexes() {
     return m_video.GetClusterIndexes();
 }
 
-void Readers::AbortTransfers() {
-    m_video.AbortTransfers();
-    m_audio.AbortTransfers();
-    m_subtitle.AbortTransfers();
+OPALError Readers::BeginAudio(ISMILParser* parser, IClusterBuffer* buffer,
+                              IStreamingReaderNotify* notify, size_t index) {
+    return m_audio.InitializeWithoutOpening(parser, buffer, notify, index);
+}
+
+OPALError Readers::BeginAudioStream(size_t index) {
+    return m_audio.SetStream(index, false);
+}
+
+OPALError Readers::BeginVideoStream(size_t index) {
+    return m_video.SetStream(index, false);
+}
+
+bool Readers::IsVideoTransferring() {
+    return m_video.IsTransferring();
+}
+
+void Readers::WaitForCancelled() {
+    m_video.WaitForCancelled();
+    m_audio.WaitForCancelled();
+    m_subtitle.WaitForCancelled();
 }
 
 OPALError Readers::FinalizeSubtitle() {

@@ -43,7 +43,8 @@ log4cxx::LoggerPtr Logger() {
 
 IStreamingReader* NewStreamingReader(const std::string& url, size_t headerRequestSize,
                                      IClusterBuffer* buffer, IStreamingReaderNotify* notify,
-                                     OPALStreamType streamType, size_t level) {
+                                     OPALStreamType streamType, size_t level,
+                                     const opal::StopSignal* stop) {
     if (url.empty() || headerRequestSize == 0 ||
         headerRequestSize > static_cast<size_t>(std::numeric_limits<int64_t>::max()) ||
         buffer == nullptr || streamType == OPAL_STREAM_NONE)
@@ -52,19 +53,23 @@ IStreamingReader* NewStreamingReader(const std::string& url, size_t headerReques
     if (!http)
         return nullptr;
     return new StreamingReader(url, headerRequestSize, buffer, notify, streamType, level,
-                               http.release());
+                               http.release(), stop);
 }
 
 StreamingReader::StreamingReader(const std::string& url, size_t headerRequestSize,
                                  IClusterBuffer* buffer, IStreamingReaderNotify* notify,
-                                 OPALStreamType streamType, size_t level, IHTTPFile* http)
+                                 OPALStreamType streamType, size_t level, IHTTPFile* http,
+                                 const opal::StopSignal* stop)
     : m_pNotify(notify),
       m_pBuffer(buffer),
       m_url(url),
       m_headerRequestSize(static_cast<int64_t>(headerRequestSize)),
       m_pHTTP(http),
       m_streamType(streamType),
-      m_level(level) {}
+      m_level(level),
+      m_stop(stop) {
+    m_pHTTP->SetStopSignal(&m_stop);
+}
 
 StreamingReader::~StreamingReader() {
     (void)StreamingReader::Finalize();
@@ -72,21 +77,21 @@ StreamingReader::~StreamingReader() {
 
 OPALError StreamingReader::Open() {
     Lock lock(m_mutex);
-    if (m_aborted)
+    if (m_stop.IsRaised())
         return SetError(OPAL_ERROR_TERMINATED);
     if (m_hasError && !m_opened)
         (void)m_pHTTP->Close();  // of the opening that failed
     const OPALError opened = m_pHTTP->Open(m_url);
     if (opened != OPAL_OK) {
         LOG4CXX_WARN(Logger(), "cannot open " << m_url << ": " << opened);
-        return SetError(m_aborted ? OPAL_ERROR_TERMINATED : opened);
+        return SetError(m_stop.IsRaised() ? OPAL_ERROR_TERMINATED : opened);
     }
     ResetState();
     const OPALError read = ReadHeaders();
     if (read == OPAL_OK)
         return OPAL_OK;
     LOG4CXX_WARN(Logger(), "cannot read header and index of " << m_url << ": " << read);
-    return SetError(m_aborted ? OPAL_ERROR_TERMINATED : read);
+    return SetError(m_stop.IsRaised() ? OPAL_ERROR_TERMINATED : read);
 }
 
 OPALError StreamingReader::Start() {
@@ -108,7 +113,6 @@ OPALError StreamingReader::StartDelayed(int64_t delayMs) {
 }
 
 OPALError StreamingReader::Stop() {
-    Lock lock(m_mutex);
     if (m_hasError)
         return m_error;
     m_stopped = true;
@@ -146,7 +150,7 @@ OPALError StreamingReader::Seek(int64_t& timeMs) {
 }
 
 OPALError StreamingReader::Finalize() {
-    AbortTransfers();
+    m_stop.Raise();
     Lock lock(m_mutex);
     (void)SetError(OPAL_ERROR_TERMINATED);
     Wake();
@@ -157,30 +161,32 @@ OPALError StreamingReader::Finalize() {
         ending.join();
     lock.Lock();
     ResetState();
-    m_font.Resize(0, false);
+    {
+        opal::MutexLock metadata(m_metadataMutex);
+        m_font.Resize(0, false);
+    }
     const OPALError closed = m_pHTTP->Close();
-    m_aborted = false;
+    m_stop.Lower();
     return closed;
 }
 
 OPALError StreamingReader::GetPosition(int64_t& timeMs) {
-    Lock lock(m_mutex);
     if (m_hasError)
         return m_error;
-    if (!HeldIndex())
+    const auto index = Index();
+    if (!index)
         return OPAL_ERROR_NOT_READY;
-    timeMs = HeldIndex()->GetTime(static_cast<size_t>(m_clusterIndex.load()));
+    timeMs = index->GetTime(static_cast<size_t>(m_clusterIndex.load()));
     return OPAL_OK;
 }
 
 OPALError StreamingReader::GetTrackInfo(AudioStreamInfo& info) {
-    Lock lock(m_mutex);
+    opal::MutexLock lock(m_metadataMutex);
     info = m_track;
     return OPAL_OK;
 }
 
 OPALError StreamingReader::GetDuration(int64_t& ms) {
-    Lock lock(m_mutex);
     ms = m_duration;
     return OPAL_OK;
 }
@@ -204,7 +210,6 @@ int StreamingReader::GetState() {
 }
 
 OPALError StreamingReader::SetError(OPALError code) {
-    Lock lock(m_mutex);
     m_error.store(code);
     m_hasError = true;
     return code;
@@ -319,7 +324,7 @@ OPALError StreamingReader::BuildTrickRanges(OPALPlayRate rate, bool forward,
 
 OPALError StreamingReader::Transfer(const std::vector<ByteRange>& ranges,
                                     qutl::MemoryBuffer<unsigned char>& bytes) {
-    if (m_cancelled || m_aborted)
+    if (m_cancelled || m_stop.IsRaised())
         return OPAL_ERROR_CANCELLED;
     OPALError result = m_pHTTP->RequestRanges(ranges, this);
     if (result != OPAL_OK)
@@ -347,13 +352,15 @@ OPALError StreamingReader::CancelTransfers() {
     return m_pHTTP->CancelRequests(true, true);
 }
 
-void StreamingReader::AbortTransfers() {
-    m_aborted = true;
-    m_pHTTP->Abort();
+void StreamingReader::SetAbandoned(bool abandoned) {
+    if (abandoned)
+        m_stop.Raise();
+    else
+        m_stop.Lower();
 }
 
 OPALError StreamingReader::GetFont(const void*& data, size_t& size) {
-    Lock lock(m_mutex);
+    opal::MutexLock lock(m_metadataMutex);
     data = m_font.GetData();
     size = m_font.GetSize();
     return OPAL_OK;
@@ -463,9 +470,12 @@ OPALError StreamingReader::ReadHeaders() {
 
 /// What is missing is missing: a stream simply lacks what its kind has no use for.
 void StreamingReader::TakeHeaderFields(StreamHeaderParser& parser) {
-    (void)parser.GetAudioInfo(m_track);
-    (void)parser.GetDurationMs(m_duration);
+    int64_t duration = 0;
+    (void)parser.GetDurationMs(duration);
+    m_duration = duration;
     (void)parser.GetDefaultDuration(m_frameDuration);
+    opal::MutexLock lock(m_metadataMutex);
+    (void)parser.GetAudioInfo(m_track);
     if (m_streamType == OPAL_STREAM_SUBTITLE)
         (void)parser.GetFontData(m_font);
 }
@@ -498,12 +508,12 @@ OPALError StreamingReader::FetchIndex(int64_t cuesOffset, int64_t segmentOffset,
 }
 
 void StreamingReader::SetIndex(const boost::shared_ptr<IClusterIndex>& index) {
-    opal::MutexLock lock(m_indexMutex);
+    opal::MutexLock lock(m_metadataMutex);
     m_pIndex = index;
 }
 
 boost::shared_ptr<IClusterIndex> StreamingReader::Index() {
-    opal::MutexLock lock(m_indexMutex);
+    opal::MutexLock lock(m_metadataMutex);
     return m_pIndex;
 }
 
@@ -553,7 +563,7 @@ void StreamingReader::DelayStart() {
     int64_t left = m_startDelay;
     m_startDelay = 0;
     const opal::RecursiveUnlock unlocked(m_mutex);
-    for (; left > 0 && !HasError() && !m_aborted; left -= kPollMs)
+    for (; left > 0 && !HasError() && !m_stop.IsRaised(); left -= kPollMs)
         opal::SleepMs(std::min(left, kPollMs));
 }
 

@@ -23,7 +23,7 @@ class StreamingReader : public IStreamingReader, public HTTPRequestNotify {
     /// Takes `http` over.
     StreamingReader(const std::string& url, size_t headerRequestSize, IClusterBuffer* buffer,
                     IStreamingReaderNotify* notify, OPALStreamType streamType, size_t level,
-                    IHTTPFile* http);
+                    IHTTPFile* http, const opal::StopSignal* stop);
     ~StreamingReader() override;
 
     OPALError Open() override;
@@ -48,7 +48,7 @@ class StreamingReader : public IStreamingReader, public HTTPRequestNotify {
     OPALError GetBytesInFlight(size_t& bytes) override;
     OPALError GetBytesAhead(int64_t ms, size_t& bytes) override;
     OPALError GetClusterIndex(IClusterIndex*& index) override;
-    void AbortTransfers() override;
+    void SetAbandoned(bool abandoned) override;
 
     void OnRequestComplete(const HTTPRequest& request) override;
 
@@ -83,34 +83,33 @@ class StreamingReader : public IStreamingReader, public HTTPRequestNotify {
     opal::RecursiveMutex m_mutex;
     boost::thread m_thread OPAL_GUARDED_BY(m_mutex);
     IClusterBuffer* const m_pBuffer;
-    AudioStreamInfo m_track OPAL_GUARDED_BY(m_mutex);
+    AudioStreamInfo m_track OPAL_GUARDED_BY(m_metadataMutex);
     const std::string m_url;
     const int64_t m_headerRequestSize;
     const boost::scoped_ptr<IHTTPFile> m_pHTTP;
-    boost::shared_ptr<IClusterIndex> m_pIndex OPAL_GUARDED_BY(m_indexMutex);
+    boost::shared_ptr<IClusterIndex> m_pIndex OPAL_GUARDED_BY(m_metadataMutex);
     std::atomic<bool> m_hasError{false};
     std::atomic<int32_t> m_clusterIndex{0};
     std::atomic<OPALError> m_error{OPAL_OK};
     std::atomic<bool> m_opened{false};
     std::atomic<bool> m_stopped{true};
-    int64_t m_duration OPAL_GUARDED_BY(m_mutex) = 0;
+    std::atomic<int64_t> m_duration{0};
     int64_t m_frameDuration OPAL_GUARDED_BY(m_mutex) = 0;
     opal::RecursiveCondVar m_wakeup;
     const OPALStreamType m_streamType;
     const size_t m_level;
     int64_t m_startDelay OPAL_GUARDED_BY(m_mutex) = 0;
-    qutl::MemoryBuffer<unsigned char> m_font OPAL_GUARDED_BY(m_mutex);
+    qutl::MemoryBuffer<unsigned char> m_font OPAL_GUARDED_BY(m_metadataMutex);
     int64_t m_skipFrames OPAL_GUARDED_BY(m_mutex) = 0;
     int64_t m_trimFrames OPAL_GUARDED_BY(m_mutex) = 0;
     uint32_t m_framesPerCluster OPAL_GUARDED_BY(m_mutex) = 0;
     std::atomic<bool> m_isSubtitle{false};
 
-    opal::Mutex m_indexMutex OPAL_ACQUIRED_AFTER(m_mutex);  ///< innermost
+    opal::Mutex m_metadataMutex OPAL_ACQUIRED_AFTER(m_mutex);  ///< innermost
     /// CancelTransfers came, and neither Start nor Seek since. Tested before each transfer, so that
     /// a cancel between two transfers is not lost.
     std::atomic<bool> m_cancelled{false};
-    /// AbortTransfers came, and no Finalize since.
-    std::atomic<bool> m_aborted{false};
+    opal::StopSignal m_stop;  ///< raised by Finalize and SetAbandoned
     /// Counts the wakes: a wait that ends without one is resumed.
     uint64_t m_wakes OPAL_GUARDED_BY(m_mutex) = 0;
 };

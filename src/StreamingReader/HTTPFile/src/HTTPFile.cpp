@@ -128,7 +128,7 @@ OPALError HTTPFile::InitCURLOptions_Unlocked(bool headerOnly) {
         SetOption(curl, CURLOPT_WRITEDATA, this);
         SetOption(curl, CURLOPT_WRITEFUNCTION, &HTTPFile::OnBody);
     }
-    // With the header request too: that is what lets Close and Abort end it.
+    // With the header request too: that is what lets Close and the stop signal end it.
     SetOption(curl, CURLOPT_NOPROGRESS, 0L);
     SetOption(curl, CURLOPT_XFERINFODATA, this);
     SetOption(curl, CURLOPT_XFERINFOFUNCTION, &HTTPFile::OnProgress);
@@ -197,7 +197,7 @@ int HTTPFile::OnProgress(void* user, curl_off_t, curl_off_t now, curl_off_t, cur
 OPALError HTTPFile::EndingResult() const {
     if (m_closers > 0)
         return OPAL_ERROR_TERMINATED;
-    return m_aborted ? OPAL_ERROR_CANCELLED : OPAL_OK;
+    return opal::IsRaised(m_pStop) ? OPAL_ERROR_CANCELLED : OPAL_OK;
 }
 
 OPALError HTTPFile::CheckStatus_Unlocked() const {
@@ -409,14 +409,9 @@ OPALError HTTPFile::Close() {
         while (m_performing)
             m_idle.Wait(mutex);
         Close_Unlocked();
-        m_aborted = false;
     }
     --m_closers;
     return OPAL_OK;
-}
-
-void HTTPFile::Abort() {
-    m_aborted = true;
 }
 
 void HTTPFile::Reset_Unlocked() {
