@@ -33,6 +33,10 @@ class AlgorithmConfig : boost::noncopyable {
         int64_t bandwidthMonitorSampleCount = 10;
         int64_t bandwidthMonitorWindowInterval = 4000;
         int64_t bandwidthMonitorMinWindowInterval = 1000;
+        /// In which order the estimate looks for idle time: 0 as the downloads ended, 1 as they
+        /// began. Only the latter counts no pause of one stream as idle while another one loaded.
+        int bandwidthMonitorGapOrder = 0;
+        bool abandonTransfers = false;  ///< give up a video transfer that outlasts the buffer
     };
 
     struct Mode {
@@ -66,6 +70,8 @@ class AlgorithmConfig : boost::noncopyable {
     int64_t GetBandwidthMonitorSampleCount() const;
     int64_t GetBandwidthMonitorWindowInterval() const;
     int64_t GetBandwidthMonitorMinWindowInterval() const;
+    int GetBandwidthMonitorGapOrder() const;
+    bool GetAbandonTransfers() const;
     /// Of the record of `mode`; 0 for a mode that is neither.
     int64_t GetMinPeriodUpSwitch(int mode) const;
     int64_t GetMinPeriodDownSwitch(int mode) const;

@@ -45,7 +45,8 @@ TEST_F(AlgorithmConfigTest, AFileSetsWhatItNamesAndResetsTheRest) {
         "<bandwidthMonitorSampleCount>10</bandwidthMonitorSampleCount>"
         "<bandwidthMonitorWindowInterval>11</bandwidthMonitorWindowInterval>"
         "<bandwidthMonitorMinWindowInterval>12</bandwidthMonitorMinWindowInterval>"
-        "<unknown/></global><other>x</other>"));
+        "<bandwidthMonitorGapOrder>1</bandwidthMonitorGapOrder>"
+        "<abandonTransfers>2</abandonTransfers><unknown/></global><other>x</other>"));
     const AlgorithmConfig& config = Config();
     EXPECT_EQ(config.GetInitialBandwidthDecision(), InitialBandwidthMode_BandwidthHint);
     EXPECT_EQ(config.GetBandwidthHint(), 900000);
@@ -61,6 +62,8 @@ TEST_F(AlgorithmConfigTest, AFileSetsWhatItNamesAndResetsTheRest) {
     EXPECT_EQ(config.GetBandwidthMonitorSampleCount(), 10);
     EXPECT_EQ(config.GetBandwidthMonitorWindowInterval(), 11000);
     EXPECT_EQ(config.GetBandwidthMonitorMinWindowInterval(), 12000);
+    EXPECT_EQ(config.GetBandwidthMonitorGapOrder(), 1);
+    EXPECT_TRUE(config.GetAbandonTransfers());
     EXPECT_EQ(config.GetMinPeriodUpSwitch(0), 13000);
     EXPECT_EQ(config.GetMinPeriodDownSwitch(0), 14000);
 
@@ -72,6 +75,8 @@ TEST_F(AlgorithmConfigTest, AFileSetsWhatItNamesAndResetsTheRest) {
     EXPECT_EQ(config.GetInitialBandwidthDecision(), InitialBandwidthMode_LowestLevel);
     EXPECT_EQ(config.GetMinBufferedToEnterAgile(), 0);
     EXPECT_EQ(config.GetMaxBufferFromEmpty(), 16000);
+    EXPECT_EQ(config.GetBandwidthMonitorGapOrder(), 0);
+    EXPECT_FALSE(config.GetAbandonTransfers());
 }
 
 TEST_F(AlgorithmConfigTest, AFileThatIsNotRightChangesNothing) {
@@ -105,11 +110,13 @@ TEST_F(AlgorithmConfigTest, ValuesOutOfBoundsFallBackOrWrap) {
     ASSERT_TRUE(
         Load("<global><upperGuardTrigger>101</upperGuardTrigger>"
              "<maxBufferFromEmpty>86401</maxBufferFromEmpty><maxBuffer>-5</maxBuffer>"
+             "<bandwidthMonitorGapOrder>2</bandwidthMonitorGapOrder>"
              "<maxSecondsInAgileMode>4294968</maxSecondsInAgileMode>"
              "<initialBandwidthDecision>Probe</initialBandwidthDecision></global>"));
     EXPECT_EQ(Config().GetUpperGuardTrigger(), 15);
     EXPECT_EQ(Config().GetMaxBufferFromEmpty(), 16000);
     EXPECT_EQ(Config().GetMaxBuffer(), -5000);
+    EXPECT_EQ(Config().GetBandwidthMonitorGapOrder(), 0);
     EXPECT_EQ(Config().GetMaxSecondsInAgileMode(), 704);
     EXPECT_EQ(Config().GetInitialBandwidthDecision(), InitialBandwidthMode_LowestLevel);
 

@@ -69,3 +69,15 @@ TEST_F(BandwidthMonitorTest, BadFiguresAreHarmlessOrTheCallersFault) {
     }
     EXPECT_THROW(BandwidthSample(1, 0, -1), std::exception);
 }
+
+// Audio that ends within a long video download is reported before it.
+TEST_F(BandwidthMonitorTest, PausesOfAudioWithinAVideoDownloadAreIdleByEndAndBusyByStart) {
+    const std::vector<Download> downloads = {
+        {25000, 2900, 2700}, {25000, 1500, 1300}, {925000, 3000, 400}, {25000, 200, 0}};
+    EXPECT_EQ(Estimate(downloads), 5000000)
+        << "by end: 1200 ms between two audio downloads, and 200 ms after video";
+    AlgorithmConfig::Global global;
+    global.bandwidthMonitorGapOrder = 1;
+    Configure(global);
+    EXPECT_EQ(Estimate(downloads), 2857142) << "by start: the 200 ms after video";
+}

@@ -81,8 +81,9 @@ TEST_F(SimulateTest, SessionsSideBySideFollowTheirLinksStallAndRecover) {
         sessions.push_back(std::async(std::launch::async, [&film, &row] {
             const auto& [what, pieces, lastLevel, stalls, finished] = row;
             int last = -1;
-            const Result result = Play(film, {what, pieces}, kLimitMs,
-                                       [&last](double, size_t, int level) { last = level; });
+            PlayOptions options{kLimitMs};
+            options.listener = [&last](double, size_t, int level) { last = level; };
+            const Result result = Play(film, {what, pieces}, options);
             EXPECT_EQ(result.finished, finished) << what;
             EXPECT_EQ(result.stalls, stalls) << what;
             EXPECT_EQ(last, lastLevel) << what;
@@ -95,7 +96,7 @@ TEST_F(SimulateTest, SessionsSideBySideFollowTheirLinksStallAndRecover) {
     Tunables bounded = Tunables::Current();
     bounded.Set("maxBuffer=8000");
     bounded.Apply();
-    const Result result = Play(Ladder({500, 1000}, 40), {"", {{1e3, 1000, 20}}}, kLimitMs);
+    const Result result = Play(Ladder({500, 1000}, 40), {"", {{1e3, 1000, 20}}}, {kLimitMs});
     EXPECT_TRUE(result.finished);
     EXPECT_GT(result.refetches, 10) << "a cluster that meets a full buffer is fetched again";
 }

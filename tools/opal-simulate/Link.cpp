@@ -68,6 +68,11 @@ void Link::Start(Transfer& transfer, double bytes) {
     m_running.push_back(&transfer);
 }
 
+void Link::Cancel(Transfer& transfer) {
+    m_running.remove(&transfer);
+    transfer.active = false;
+}
+
 double Link::Advance(double ms) {
     double passed = 0.0;
     while (passed < ms) {

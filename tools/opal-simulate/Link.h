@@ -43,6 +43,8 @@ class Link {
     double NowMs() const { return m_nowMs; }
     /// Starts a transfer of `bytes`, one latency from now.
     void Start(Transfer& transfer, double bytes);
+    /// The transfer ends where it is.
+    void Cancel(Transfer& transfer);
     /// Lets `ms` pass. Stops early, at the moment a transfer becomes done; returns what passed.
     double Advance(double ms);
 

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <stdexcept>
@@ -43,7 +44,10 @@ struct Options {
     std::string replay;
     std::vector<std::string> settings;
     std::vector<std::string> grid;
-    int audioKbps = 0;
+    int audioKbps = 128;
+    bool noAudio = false;
+    RuleName rule = RuleName::BuiltIn;
+    double bolaBufferSeconds = 25.0;
     int loops = 1;
     int top = 10;
     unsigned jobs = std::max(1u, std::thread::hardware_concurrency());
@@ -70,17 +74,26 @@ std::vector<std::string> TraceFiles(const std::vector<std::string>& paths) {
     return files;
 }
 
-/// All sessions under the present tunables, spread over `jobs` threads, in the order of the traces.
-std::vector<Result> PlayAll(const Film& film, const std::vector<Trace>& traces, unsigned jobs) {
+PlayOptions HowToPlay(const Film& film, const Options& options) {
+    PlayOptions play;
     // A session that stands still for ten times its film will not come to an end.
-    const double limitMs = 10.0 * static_cast<double>(film.DurationMs()) + 600000.0;
+    play.limitMs = 10.0 * static_cast<double>(film.DurationMs()) + 600000.0;
+    play.rule = options.rule;
+    play.bolaBufferMs = options.bolaBufferSeconds * 1000.0;
+    return play;
+}
+
+/// All sessions under the present tunables, spread over threads, in the order of the traces.
+std::vector<Result> PlayAll(const Film& film, const std::vector<Trace>& traces,
+                            const Options& options) {
+    const PlayOptions play = HowToPlay(film, options);
     std::vector<Result> results(traces.size());
     std::atomic<size_t> next{0};
     std::vector<std::thread> threads;
-    for (unsigned i = 0; i < std::min<size_t>(jobs, traces.size()); ++i) {
+    for (unsigned i = 0; i < std::min<size_t>(options.jobs, traces.size()); ++i) {
         threads.emplace_back([&] {
             for (size_t at = next++; at < traces.size(); at = next++)
-                results[at] = Play(film, traces[at], limitMs);
+                results[at] = Play(film, traces[at], play);
         });
     }
     for (std::thread& thread : threads)
@@ -88,13 +101,14 @@ std::vector<Result> PlayAll(const Film& film, const std::vector<Trace>& traces, 
     return results;
 }
 
-void PrintDecisions(const Film& film, const Trace& trace) {
+void PrintDecisions(const Film& film, const Trace& trace, const Options& options) {
     std::printf("%10s %8s %6s %10s\n", "time_s", "cluster", "level", "kbit/s");
-    const double limitMs = 10.0 * static_cast<double>(film.DurationMs()) + 600000.0;
-    (void)Play(film, trace, limitMs, [&film](double ms, size_t cluster, int level) {
+    PlayOptions play = HowToPlay(film, options);
+    play.listener = [&film](double ms, size_t cluster, int level) {
         std::printf("%10.3f %8zu %6d %10d\n", ms / 1000.0, cluster, level,
                     film.levels[static_cast<size_t>(level)].bitrate / 1000);
-    });
+    };
+    (void)Play(film, trace, play);
 }
 
 /// Feeds a recorded session to the switching code and prints both sides' decisions. False if they
@@ -154,7 +168,7 @@ void Run(const Options& options) {
     if (options.film.empty() || options.traces.empty())
         throw std::runtime_error("needs --film and --trace, or --replay; see --help");
     Film film = ReadFilm(options.film);
-    film.audioBitrate = options.audioKbps * 1000;
+    film.audioBitrate = options.noAudio ? 0 : options.audioKbps * 1000;
     for (Film::Level& level : film.levels) {
         const std::vector<int64_t> once = level.clusterSizes;
         for (int i = 1; i < options.loops; ++i)
@@ -167,21 +181,20 @@ void Run(const Options& options) {
         throw std::runtime_error("no trace files (*.json) found");
 
     if (options.decisions) {
-        PrintDecisions(film, traces.front());
+        PrintDecisions(film, traces.front(), options);
         return;
     }
     if (!options.grid.empty()) {
         std::vector<Trial> trials;
         for (const Tunables& candidate : Grid(tunables, options.grid)) {
             candidate.Apply();
-            trials.push_back(
-                {candidate.Describe(), Summarise(PlayAll(film, traces, options.jobs))});
+            trials.push_back({candidate.Describe(), Summarise(PlayAll(film, traces, options))});
         }
         PrintTrials(trials, static_cast<size_t>(options.top));
         return;
     }
     const auto begin = std::chrono::steady_clock::now();
-    const std::vector<Result> results = PlayAll(film, traces, options.jobs);
+    const std::vector<Result> results = PlayAll(film, traces, options);
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     if (options.json)
@@ -200,7 +213,7 @@ int main(int argc, char** argv) {
         "Plays a film over bandwidth traces in virtual time, with the library's own stream\n"
         "switching, and tells how the sessions went.\n\n"
         "  opal-simulate --film presentation.json --trace traces/\n"
-        "  opal-simulate --film film.json --trace traces/ --set maxLevelDrop=0 --audio 128\n"
+        "  opal-simulate --film film.json --trace traces/ --set maxLevelDrop=0 --no-audio\n"
         "  opal-simulate --film film.json --trace traces/ --grid upperGuardTrigger=0,15,30\n\n"
         "Exit codes: 0 done, 2 wrong usage, 3 input that cannot be read,\n"
         "4 a replay that decides otherwise.");
@@ -220,8 +233,18 @@ int main(int argc, char** argv) {
                    "Try each value, NAME=V1,V2,...; several span a grid. Prints the best: fewest "
                    "stalls, then bitrate, then steps");
     app.add_option("--top", options.top, "How many of a grid to print")->check(CLI::Range(1, 1000));
-    app.add_option("--audio", options.audioKbps, "An audio track of this many kbit/s")
-        ->check(CLI::Range(0, 2000));
+    auto* audio =
+        app.add_option("--audio", options.audioKbps, "The audio track's kbit/s; 128 by default")
+            ->check(CLI::Range(1, 2000));
+    app.add_flag("--no-audio", options.noAudio, "A film without sound")->excludes(audio);
+    const std::map<std::string, RuleName> rules = {{"built-in", RuleName::BuiltIn},
+                                                   {"bola-e", RuleName::BolaE}};
+    app.add_option("--rule", options.rule,
+                   "What decides: built-in, or bola-e (published, to compare with)")
+        ->transform(CLI::CheckedTransformer(rules));
+    app.add_option("--bola-buffer", options.bolaBufferSeconds,
+                   "Seconds that bola-e buffers at most; 25 by default")
+        ->check(CLI::Range(4.0, 3600.0));
     app.add_option("--loop", options.loops, "Play the film this many times in a row")
         ->check(CLI::Range(1, 100));
     app.add_option("--jobs", options.jobs, "Threads; all cores by default")

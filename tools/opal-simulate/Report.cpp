@@ -28,6 +28,7 @@ const std::vector<Column>& Columns() {
         {"mean_step", [](const Result& r) { return r.MeanStep(); }},
         {"startup_ms", [](const Result& r) { return r.startupMs; }},
         {"refetches", [](const Result& r) { return static_cast<double>(r.refetches); }},
+        {"abandoned", [](const Result& r) { return static_cast<double>(r.abandoned); }},
     };
     return columns;
 }

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <boost/make_shared.hpp>
-#include <boost/scoped_ptr.hpp>
 #include <chrono>
 #include <cmath>
 #include <deque>
@@ -12,9 +11,9 @@
 #include "Common/ObjectFactory.h"
 #include "Common/StreamingTuning.h"
 #include "Common/network/BandwidthProbe.h"
-#include "StreamSwitchingAlgorithm/IStreamSwitchingController.h"
 #include "StreamSwitchingAlgorithm/PlaybackRules.h"
 #include "StreamingReader/HTTPFile/IHTTPFile.h"
+#include "opal-simulate/LevelRule.h"
 #include "opal-simulate/SimulatedClock.h"
 #include "opal-simulate/SimulatedStreams.h"
 
@@ -55,8 +54,8 @@ struct Stream {
 
 class Session : private BandwidthProbeNotify {
   public:
-    Session(const Film& film, const Trace& trace, double limitMs, const DecisionListener& listener)
-        : m_film(film), m_link(trace), m_limitMs(limitMs), m_listener(listener) {
+    Session(const Film& film, const Trace& trace, const PlayOptions& options)
+        : m_film(film), m_link(trace), m_options(options) {
         m_result.trace = trace.name;
         m_video.capacity = playback::kVideoBufferBytes;
         m_video.sinkAheadMs = StreamingTuning::GetVideoSinkAhead();
@@ -93,7 +92,9 @@ class Session : private BandwidthProbeNotify {
     void SwitchLevel();
     void ContinueOpening();
     void WakeReaders();
-    void Wake(Stream& stream);
+    void Wake(Stream& stream, double waitMs = 0.0);
+    void SetLevel(size_t level);
+    void ConsiderAbandoning();
     bool IsReadyToStart();
     void CheckUnderflow();
 
@@ -104,16 +105,16 @@ class Session : private BandwidthProbeNotify {
 
     const Film& m_film;
     Link m_link;
-    const double m_limitMs;
-    const DecisionListener& m_listener;
+    const PlayOptions& m_options;
     Result m_result;
 
-    boost::scoped_ptr<IStreamSwitchingController> m_switching{NewStreamSwitchingController()};
+    std::unique_ptr<LevelRule> m_rule;
     std::vector<std::unique_ptr<IClusterIndex>> m_indexes;
     std::vector<IClusterIndex*> m_openIndexes;
 
     Stream m_video;
     Stream m_audio;
+    LevelRule::Offers m_offers;  ///< the levels' sizes of the cluster that video transfers
     double m_initDoneMs = 0.0;
 
     std::deque<Message> m_queue;
@@ -121,6 +122,7 @@ class Session : private BandwidthProbeNotify {
     bool m_started = false;  ///< has ever played
     bool m_paused = true;
     bool m_audioAhead = false;
+    double m_waitMs = 0.0;  ///< what the rule wants waited before the next video transfer
     bool m_failed = false;
     double m_positionMs = 0.0;
     double m_stallSinceMs = 0.0;
@@ -196,7 +198,7 @@ int64_t Session::FileSize() const {
 }
 
 void Session::OnProbe(int, int64_t size, int64_t duration) {
-    m_switching->SetBandwidth(playback::ProbedBandwidth(size, duration));
+    m_rule->OnProbe(playback::ProbedBandwidth(size, duration));
 }
 
 bool Session::OpenAlone(size_t clusters) {
@@ -209,33 +211,23 @@ bool Session::OpenAlone(size_t clusters) {
 
 void Session::Initialize() {
     SimulatedClock::SetNowMs(0.0);
-    std::vector<boost::shared_ptr<IVideoLevel>> levels;
-    for (size_t i = 0; i < m_film.levels.size(); ++i) {
-        levels.push_back(boost::make_shared<SimulatedLevel>(
-            "level" + std::to_string(i), m_film.levels[i].bitrate, m_film.levels[i].vbv));
-        m_indexes.push_back(std::make_unique<SimulatedIndex>(m_film.levels[i].clusterSizes));
-    }
-    std::vector<boost::shared_ptr<IAudioTrack>> tracks;
-    if (m_film.audioBitrate > 0)
-        tracks.push_back(boost::make_shared<SimulatedAudio>("eng", m_film.audioBitrate));
+    for (const Film::Level& level : m_film.levels)
+        m_indexes.push_back(std::make_unique<SimulatedIndex>(level.clusterSizes));
+    m_openIndexes.assign(m_film.levels.size(), nullptr);
     if (!TransferAlone(0.0) || !TransferAlone(kManifestBytes))
         return;
-    (void)m_switching->SetLevels(levels, tracks);
+    m_rule = NewLevelRule(m_options.rule, m_film, m_openIndexes, m_options.bolaBufferMs);
     m_initDoneMs = NowMs();
     const auto probe = [this] {
         const StreamingTuning& tuning = StreamingTuning::Instance();
         return BandwidthProbe(this, tuning.GetProbeInitialSize(), tuning.GetProbeDuration())
                    .Probe("level0") == OPAL_OK;
     };
-    m_video.level = playback::ChooseStart(*m_switching, m_film.levels.size(), probe, [this] {
-                        return static_cast<int64_t>(NowMs());
-                    }).level;
-    m_openIndexes.assign(m_film.levels.size(), nullptr);
+    m_video.level = m_rule->ChooseStart(probe, [this] { return static_cast<int64_t>(NowMs()); });
     for (size_t level = 0; level <= m_video.level && !m_failed; ++level) {
         if (OpenAlone(m_film.ClusterCount()))
             m_openIndexes[level] = m_indexes[level].get();
     }
-    m_switching->SetClusterIndexes(&m_openIndexes);
 }
 
 void Session::StartPlayback() {
@@ -254,7 +246,7 @@ Result Session::Run() {
     Initialize();
     if (!m_failed)
         StartPlayback();
-    while (!m_failed && !m_result.finished && NowMs() < m_limitMs)
+    while (!m_failed && !m_result.finished && NowMs() < m_options.limitMs)
         Step();
     if (m_started && !m_playing && !m_result.finished)
         m_result.stallMs += NowMs() - m_stallSinceMs;
@@ -265,6 +257,7 @@ Result Session::Run() {
 
 void Session::Step() {
     PassTime(kTurnMs);
+    ConsiderAbandoning();
     PollManager(m_video, true);
     if (m_film.audioBitrate > 0)
         PollManager(m_audio, false);
@@ -327,11 +320,11 @@ int64_t Session::ClusterSize(const Stream& stream, bool video) const {
                  : int64_t{m_film.audioBitrate} * Film::kClusterMs / 8000;
 }
 
-void Session::Wake(Stream& stream) {
+void Session::Wake(Stream& stream, double waitMs) {
     if (stream.awake)
         return;
     stream.awake = true;
-    stream.nextPollMs = NowMs() + kManagerPollMs;
+    stream.nextPollMs = NowMs() + std::max(kManagerPollMs, waitMs);
 }
 
 /// One round of a reader manager: the next cluster, if there is room for its bytes.
@@ -348,6 +341,30 @@ void Session::PollManager(Stream& stream, bool video) {
         m_failed = true;
     else if (size <= stream.capacity - stream.usedBytes)
         m_link.Start(stream.transfer, static_cast<double>(size));
+    if (video && stream.transfer.active) {
+        m_offers.clear();
+        for (const Film::Level& level : m_film.levels)
+            m_offers.push_back({level.bitrate, level.clusterSizes[stream.nextCluster]});
+    }
+}
+
+/// A transfer that is given up starts again, for the same cluster from another level.
+void Session::ConsiderAbandoning() {
+    if (!m_playing || !m_video.transfer.active)
+        return;
+    const int64_t received =
+        ClusterSize(m_video, true) - static_cast<int64_t>(std::ceil(m_video.transfer.bytesLeft));
+    const auto level = m_rule->Abandon({std::llround(NowMs()), m_video.nextCluster, m_video.level,
+                                        received, m_video.BufferedMs(m_positionMs)},
+                                       m_offers);
+    if (!level)
+        return;
+    m_link.Cancel(m_video.transfer);
+    m_video.nextPollMs = NowMs() + kManagerPollMs;
+    m_result.bytes += received;
+    ++m_result.abandoned;
+    SetLevel(*level);
+    m_video.level = *level;
 }
 
 void Session::CompleteCluster(Stream& stream, bool video) {
@@ -361,7 +378,7 @@ void Session::CompleteCluster(Stream& stream, bool video) {
     stream.transfer.active = false;
     stream.nextPollMs = NowMs() + kManagerPollMs;
     if (video)
-        stream.maxDurationMs = m_switching->GetMaxBuffer();
+        stream.maxDurationMs = m_rule->MaxBufferMs();
 
     const auto queuedMs = static_cast<int64_t>(stream.clusters.size()) * Film::kClusterMs;
     if (stream.maxDurationMs > 0 && queuedMs + Film::kClusterMs > stream.maxDurationMs) {
@@ -375,8 +392,7 @@ void Session::CompleteCluster(Stream& stream, bool video) {
     sample.bufferedDuration = stream.BufferedMs(m_positionMs);
 
     const auto before = std::chrono::steady_clock::now();
-    m_switching->GetNotify()->Notify(video ? OPAL_STREAM_VIDEO : OPAL_STREAM_AUDIO,
-                                     StreamSwitchingNotify::EVENT_DOWNLOAD_COMPLETE, sample);
+    m_rule->OnDownload(video ? OPAL_STREAM_VIDEO : OPAL_STREAM_AUDIO, sample);
     if (video) {
         m_result.decisionNs +=
             std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - before)
@@ -427,7 +443,8 @@ void Session::Handle(Message message) {
 }
 
 void Session::HandleVideoCluster() {
-    if (playback::MaySwitchLevel(m_playing, true, AtEnd(m_video)))
+    m_waitMs = 0.0;
+    if (!AtEnd(m_video))
         SwitchLevel();
     if (m_toFetch.empty())
         WakeReaders();
@@ -435,7 +452,7 @@ void Session::HandleVideoCluster() {
 
 /// The next video cluster, and audio's unless it is too far ahead.
 void Session::WakeReaders() {
-    Wake(m_video);
+    Wake(m_video, m_waitMs);
     if (m_film.audioBitrate == 0)
         return;
     m_audioAhead = playback::IsAudioTooFarAhead(m_audio.BufferedMs(m_positionMs),
@@ -446,16 +463,17 @@ void Session::WakeReaders() {
 
 void Session::SwitchLevel() {
     const auto before = std::chrono::steady_clock::now();
-    const size_t level = playback::LevelOf(m_switching->GetCurrentLevel(), m_film.levels.size());
+    const auto choice = m_rule->Choose(m_playing, m_video.BufferedMs(m_positionMs));
     m_result.decisionNs +=
         std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - before).count();
-    if (m_listener)
-        m_listener(NowMs(), m_video.nextCluster, static_cast<int>(level));
-    if (level == m_video.level)
+    if (!choice)
         return;
-    m_wantedLevel = level;
-    ++m_result.switches;
-    m_result.stepSum += std::abs(static_cast<int>(level) - static_cast<int>(m_video.level));
+    m_waitMs = choice->waitMs;
+    if (m_options.listener)
+        m_options.listener(NowMs(), m_video.nextCluster, static_cast<int>(choice->level));
+    if (choice->level == m_video.level)
+        return;
+    SetLevel(choice->level);
     for (size_t i = 0; i <= m_wantedLevel; ++i) {
         if (m_openIndexes[i])
             continue;
@@ -464,6 +482,13 @@ void Session::SwitchLevel() {
     }
     if (m_toFetch.empty())
         m_video.level = m_wantedLevel;
+}
+
+/// Counts a switch; the level takes effect when its file is open.
+void Session::SetLevel(size_t level) {
+    m_wantedLevel = level;
+    ++m_result.switches;
+    m_result.stepSum += std::abs(static_cast<int>(level) - static_cast<int>(m_video.level));
 }
 
 /// The loop stands while the files of the levels up to the wanted one are opened, one request after
@@ -486,8 +511,7 @@ void Session::ContinueOpening() {
 }
 
 bool Session::IsReadyToStart() {
-    return playback::IsReadyToPlay(m_switching->IsVideoBuffered(), m_film.audioBitrate > 0,
-                                   m_switching->IsAudioBuffered(), AtEnd(m_video));
+    return m_rule->IsReadyToPlay(m_video.BufferedMs(m_positionMs), AtEnd(m_video));
 }
 
 void Session::CheckUnderflow() {
@@ -495,8 +519,7 @@ void Session::CheckUnderflow() {
         return;
     m_paused = true;
     m_playing = false;
-    m_switching->GetNotify()->Notify(OPAL_STREAM_VIDEO, StreamSwitchingNotify::EVENT_RESTART,
-                                     StreamSwitchingNotify::Message());
+    m_rule->OnUnderflow();
     m_queue.push_back(Message::Start);
     ++m_result.stalls;
     m_stallSinceMs = NowMs();
@@ -504,9 +527,8 @@ void Session::CheckUnderflow() {
 
 }  // namespace
 
-Result Play(const Film& film, const Trace& trace, double limitMs,
-            const DecisionListener& listener) {
-    return Session(film, trace, limitMs, listener).Run();
+Result Play(const Film& film, const Trace& trace, const PlayOptions& options) {
+    return Session(film, trace, options).Run();
 }
 
 }  // namespace opal::simulate

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "opal-simulate/Film.h"
+#include "opal-simulate/LevelRule.h"
 #include "opal-simulate/Link.h"
 
 namespace opal::simulate {
@@ -23,6 +24,7 @@ struct Result {
     int stepSum = 0;    ///< levels moved, over all switches
     int64_t bytes = 0;  ///< downloaded, clusters fetched again included
     int refetches = 0;  ///< clusters fetched again because the buffer's duration was full
+    int abandoned = 0;  ///< transfers given up for a lower level
     int64_t decisions = 0;
     double decisionNs = 0.0;  ///< time spent deciding
     bool finished = false;    ///< played to the end, in time and without a failure
@@ -39,16 +41,21 @@ struct Result {
 /// Told of each decision: session time, ms; cluster the level was chosen for; level.
 using DecisionListener = std::function<void(double, size_t, int)>;
 
+struct PlayOptions {
+    /// Session time after which a session that stands still is given up.
+    double limitMs = 0.0;
+    DecisionListener listener = nullptr;
+    RuleName rule = RuleName::BuiltIn;
+    double bolaBufferMs = 25000.0;  ///< what BOLA-E buffers at most
+};
+
 /// Plays a film over a trace in virtual time: the real switching code and the real probe, under the
-/// rules of readers and event loop. A turn of the loop is 10 ms and handles one message; managers
-/// poll every 20 ms; a cluster that meets a full buffer is fetched again; audio runs at most 5 s
-/// ahead; below 501 ms of video playback stops until the buffers are ready again; a transfer that
-/// takes longer than the transport's time-out ends the session.
+/// rules of readers and event loop (StreamSwitchingAlgorithm/PlaybackRules.h). A turn of the loop
+/// handles one message; a cluster that meets a full buffer is fetched again; a transfer that takes
+/// longer than the transport's time-out ends the session.
 ///
 /// Threading: sessions may run side by side, one a thread, under a SimulatedClock. The tunables are
 /// the process's.
-/// `limitMs`: session time after which a session that stands still is given up.
-Result Play(const Film& film, const Trace& trace, double limitMs,
-            const DecisionListener& listener = nullptr);
+Result Play(const Film& film, const Trace& trace, const PlayOptions& options);
 
 }  // namespace opal::simulate

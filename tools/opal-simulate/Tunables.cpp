@@ -38,6 +38,9 @@ const std::map<std::string, std::function<void(Global&, int64_t)>>& GlobalFields
          [](Global& g, int64_t v) { g.bandwidthMonitorWindowInterval = v; }},
         {"bandwidthMonitorMinWindowInterval",
          [](Global& g, int64_t v) { g.bandwidthMonitorMinWindowInterval = v; }},
+        {"bandwidthMonitorGapOrder",
+         [](Global& g, int64_t v) { g.bandwidthMonitorGapOrder = static_cast<int>(v); }},
+        {"abandonTransfers", [](Global& g, int64_t v) { g.abandonTransfers = v != 0; }},
     };
     return fields;
 }
@@ -78,6 +81,8 @@ Tunables Tunables::Current() {
     global.bandwidthMonitorSampleCount = config.GetBandwidthMonitorSampleCount();
     global.bandwidthMonitorWindowInterval = config.GetBandwidthMonitorWindowInterval();
     global.bandwidthMonitorMinWindowInterval = config.GetBandwidthMonitorMinWindowInterval();
+    global.bandwidthMonitorGapOrder = config.GetBandwidthMonitorGapOrder();
+    global.abandonTransfers = config.GetAbandonTransfers();
     for (auto [record, mode] : {std::pair<Mode*, int>{&tunables.m_agile, AlgorithmConfig::kAgile},
                                 {&tunables.m_steady, AlgorithmConfig::kSteady}}) {
         record->minPeriodUpSwitch = config.GetMinPeriodUpSwitch(mode);

@@ -61,6 +61,8 @@ OPALError AlgorithmConfig::Set(const Global& global, const Mode& agile, const Mo
     RestoreIfAbove(m_global.minBufferedToEnterAgile, kDayMs, 40000);
     if (m_global.upperGuardTrigger > 100)
         m_global.upperGuardTrigger = 15;
+    if (m_global.bandwidthMonitorGapOrder != 1)
+        m_global.bandwidthMonitorGapOrder = 0;
     RestoreIfAbove(m_agile.minPeriodUpSwitch, kDayMs, 4000);
     RestoreIfAbove(m_agile.minPeriodDownSwitch, kDayMs, 0);
     RestoreIfAbove(m_steady.minPeriodUpSwitch, kDayMs, 20000);
@@ -131,6 +133,14 @@ int64_t AlgorithmConfig::GetBandwidthMonitorWindowInterval() const {
 
 int64_t AlgorithmConfig::GetBandwidthMonitorMinWindowInterval() const {
     return m_global.bandwidthMonitorMinWindowInterval;
+}
+
+int AlgorithmConfig::GetBandwidthMonitorGapOrder() const {
+    return m_global.bandwidthMonitorGapOrder;
+}
+
+bool AlgorithmConfig::GetAbandonTransfers() const {
+    return m_global.abandonTransfers;
 }
 
 int64_t AlgorithmConfig::GetMinPeriodUpSwitch(int mode) const {

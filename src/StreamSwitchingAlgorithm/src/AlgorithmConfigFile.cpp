@@ -70,6 +70,9 @@ const Settings<Global>& GlobalSettings() {
          [](auto& t, auto& g) { g.bandwidthMonitorWindowInterval = LongSeconds(t); }},
         {"bandwidthMonitorMinWindowInterval",
          [](auto& t, auto& g) { g.bandwidthMonitorMinWindowInterval = LongSeconds(t); }},
+        {"bandwidthMonitorGapOrder",
+         [](auto& t, auto& g) { g.bandwidthMonitorGapOrder = Number(t); }},
+        {"abandonTransfers", [](auto& t, auto& g) { g.abandonTransfers = Flag(t); }},
     };
     return settings;
 }

@@ -85,12 +85,28 @@ BandwidthMonitor::Window BandwidthMonitor::MeasureWindow(int64_t now) const {
     return window;
 }
 
+/// In the order of their ends, which is how they came; or of their starts, if the settings say so.
+std::vector<BandwidthSample::Interval> BandwidthMonitor::DownloadsSince(size_t firstIndex) const {
+    std::vector<BandwidthSample::Interval> downloads;
+    for (size_t i = firstIndex; i < m_samples.size(); ++i)
+        downloads.push_back(m_samples[i].interval);
+    if (AlgorithmConfig::Instance().GetBandwidthMonitorGapOrder() == 1)
+        std::stable_sort(
+            downloads.begin(), downloads.end(),
+            [](const auto& left, const auto& right) { return left.lower() < right.lower(); });
+    return downloads;
+}
+
 /// The time between downloads, from `firstIndex` on. Downloads that overlap or touch are one.
+///
+/// Audio downloads that end within a long video download come before it. In the order of ends the
+/// pauses between those audio downloads count as idle, though the video was loading.
 int64_t BandwidthMonitor::IdleTime(size_t firstIndex) const {
+    const std::vector<BandwidthSample::Interval> downloads = DownloadsSince(firstIndex);
     int64_t gaps = 0;
-    BandwidthSample::Interval busy = m_samples[firstIndex].interval;
-    for (size_t i = firstIndex + 1; i < m_samples.size(); ++i) {
-        const BandwidthSample::Interval& next = m_samples[i].interval;
+    BandwidthSample::Interval busy = downloads.front();
+    for (size_t i = 1; i < downloads.size(); ++i) {
+        const BandwidthSample::Interval& next = downloads[i];
         if (boost::numeric::overlap(busy, next)) {
             busy = boost::numeric::hull(busy, next);
         } else {

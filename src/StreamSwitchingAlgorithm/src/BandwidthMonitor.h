@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <vector>
 
 /// One finished download.
 struct BandwidthSample {
@@ -40,6 +41,7 @@ class BandwidthMonitor {
     struct Window;
 
     Window MeasureWindow(int64_t now) const;
+    std::vector<BandwidthSample::Interval> DownloadsSince(size_t firstIndex) const;
     int64_t IdleTime(size_t firstIndex) const;
 
     std::deque<BandwidthSample> m_samples;  ///< oldest first

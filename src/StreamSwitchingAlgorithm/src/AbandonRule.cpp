@@ -1,0 +1,65 @@
+#include "StreamSwitchingAlgorithm/AbandonRule.h"
+
+namespace opal::playback {
+namespace {
+
+constexpr int64_t kMeasuredMs = 1000;
+constexpr double kBitsPerByteMsPerSecond = 8000.0;
+
+}  // namespace
+
+void AbandonRule::Reset() {
+    m_lastSecond.clear();
+    m_cluster.reset();
+    m_abandoned.reset();
+}
+
+std::optional<size_t> AbandonRule::Ask(const Transfer& transfer, const std::vector<Level>& levels) {
+    if (!Observe(transfer) || m_abandoned == transfer.cluster || transfer.level == 0 ||
+        transfer.level >= levels.size())
+        return std::nullopt;
+    const Point& begin = m_lastSecond.front();
+    const double bytesPerMs = static_cast<double>(transfer.received - begin.received) /
+                              static_cast<double>(transfer.nowMs - begin.ms);
+    const int64_t rest = levels[transfer.level].clusterBytes - transfer.received;
+    if (static_cast<double>(rest) <= bytesPerMs * static_cast<double>(transfer.bufferedMs))
+        return std::nullopt;
+    const size_t level = Affordable(transfer, levels, bytesPerMs);
+    const int64_t bytes = levels[level].clusterBytes;
+    if (bytes <= 0 || bytes >= rest)
+        return std::nullopt;
+    m_abandoned = transfer.cluster;
+    return level;
+}
+
+/// Keeps the last second of the transfer. False while the transfer is younger.
+bool AbandonRule::Observe(const Transfer& transfer) {
+    const bool same = m_cluster == transfer.cluster && m_level == transfer.level &&
+                      !m_lastSecond.empty() && m_lastSecond.back().ms <= transfer.nowMs &&
+                      m_lastSecond.back().received <= transfer.received;
+    if (!same) {
+        m_cluster = transfer.cluster;
+        m_level = transfer.level;
+        m_lastSecond.clear();
+    }
+    if (m_lastSecond.empty() || m_lastSecond.back().ms < transfer.nowMs)
+        m_lastSecond.push_back({transfer.nowMs, transfer.received});
+    // The oldest point is the newest one that is a second old.
+    while (m_lastSecond.size() > 1 && transfer.nowMs - m_lastSecond[1].ms >= kMeasuredMs)
+        m_lastSecond.pop_front();
+    return transfer.nowMs - m_lastSecond.front().ms >= kMeasuredMs;
+}
+
+size_t AbandonRule::Affordable(const Transfer& transfer, const std::vector<Level>& levels,
+                               double bytesPerMs) {
+    for (size_t level = transfer.level; level-- > 1;) {
+        const auto bytes = static_cast<double>(levels[level].clusterBytes);
+        const bool carried = levels[level].bitrate < bytesPerMs * kBitsPerByteMsPerSecond;
+        const bool inTime = bytes <= bytesPerMs * static_cast<double>(transfer.bufferedMs);
+        if (bytes > 0 && carried && inTime)
+            return level;
+    }
+    return 0;
+}
+
+}  // namespace opal::playback
