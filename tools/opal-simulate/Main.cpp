@@ -10,8 +10,10 @@
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <map>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <stdexcept>
@@ -37,6 +39,24 @@ constexpr int kExitUsage = 2;
 constexpr int kExitInput = 3;
 constexpr int kExitDiffers = 4;
 
+/// Part `number` of `count` of a sweep.
+struct Slice {
+    size_t number = 1;
+    size_t count = 1;
+
+    static Slice Parse(const std::string& text) {
+        Slice slice;
+        char slash = 0;
+        std::istringstream stream(text);
+        stream >> slice.number >> slash >> slice.count;
+        if (!stream || !stream.eof() || slash != '/' || slice.number < 1 ||
+            slice.number > slice.count || text.find('-') != std::string::npos)
+            throw UsageError(text + ": not of the form K/N, with K from 1 to N");
+        return slice;
+    }
+    bool Has(size_t session) const { return session % count == number - 1; }
+};
+
 struct Options {
     std::string film;
     std::vector<std::string> traces;
@@ -54,6 +74,8 @@ struct Options {
     bool json = false;
     bool csv = false;
     bool decisions = false;
+    bool jsonLines = false;
+    Slice slice;
 };
 
 std::vector<std::string> TraceFiles(const std::vector<std::string>& paths) {
@@ -74,6 +96,20 @@ std::vector<std::string> TraceFiles(const std::vector<std::string>& paths) {
     return files;
 }
 
+/// Runs `work` for each number below `count`, spread over threads.
+void ForEach(size_t count, unsigned jobs, const std::function<void(size_t)>& work) {
+    std::atomic<size_t> next{0};
+    std::vector<std::thread> threads;
+    for (unsigned i = 0; i < std::min<size_t>(jobs, count); ++i) {
+        threads.emplace_back([&] {
+            for (size_t at = next++; at < count; at = next++)
+                work(at);
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
 PlayOptions HowToPlay(const Film& film, const Options& options) {
     PlayOptions play;
     // A session that stands still for ten times its film will not come to an end.
@@ -88,17 +124,30 @@ std::vector<Result> PlayAll(const Film& film, const std::vector<Trace>& traces,
                             const Options& options) {
     const PlayOptions play = HowToPlay(film, options);
     std::vector<Result> results(traces.size());
-    std::atomic<size_t> next{0};
-    std::vector<std::thread> threads;
-    for (unsigned i = 0; i < std::min<size_t>(options.jobs, traces.size()); ++i) {
-        threads.emplace_back([&] {
-            for (size_t at = next++; at < traces.size(); at = next++)
-                results[at] = Play(film, traces[at], play);
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
+    ForEach(traces.size(), options.jobs,
+            [&](size_t at) { results[at] = Play(film, traces[at], play); });
     return results;
+}
+
+/// Plays this slice of a sweep, all traces under each of the tunables, and prints each session as
+/// it ends.
+void PrintSweep(const Film& film, const std::vector<Trace>& traces,
+                const std::vector<Tunables>& trials, const Options& options) {
+    const PlayOptions play = HowToPlay(film, options);
+    const std::string rule = options.rule == RuleName::BolaE ? "bola-e" : "built-in";
+    std::mutex output;
+    size_t first = 0;
+    for (const Tunables& trial : trials) {
+        trial.Apply();
+        ForEach(traces.size(), options.jobs, [&](size_t at) {
+            if (!options.slice.Has(first + at))
+                return;
+            const Result result = Play(film, traces[at], play);
+            const std::lock_guard<std::mutex> lock(output);
+            PrintJsonLine(result, rule, trial.Describe());
+        });
+        first += traces.size();
+    }
 }
 
 void PrintDecisions(const Film& film, const Trace& trace, const Options& options) {
@@ -166,7 +215,7 @@ void Run(const Options& options) {
     tunables.Apply();
 
     if (options.film.empty() || options.traces.empty())
-        throw std::runtime_error("needs --film and --trace, or --replay; see --help");
+        throw UsageError("needs --film and --trace, or --replay; see --help");
     Film film = ReadFilm(options.film);
     film.audioBitrate = options.noAudio ? 0 : options.audioKbps * 1000;
     for (Film::Level& level : film.levels) {
@@ -184,9 +233,14 @@ void Run(const Options& options) {
         PrintDecisions(film, traces.front(), options);
         return;
     }
+    const std::vector<Tunables> sweep = Grid(tunables, options.grid);
+    if (options.jsonLines) {
+        PrintSweep(film, traces, sweep, options);
+        return;
+    }
     if (!options.grid.empty()) {
         std::vector<Trial> trials;
-        for (const Tunables& candidate : Grid(tunables, options.grid)) {
+        for (const Tunables& candidate : sweep) {
             candidate.Apply();
             trials.push_back({candidate.Describe(), Summarise(PlayAll(film, traces, options))});
         }
@@ -251,7 +305,16 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(1, 256));
     app.add_flag("--decisions", options.decisions, "Print each decision over the first trace");
     auto* json = app.add_flag("--json", options.json, "Results as JSON");
-    app.add_flag("--csv", options.csv, "Results as CSV")->excludes(json);
+    auto* csv = app.add_flag("--csv", options.csv, "Results as CSV")->excludes(json);
+    auto* lines = app.add_flag("--json-lines", options.jsonLines,
+                               "One JSON line a session, as it ends; of a grid too")
+                      ->excludes(json)
+                      ->excludes(csv);
+    std::string slice;
+    app.add_option("--slice", slice,
+                   "K/N: of the sessions of a sweep only those of part K of N, so that N runs, on "
+                   "any number of machines, make the whole")
+        ->needs(lines);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -261,9 +324,14 @@ int main(int argc, char** argv) {
     static SimulatedClock clock;
     opal::SetClock(&clock);
     try {
+        if (!slice.empty())
+            options.slice = Slice::Parse(slice);
         if (!options.replay.empty())
             return PrintReplay(options.replay) ? 0 : kExitDiffers;
         Run(options);
+    } catch (const UsageError& error) {
+        std::cerr << "opal-simulate: " << error.what() << "\n";
+        return kExitUsage;
     } catch (const std::exception& error) {
         std::cerr << "opal-simulate: " << error.what() << "\n";
         return kExitInput;

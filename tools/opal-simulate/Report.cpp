@@ -55,6 +55,13 @@ double SessionMs(const std::vector<Result>& results) {
     return ms;
 }
 
+nlohmann::json ToJson(const Result& result) {
+    nlohmann::json row = {{"trace", result.trace}, {"finished", result.finished}};
+    for (const Column& column : Columns())
+        row[column.name] = column.value(result);
+    return row;
+}
+
 }  // namespace
 
 Summary Summarise(const std::vector<Result>& results) {
@@ -151,12 +158,8 @@ void PrintJson(const std::vector<Result>& results, const std::string& tunables, 
     out["tunables"] = tunables;
     out["seconds"] = seconds;
     out["session_seconds"] = SessionMs(results) / 1000.0;
-    for (const Result& result : results) {
-        nlohmann::json row = {{"trace", result.trace}, {"finished", result.finished}};
-        for (const Column& column : Columns())
-            row[column.name] = column.value(result);
-        out["sessions"].push_back(row);
-    }
+    for (const Result& result : results)
+        out["sessions"].push_back(ToJson(result));
     const Summary all = Summarise(results);
     out["summary"] = {{"mean_kbps", all.meanKbps},
                       {"stalls_per_hour", all.stallsPerHour},
@@ -168,6 +171,15 @@ void PrintJson(const std::vector<Result>& results, const std::string& tunables, 
                       {"decision_us", all.decisionUs},
                       {"unfinished", all.unfinished}};
     std::printf("%s\n", out.dump(2).c_str());
+}
+
+void PrintJsonLine(const Result& result, const std::string& rule, const std::string& tunables) {
+    nlohmann::json row = ToJson(result);
+    row["rule"] = rule;
+    row["tunables"] = tunables;
+    row["play_s"] = result.playMs / 1000.0;
+    std::printf("%s\n", row.dump().c_str());
+    std::fflush(stdout);
 }
 
 void PrintTrials(std::vector<Trial> trials, size_t count) {

@@ -33,6 +33,8 @@ Summary Summarise(const std::vector<Result>& results);
 void PrintTable(const std::vector<Result>& results, double seconds);
 void PrintCsv(const std::vector<Result>& results);
 void PrintJson(const std::vector<Result>& results, const std::string& tunables, double seconds);
+/// One line for one session, written out at once.
+void PrintJsonLine(const Result& result, const std::string& rule, const std::string& tunables);
 /// The best `count`: least time stalled, then the higher bitrate, then the smaller steps. Bitrates
 /// within 1 % and stall shares within 0.01 points count as equal.
 void PrintTrials(std::vector<Trial> trials, size_t count);

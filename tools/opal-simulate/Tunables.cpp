@@ -4,7 +4,6 @@
 #include <functional>
 #include <map>
 #include <sstream>
-#include <stdexcept>
 
 namespace opal::simulate {
 namespace {
@@ -56,7 +55,7 @@ int64_t* ModeField(Mode& mode, const std::string& name) {
 std::pair<std::string, std::string> Split(const std::string& assignment) {
     const size_t equals = assignment.find('=');
     if (equals == std::string::npos || equals == 0)
-        throw std::runtime_error(assignment + ": not of the form NAME=VALUE");
+        throw UsageError(assignment + ": not of the form NAME=VALUE");
     return {assignment.substr(0, equals), assignment.substr(equals + 1)};
 }
 
@@ -95,7 +94,7 @@ void Tunables::Set(const std::string& assignment) {
     const auto [name, text] = Split(assignment);
     int64_t value = 0;
     if (!boost::conversion::try_lexical_convert(text, value))
-        throw std::runtime_error(assignment + ": the value is not a whole number");
+        throw UsageError(assignment + ": the value is not a whole number");
     int64_t* modeField = nullptr;
     if (name.rfind("agile.", 0) == 0)
         modeField = ModeField(m_agile, name.substr(6));
@@ -107,7 +106,7 @@ void Tunables::Set(const std::string& assignment) {
     else if (global != GlobalFields().end())
         global->second(m_global, value);
     else
-        throw std::runtime_error(assignment + ": there is no tunable of that name");
+        throw UsageError(assignment + ": there is no tunable of that name");
     m_given.push_back(assignment);
 }
 
@@ -135,7 +134,7 @@ std::vector<Tunables> Grid(const Tunables& base, const std::vector<std::string>&
             }
         }
         if (next.empty() || next.size() > kMaxGrid)
-            throw std::runtime_error(axis + ": no values, or too large a grid");
+            throw UsageError(axis + ": no values, or too large a grid");
         grid = std::move(next);
     }
     return grid;
