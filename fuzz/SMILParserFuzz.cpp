@@ -1,5 +1,5 @@
-// A manifest. The bounds that guard the XML parser rest on counting as it does: for every text that
-// they let through, its document must not be larger than what was counted.
+// A manifest. The bounds that guard the XML parser hold for what the scan has written, so the
+// document of that must be what was counted: elements and depth exactly, unless it has an error.
 
 #include <tinyxml.h>
 
@@ -8,6 +8,7 @@
 #include <string>
 
 #include "Common/Assert.h"
+#include "Common/XmlParse.h"
 #include "Common/logging/Logger.h"
 #include "SMILParser/ISMILParser.h"
 #include "SMILParser/src/ManifestScan.h"
@@ -39,17 +40,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     (void)quiet;
     std::string text(reinterpret_cast<const char*>(data), size);
     text.resize(text.find('\0') == std::string::npos ? size : text.find('\0'));
-    const opal::ManifestExtent counted = opal::ScanManifest(text);
+    const opal::ScannedManifest scanned = opal::ScanManifest(text);
+    const opal::ManifestExtent& counted = scanned.extent;
     if (opal::IsWithinBounds(counted)) {
         TiXmlDocument document;
         document.SetTabSize(0);
-        text.append(4, '\0');
-        document.Parse(text.c_str(), nullptr, TIXML_ENCODING_UTF8);
+        const bool parsed = opal::ParseXml(document, scanned.rewritten) && !scanned.broken;
         opal::ManifestExtent found;
         Measure(document, 0, found);
-        OPAL_ASSERT(found.depth <= counted.depth, "depth");
+        OPAL_ASSERT(parsed ? found.depth == counted.depth : found.depth <= counted.depth, "depth");
         OPAL_ASSERT(found.nodes <= counted.nodes, "nodes");
         OPAL_ASSERT(found.attributesOfElement <= counted.attributesOfElement, "attributes");
+        OPAL_ASSERT(!parsed || opal::ScanManifest(scanned.rewritten).rewritten == scanned.rewritten,
+                    "what is written is read as it was meant");
     }
     const std::unique_ptr<ISMILParser> parser(NewSMILParser());
     (void)parser->ParseSMILData(text.c_str(), std::max<size_t>(size, 1));

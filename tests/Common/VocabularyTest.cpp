@@ -8,7 +8,7 @@
 #include "Common/MemoryBuffer.h"
 #include "Common/OPALError.h"
 #include "Common/OPALPlayRate.h"
-#include "Common/XmlNesting.h"
+#include "Common/XmlParse.h"
 
 using Buffer = qutl::MemoryBuffer<unsigned char>;
 

@@ -229,11 +229,35 @@ TEST_F(SMILParserTest, BoundedWhateverTheText) {
                                    "<!--" + std::string(kMaxManifestSize, '-') + "-->"})
         EXPECT_EQ(ParsePar(par), OPAL_ERROR_GENERAL) << par.substr(0, 20);
 
+    // What begins like a reference is none, so it swallows no tag. Either of these texts is read
+    // as deeper than it looks, by whoever takes all up to the next semicolon for a character.
+    const std::string hidden = Repeat("<a>", 200) + "&#x" + Repeat("</a>", 199) + "</a x41;>";
+    EXPECT_EQ(Parse("<smil>" + Repeat(hidden, 325)), OPAL_ERROR_GENERAL);
+    EXPECT_EQ(Parse("<smil>" + Repeat("<a>&#x</a>x41;", 21000)), OPAL_ERROR_GENERAL);
+    EXPECT_THAT(Errors(), ElementsAre(HasSubstr("reference"), HasSubstr("xml data: ")));
+    for (const char* par : {"&#;", "&#x;", "&#X41;", "&#65", "&#12345678;", "<x a='&#x4g;'/>"})
+        EXPECT_EQ(ParsePar(par), OPAL_ERROR_GENERAL) << par;
+
     // Comments, quotes and character data do not nest.
     for (const size_t depth : {kMaxManifestDepth - 4, kMaxManifestDepth - 3})
         EXPECT_EQ(ParsePar(Repeat("<x>", depth) + "<!--<x><x>--><x a='<x><x>'/><![CDATA[<x><x>]]>" +
                            Repeat("</x>", depth)),
                   depth == kMaxManifestDepth - 4 ? OPAL_OK : OPAL_ERROR_GENERAL);
+}
+
+TEST_F(SMILParserTest, ValuesAreReadAsTheParserReadsThem) {
+    const std::pair<const char*, const char*> values[] = {
+        {"'a?b=1&c=2&amp;d=&lt;&#65;&#x42;&apos;&quot;&gt;'", "a?b=1&c=2&d=<AB'\">"},
+        {"\"it's <here> \xC3\xA9 \xE9t\xE9 /\"", "it's <here> \xC3\xA9 \xE9t\xE9 /"},
+        {"a&amp;b<c", "a&amp;b<c"},
+        {" = ''", ""},
+    };
+    for (const auto& [written, read] : values) {
+        const std::string equals = *written == ' ' ? "" : "=";
+        EXPECT_EQ(ParsePar("text &amp; <video src" + equals + written + " /><!-- & -->"), OPAL_OK);
+        EXPECT_THAT(Levels(), ElementsAre(std::string(read) + ":0:0:0"));
+    }
+    EXPECT_EQ(ParsePar("<video src=\xE9>"), OPAL_ERROR_GENERAL) << "ends within a character";
 }
 
 TEST_F(SMILParserTest, CutAtEveryLength) {

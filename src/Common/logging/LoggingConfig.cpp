@@ -7,7 +7,7 @@
 #include <string>
 
 #include "Common/ConfigurationFiles.h"
-#include "Common/XmlNesting.h"
+#include "Common/XmlParse.h"
 
 namespace {
 
@@ -44,11 +44,11 @@ OPALError LoggingConfig::Load() {
     if (!opal::ReadConfigurationFile("kmt_logging_config.xml", text))
         return OPAL_ERROR_GENERAL;
     std::puts("FOUND CONFIG FILE!!!");
-    if (!opal::IsXmlNestingBounded(text.data(), text.size()))
-        return OPAL_ERROR_GENERAL;
     m_document.reset(new TiXmlDocument);
-    m_document->Parse(text.c_str(), nullptr, TIXML_ENCODING_UTF8);
-    return m_document->Error() ? OPAL_ERROR_GENERAL : OPAL_OK;
+    if (opal::ParseSettings(*m_document, text))
+        return OPAL_OK;
+    m_document.reset();
+    return OPAL_ERROR_GENERAL;
 }
 
 OPALError LoggingConfig::Read(LogEventSenderConfig& config) const {

@@ -6,7 +6,7 @@
 #include <cstdio>
 
 #include "Common/ConfigurationFiles.h"
-#include "Common/XmlNesting.h"
+#include "Common/XmlParse.h"
 
 const std::string NetworkCaptureConfig::kDefaultDevice;
 const std::string NetworkCaptureConfig::kDefaultFilter = "port 80";
@@ -17,11 +17,8 @@ OPALError NetworkCaptureConfig::Load() {
     if (!opal::ReadConfigurationFile(name, text))
         return OPAL_ERROR_GENERAL;
     std::printf("FOUND CONFIG FILE!!! : %s\n", name);
-    if (!opal::IsXmlNestingBounded(text.data(), text.size()))
-        return OPAL_ERROR_GENERAL;
     TiXmlDocument document;
-    document.Parse(text.c_str(), nullptr, TIXML_ENCODING_UTF8);
-    if (document.Error())
+    if (!opal::ParseSettings(document, text))
         return OPAL_ERROR_GENERAL;
 
     NetworkCaptureConfig loaded = *this;

@@ -1,9 +1,11 @@
 #include "SMILParser/src/ManifestScan.h"
 
 #include <strings.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cstring>
+#include <utility>
 
 namespace opal {
 namespace {
@@ -30,89 +32,127 @@ size_t CharacterLength(char c) {
     return byte < 0xE0 ? 2 : byte < 0xF0 ? 3 : 4;
 }
 
+/// Bytes of the numeric reference at `text`, which begins with "&#"; 0 if that is none.
+size_t ReferenceLength(const char* text) {
+    constexpr size_t kMaxDigits = 7;
+    const bool hexadecimal = text[2] == 'x';
+    const char* const digits = text + (hexadecimal ? 3 : 2);
+    size_t count = 0;
+    while (count <= kMaxDigits &&
+           (hexadecimal ? std::isxdigit(static_cast<unsigned char>(digits[count]))
+                        : std::isdigit(static_cast<unsigned char>(digits[count]))))
+        ++count;
+    if (count == 0 || count > kMaxDigits || digits[count] != ';')
+        return 0;
+    return static_cast<size_t>(digits - text) + count + 1;
+}
+
+/// Bytes of the named reference at `text`; 0 if that is an ampersand like any other character.
+size_t NamedReferenceLength(const char* text) {
+    for (const char* name : {"&amp;", "&lt;", "&gt;", "&quot;", "&apos;"}) {
+        if (std::strncmp(text, name, std::strlen(name)) == 0)
+            return std::strlen(name);
+    }
+    return 0;
+}
+
 class Scanner {
   public:
-    explicit Scanner(const std::string& text)
-        : m_position(text.c_str()), m_end(m_position + std::strlen(m_position)) {}
+    explicit Scanner(const std::string& text) : m_position(text.c_str()) {}
 
-    ManifestExtent Run() {
-        while (Node() && IsWithinBounds(m_extent)) {
+    ScannedManifest Run() {
+        while (Node() && IsWithinBounds(m_result.extent)) {
         }
-        return m_extent;
+        return std::move(m_result);
     }
 
   private:
-    // Each step is false where the parser stops: at the end of the text, or with an error.
+    // Each step is false where the reading stops.
 
     bool Node() {
         SkipSpace();
         if (m_depth > 0 && *m_position != '<') {
-            ++m_extent.nodes;
-            if (!SkipText('<'))
+            ++m_result.extent.nodes;
+            if (!Text())
                 return false;
         }
         if (*m_position != '<')
             return false;
         if (m_depth > 0 && m_position[1] == '/')
             return EndTag();
-        ++m_extent.nodes;
+        ++m_result.extent.nodes;
         if (strncasecmp(m_position, "<?xml", 5) == 0)
-            return Declaration();
+            return Emptied("<?xml?>", 5, ">");
         if (std::strncmp(m_position, "<!--", 4) == 0)
-            return SkipPast("-->", 4);
+            return Emptied("<!---->", 4, "-->");
         if (std::strncmp(m_position, "<![CDATA[", 9) == 0)
-            return SkipPast("]]>", 9);
+            return Emptied("<![CDATA[]]>", 9, "]]>");
         if (m_position[1] != '!' && IsNameStart(m_position[1]))
-            return Element();
-        return SkipPast(">", 1);
+            return Element() || Broken();
+        return Emptied("<!>", 1, ">");
     }
 
-    bool EndTag() {
-        --m_depth;
-        return SkipPast(">", 2);
-    }
-
-    bool Declaration() {
-        m_position += 5;
-        while (*m_position != '\0') {
-            if (*m_position == '>') {
-                ++m_position;
-                return true;
-            }
-            SkipSpace();
-            if (StartsWithWord("version") || StartsWithWord("encoding") ||
-                StartsWithWord("standalone")) {
-                if (!Attribute())
-                    return false;
-                continue;
-            }
-            while (*m_position != '\0' && *m_position != '>' && !IsSpace(*m_position))
-                ++m_position;
-        }
+    bool Broken() {
+        m_result.broken = IsWithinBounds(m_result.extent);
         return false;
     }
 
+    /// Something without elements in it, which ends with `end`, `from` bytes on at the earliest.
+    bool Emptied(const char* instead, size_t from, const char* end) {
+        m_result.rewritten += instead;
+        const char* found = std::strstr(m_position + from, end);
+        if (!found)
+            return false;
+        m_position = found + std::strlen(end);
+        return true;
+    }
+
+    bool Text() {
+        for (; *m_position != '\0' && *m_position != '<'; ++m_position) {
+            if (m_position[0] == '&' && m_position[1] == '#' && ReferenceLength(m_position) == 0)
+                return Broken();
+        }
+        return *m_position != '\0';
+    }
+
+    bool EndTag() {
+        m_position += 2;
+        const char* const name = m_position;
+        while (IsNameByte(*m_position))
+            ++m_position;
+        const std::string tag(name, m_position);
+        SkipSpace();
+        if (*m_position != '>')
+            return Broken();
+        ++m_position;
+        --m_depth;
+        m_result.rewritten += "</" + tag + '>';
+        return true;
+    }
+
     bool Element() {
-        m_extent.depth = std::max(m_extent.depth, m_depth + 1);
+        m_result.extent.depth = std::max(m_result.extent.depth, m_depth + 1);
         ++m_position;
         SkipSpace();
+        m_result.rewritten += '<';
         if (!Name())
             return false;
         for (size_t attributes = 0; attributes <= kMaxManifestAttributes;) {
             SkipSpace();
-            if (*m_position == '\0')
-                return false;
             if (*m_position == '>') {
                 ++m_position;
                 ++m_depth;
+                m_result.rewritten += '>';
                 return true;
             }
             if (*m_position == '/') {
                 m_position += m_position[1] == '>' ? 2 : 1;
+                m_result.rewritten += "/>";
                 return m_position[-1] == '>';
             }
-            ++m_extent.nodes;
-            m_extent.attributesOfElement = std::max(m_extent.attributesOfElement, ++attributes);
+            ++m_result.extent.nodes;
+            m_result.extent.attributesOfElement =
+                std::max(m_result.extent.attributesOfElement, ++attributes);
             if (!Attribute())
                 return false;
         }
@@ -120,7 +160,7 @@ class Scanner {
     }
 
     bool Attribute() {
-        SkipSpace();
+        m_result.rewritten += ' ';
         if (!Name())
             return false;
         SkipSpace();
@@ -128,47 +168,84 @@ class Scanner {
             return false;
         ++m_position;
         SkipSpace();
+        m_result.rewritten += "=\"";
         const char quote = *m_position;
-        if (quote == '"' || quote == '\'') {
+        const bool quoted = quote == '"' || quote == '\'';
+        if (quoted)
             ++m_position;
-            if (!SkipText(quote))
+        while (quoted ? *m_position != quote : !EndsBareValue()) {
+            if (!ValueCharacter(quoted))
                 return false;
-            ++m_position;
-            return *m_position != '\0';
         }
-        while (*m_position != '\0' && !IsSpace(*m_position) && *m_position != '/' &&
-               *m_position != '>') {
-            if (*m_position == '"' || *m_position == '\'')
-                return false;
+        if (quoted)
             ++m_position;
-        }
+        m_result.rewritten += '"';
         return *m_position != '\0';
+    }
+
+    bool EndsBareValue() const {
+        return IsSpace(*m_position) || *m_position == '/' || *m_position == '>';
+    }
+
+    bool ValueCharacter(bool quoted) {
+        size_t length = 1;
+        switch (*m_position) {
+            case '\0':
+                return false;
+            case '"':
+            case '\'':
+                if (!quoted)
+                    return false;
+                m_result.rewritten += *m_position == '"' ? "&quot;" : "'";
+                break;
+            case '<':
+                m_result.rewritten += "&lt;";
+                break;
+            case '&':
+                return Ampersand(quoted);
+            default:
+                // Between quotes the parser takes what follows a first byte for the rest of a
+                // character, whatever it is; so a bare value must not end within one.
+                length = CharacterLength(*m_position);
+                for (size_t i = 1; i < length; ++i) {
+                    const char c = m_position[i];
+                    if (c == '\0' || (!quoted && std::strchr("\"'/> \t\n\v\f\r", c)))
+                        return false;
+                }
+                m_result.rewritten.append(m_position, length);
+        }
+        m_position += length;
+        return true;
+    }
+
+    /// References stand for characters between quotes only.
+    bool Ampersand(bool quoted) {
+        size_t length = 0;
+        if (quoted && m_position[1] == '#') {
+            length = ReferenceLength(m_position);
+            if (length == 0)
+                return false;
+        } else if (quoted) {
+            length = NamedReferenceLength(m_position);
+        }
+        if (length == 0) {
+            m_result.rewritten += "&amp;";
+            ++m_position;
+        } else {
+            m_result.rewritten.append(m_position, length);
+            m_position += length;
+        }
+        return true;
     }
 
     bool Name() {
         if (!IsNameStart(*m_position))
             return false;
+        const char* const start = m_position;
         while (IsNameByte(*m_position))
             ++m_position;
+        m_result.rewritten.append(start, m_position);
         return *m_position != '\0';
-    }
-
-    /// To the character `end`, in steps of what the parser takes for characters: a broken one
-    /// swallows what follows.
-    bool SkipText(char end) {
-        while (*m_position != '\0' && *m_position != end) {
-            const auto left = static_cast<size_t>(m_end - m_position);
-            m_position += std::min(CharacterLength(*m_position), left);
-        }
-        return *m_position != '\0';
-    }
-
-    bool SkipPast(const char* what, size_t from) {
-        const char* found = std::strstr(m_position + from, what);
-        if (!found)
-            return false;
-        m_position = found + std::strlen(what);
-        return true;
     }
 
     void SkipSpace() {
@@ -188,14 +265,9 @@ class Scanner {
                std::strncmp(m_position, "\xEF\xBF\xBF", 3) == 0;
     }
 
-    bool StartsWithWord(const char* word) const {
-        return strncasecmp(m_position, word, std::strlen(word)) == 0;
-    }
-
     const char* m_position;
-    const char* m_end;
     size_t m_depth = 0;
-    ManifestExtent m_extent;
+    ScannedManifest m_result;
 };
 
 }  // namespace
@@ -205,7 +277,7 @@ bool IsWithinBounds(const ManifestExtent& extent) {
            extent.attributesOfElement <= kMaxManifestAttributes;
 }
 
-ManifestExtent ScanManifest(const std::string& text) {
+ScannedManifest ScanManifest(const std::string& text) {
     return Scanner(text).Run();
 }
 

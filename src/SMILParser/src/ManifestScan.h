@@ -5,11 +5,20 @@
 
 namespace opal {
 
-/// What the XML parser would make of a text, counted without making it.
+/// What a manifest holds.
 struct ManifestExtent {
     size_t depth = 0;                ///< of nested elements
     size_t nodes = 0;                ///< elements, attributes, texts, comments
     size_t attributesOfElement = 0;  ///< the most that one element has
+};
+
+struct ScannedManifest {
+    ManifestExtent extent;
+    /// The manifest's elements and attributes, in a form that can be read in one way only.
+    std::string rewritten;
+    /// There is an element, an attribute or a reference that is none. What stands before it is
+    /// rewritten.
+    bool broken = false;
 };
 
 /// The parser recurses once an element, compares each attribute with all others of its element, and
@@ -19,11 +28,14 @@ constexpr size_t kMaxManifestDepth = 256;
 constexpr size_t kMaxManifestNodes = 65536;
 constexpr size_t kMaxManifestAttributes = 256;
 
-/// Follows TinyXML's own reading of the text byte by byte, lenience and all: another idea of where
-/// a quoted value ends would let a hostile text hide elements from the count. Stops where the
-/// parser stops with an error, and as soon as a bound is passed. Linear in time, constant in space.
-/// The text ends at its first zero byte.
-ManifestExtent ScanManifest(const std::string& text);
+/// Reads a manifest as leniently as TinyXML does, and writes what it has read for TinyXML to parse:
+/// names as they stand, values between double quotes with every character that has a meaning
+/// written as a reference, texts left out, comments and the like emptied. The parser never sees the
+/// text itself, so what was counted is what it will make, however the text was meant to be read.
+///
+/// Stops at the end of the text, at what is broken, and as soon as a bound is passed. Linear in
+/// time and space. The text ends at its first zero byte.
+ScannedManifest ScanManifest(const std::string& text);
 
 bool IsWithinBounds(const ManifestExtent& extent);
 

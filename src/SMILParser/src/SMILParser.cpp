@@ -9,6 +9,7 @@
 
 #include "Common/MemoryBuffer.h"
 #include "Common/ObjectFactory.h"
+#include "Common/XmlParse.h"
 #include "Common/logging/LogEvent.h"
 #include "Common/logging/LogServer.h"
 #include "Common/logging/Logger.h"
@@ -126,23 +127,18 @@ OPALError SMILParser::ParseSMILData(const char* data, size_t size) {
         LOG4CXX_ERROR(m_logger, "Error in XML parsing: larger than any manifest");
         return OPAL_ERROR_GENERAL;
     }
-    std::string text(data);
-    const bool withinBounds = opal::IsWithinBounds(opal::ScanManifest(text));
-    if (withinBounds) {
-        // A text cut within a character makes the document step past its end, up to three bytes.
-        const size_t length = text.size();
-        text.append(4, '\0');
-        m_document.Parse(text.c_str(), nullptr, TIXML_ENCODING_UTF8);
-        text.resize(length);
-    }
+    const std::string text(data);
+    const opal::ScannedManifest scanned = opal::ScanManifest(text);
     LogServer::Instance().PostOrDestroy(LogEventFactory::Instance().NewTraceLogEvent(text));
-    if (!withinBounds) {
+    if (!opal::IsWithinBounds(scanned.extent)) {
         LOG4CXX_ERROR(m_logger,
                       "Error in XML parsing: more elements, or deeper, than any manifest");
         return OPAL_ERROR_GENERAL;
     }
-    if (m_document.Error()) {
-        LOG4CXX_ERROR(m_logger, "Error in XML parsing: " << m_document.ErrorDesc());
+    if (scanned.broken || !opal::ParseXml(m_document, scanned.rewritten)) {
+        LOG4CXX_ERROR(m_logger, "Error in XML parsing: "
+                                    << (scanned.broken ? "broken element, attribute or reference"
+                                                       : m_document.ErrorDesc()));
         LOG4CXX_ERROR(m_logger, "xml data: '" << text << "'");
         return OPAL_ERROR_GENERAL;
     }

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "Common/ConfigurationFiles.h"
-#include "Common/XmlNesting.h"
+#include "Common/XmlParse.h"
 #include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
 
 namespace {
@@ -106,11 +106,8 @@ bool LoadConfigFile() {
     if (!opal::ReadConfigurationFile("kmt_ssa_config.xml", text))
         return false;
     std::puts("FOUND CONFIG FILE!!!");
-    if (!opal::IsXmlNestingBounded(text.data(), text.size()))
-        return false;
     TiXmlDocument document;
-    document.Parse(text.c_str(), nullptr, TIXML_ENCODING_UTF8);
-    if (document.Error())
+    if (!opal::ParseSettings(document, text))
         return false;
 
     Global global;
