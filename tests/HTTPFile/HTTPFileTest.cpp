@@ -1,6 +1,8 @@
 // The real file alone: header requests, broken replies, the worker, error mapping, local files.
 #include "StreamingReader/HTTPFile/HTTPFile.h"
 
+#include <sys/stat.h>
+
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
@@ -229,6 +231,9 @@ TEST_F(HTTPFileTest, ThreadedFailureSticksAndNamesTheLink) {
 TEST_F(HTTPFileTest, ReadsLocalFiles) {
     EXPECT_EQ(OPAL_ERROR_CONNECT, file.Open("file://" + sysfs.File("missing")));
     EXPECT_EQ(OPAL_ERROR_GENERAL, file.Open("file://" + sysfs.Write("empty", "")));
+    ASSERT_EQ(0, mkfifo(sysfs.File("pipe").c_str(), 0600));
+    for (const std::string& odd : {sysfs.File("pipe"), sysfs.Path()})
+        EXPECT_EQ(OPAL_ERROR_CONNECT, file.Open("file://" + odd)) << "no regular file";
     ASSERT_EQ(OPAL_OK, file.Open("file://" + sysfs.Write("digits", "0123456789")));
     ASSERT_EQ(OPAL_OK, file.RequestRange(3, -1, nullptr));
     ASSERT_EQ(OPAL_OK, file.GetCompletedRequest(request, false));

@@ -279,6 +279,17 @@ TEST_F(SMILParserTest, FetchesTheManifest) {
     EXPECT_THAT(Levels(), ElementsAre("v:0:0:0"));
     EXPECT_EQ(server->OpenFiles(), 0u);
 
+    for (const char* entry :
+         {"<video src='file:///a'/>", "<audio src='file:///a'/>",
+          "<textstream src='file:///a' xml:lang='eng'/>",
+          "<switch><video src='file:///a' systemProfile='TavoPlusTrickTrack'/></switch>"}) {
+        const std::string text = std::string("<smil><body><par>") + entry + "</par></body></smil>";
+        server->AddFile("http://host/local", text);
+        server->AddFile("file:///local", text);
+        EXPECT_EQ(Fresh().ParseSMILFile("http://host/local"), OPAL_ERROR_GENERAL) << entry;
+        EXPECT_EQ(Fresh().ParseSMILFile("file:///local"), OPAL_OK) << entry;
+    }
+
     EXPECT_EQ(Fresh().ParseSMILFile("http://host/none"), OPAL_ERROR_HTTP_CLIENT);
     EXPECT_THAT(Errors(), ElementsAre("HTTP error opening SMIL file: 'http://host/none' httpfile "
                                       "error: '-12'"));

@@ -106,6 +106,13 @@ TEST_F(StreamingReaderTest, CuesOfImplausibleSizeAreNotFetched) {
     };
     const auto refused = std::make_pair(OPAL_ERROR_GENERAL, size_t{2});
     const auto fetched = std::make_pair(OPAL_OK, size_t{3});
+    server->ClearLog();
+    reader.reset(
+        NewStreamingReader(kUrl, kMaxCues + 1, buffer.get(), &reports, OPAL_STREAM_VIDEO, 0));
+    EXPECT_EQ(OPAL_ERROR_GENERAL, reader->Open()) << "nor a header of that size";
+    EXPECT_THAT(server->Reads(), IsEmpty());
+    Make();
+
     const size_t rest = file.bytes.size() - layout.cuesOffset;
     EXPECT_EQ(refused, openWith(rest + 1, file.bytes.size()));
     EXPECT_EQ(refused, openWith(uint64_t{1} << 55, file.bytes.size()));

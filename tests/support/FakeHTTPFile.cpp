@@ -106,7 +106,7 @@ class FakeHTTPFile : public IHTTPFile {
     ~FakeHTTPFile() override { (void)Close(); }
 
     OPALError Open(const std::string& url) override {
-        if (url.compare(0, 7, "http://") != 0)
+        if (url.compare(0, 7, "http://") != 0 && url.compare(0, 7, "file://") != 0)
             return OPAL_ERROR_INVALID_ARGUMENT;
         Lock lock = Turn(false);
         if (m_bytes || IsRaised(m_stop))

@@ -21,6 +21,7 @@
 namespace {
 
 const char kTrickProfile[] = "TavoPlusTrickTrack";
+const char kFileScheme[] = "file://";
 constexpr size_t kLanguageLength = 3;
 
 bool IsTrickTrack(const TiXmlElement& video) {
@@ -39,6 +40,16 @@ int ReadInteger(const TiXmlElement& element, const char* name) {
     if (element.QueryIntAttribute(name, &value) != TIXML_SUCCESS)
         return 0;
     return value;
+}
+
+bool IsLocal(const std::string& location) {
+    return location.compare(0, sizeof(kFileScheme) - 1, kFileScheme) == 0;
+}
+
+template <typename List>
+bool HasLocal(const List& list) {
+    return std::any_of(list.begin(), list.end(),
+                       [](const auto& entry) { return IsLocal(entry->GetURI()); });
 }
 
 template <typename List, typename Pointer>
@@ -117,7 +128,18 @@ OPALError SMILParser::ParseSMILFile(const std::string& location) {
         LOG4CXX_ERROR(m_logger,
                       "ParseSMILData error: '" << location << "' size: " << body.GetSize());
     }
+    if (result == OPAL_OK && !IsLocal(location) && NamesLocalMedia()) {
+        LOG4CXX_ERROR(m_logger,
+                      "SMIL file from the network names local media: '" << location << "'");
+        return OPAL_ERROR_GENERAL;
+    }
     return result;
+}
+
+/// Who serves a manifest has no say in which of the television's own files are read.
+bool SMILParser::NamesLocalMedia() const {
+    return HasLocal(m_videoLevels) || HasLocal(m_videoTrickTracks) || HasLocal(m_audioTracks) ||
+           HasLocal(m_subtitleTracks);
 }
 
 OPALError SMILParser::ParseSMILData(const char* data, size_t size) {

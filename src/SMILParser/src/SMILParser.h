@@ -39,6 +39,7 @@ class SMILParser : public ISMILParser {
     struct TrackAttributes;
 
     OPALError ParseSMIL();
+    bool NamesLocalMedia() const;
     Walk WalkPar(const TiXmlHandle& par);
     Walk WalkExcl(const TiXmlElement& excl);
     Walk WalkSwitch(const TiXmlElement& element);

@@ -20,7 +20,8 @@ constexpr int64_t kPollMs = 30;
 constexpr int64_t kNanosecondsPerMs = 1000000;
 /// The largest EBML element header has 16 bytes.
 constexpr int64_t kElementHeaderBytes = 18;
-/// Beyond any film's; an index is held in memory whole.
+/// Beyond any film's; a header and an index are each held in memory whole.
+constexpr int64_t kMaxHeaderBytes = 16 * 1024 * 1024;
 constexpr uint64_t kMaxCuesBytes = 16 * 1024 * 1024;
 
 /// (to - from) in frames. Times and durations come from the file and from the application, so the
@@ -435,6 +436,8 @@ OPALError StreamingReader::FetchRange(int64_t offset, int64_t size,
 }
 
 OPALError StreamingReader::ReadHeaders() {
+    if (m_headerRequestSize > kMaxHeaderBytes)
+        return OPAL_ERROR_GENERAL;
     qutl::MemoryBuffer<unsigned char> bytes;
     OPALError result = FetchRange(0, m_headerRequestSize, bytes);
     if (result != OPAL_OK)

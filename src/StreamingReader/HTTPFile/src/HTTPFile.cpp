@@ -1,10 +1,12 @@
 #include "StreamingReader/HTTPFile/HTTPFile.h"
 
+#include <fcntl.h>
 #include <strings.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 #include <limits>
 #include <sstream>
 
@@ -79,11 +81,15 @@ OPALError HTTPFile::Open(const std::string& location) {
 }
 
 OPALError HTTPFile::OpenLocal_Unlocked() {
-    std::ifstream file(url.substr(sizeof(kFileScheme) - 1), std::ios::binary | std::ios::ate);
-    if (!file)
+    // libcurl opens what it is given and waits for it; a pipe would make it wait for ever.
+    const int file = open(url.c_str() + sizeof(kFileScheme) - 1, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (file < 0)
         return OPAL_ERROR_CONNECT;
-    fileSize = file.tellg();
-    return OPAL_OK;
+    struct stat status = {};
+    const bool regular = fstat(file, &status) == 0 && S_ISREG(status.st_mode);
+    (void)close(file);
+    fileSize = regular ? status.st_size : 0;
+    return regular ? OPAL_OK : OPAL_ERROR_CONNECT;
 }
 
 OPALError HTTPFile::OpenRemote_Unlocked() {
