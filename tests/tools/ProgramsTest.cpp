@@ -157,6 +157,18 @@ TEST_F(ProgramsTest, PlaysToTheEndAndTellsHowItWas) {
     EXPECT_THAT(TextOf(s_folder->File("log")), HasSubstr("KMT Version: "));
 }
 
+TEST_F(ProgramsTest, AStoppedPackagerLeavesNothingBehind) {
+    for (const int signal : {SIGINT, SIGTERM}) {
+        const std::string folder = s_folder->File("stopped");
+        Program make({OPAL_PACKAGE, "-o", folder, "--duration", "3600", "--preset", "ultrafast"});
+        make.ReadTo("level 4");
+        make.Signal(signal);
+        EXPECT_EQ(128 + signal, make.Wait()) << make.err;
+        for (const char* ending : {"", ".part"})
+            EXPECT_NE(0, access((folder + ending).c_str(), F_OK));
+    }
+}
+
 TEST_F(ProgramsTest, TellHowTheyEndedAndWithWhichCode) {
     const std::string film = s_folder->File("film");
     const std::string noise = s_folder->Write("noise.mp4", std::string(5000, 'x'));
@@ -172,6 +184,8 @@ TEST_F(ProgramsTest, TellHowTheyEndedAndWithWhichCode) {
         {{OPAL_PACKAGE, "-o", bad, "none.mp4"}, 1, "", "none.mp4"},
         {{OPAL_PACKAGE, "-o", bad, noise}, 3, "", "noise.mp4"},
         {{OPAL_PACKAGE, "-o", bad, "--subtitles", "x.srt"}, 2, "", "x.srt"},
+        {{OPAL_PACKAGE, "-o", bad, "--subtitles", "x.srt:eng", "none.mp4"}, 1, "", "none.mp4"},
+        {{"/bin/sh", "-c", OPAL_PACKAGE " --dump " + noise + " >/dev/full"}, 1, "", "output"},
         {{OPAL_PACKAGE, "-o", bad, "--trick-interval", "700"}, 2, "", "--trick-interval"},
         {{OPAL_PACKAGE, "-o", bad, "--preset", "warp"}, 1, "", "warp"},
         {{OPAL_PACKAGE, "-o", noise + "/x"}, 1, "", "noise.mp4/x"},

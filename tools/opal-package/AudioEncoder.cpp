@@ -55,10 +55,12 @@ AudioEncoder::AudioEncoder(int sampleRate, int bitrate, Output output)
 
 void AudioEncoder::Encode(int64_t timeMs, const float* const* samples, int count) {
     const int64_t ahead = timeMs - m_taken * 1000 / m_rate;
+    // The first piece follows nothing: it is placed exactly.
+    const int64_t tolerance = m_taken == 0 ? 0 : kToleranceMs;
     int64_t skip = 0;
-    if (ahead > kToleranceMs) {
+    if (ahead > tolerance) {
         Silence(timeMs * m_rate / 1000 - m_taken);
-    } else if (ahead < -kToleranceMs) {
+    } else if (ahead < -tolerance) {
         skip = std::min<int64_t>(count, m_taken - timeMs * m_rate / 1000);
     }
     const float* const rest[2] = {samples[0] + skip, samples[1] + skip};

@@ -10,7 +10,8 @@ enum class Failure {
     InputOutput = 1,  ///< a file cannot be read or written, an encoder is missing
     Usage = 2,        ///< the command line
     Refused = 3,      ///< the source cannot be packaged
-    Damaged = 4       ///< --dump: the file does not hold what its header promises
+    Damaged = 4,      ///< --dump: the file does not hold what its header promises
+    Stopped = 130     ///< by a signal
 };
 
 /// The text names the file, what was wrong and what to do about it.

@@ -8,6 +8,15 @@
 
 namespace opal::package {
 
+/// How the numbers of a picture become colours, in the terms of libavutil and of ISO/IEC 23091-2,
+/// which are the same.
+struct Colour {
+    AVColorPrimaries primaries = AVCOL_PRI_BT709;
+    AVColorTransferCharacteristic transfer = AVCOL_TRC_BT709;
+    AVColorSpace matrix = AVCOL_SPC_BT709;
+    AVColorRange range = AVCOL_RANGE_MPEG;
+};
+
 struct FilmSound {
     std::string language;
     int sampleRate = 48000;
@@ -18,6 +27,8 @@ struct FilmInfo {
     int width = 0;     ///< in square pixels
     int height = 0;
     int codedWidth = 0;  ///< of the source's own pixels; 0 when it has none
+    Colour colour;       ///< of the pictures that FilmPicture yields
+    Colour codedColour;  ///< of the source's own coded pictures
     AVRational frameRate = {25, 1};
     int64_t durationMs = 0;  ///< 0 when not known beforehand
     std::vector<FilmSound> sounds;

@@ -1,6 +1,8 @@
+#include <signal.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <cstdio>
 #include <iostream>
 #include <string>
@@ -17,7 +19,20 @@ using opal::package::PackageError;
 
 constexpr const char* kExitCodes =
     "Exit codes: 0 done; 1 a file cannot be read or written, or an encoder is missing; 2 wrong "
-    "command line;\n3 the source cannot be packaged; 4 --dump: the file is damaged.";
+    "command line;\n3 the source cannot be packaged; 4 --dump: the file is damaged; 128 and the "
+    "signal's number: stopped\nby SIGINT or SIGTERM. The folder stays as it was unless the code is "
+    "0.";
+
+volatile std::sig_atomic_t g_signal = 0;
+
+/// The second signal of a kind ends the program at once.
+void StopOnSignals() {
+    struct sigaction action = {};
+    action.sa_handler = [](int number) { g_signal = number; };
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
 
 /// A bar that stays on its line on a terminal; on a pipe a line for every tenth.
 class ProgressLine {
@@ -94,7 +109,8 @@ void Declare(CLI::App& app, CommandLine& line) {
     app.add_option("--audio-bitrate", line.audioBitrate, "Rate of each audio track")
         ->capture_default_str();
     app.add_option("--subtitles", line.subtitles,
-                   "SubRip file and language, as film.srt:eng; may be repeated");
+                   "SubRip file and language, as film.srt:eng; may be repeated")
+        ->allow_extra_args(false);
     app.add_option("--font", line.package.font,
                    "TrueType font for the subtitles; by default DejaVu Sans of this machine");
     app.add_option("--trick-interval", line.package.trickIntervalMs,
@@ -159,6 +175,8 @@ int Run(CommandLine& line) {
         std::printf("%s\n", text.c_str());
     };
     events.progress = [&progress](int64_t done, int64_t all) { progress.Show(done, all); };
+    events.stopped = [] { return g_signal != 0; };
+    StopOnSignals();
     try {
         const auto presentation = opal::package::Package(line.package, events);
         progress.Break();
@@ -189,10 +207,15 @@ int main(int argc, char** argv) {
         return app.exit(error) == 0 ? 0 : static_cast<int>(Failure::Usage);
     }
     try {
-        return Run(line);
+        const int code = Run(line);
+        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0 || !std::cout.flush()) {
+            throw PackageError(Failure::InputOutput, "standard output cannot be written");
+        }
+        return code;
     } catch (const PackageError& error) {
         std::fprintf(stderr, "opal-package: %s\n", error.what());
-        return static_cast<int>(error.GetFailure());
+        return error.GetFailure() == Failure::Stopped ? 128 + g_signal
+                                                      : static_cast<int>(error.GetFailure());
     } catch (const std::exception& error) {
         std::fprintf(stderr, "opal-package: %s\n", error.what());
         return static_cast<int>(Failure::InputOutput);

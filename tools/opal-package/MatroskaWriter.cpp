@@ -120,6 +120,15 @@ Bytes InfoElement(uint64_t& durationOffset) {
     return out;
 }
 
+Bytes ColourElement(const ColourCodes& colour) {
+    Bytes payload;
+    PutUInt(payload, 0x55B1, colour.matrix);
+    PutUInt(payload, 0x55B9, colour.range);
+    PutUInt(payload, 0x55BA, colour.transfer);
+    PutUInt(payload, 0x55BB, colour.primaries);
+    return payload;
+}
+
 Bytes TracksElement(const TrackDescription& track) {
     Bytes entry;
     PutUInt(entry, 0xD7, kTrackNumber);
@@ -138,6 +147,13 @@ Bytes TracksElement(const TrackDescription& track) {
     if (track.kind == TrackKind::Video) {
         PutUInt(format, 0xB0, track.width);
         PutUInt(format, 0xBA, track.height);
+        if (track.displayWidth > 0) {
+            PutUInt(format, 0x54B0, track.displayWidth);
+            PutUInt(format, 0x54BA, track.displayHeight);
+        }
+        if (track.colour) {
+            PutBinary(format, 0x55B0, ColourElement(*track.colour));
+        }
         PutBinary(entry, 0xE0, format);
     } else if (track.kind == TrackKind::Audio) {
         PutFloat(format, 0xB5, track.samplingFrequency);

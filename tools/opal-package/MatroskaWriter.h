@@ -17,6 +17,14 @@ struct Attachment {
     std::vector<uint8_t> data;
 };
 
+/// Codes of ISO/IEC 23091-2; the range is 1 for limited and 2 for full, 0 for unknown.
+struct ColourCodes {
+    uint32_t primaries = 2;
+    uint32_t transfer = 2;
+    uint32_t matrix = 2;
+    uint32_t range = 0;
+};
+
 /// What the header of a media file says of its one track. Fields that are zero or empty are left
 /// out of the file.
 struct TrackDescription {
@@ -27,6 +35,10 @@ struct TrackDescription {
     uint64_t defaultDurationNs = 0;
     uint32_t width = 0;
     uint32_t height = 0;
+    /// Size in square pixels, where it is another than that of the coded picture.
+    uint32_t displayWidth = 0;
+    uint32_t displayHeight = 0;
+    std::optional<ColourCodes> colour;
     float samplingFrequency = 0;
     uint32_t channels = 0;
     std::optional<Attachment> attachment;

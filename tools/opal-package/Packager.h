@@ -20,7 +20,8 @@ struct PackageOptions {
     /// Empty: the test film.
     std::string input;
     TestFilmOptions testFilm;
-    /// Created when it is not there. Files of the same names are replaced.
+    /// Created when it is not there. A presentation that it holds is replaced when the new one is
+    /// whole; other files in it stay.
     std::string folder;
     std::string baseUrl = "http://127.0.0.1:8090";
     /// Empty: the default ladder.
@@ -42,6 +43,8 @@ struct PackageEvents {
     std::function<void(const std::string&)> note;
     /// Milliseconds of film done and in all; 0 in all when that is not known.
     std::function<void(int64_t, int64_t)> progress;
+    /// Asked often; true ends the work with PackageError (Stopped).
+    std::function<bool()> stopped;
 };
 
 /// Makes a presentation folder: the media files, presentation.json and, last of all, the manifest
@@ -49,7 +52,7 @@ struct PackageEvents {
 ///
 /// Threading: works on the calling thread; encoders bring threads of their own. Several calls may
 /// run at once on different folders.
-/// Errors: PackageError. Files that were begun are removed again.
+/// Errors: PackageError. The folder is then as it was before.
 Presentation Package(const PackageOptions& options, const PackageEvents& events = {});
 
 }  // namespace opal::package

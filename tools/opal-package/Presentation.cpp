@@ -1,6 +1,7 @@
 #include "opal-package/Presentation.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -105,12 +106,38 @@ class ManifestWriter {
 };
 
 void WriteTextFile(const std::string& path, const std::string& text) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    // A reader sees the former text or the whole of this one.
+    const std::string whole = path + ".new";
+    std::ofstream out(whole, std::ios::binary | std::ios::trunc);
     out << text;
     out.close();
-    if (!out) {
+    std::error_code error;
+    if (out) {
+        std::filesystem::rename(whole, path, error);
+    }
+    if (!out || error) {
+        std::error_code ignored;
+        std::filesystem::remove(whole, ignored);
         throw PackageError(Failure::InputOutput,
                            path + ": cannot be written; is the folder there and writable?");
+    }
+}
+
+/// A file that is not the one described would fail in the middle of a film.
+void TestFile(const std::string& path, const Entry& entry) {
+    uint64_t least = entry.headerRequest;
+    for (const uint64_t size : entry.clusterSizes) {
+        least += size;
+    }
+    std::error_code error;
+    const uint64_t size = std::filesystem::file_size(path, error);
+    if (error || size < least) {
+        throw PackageError(Failure::InputOutput,
+                           path + ": " +
+                               (error ? error.message()
+                                      : "holds " + std::to_string(size) + " bytes of at least " +
+                                            std::to_string(least)) +
+                               "; make the presentation again");
     }
 }
 
@@ -240,8 +267,11 @@ void RewriteManifest(const std::string& folder, const std::string& baseUrl) {
                            path + ": cannot be read; make the presentation first");
     }
     try {
-        WriteTextFile(folder + "/" + kManifestName,
-                      ManifestText(ParseSidecar(text.str()), baseUrl));
+        const Presentation presentation = ParseSidecar(text.str());
+        for (const Entry& entry : presentation.entries) {
+            TestFile(folder + "/" + entry.file, entry);
+        }
+        WriteTextFile(folder + "/" + kManifestName, ManifestText(presentation, baseUrl));
     } catch (const PackageError& error) {
         if (error.GetFailure() != Failure::Refused) {
             throw;

@@ -64,7 +64,8 @@ constexpr const char* kSidecarName = "presentation.json";
 void WritePresentation(const std::string& folder, const Presentation& presentation,
                        const std::string& baseUrl);
 
-/// Writes only the manifest, from the folder's sidecar. Throws PackageError.
+/// Writes only the manifest, from the folder's sidecar, when the files it names are there and
+/// whole. Throws PackageError.
 void RewriteManifest(const std::string& folder, const std::string& baseUrl);
 
 }  // namespace opal::package

@@ -6,11 +6,13 @@ extern "C" {
 
 #include <algorithm>
 #include <cmath>
-#include <map>
+#include <optional>
 #include <utility>
 
 #include "opal-package/AvcStream.h"
 #include "opal-package/Error.h"
+#include "opal-package/PictureFilter.h"
+#include "opal-package/ScaledPicture.h"
 
 namespace opal::package {
 namespace {
@@ -37,58 +39,6 @@ int OutputRate(int sourceRate) {
     return sourceRate == 32000 || sourceRate == 44100 ? sourceRate : 48000;
 }
 
-/// The decoded picture, scaled to whatever sizes are asked for.
-class ScaledPicture : public FilmPicture {
-  public:
-    void Set(const AVFrame& frame) {
-        m_source = &frame;
-        m_upToDate.clear();
-    }
-
-    AVFrame& At(int width, int height, unsigned) override {
-        Size& size = m_sizes[{width, height}];
-        bool& done = m_upToDate[{width, height}];
-        if (!size.frame) {
-            size.frame = NewPicture(width, height);
-        }
-        if (!size.frame || av_frame_make_writable(size.frame.get()) < 0) {
-            throw PackageError(Failure::InputOutput, "no memory for a picture");
-        }
-        if (!done) {
-            Scale(size);
-            done = true;
-        }
-        return *size.frame;
-    }
-
-  private:
-    struct Size {
-        AvPtr<AVFrame> frame;
-        AvPtr<SwsContext> scaler;
-    };
-
-    void Scale(Size& size) const {
-        AVFrame& to = *size.frame;
-        // Gives the same context back as long as the source's format stays.
-        size.scaler.reset(
-            sws_getCachedContext(size.scaler.release(), m_source->width, m_source->height,
-                                 static_cast<AVPixelFormat>(m_source->format), to.width, to.height,
-                                 AV_PIX_FMT_YUV420P, SWS_BILINEAR, nullptr, nullptr, nullptr));
-        if (!size.scaler || sws_scale(size.scaler.get(), m_source->data, m_source->linesize, 0,
-                                      m_source->height, to.data, to.linesize) != to.height) {
-            throw PackageError(
-                Failure::Refused,
-                std::string("pictures of format ") +
-                    av_get_pix_fmt_name(static_cast<AVPixelFormat>(m_source->format)) +
-                    " cannot be scaled");
-        }
-    }
-
-    const AVFrame* m_source = nullptr;
-    std::map<std::pair<int, int>, Size> m_sizes;
-    std::map<std::pair<int, int>, bool> m_upToDate;
-};
-
 /// One decoded stream of the source.
 struct Decoder {
     int index = -1;
@@ -107,13 +57,14 @@ struct Decoder {
 class SourceFilm : public Film {
   public:
     explicit SourceFilm(SourceFilmOptions options)
-        : m_options(std::move(options)), m_packet(av_packet_alloc()), m_frame(av_frame_alloc()) {
+        : m_options(std::move(options)),
+          m_packet(av_packet_alloc()),
+          m_frame(av_frame_alloc()),
+          m_shown(av_frame_alloc()) {
         OpenInput();
         OpenVideo();
         for (unsigned i = 0; i < m_input->nb_streams; ++i) {
-            if (m_input->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO) {
-                OpenAudio(*m_input->streams[i]);
-            }
+            OpenOther(*m_input->streams[i]);
         }
         for (unsigned i = 0; i < m_input->nb_streams; ++i) {
             const bool wanted =
@@ -131,6 +82,7 @@ class SourceFilm : public Film {
             Finish(sink);
             return false;
         }
+        ThrowIfStopped();
         if (code < 0) {
             throw PackageError(Failure::Refused, m_info.name + ": cannot be read on behind " +
                                                      std::to_string(m_video.nextTimeMs) + " ms: " +
@@ -153,9 +105,25 @@ class SourceFilm : public Film {
         throw PackageError(Failure::Refused, m_options.input + ": " + text);
     }
 
+    void ThrowIfStopped() const {
+        if (m_options.stopped && m_options.stopped()) {
+            throw PackageError(Failure::Stopped, m_options.input + ": not read on, as asked");
+        }
+    }
+
+    static int IsStopped(void* film) {
+        const auto& stopped = static_cast<SourceFilm*>(film)->m_options.stopped;
+        return stopped && stopped() ? 1 : 0;
+    }
+
     void OpenInput() {
-        AVFormatContext* context = nullptr;
+        AVFormatContext* context = avformat_alloc_context();
+        if (context == nullptr) {
+            throw PackageError(Failure::InputOutput, "no memory for " + m_options.input);
+        }
+        context->interrupt_callback = {&SourceFilm::IsStopped, this};
         int code = avformat_open_input(&context, m_options.input.c_str(), nullptr, nullptr);
+        ThrowIfStopped();
         if (code < 0) {
             const bool unknown = code == AVERROR_INVALIDDATA || code == AVERROR_EOF;
             throw PackageError(unknown ? Failure::Refused : Failure::InputOutput,
@@ -177,7 +145,12 @@ class SourceFilm : public Film {
             Refuse("holds no video stream; a presentation needs one");
         }
         AVStream& stream = *m_input->streams[index];
-        OpenDecoder(m_video, stream);
+        const int code = OpenDecoder(m_video, stream);
+        if (code < 0) {
+            Refuse("stream " + std::to_string(index) + " (" +
+                   avcodec_get_name(stream.codecpar->codec_id) +
+                   ") cannot be decoded: " + AvErrorText(code));
+        }
         const AVCodecParameters& parameters = *stream.codecpar;
         if (parameters.width < kSmallestSide || parameters.height < kSmallestSide ||
             parameters.width > kLargestSide || parameters.height > kLargestSide) {
@@ -192,6 +165,9 @@ class SourceFilm : public Film {
                                   kSmallestSide, kLargestSide);
         m_info.height = parameters.height;
         m_info.codedWidth = parameters.width;
+        m_info.codedColour = {parameters.color_primaries, parameters.color_trc,
+                              parameters.color_space, parameters.color_range};
+        PrepareFilter(stream);
         const AVRational rate = av_guess_frame_rate(m_input.get(), &stream, nullptr);
         if (rate.num > 0 && rate.den > 0 && av_q2d(rate) <= 240) {
             m_info.frameRate = rate;
@@ -204,6 +180,23 @@ class SourceFilm : public Film {
                         : av_rescale_q(stream.start_time, stream.time_base, kMilliseconds);
         if (m_options.copy) {
             PrepareCopy(stream);
+        }
+    }
+
+    void PrepareFilter(const AVStream& stream) {
+        const PictureProperties properties = PropertiesOf(stream);
+        m_filter.emplace(m_options.input, properties);
+        m_info.colour = m_filter->OutputColour();
+        if (m_options.copy && (!properties.turn.empty() || properties.highDynamicRange)) {
+            Refuse(std::string("its pictures are ") +
+                   (properties.highDynamicRange ? "of high dynamic range" : "to be turned") +
+                   ", which sets do not do; leave out --copy");
+        }
+        if (properties.sideways) {
+            std::swap(m_info.width, m_info.height);
+        }
+        if (properties.highDynamicRange) {
+            Warn("its pictures of high dynamic range are mapped to the usual range of BT.709");
         }
     }
 
@@ -234,36 +227,55 @@ class SourceFilm : public Film {
         }
     }
 
+    /// Any stream but the film's pictures.
+    void OpenOther(const AVStream& stream) {
+        const AVMediaType type = stream.codecpar->codec_type;
+        if (type == AVMEDIA_TYPE_AUDIO) {
+            OpenAudio(stream);
+        } else if (type == AVMEDIA_TYPE_SUBTITLE) {
+            Warn("text track " + std::to_string(stream.index) + " (" + Language(stream) + ", " +
+                 avcodec_get_name(stream.codecpar->codec_id) + ") is left out");
+        } else if (type == AVMEDIA_TYPE_VIDEO && stream.index != m_video.index &&
+                   (stream.disposition & AV_DISPOSITION_ATTACHED_PIC) == 0) {
+            Warn("video stream " + std::to_string(stream.index) +
+                 " is left out: a presentation has one picture");
+        }
+    }
+
     void OpenAudio(const AVStream& stream) {
         if (stream.codecpar->sample_rate <= 0 || stream.codecpar->ch_layout.nb_channels <= 0) {
             Warn("audio stream " + std::to_string(stream.index) + " is left out: it is empty");
             return;
         }
         Decoder audio;
-        OpenDecoder(audio, stream);
+        const int code = OpenDecoder(audio, stream);
+        if (code < 0) {
+            Warn("audio stream " + std::to_string(stream.index) + " (" + Language(stream) + ", " +
+                 avcodec_get_name(stream.codecpar->codec_id) +
+                 ") is left out, for it cannot be decoded: " + AvErrorText(code));
+            return;
+        }
         audio.track = m_info.sounds.size();
         audio.outputRate = OutputRate(stream.codecpar->sample_rate);
         m_info.sounds.push_back({Language(stream), audio.outputRate});
         m_audio.push_back(std::move(audio));
     }
 
-    void OpenDecoder(Decoder& decoder, const AVStream& stream) {
-        const AVCodec* codec = avcodec_find_decoder(stream.codecpar->codec_id);
-        int code = AVERROR_DECODER_NOT_FOUND;
-        if (codec != nullptr) {
-            decoder.context.reset(avcodec_alloc_context3(codec));
-            decoder.context->thread_count = kDecoderThreads;
-            decoder.context->pkt_timebase = stream.time_base;
-            code = avcodec_parameters_to_context(decoder.context.get(), stream.codecpar);
-            code = code < 0 ? code : avcodec_open2(decoder.context.get(), codec, nullptr);
-        }
-        if (code < 0) {
-            Refuse("stream " + std::to_string(stream.index) + " (" +
-                   avcodec_get_name(stream.codecpar->codec_id) +
-                   ") cannot be decoded: " + AvErrorText(code));
-        }
+    static int OpenDecoder(Decoder& decoder, const AVStream& stream) {
         decoder.index = stream.index;
         decoder.timeBase = stream.time_base;
+        const AVCodec* codec = avcodec_find_decoder(stream.codecpar->codec_id);
+        if (codec == nullptr) {
+            return AVERROR_DECODER_NOT_FOUND;
+        }
+        decoder.context.reset(avcodec_alloc_context3(codec));
+        if (!decoder.context) {
+            return AVERROR(ENOMEM);
+        }
+        decoder.context->thread_count = kDecoderThreads;
+        decoder.context->pkt_timebase = stream.time_base;
+        const int code = avcodec_parameters_to_context(decoder.context.get(), stream.codecpar);
+        return code < 0 ? code : avcodec_open2(decoder.context.get(), codec, nullptr);
     }
 
     Decoder* FindAudio(int index) {
@@ -320,10 +332,57 @@ class SourceFilm : public Film {
         }
         ++m_pictures;
         m_lastPictureMs = timeMs;
+        // A picture of a slide show says how long it stands, its frame rate does not.
+        const int64_t saidMs = av_rescale_q(m_frame->pkt_duration, m_video.timeBase, kMilliseconds);
         const double frameMs = 1000.0 / av_q2d(m_info.frameRate);
         m_video.nextTimeMs = timeMs + std::max<int64_t>(1, std::llround(frameMs));
-        m_picture.Set(*m_frame);
+        if (saidMs > kLongestHoldMs && saidMs <= kLongestPauseMs) {
+            m_video.nextTimeMs = timeMs + saidMs;
+        }
+        m_frame->pts = timeMs;
+        m_filter->Push(*m_frame, [&](AVFrame& picture) { ShowPicture(picture, sink); });
+    }
+
+    void ShowPicture(AVFrame& picture, FilmSink& sink) {
+        const int64_t timeMs = picture.pts;
+        const bool first = m_shown->data[0] == nullptr;
+        if (!first) {
+            RepeatUntil(timeMs, sink);
+        }
+        av_frame_unref(m_shown.get());
+        if (av_frame_ref(m_shown.get(), &picture) < 0) {
+            throw PackageError(Failure::InputOutput, "no memory for a picture");
+        }
+        m_picture.Set(*m_shown);
+        if (first && timeMs > kLongestHoldMs) {
+            m_shownMs = 0;
+            sink.OnPicture(0, m_picture);
+            RepeatUntil(timeMs, sink);
+        }
+        m_shownMs = timeMs;
         sink.OnPicture(timeMs, m_picture);
+    }
+
+    /// Shows the last picture again, at even distances, up to what comes at `endMs`.
+    void RepeatUntil(int64_t endMs, FilmSink& sink) {
+        const int64_t beginMs = m_shownMs;
+        const int64_t pieces = (endMs - beginMs + kLongestHoldMs - 1) / kLongestHoldMs;
+        for (int64_t i = 1; i < pieces; ++i) {
+            m_shownMs = beginMs + (endMs - beginMs) * i / pieces;
+            sink.OnPicture(m_shownMs, m_picture);
+        }
+    }
+
+    /// Sound that goes on behind the last picture keeps that picture standing.
+    int64_t EndMs() const {
+        int64_t endMs = m_video.nextTimeMs;
+        int64_t soundMs = 0;
+        for (const Decoder& audio : m_audio) {
+            soundMs = std::max(soundMs, audio.nextTimeMs);
+        }
+        const bool standing = !m_options.copy && soundMs > endMs + kLongestHoldMs &&
+                              soundMs <= endMs + kLongestPauseMs;
+        return standing ? soundMs : endMs;
     }
 
     /// A source may change its sound's format on the way (broadcast recordings do).
@@ -404,8 +463,13 @@ class SourceFilm : public Film {
 
     void Finish(FilmSink& sink) {
         Decode(m_video, nullptr, sink);
+        m_filter->Finish([&](AVFrame& picture) { ShowPicture(picture, sink); });
         for (Decoder& audio : m_audio) {
             Decode(audio, nullptr, sink);
+        }
+        if (m_pictures > 0) {
+            m_video.nextTimeMs = EndMs();
+            RepeatUntil(m_video.nextTimeMs, sink);
         }
         if (m_damaged > 1) {
             Warn(std::to_string(m_damaged) + " pieces could not be decoded");
@@ -422,6 +486,10 @@ class SourceFilm : public Film {
     AvPtr<AVFrame> m_frame;
     Decoder m_video;
     std::vector<Decoder> m_audio;
+    std::optional<PictureFilter> m_filter;
+    /// What was passed on last, and when.
+    AvPtr<AVFrame> m_shown;
+    int64_t m_shownMs = 0;
     ScaledPicture m_picture;
     std::vector<float> m_sound[2];
     int64_t m_startMs = 0;

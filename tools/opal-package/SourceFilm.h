@@ -8,6 +8,9 @@
 
 namespace opal::package {
 
+/// A player that waits for pictures must not wait longer.
+constexpr int64_t kLongestHoldMs = 500;
+
 struct SourceFilmOptions {
     std::string input;  ///< a path, or any URL that libavformat opens
     /// Passes the coded pictures on as well (FilmSink::OnPacket), and refuses a source whose
@@ -15,9 +18,13 @@ struct SourceFilmOptions {
     bool copy = false;
     /// Takes remarks that do not stop the work, one line each.
     std::function<void(const std::string&)> warn;
+    /// True ends a wait for the source with PackageError (Stopped).
+    std::function<bool()> stopped;
 };
 
-/// A film that FFmpeg's libraries read: the first video stream and every audio stream. Throws
+/// A film that FFmpeg's libraries read: the first video stream and every audio stream. Where more
+/// than kLongestHoldMs pass without a new picture, the last one is passed on again, to the end of
+/// the film. Throws
 /// PackageError for a source that is not there (InputOutput) or that cannot be packaged (Refused),
 /// naming the file and, where there is one, the command that mends it.
 std::unique_ptr<Film> OpenSourceFilm(const SourceFilmOptions& options);

@@ -34,6 +34,10 @@ VideoEncoder::VideoEncoder(const VideoEncoderOptions& options, Output output)
     context.height = options.height;
     context.pix_fmt = AV_PIX_FMT_YUV420P;
     context.sample_aspect_ratio = {1, 1};
+    context.color_primaries = options.colour.primaries;
+    context.color_trc = options.colour.transfer;
+    context.colorspace = options.colour.matrix;
+    context.color_range = options.colour.range;
     context.time_base = {1, 1000};
     context.framerate = options.frameRate;
     context.gop_size = options.allKey ? 1 : kLongestGroup;

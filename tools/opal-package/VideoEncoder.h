@@ -5,6 +5,7 @@
 
 #include "opal-package/Av.h"
 #include "opal-package/AvcStream.h"
+#include "opal-package/Film.h"
 #include "opal-package/Ladder.h"
 #include "opal-package/MatroskaWriter.h"
 
@@ -19,6 +20,8 @@ struct VideoEncoderOptions {
     /// Every picture a key frame.
     bool allKey = false;
     std::string preset = "superfast";
+    /// Written into the bit stream.
+    Colour colour;
 };
 
 /// H.264 through libx264: key frames only where they are asked for, each closing what was before
