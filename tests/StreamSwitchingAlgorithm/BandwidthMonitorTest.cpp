@@ -46,6 +46,7 @@ TEST_F(BandwidthMonitorTest, CountsActiveTimeInTheWindowOnly) {
         {"overlapping ones add up", {{500000, 2000, 0}, {500000, 1500, 500}}, 4000000},
         {"touching ones leave no gap", {{500000, 2000, 1000}, {500000, 1000, 0}}, 4000000},
         {"a gap before the window is none of it", {{1, 9000, 8000}, {500000, 2000, 0}}, 2000000},
+        {"the clock was set back", {{9000000, -3600000, -3602000}, {500000, 2000, 0}}, 2000000},
         {"beyond what an int holds", {{0xFFFFFFFF, 2000, 0}}, 2147483647},
     };
     for (const auto& row : rows)

@@ -125,6 +125,25 @@ TEST_F(SwitchingControllerTest, SteadyModeEndsWithAnyDropAndIsOffWhenDisabled) {
     }
 }
 
+TEST_F(SwitchingControllerTest, APeriodThatBeganInTheFutureIsOver) {
+    for (bool setBack : {false, true}) {
+        AlgorithmConfig::Global global = BuiltIn();
+        global.maxSecondsInAgileMode = global.minSecondsInAgileMode = 7200000;
+        Configure(global, 0, 3600000);
+        SwitchingSession session(kLadder);
+        session.Begin();
+        for (int i = 0; i < 12; ++i)
+            session.Video(625000, 2000, 10000);
+        if (setBack)
+            session.clock.Advance(-3600000);
+        session.Video(625000, 2000, 10000);
+        ASSERT_EQ(session.controller->GetCurrentLevel(), 2);
+        for (int i = 0; i < 3; ++i)
+            session.Video(3750000, 2000, 10000);
+        EXPECT_EQ(session.controller->GetCurrentLevel(), setBack ? 2 : 3) << "steady mode stays";
+    }
+}
+
 TEST_F(SwitchingControllerTest, StartUpModeHintAndZeroBandwidth) {
     SwitchingSession two({500000, 1000000});
     EXPECT_EQ(two.controller->GetInitialBandwidthMode(), InitialBandwidthMode_LowestLevel);

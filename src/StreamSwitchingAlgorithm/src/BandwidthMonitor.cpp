@@ -9,6 +9,8 @@
 namespace {
 
 constexpr uint64_t kBitsPerByteMsPerSecond = 8000;
+/// Reports of two threads may change places; by more than this it was the clock that was set back.
+constexpr int64_t kMaxDisorderMs = 1000;
 
 int Rate(int64_t bytes, int64_t ms) {
     if (ms <= 0)
@@ -35,6 +37,9 @@ void BandwidthMonitor::AddSample(const BandwidthSample& sample) {
     LOG4CXX_DEBUG(m_logger, "AddSample: size=" << sample.size
                                                << ", interval.lower=" << sample.interval.lower()
                                                << ", interval.upper=" << sample.interval.upper());
+    if (!m_samples.empty() &&
+        sample.interval.upper() < m_samples.back().interval.upper() - kMaxDisorderMs)
+        m_samples.clear();  // times of before and after have no common measure
     m_samples.push_back(sample);
     // One a call, so that a count lowered later drains one sample at a time.
     const int64_t limit = AlgorithmConfig::Instance().GetBandwidthMonitorSampleCount();

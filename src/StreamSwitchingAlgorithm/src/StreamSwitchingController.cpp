@@ -22,6 +22,11 @@ constexpr int kMaxUsefulAudioBuffer = 16000;
 constexpr size_t kMinLevelsForProbe = 3;
 const char kReservedLanguage[] = "eng";
 
+/// A period that seems to have begun in the future is over: the wall clock was set back.
+bool IsOver(int64_t elapsed, int64_t period) {
+    return elapsed < 0 || elapsed > period;
+}
+
 int Saturate(int64_t value) {
     return static_cast<int>(
         std::clamp(value, int64_t{0}, static_cast<int64_t>(std::numeric_limits<int>::max())));
@@ -257,8 +262,8 @@ void StreamSwitchingController::UpdateMode(int level, int64_t downloadTime) {
     const AlgorithmConfig& config = AlgorithmConfig::Instance();
     if (config.GetDisableSteadyState())
         return;
-    if (elapsed > config.GetMaxSecondsInAgileMode() ||
-        m_stableDuration > config.GetMinSecondsInAgileMode())
+    if (IsOver(elapsed, config.GetMaxSecondsInAgileMode()) ||
+        IsOver(m_stableDuration, config.GetMinSecondsInAgileMode()))
         SwitchMode(AlgorithmConfig::kSteady);
 }
 
