@@ -3,7 +3,7 @@ include(CMakePackageConfigHelpers)
 
 set(OPAL_PUBLIC_HEADERS
   Common/Export.h Common/MemoryBuffer.h Common/OPALError.h Common/OPALPlayRate.h
-  Common/OPALStreamType.h Common/OPALWriterModel.h Common/logging/Logger.h
+  Common/OPALStreamType.h Common/OPALVersion.h Common/OPALWriterModel.h Common/logging/Logger.h
   PlatformAdapter/Mstar/HABPreferences.h
   StreamingController/IStreamingController.h StreamingController/IStreamingControllerNotify.h
   StreamingController/StreamingControllerTypes.h)
@@ -25,6 +25,7 @@ write_basic_package_version_file(${CMAKE_BINARY_DIR}/OPALConfigVersion.cmake
   VERSION ${PROJECT_VERSION} COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_BINARY_DIR}/OPALConfig.cmake ${CMAKE_BINARY_DIR}/OPALConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/OPAL)
+file(RELATIVE_PATH OPAL_PC_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(cmake/opal.pc.in ${CMAKE_BINARY_DIR}/opal.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/opal.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 

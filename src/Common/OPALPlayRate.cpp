@@ -69,8 +69,6 @@ bool GetRateFrameStep(OPALPlayRate rate, size_t* take, size_t* skip) {
 }
 
 /// Rates are checked where they come in, so that a wrong one here is a fault of the library's own.
-/// The assertion stands on line 76: the set's logs are searched for it by its place, so the lines
-/// above are kept in number. A test holds it there.
 int GetRateValue(OPALPlayRate rate) {
     const RateProperties* properties = Find(rate);
     OPAL_ASSERT(properties != nullptr, "0");

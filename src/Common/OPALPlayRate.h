@@ -2,6 +2,8 @@
 
 #include <cstddef>
 
+#include "Common/Export.h"
+
 /// Play rates; FF is forward, RW reverse. 0 is not a rate.
 enum OPALPlayRate : int {
     OPAL_PLAYRATE_ONEX = 1,
@@ -19,14 +21,14 @@ enum OPALPlayRate : int {
 
 /// The signed speed factor: 1, 2, -2 ... 32, -32. Negative means reverse play. Any other value of
 /// `rate` is a programming error and fails the assertion "0".
-int GetRateValue(OPALPlayRate rate);
+OPAL_EXPORT int GetRateValue(OPALPlayRate rate);
 
 /// The enumerator's name; "UNKNOWN" for anything that is not a rate.
-const char* GetRateName(OPALPlayRate rate);
+OPAL_EXPORT const char* GetRateName(OPALPlayRate rate);
 
 /// The short text of the uploaded log ("1x", "-2x"); "unknown" for anything that is not a rate.
-const char* GetRateLogText(OPALPlayRate rate);
+OPAL_EXPORT const char* GetRateLogText(OPALPlayRate rate);
 
 /// How a trick cluster is thinned at `rate`: take `*take` frames, then skip `*skip`. False, with
 /// both 0, for anything that is not a rate.
-bool GetRateFrameStep(OPALPlayRate rate, size_t* take, size_t* skip);
+OPAL_EXPORT bool GetRateFrameStep(OPALPlayRate rate, size_t* take, size_t* skip);

@@ -7,6 +7,7 @@
 #include <iterator>
 #include <string>
 
+#include "Common/OPALVersion.h"
 #include "opal-origin/Origin.h"
 #include "opal-origin/Script.h"
 
@@ -62,6 +63,7 @@ struct Arguments {
 
 void Declare(CLI::App* pApp, Arguments* pArguments) {
     pApp->footer(kFooter);
+    pApp->set_version_flag("--version", "opal-origin " OPAL_VERSION_TEXT);
     pApp->add_option("FOLDER", pArguments->options.folder, "The folder to serve")->required();
     pApp->add_option("--port", pArguments->options.port, "TCP port; 0, the default: a free one");
     pApp->add_option("--bind", pArguments->options.address, "Address to listen on")

@@ -7,6 +7,7 @@
 #include <iostream>
 #include <string>
 
+#include "Common/OPALVersion.h"
 #include "opal-package/Av.h"
 #include "opal-package/Dump.h"
 #include "opal-package/Error.h"
@@ -91,6 +92,7 @@ struct CommandLine {
 
 void Declare(CLI::App& app, CommandLine& line) {
     app.footer(kExitCodes);
+    app.set_version_flag("--version", "opal-package " OPAL_VERSION_TEXT);
     app.add_option("INPUT", line.package.input,
                    "Video to be packaged; without it the test film is made");
     app.add_option("-o,--output", line.package.folder, "Folder to be made");

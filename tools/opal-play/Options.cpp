@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <iostream>
 
+#include "Common/OPALVersion.h"
 #include "opal-play/Rates.h"
 #include "opal-play/Report.h"
 
@@ -56,6 +57,7 @@ struct Words {
 
 void Declare(CLI::App& app, Options& options, Words& words) {
     app.footer(kFooter);
+    app.set_version_flag("--version", "opal-play " OPAL_VERSION_TEXT);
     app.add_option("URL", options.url, "Manifest of the presentation")->required();
     app.add_option("--at", words.actions,
                    "Do something TIME after playback started, as 5s:seek=20 or 10s:rate=-4x; also "

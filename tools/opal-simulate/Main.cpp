@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "Common/ConfigurationFiles.h"
+#include "Common/OPALVersion.h"
 #include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
 #include "opal-simulate/Film.h"
 #include "opal-simulate/Link.h"
@@ -271,6 +272,7 @@ int main(int argc, char** argv) {
         "  opal-simulate --film film.json --trace traces/ --grid upperGuardTrigger=0,15,30\n\n"
         "Exit codes: 0 done, 2 wrong usage, 3 input that cannot be read,\n"
         "4 a replay that decides otherwise.");
+    app.set_version_flag("--version", "opal-simulate " OPAL_VERSION_TEXT);
     auto* replay = app.add_option("--replay", options.replay,
                                   "Decide a recorded session again and compare; needs no film");
     auto* film = app.add_option(

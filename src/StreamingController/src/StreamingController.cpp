@@ -6,6 +6,7 @@
 
 #include "Common/Assert.h"
 #include "Common/CodecIDs.h"
+#include "Common/OPALVersion.h"
 #include "Common/logging/ILogEventSender.h"
 #include "ContentSession/IProtectedContent.h"
 #include "PlatformAdapter/Mstar/HABArch.h"
@@ -44,7 +45,12 @@ extern "C" IStreamingController* NewStreamingController() {
 
 extern "C" void KMTGetVersion(OPALVersion* version) {
     if (version)
-        *version = OPALVersion{1, 3, 2, 35};
+        *version = OPALVersion{OPAL_VERSION_MAJOR, OPAL_VERSION_MINOR, OPAL_VERSION_REVISION,
+                               OPAL_VERSION_BUILD};
+}
+
+extern "C" const char* OPALVersionText() {
+    return OPAL_VERSION_TEXT;
 }
 
 StreamingController::StreamingController() : logger(getLogger("opal.StreamingController")) {
