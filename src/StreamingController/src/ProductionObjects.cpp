@@ -7,6 +7,9 @@
 #include "Common/ObjectFactory.h"
 #include "Common/logging/LogEventSender.h"
 #include "StreamingReader/HTTPFile/HTTPFile.h"
+#ifdef OPAL_TICKET_START
+#include "ContentSession/ContentSession.h"
+#endif
 
 namespace {
 
@@ -24,6 +27,22 @@ class NullLogEventSenderObject : public LogEventSenderObject {
     }
 };
 
+#ifdef OPAL_TICKET_START
+class ProductionLogEventSenderObject : public LogEventSenderObject {
+  public:
+    bool Accepts(int kind) const override { return kind == ObjectFactory::kUploadSender; }
+    ILogEventSender* Create(const LogEventSenderConfig* config, void*) override {
+        return NewUploadLogEventSender(config);
+    }
+};
+
+class ProductionProtectedContentObject : public ProtectedContentObject {
+  public:
+    bool Accepts(int kind) const override { return kind == 0; }
+    IProtectedContent* Create() override { return NewContentSession(); }
+};
+#endif
+
 }  // namespace
 
 void opal::RegisterProductionObjects() {
@@ -31,6 +50,10 @@ void opal::RegisterProductionObjects() {
     std::call_once(once, [] {
         ObjectFactory& factory = ObjectFactory::Instance();
         factory.Register(boost::make_shared<ProductionHTTPFileObject>());
+#ifdef OPAL_TICKET_START
+        factory.Register(boost::make_shared<ProductionLogEventSenderObject>());
+        factory.Register(boost::make_shared<ProductionProtectedContentObject>());
+#endif
         factory.Register(boost::make_shared<NullLogEventSenderObject>());
     });
 }

@@ -43,7 +43,6 @@ class HTTPFile : public IHTTPFile {
   private:
     using Lock = opal::MutexLock;
 
-    static int OnSocket(void* user, curl_socket_t socket, curlsocktype purpose);
     static size_t OnHeader(char* bytes, size_t size, size_t count, void* user);
     static size_t OnBody(char* bytes, size_t size, size_t count, void* user);
     static int OnProgress(void* user, curl_off_t total, curl_off_t now, curl_off_t uploadTotal,

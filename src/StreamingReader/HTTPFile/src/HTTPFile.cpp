@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <strings.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,9 +9,9 @@
 #include <limits>
 #include <sstream>
 
-#include "Common/Assert.h"
 #include "Common/StreamingTuning.h"
 #include "Common/network/NetworkInterface.h"
+#include "StreamingReader/HTTPFile/src/CurlHandle.h"
 
 namespace {
 
@@ -27,15 +26,11 @@ bool StartsWith(const std::string& text, const char* prefix) {
     return text.compare(0, std::char_traits<char>::length(prefix), prefix) == 0;
 }
 
-CURL* NewHandle() {
-    static const CURLcode initialised = curl_global_init(CURL_GLOBAL_DEFAULT);
-    return initialised == CURLE_OK ? curl_easy_init() : nullptr;
-}
+using opal::NewCurlHandle;
 
 template <typename Value>
 void SetOption(CURL* handle, CURLoption option, Value value) {
-    const CURLcode code = curl_easy_setopt(handle, option, value);
-    OPAL_ASSERT(code == CURLE_OK, "false");
+    opal::SetCurlOption(handle, option, value);
 }
 
 }  // namespace
@@ -58,7 +53,7 @@ OPALError HTTPFile::Open(const std::string& location) {
         return OPAL_ERROR_NOT_READY;
     if (const OPALError ending = EndingResult())
         return ending;
-    curl = NewHandle();
+    curl = NewCurlHandle();
     if (!curl)
         return OPAL_ERROR_GENERAL;
     Reset_Unlocked();
@@ -110,20 +105,13 @@ OPALError HTTPFile::OpenRemote_Unlocked() {
 OPALError HTTPFile::InitCURLOptions_Unlocked(bool headerOnly) {
     const StreamingTuning& tuning = StreamingTuning::Instance();
     curl_easy_reset(curl);
-    SetOption(curl, CURLOPT_URL, url.c_str());
+    opal::SetCommonCurlOptions(curl, url, static_cast<long>(tuning.GetConnectionTimeout()));
     SetOption(curl, CURLOPT_FAILONERROR, 1L);
-    SetOption(curl, CURLOPT_NOSIGNAL, 1L);
-    SetOption(curl, CURLOPT_CONNECTTIMEOUT, static_cast<long>(tuning.GetConnectionTimeout()));
     SetOption(curl, CURLOPT_TIMEOUT, static_cast<long>(tuning.GetTransferTimeout()));
-    SetOption(curl, CURLOPT_SOCKOPTFUNCTION, &HTTPFile::OnSocket);
     SetOption(curl, CURLOPT_FOLLOWLOCATION, 1L);
     SetOption(curl, CURLOPT_MAXREDIRS, kMaxRedirects);
 #if LIBCURL_VERSION_NUM >= 0x075500
     SetOption(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-#endif
-#if LIBCURL_VERSION_NUM >= 0x075700
-    // Else a transfer that is ended while the name server is silent waits for the resolver.
-    SetOption(curl, CURLOPT_QUICK_EXIT, 1L);
 #endif
     if (headerOnly) {
         SetOption(curl, CURLOPT_NOBODY, 1L);
@@ -139,14 +127,6 @@ OPALError HTTPFile::InitCURLOptions_Unlocked(bool headerOnly) {
     SetOption(curl, CURLOPT_XFERINFODATA, this);
     SetOption(curl, CURLOPT_XFERINFOFUNCTION, &HTTPFile::OnProgress);
     return OPAL_OK;
-}
-
-int HTTPFile::OnSocket(void*, curl_socket_t socket, curlsocktype purpose) {
-    if (purpose == CURLSOCKTYPE_IPCXN) {
-        const int on = 1;
-        (void)setsockopt(socket, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
-    }
-    return CURL_SOCKOPT_OK;
 }
 
 /// Runs within Open, so under `mutex`. The last good length of a redirect chain wins; a length of 0
