@@ -199,6 +199,7 @@ void HttpServer::Accept() {
         auto connection = std::make_shared<Connection>(socket, m_tls.get());
         m_served.push_back({connection, std::thread([this, connection] {
                                 Serve(*connection);
+                                connection->Interrupt();
                                 connection->ended = true;
                             })});
     }
