@@ -11,6 +11,7 @@
 
 #include "Common/StreamingTuning.h"
 #include "Common/network/NetworkInterface.h"
+#include "StreamingReader/HTTPFile/src/ContentLength.h"
 #include "StreamingReader/HTTPFile/src/CurlHandle.h"
 
 namespace {
@@ -34,6 +35,21 @@ void SetOption(CURL* handle, CURLoption option, Value value) {
 }
 
 }  // namespace
+
+bool opal::ReadContentLength(const char* line, size_t size, int64_t& number) {
+    static constexpr char kName[] = "Content-Length: ";
+    constexpr size_t kNameLength = sizeof(kName) - 1;
+    constexpr size_t kMaxNumberLength = 32;
+    if (size < kNameLength || strncasecmp(line, kName, kNameLength) != 0)
+        return true;
+    std::istringstream text(
+        std::string(line + kNameLength, std::min(kMaxNumberLength, size - kNameLength)));
+    int64_t value = 0;
+    if (!(text >> value) || value <= 0)
+        return false;
+    number = value;
+    return true;
+}
 
 HTTPFile::HTTPFile(bool isThreaded) : threaded(isThreaded) {}
 
@@ -134,26 +150,13 @@ OPALError HTTPFile::InitCURLOptions_Unlocked(bool headerOnly) {
 size_t HTTPFile::OnHeader(char* bytes, size_t size, size_t count, void* user) {
     if (!user)
         return 0;
-    static constexpr char kName[] = "Content-Length: ";
-    constexpr size_t kNameLength = sizeof(kName) - 1;
-    constexpr size_t kMaxNumberLength = 32;
-    const size_t length = size * count;
-    if (length < kNameLength || strncasecmp(bytes, kName, kNameLength) != 0)
-        return length;
+    HTTPFile& file = *static_cast<HTTPFile*>(user);
+    file.mutex.AssertHeld();
     try {
-        // The line is not NUL-terminated.
-        std::istringstream text(
-            std::string(bytes + kNameLength, std::min(kMaxNumberLength, length - kNameLength)));
-        int64_t number = 0;
-        if (!(text >> number) || number <= 0)
-            return 0;
-        HTTPFile& file = *static_cast<HTTPFile*>(user);
-        file.mutex.AssertHeld();
-        file.fileSize = number;
+        return opal::ReadContentLength(bytes, size * count, file.fileSize) ? size * count : 0;
     } catch (const std::exception&) {
-        return 0;
+        return 0;  // no memory; nothing may be thrown through libcurl
     }
-    return length;
 }
 
 size_t HTTPFile::OnBody(char* bytes, size_t size, size_t count, void* user) {
