@@ -8,7 +8,8 @@
 class MSystem {
   public:
     static bool Initialize(int argc, char** argv, unsigned char flag);
-    /// Readies the graphics layers: picks DirectFB's system when the environment does not.
+    /// Readies DirectFB, with arguments of the set's own. When DFBARGS names no system: X11 for a
+    /// set with a window, otherwise one without a screen, which has no layer 1.
     static bool InitializeDFBLayer();
     static unsigned char bEnableInitialResLoading;
 };

@@ -91,8 +91,10 @@ struct Statistics {
 };
 Statistics GetStatistics();
 
-/// Writes the picture on the screen (black when there is none) as an RGB PNG. False, with the
-/// reason in `error` when given, if there is nothing to write or the file cannot be written.
+/// Writes the picture on the screen (black when there is none) as an RGB PNG, in its own size with
+/// square pixels. With a subtitle on the screen the whole panel is written, the picture fitted into
+/// it. False, with the reason in `error` when given, if there is nothing to write or the file
+/// cannot be written.
 bool WriteSnapshot(const std::string& path, std::string* error = nullptr);
 
 /// Called on the set's display thread for each picture shown. Must not block. Empty: none. Returns
@@ -130,12 +132,13 @@ void Freeze(bool on);
 
 /// One thing the set was asked, or did. Queries (PTS, gauge, position, size) are not recorded.
 struct JournalEntry {
-    std::string call;  ///< vendor's name of the operation, "event" or "shown"
+    /// Vendor's name of the operation, or what the set did: "event", "shown", "subtitle".
+    std::string call;
     unsigned long item = 0;
-    uint64_t value = 0;         ///< event number, PTS, data type: by the call
-    uint32_t streamType = 0;    ///< payloads: 1 video, 0 audio
-    uint32_t size = 0;          ///< payloads: bytes
-    uint32_t crc32 = 0;         ///< payloads: IEEE 802.3 CRC
+    uint64_t value = 0;       ///< event number, PTS, data type, subtitle shown or not: by the call
+    uint32_t streamType = 0;  ///< payloads: 1 video, 0 audio
+    uint32_t size = 0;        ///< payloads, subtitle: bytes
+    uint32_t crc32 = 0;       ///< payloads, subtitle: IEEE 802.3 CRC
     std::vector<uint8_t> head;  ///< payloads: first 8 bytes
     std::vector<uint8_t>
         record;  ///< MM_CreateMediaItem: ST_MEDIA_INFO; MM_SwitchAudioTrack: its record

@@ -30,13 +30,7 @@ using Ref = std::unique_ptr<Interface, Release<Interface>>;
 class DirectFBVideoOut : public VideoOut {
   public:
     DFBResult Open() {
-        (void)MSystem::InitializeDFBLayer();
-        // Arguments of its own, or DirectFB reads the application's.
-        std::string name = "television";
-        char* arguments[] = {name.data(), nullptr};
-        int count = 1;
-        char** list = arguments;
-        DFBResult result = DirectFBInit(&count, &list);
+        DFBResult result = MSystem::InitializeDFBLayer() ? DFB_OK : DFB_INIT;
         IDirectFB* directFB = nullptr;
         if (result == DFB_OK) {
             result = DirectFBCreate(&directFB);
@@ -81,10 +75,6 @@ class DirectFBVideoOut : public VideoOut {
         [[maybe_unused]] static const DirectResult kept = directFB.AddRef(&directFB);
     }
 
-    struct Area {
-        int x, y, width, height;
-    };
-
     DFBResult OpenWindow() {
         DFBWindowDescription description{};
         description.flags = static_cast<DFBWindowDescriptionFlags>(
@@ -111,24 +101,9 @@ class DirectFBVideoOut : public VideoOut {
         return result;
     }
 
-    /// The picture as large as it fits into the area, its sides in proportion.
-    Area Fit(const AVFrame& frame) const {
-        const int64_t width = DisplayWidth(frame);
-        const int64_t height = frame.height;
-        Area fit = m_area;
-        if (width * m_area.height > height * m_area.width) {
-            fit.height = std::max(static_cast<int>(height * m_area.width / width), 1);
-        } else {
-            fit.width = std::max(static_cast<int>(width * m_area.height / height), 1);
-        }
-        fit.x += (m_area.width - fit.width) / 2;
-        fit.y += (m_area.height - fit.height) / 2;
-        return fit;
-    }
-
     void Draw() {
         const bool picture = m_picture.frame && !m_black;
-        const Area fit = picture ? Fit(*m_picture.frame) : Area{};
+        const Area fit = picture ? Fit(*m_picture.frame, m_area) : Area{};
         const bool same = fit.width == m_drawn.width && fit.height == m_drawn.height;
         if (!picture || !same || !m_cleared) {
             (void)m_surface->Clear(m_surface.get(), 0, 0, 0, 0xFF);

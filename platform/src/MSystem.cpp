@@ -1,5 +1,6 @@
 #include "MSystem.h"
 
+#include <directfb.h>
 #include <dlfcn.h>
 
 #include <cstdio>
@@ -9,9 +10,15 @@
 
 #include "Common/Mutex.h"
 #include "Control.h"
+#include "Registry.h"
 #include "TvSet.h"
 
 namespace {
+
+/// DirectFB without a screen; it has no layer 1.
+constexpr const char* kNoSystem = "dummy";
+constexpr const char* kMode = "1280x720";
+constexpr const char* kSwitches[] = {"no-cursor", "no-sighandler", "quiet"};
 
 opal::Mutex g_holdersMutex;
 
@@ -46,6 +53,34 @@ bool ServerHasGlx() {
     return found;
 }
 
+opal::Mutex g_directFBMutex;
+
+/// What this file has put into DFBARGS; nothing of the user's.
+std::string& OwnArguments() OPAL_REQUIRES(g_directFBMutex) {
+    static auto* arguments = new std::string;
+    return *arguments;
+}
+
+/// DirectFB's system. Only a television with a window opens one; `tell`: the user chose none.
+const char* PickSystem(bool tell) {
+    const char* display = std::getenv("DISPLAY");
+    if (tvset::Registry::Get().Output() == tvset::VideoOutput::Headless || display == nullptr ||
+        *display == '\0') {
+        return kNoSystem;
+    }
+    if (!ServerHasGlx()) {
+        return "x11";
+    }
+    if (tell) {
+        std::fprintf(stderr,
+                     "television set: the X server %s offers GLX, with which DirectFB crashes; "
+                     "nothing will be seen. Use one without (Xephyr :9 -extension GLX), or set "
+                     "DFBARGS=system=x11 to try all the same.\n",
+                     display);
+    }
+    return kNoSystem;
+}
+
 }  // namespace
 
 unsigned char MSystem::bEnableInitialResLoading = 1;
@@ -55,23 +90,37 @@ bool MSystem::Initialize(int, char**, unsigned char) {
 }
 
 bool MSystem::InitializeDFBLayer() {
-    // Read by DirectFB when its first user starts it, which may be never.
-    if (std::getenv("DFBARGS") != nullptr) {
-        return true;
+    const opal::MutexLock lock(g_directFBMutex);
+    const char* given = std::getenv("DFBARGS");
+    const bool own = given == nullptr || given == OwnArguments();
+    const char* system = PickSystem(own);
+    if (own) {
+        OwnArguments() = std::string("system=") + system + ",mode=" + kMode;
+        for (const char* option : kSwitches) {
+            OwnArguments() += std::string(",") + option;
+        }
+        if (setenv("DFBARGS", OwnArguments().c_str(), 1) != 0) {
+            return false;
+        }
     }
-    const char* display = std::getenv("DISPLAY");
-    bool x11 = display != nullptr && *display != '\0';
-    if (x11 && ServerHasGlx()) {
-        std::fprintf(stderr,
-                     "television set: the X server %s offers GLX, with which DirectFB crashes; "
-                     "nothing will be seen. Use one without (Xephyr :9 -extension GLX), or set "
-                     "DFBARGS=system=x11 to try all the same.\n",
-                     display);
-        x11 = false;
+    // Arguments of its own, or DirectFB reads the application's, prints them and obeys "--dfb:".
+    std::string name = "television";
+    char* arguments[] = {name.data(), nullptr};
+    int count = 1;
+    char** list = arguments;
+    if (DirectFBInit(&count, &list) != DFB_OK) {
+        return false;
     }
-    const std::string arguments = std::string(x11 ? "system=x11" : "system=dummy") +
-                                  ",mode=1280x720,no-cursor,no-sighandler,quiet";
-    return setenv("DFBARGS", arguments.c_str(), 0) == 0;
+    if (own) {
+        // It reads the environment once a process, and a later player may want another system. Once
+        // DirectFB runs it stays as it is.
+        (void)DirectFBSetOption("system", system);
+        (void)DirectFBSetOption("mode", kMode);
+        for (const char* option : kSwitches) {
+            (void)DirectFBSetOption(option, nullptr);
+        }
+    }
+    return true;
 }
 
 int pthread_mutex_lock_tracker(pthread_mutex_t* mutex, const char* function, int line) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -20,6 +21,8 @@ class Registry {
     static Registry& Get();
 
     bool Configure(const Options& options);
+    /// Where the next player's pictures go. Takes no lock: a core asks with its own held.
+    VideoOutput Output() const { return m_output; }
     /// Nothing while a player exists: the second stays without a core, and all it does fails.
     void Create(void* player);
     void Destroy(const void* player);
@@ -33,6 +36,7 @@ class Registry {
   private:
     mutable opal::Mutex m_mutex;
     Options m_options OPAL_GUARDED_BY(m_mutex);
+    std::atomic<VideoOutput> m_output{VideoOutput::Headless};  ///< of m_options
     Statistics m_last OPAL_GUARDED_BY(m_mutex);
     std::shared_ptr<TvCore> m_core OPAL_GUARDED_BY(m_mutex);
     const void* m_player OPAL_GUARDED_BY(m_mutex) = nullptr;

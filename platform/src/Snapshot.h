@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Decoder.h"
+#include "Subtitles.h"
 
 struct SwsContext;
 
@@ -26,13 +27,22 @@ class Converter {
 
   private:
     SwsContext* m_context = nullptr;
+    std::vector<uint8_t> m_rows;  ///< of a picture whose rows have no room behind them
+};
+
+struct Area {
+    int x, y, width, height;
 };
 
 /// Width of a picture at its height when its pixels are made square.
 int DisplayWidth(const AVFrame& frame);
 
+/// The picture as large as it fits into the area, its sides in proportion.
+Area Fit(const AVFrame& frame, const Area& area);
+
 /// Writes `picture` as PNG; black of 1280 by 720 where it was never decoded, black of its own size
-/// when `black` is set.
-bool WritePng(const Picture& picture, bool black, const std::string& path, std::string& error);
+/// when `black` is set. With a text the panel with the picture in it and the text above.
+bool WritePng(const Picture& picture, bool black, const Overlay* text, const std::string& path,
+              std::string& error);
 
 }  // namespace tvset

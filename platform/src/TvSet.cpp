@@ -3,6 +3,7 @@
 #include "Control.h"
 #include "Registry.h"
 #include "Snapshot.h"
+#include "Subtitles.h"
 #include "TvCore.h"
 
 namespace tvset {
@@ -18,6 +19,7 @@ bool Registry::Configure(const Options& options) {
         return false;
     }
     m_options = options;
+    m_output = options.video;
     return true;
 }
 
@@ -34,6 +36,7 @@ void Registry::Create(void* player) {
     m_core = std::make_shared<TvCore>(options, player);
     m_player = player;
     m_last = Statistics();
+    ForgetOverlay();
 }
 
 void Registry::Destroy(const void* player) {
@@ -97,7 +100,7 @@ bool WriteSnapshot(const std::string& path, std::string* error) {
     if (const std::shared_ptr<TvCore> core = Registry::Get().Current()) {
         bool black = false;
         const Picture picture = core->Screen(black);
-        done = WritePng(picture, black, path, reason);
+        done = WritePng(picture, black, CurrentOverlay().get(), path, reason);
     }
     if (!done && error != nullptr) {
         *error = reason;

@@ -6,6 +6,7 @@
 #include <random>
 
 #include "PlayerFixture.h"
+#include "TvSubtitles.h"
 #include "support/TemporaryDirectory.h"
 
 namespace {
@@ -14,20 +15,25 @@ class Decoding : public PlayerFixture {
   protected:
     void SetUp() override { Open(tvset::Options()); }
 
-    /// That the screen is plain grey, of this size.
-    static void ExpectScreen(int grey, int width = film::kWidth, int height = film::kHeight) {
+    /// The screen's pixels, 24 bit RGB, and that it is of this size.
+    static std::vector<uint8_t> Screen(int width, int height) {
         const opal::test::TemporaryDirectory folder;
         const std::string path = folder.File("screen.png");
         std::string error;
-        ASSERT_TRUE(tvset::WriteSnapshot(path, &error)) << error;
+        EXPECT_TRUE(tvset::WriteSnapshot(path, &error)) << error;
         png_image png{};
         png.version = PNG_IMAGE_VERSION;
-        ASSERT_NE(png_image_begin_read_from_file(&png, path.c_str()), 0);
-        ASSERT_EQ(png.format, static_cast<png_uint_32>(PNG_FORMAT_RGB));
-        ASSERT_EQ(png.width, static_cast<png_uint_32>(width));
-        ASSERT_EQ(png.height, static_cast<png_uint_32>(height));
+        EXPECT_NE(png_image_begin_read_from_file(&png, path.c_str()), 0);
+        EXPECT_EQ(png.format, static_cast<png_uint_32>(PNG_FORMAT_RGB));
+        EXPECT_EQ(png.width, static_cast<png_uint_32>(width));
+        EXPECT_EQ(png.height, static_cast<png_uint_32>(height));
         std::vector<uint8_t> rgb(PNG_IMAGE_SIZE(png));
-        ASSERT_NE(png_image_finish_read(&png, nullptr, rgb.data(), 0, nullptr), 0);
+        EXPECT_NE(png_image_finish_read(&png, nullptr, rgb.data(), 0, nullptr), 0);
+        return rgb;
+    }
+    /// That the screen is plain grey, of this size.
+    static void ExpectScreen(int grey, int width = film::kWidth, int height = film::kHeight) {
+        const std::vector<uint8_t> rgb = Screen(width, height);
         const auto [darkest, brightest] = std::minmax_element(rgb.begin(), rgb.end());
         EXPECT_NEAR(*darkest, grey, 1);
         EXPECT_NEAR(*brightest, grey, 1);
@@ -152,6 +158,37 @@ TEST_F(Decoding, SoundOfAnyRateAndLayoutGoesToADeviceWhereThereIsOne) {
         ASSERT_EQ(Flush(), 0);
     }
     ::unsetenv("SDL_AUDIODRIVER");
+}
+
+// The panel of 1280 by 720 with the picture in it, letters white above, their edges mixed.
+TEST_F(Decoding, TheSnapshotHasTheSubtitleAlsoWithoutALayerForIt) {
+    std::vector<uint8_t> image(size_t{1280} * 720);
+    const size_t middle = 600 * 1280 + 640;
+    image[middle] = 255;
+    image[middle + 1] = 128;
+    StartPlaying();
+    PushFilm(0, 25);
+    while (Position() < 400) {
+        Run(20);
+    }
+    const int grey = film::GreyOf(10);
+    TvSubtitles_Show(image.data(), 1280, 720);
+    const std::vector<uint8_t> rgb = Screen(1280, 720);
+    const auto pixel = [&](size_t at) {
+        EXPECT_TRUE(rgb[at * 3] == rgb[at * 3 + 1] && rgb[at * 3] == rgb[at * 3 + 2]) << "coloured";
+        return static_cast<int>(rgb[at * 3]);
+    };
+    EXPECT_EQ(pixel(middle), 255);
+    EXPECT_NEAR(pixel(middle + 1), (grey * 127 + 255 * 128) / 255, 3);
+    EXPECT_NEAR(pixel(middle + 2), grey, 3) << "a box around the letters";
+    EXPECT_NEAR(pixel(0), grey, 3);
+    TvSubtitles_Hide();
+    ExpectPicture(10);
+    EXPECT_EQ(Done("subtitle"), (Values{1, 0}));
+    TvSubtitles_Show(image.data(), 1280, 720);
+    Open(tvset::Options());
+    StartPlaying();
+    ExpectScreen(0, 1280, 720);
 }
 
 }  // namespace

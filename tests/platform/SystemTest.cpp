@@ -9,18 +9,28 @@
 
 namespace {
 
-TEST(System, PicksDirectFBsSystemOnlyWhereTheEnvironmentDoesNot) {
-    const auto picked = [](const char* display) {
+TEST(System, PicksDirectFBsSystemForAWindowUnlessTheEnvironmentDoes) {
+    const auto picked = [](const char* display, tvset::VideoOutput output) {
+        tvset::Options options;
+        options.video = output;
+        EXPECT_TRUE(tvset::Configure(options));
         ::setenv("DISPLAY", display, 1);
         EXPECT_TRUE(MSystem::InitializeDFBLayer());
-        const std::string args = std::getenv("DFBARGS");
-        ::unsetenv("DFBARGS");
-        return args;
+        EXPECT_TRUE(tvset::Configure(tvset::Options()));
+        return std::string(std::getenv("DFBARGS"));
     };
+    const auto window = tvset::VideoOutput::Window;
+    const auto x11 = testing::StartsWith("system=x11");
+    const auto dummy = testing::StartsWith("system=dummy,mode=1280x720");
     ::setenv("DFBARGS", "system=none", 1);
-    EXPECT_EQ(picked(":77"), "system=none");
-    EXPECT_THAT(picked(":77"), testing::StartsWith("system=x11"));
-    EXPECT_THAT(picked(""), testing::StartsWith("system=dummy,mode=1280x720"));
+    EXPECT_EQ(picked(":77", window), "system=none");
+    ::unsetenv("DFBARGS");
+    EXPECT_THAT(picked(":77", window), x11);
+    EXPECT_THAT(picked("", window), dummy);
+    EXPECT_THAT(picked(":77", window), x11) << "kept what the set itself had picked";
+    EXPECT_THAT(picked(":77", tvset::VideoOutput::Headless), dummy) << "would open a window";
+    ::unsetenv("DFBARGS");
+    ::unsetenv("DISPLAY");
 }
 
 TEST(System, TheTrackerKnowsWhoHoldsAMutex) {

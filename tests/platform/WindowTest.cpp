@@ -13,6 +13,7 @@
 
 #include "MSystem.h"
 #include "PlayerFixture.h"
+#include "TvSubtitles.h"
 #include "support/TemporaryDirectory.h"
 
 namespace {
@@ -77,18 +78,21 @@ class XServer {
 
 TEST(XServer, IsLeftAloneWhereDirectFBWouldCrash) {
     const XServer server("+extension");
+    tvset::Options options;
+    options.video = tvset::VideoOutput::Window;
+    ASSERT_TRUE(tvset::Configure(options));
     EXPECT_TRUE(MSystem::InitializeDFBLayer());
+    EXPECT_TRUE(tvset::Configure(tvset::Options()));
     EXPECT_THAT(std::getenv("DFBARGS"), testing::StartsWith("system=dummy"));
 }
 
 /// A window as the subtitles have it: indexed, in the lowest class of layer 1, made after the
-/// player's. Its upper half is opaque white. Kept until the process ends.
+/// player's. Its upper half is letters, their edge of 128 below them. Kept until the process ends.
 bool CoverUpperHalf() {
     IDirectFB* dfb = nullptr;
     IDirectFBDisplayLayer* layer = nullptr;
     IDirectFBWindow* window = nullptr;
     IDirectFBSurface* surface = nullptr;
-    IDirectFBPalette* palette = nullptr;
     DFBWindowDescription description{};
     description.flags = static_cast<DFBWindowDescriptionFlags>(127);
     description.caps = DWCAPS_ALPHACHANNEL;
@@ -96,24 +100,24 @@ bool CoverUpperHalf() {
     description.surface_caps = DSCAPS_VIDEOONLY;
     description.width = kWidth;
     description.height = kHeight;
-    const DFBColor colours[2] = {{0, 255, 255, 255}, {255, 255, 255, 255}};
     void* pixels = nullptr;
     int pitch = 0;
-    if (DirectFBCreate(&dfb) != DFB_OK || dfb->GetDisplayLayer(dfb, 1, &layer) != DFB_OK ||
+    if (DirectFBInit(nullptr, nullptr) != DFB_OK || DirectFBCreate(&dfb) != DFB_OK ||
+        dfb->GetDisplayLayer(dfb, 1, &layer) != DFB_OK ||
         layer->CreateWindow(layer, &description, &window) != DFB_OK ||
+        window->SetOpacity(window, 255) != DFB_OK ||
         window->SetStackingClass(window, DWSC_LOWER) != DFB_OK ||
         window->GetSurface(window, &surface) != DFB_OK ||
-        surface->GetPalette(surface, &palette) != DFB_OK ||
-        window->SetOptions(window, DWOP_ALPHACHANNEL) != DFB_OK ||
-        palette->SetEntries(palette, colours, 2, 0) != DFB_OK ||
+        TvSubtitles_Prepare(window, surface) == 0 ||
         surface->Lock(surface, DSLF_WRITE, &pixels, &pitch) != DFB_OK) {
         return false;
     }
     std::memset(pixels, 0, static_cast<size_t>(pitch) * kHeight);
-    std::memset(pixels, 1, static_cast<size_t>(pitch) * (kHeight / 2));
+    std::memset(pixels, 255, static_cast<size_t>(pitch) * (kHeight / 2 - 40));
+    std::memset(static_cast<char*>(pixels) + pitch * (kHeight / 2 - 40), 128,
+                static_cast<size_t>(pitch) * 40);
     surface->Unlock(surface);
-    return surface->Flip(surface, nullptr, DSFLIP_NONE) == DFB_OK &&
-           window->SetOpacity(window, 255) == DFB_OK;
+    return surface->Flip(surface, nullptr, DSFLIP_NONE) == DFB_OK;
 }
 
 class Window : public PlayerFixture {
@@ -133,6 +137,7 @@ class Window : public PlayerFixture {
         EXPECT_TRUE(shows(2, 2, 25)) << "does not fill the window";
         ASSERT_TRUE(CoverUpperHalf());
         EXPECT_TRUE(server.Shows(640, 100, 255)) << "the subtitle is hidden";
+        EXPECT_TRUE(server.Shows(640, 340, (film::GreyOf(25) + 255) / 2)) << "a coloured edge";
         Run(1000);
         EXPECT_TRUE(shows(640, 600, 50)) << "the subtitle hides the picture";
         EXPECT_TRUE(server.Shows(640, 100, 255));
