@@ -9,6 +9,7 @@
 #include "opal-package/Ladder.h"
 #include "opal-package/Presentation.h"
 #include "opal-package/SubRip.h"
+#include "opal-package/TextDecoder.h"
 #include "support/TemporaryDirectory.h"
 
 namespace opal::package {
@@ -70,6 +71,20 @@ TEST(SubRip, TakesWhatIsFoundInTheWildAndRefusesWithTheLine) {
         EXPECT_EQ(FailureOf(parse, message), Failure::Refused) << row.first;
         EXPECT_THAT(message, HasSubstr(row.second));
     }
+}
+
+TEST(TextDecoder, MarkupOfDialogueLinesGoes) {
+    const std::pair<const char*, const char*> rows[] = {
+        {"0,0,Default,,0,0,0,,a, b\\Nc\\hd\\ne", "a, b\nc d\ne"},
+        {"0,0,Default,,0,0,0,,{\\i1}x{\\i0} \\{y\\} \\\\ {z", "x {y} \\ {z"},
+        {"0,0,,,0,0,0,,{\\an7\\p1}m 0 0 l 9 9{\\p0}text{\\pos(1,2)}\\N", "text"},
+        {"0,0,Default,,0,0,0", ""},
+        {"0,0,,,0,0,0,,\\", "\\"},
+    };
+    for (const auto& [dialogue, text] : rows)
+        EXPECT_EQ(PlainText(dialogue, true), text);
+    EXPECT_EQ(PlainText("0,0,,,0,0,0,,a {b}", true), "a");
+    EXPECT_EQ(PlainText("0,0,,,0,0,0,,a {b}{\\i1}", false), "a {b}");
 }
 
 TEST(AvcStream, CutUnitsAndConfigurationsAreRefused) {

@@ -273,6 +273,43 @@ TEST_F(OddFilm, WhatIsLeftOutIsNamed) {
     EXPECT_THAT(m_notes, Contains(HasSubstr("audio stream 1 (und, none) is left out")));
 }
 
+TEST_F(OddFilm, TextsOfFilesAndOfTheFilmBecomeTracksWithAFont) {
+    for (int64_t& time : m_source.timesMs = Times(100))
+        time += 300;
+    m_source.texts = {{100, 200, "before the film"},
+                      {200, 1300, "<b>Gr\u00FCn</b> & {braces}"},
+                      {2800, 3000, "two"},
+                      {2800, 3100, "at once"}};
+    m_options.subtitles = {
+        {m_folder.Write("a.vtt",
+                        "WEBVTT\n\nNOTE none\n\n00:01.500 --> 00:02.000 align:start\n"
+                        "<v Roger>Fish &amp; chips\n- \u041C\u0438\u0440\n"),
+         "eng"}};
+    const Presentation made = Make();
+    const auto texts = [&](size_t file) {
+        const LibavView view = Level(made, file);
+        std::ostringstream seen;
+        for (const Block& block : view.blocks)
+            seen << block.timeMs << "+" << block.durationMs << " "
+                 << std::string(block.data.begin(), block.data.end()) << "|";
+        const AVStream& font = *view.context->streams[1];
+        EXPECT_EQ(font.codecpar->codec_id, AV_CODEC_ID_TTF);
+        EXPECT_LT(made.entries[file].headerRequest, kLongestSubtitleHeader);
+        return made.entries[file].language + ": " + seen.str();
+    };
+    EXPECT_EQ(texts(2), "eng: 1500+500 Fish & chips\n- \u041C\u0438\u0440|");
+    EXPECT_EQ(texts(3), "deu: 0+1000 Gr\u00FCn & {braces}|2500+300 two\nat once|");
+
+    std::string message;
+    for (const char* content :
+         {"WEBVTT\n\n", "no texts", "", "WEBVTT\n\n00:01.500 --> 00:02.000\ncaf\xE9\n"}) {
+        m_options.subtitles[0].file = m_folder.Write("bad.vtt", content);
+        EXPECT_EQ(FailureOf([&] { Package(m_options); }, message), Failure::Refused) << content;
+        EXPECT_THAT(message, HasSubstr("bad.vtt"));
+    }
+    EXPECT_THAT(message, HasSubstr("iconv"));
+}
+
 TEST_F(OddFilm, TheFolderChangesOnlyWhenAllIsWhole) {
     m_options.ladder = {{100000, 64, 48}, {400000, 128, 96}};
     Make();

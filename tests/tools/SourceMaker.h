@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "opal-package/Av.h"
+#include "opal-package/SubtitleText.h"
 
 namespace opal::test {
 
@@ -27,6 +28,8 @@ struct OddSource {
     int64_t soundBeginMs = 0;
     int64_t soundEndMs = 0;
     int64_t toneMs = 0;
+    /// A SubRip track, where there is any text; "deu" is its language.
+    std::vector<package::SubtitleText> texts;
 };
 
 inline void Fill(AVFrame& picture, int y, int cb, int cr) {
@@ -66,6 +69,8 @@ class SourceMaker {
         OpenVideo();
         if (source.soundEndMs > source.soundBeginMs)
             OpenAudio();
+        if (!source.texts.empty())
+            OpenTexts();
         Expect(avio_open(&m_file->pb, path.c_str(), AVIO_FLAG_WRITE));
         m_file->avoid_negative_ts = 0;
         Expect(avformat_write_header(m_file, nullptr));
@@ -137,7 +142,30 @@ class SourceMaker {
         Open(m_audio, "pcm_s16le");
     }
 
+    void OpenTexts() {
+        AVStream& stream = *avformat_new_stream(m_file, nullptr);
+        stream.time_base = {1, 1000};
+        stream.codecpar->codec_type = AVMEDIA_TYPE_SUBTITLE;
+        stream.codecpar->codec_id = AV_CODEC_ID_SUBRIP;
+        av_dict_set(&stream.metadata, "language", "deu", 0);
+    }
+
+    void WriteTexts() {
+        const int last = static_cast<int>(m_file->nb_streams) - 1;
+        for (const package::SubtitleText& text : m_source.texts) {
+            const package::AvPtr<AVPacket> packet(av_packet_alloc());
+            Expect(av_new_packet(packet.get(), static_cast<int>(text.text.size())));
+            std::memcpy(packet->data, text.text.data(), text.text.size());
+            packet->stream_index = last;
+            packet->pts = packet->dts = text.startMs;
+            packet->duration = text.endMs - text.startMs;
+            av_packet_rescale_ts(packet.get(), {1, 1000}, m_file->streams[last]->time_base);
+            Expect(av_interleaved_write_frame(m_file, packet.get()));
+        }
+    }
+
     void Write() {
+        WriteTexts();
         const package::AvPtr<AVFrame> picture(av_frame_alloc());
         picture->format = m_source.format;
         picture->width = m_source.width;

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "opal-package/Av.h"
+#include "opal-package/SubtitleText.h"
 
 namespace opal::package {
 
@@ -32,6 +33,8 @@ struct FilmInfo {
     AVRational frameRate = {25, 1};
     int64_t durationMs = 0;  ///< 0 when not known beforehand
     std::vector<FilmSound> sounds;
+    /// A language for each track of texts.
+    std::vector<std::string> texts;
 };
 
 /// One moment of a film, to be had in any size.
@@ -43,13 +46,15 @@ class FilmPicture {
     virtual AVFrame& At(int width, int height, unsigned level) = 0;
 };
 
-/// Takes what a film yields. Times count from the first picture and grow with each of a kind.
+/// Takes what a film yields. Times count from the first picture; those of
+/// pictures and of sound grow.
 class FilmSink {
   public:
     virtual ~FilmSink() = default;
     virtual void OnPicture(int64_t timeMs, FilmPicture& picture) = 0;
     /// Stereo samples at the track's rate, left and right apart.
     virtual void OnSound(size_t track, int64_t timeMs, const float* const* samples, int count) = 0;
+    virtual void OnText(size_t track, SubtitleText text) = 0;
     /// A coded picture as the source holds it, in decode order.
     virtual void OnPacket(int64_t timeMs, bool key, const uint8_t* data, size_t size) = 0;
 };

@@ -84,6 +84,7 @@ struct CommandLine {
     std::string levels;
     std::string audioBitrate = "128k";
     std::string audioLanguages = "eng,ger";
+    std::string textLanguages = "eng";
     double duration = 30;
     std::vector<std::string> subtitles;
     std::string manifestFolder;
@@ -102,6 +103,8 @@ void Declare(CLI::App& app, CommandLine& line) {
         ->capture_default_str();
     app.add_option("--audio", line.audioLanguages, "Languages of the test film's audio tracks")
         ->capture_default_str();
+    app.add_option("--texts", line.textLanguages, "Languages of the test film's subtitle tracks")
+        ->capture_default_str();
     app.add_option("--levels", line.levels,
                    "Ladder, as 500k:426x240,1000k:640x360; by default five levels from 240p to "
                    "1080p. Levels larger than the source take its size");
@@ -110,8 +113,10 @@ void Declare(CLI::App& app, CommandLine& line) {
     app.add_option("--preset", line.package.preset, "x264 preset")->capture_default_str();
     app.add_option("--audio-bitrate", line.audioBitrate, "Rate of each audio track")
         ->capture_default_str();
-    app.add_option("--subtitles", line.subtitles,
-                   "SubRip file and language, as film.srt:eng; may be repeated")
+    app.add_option(
+           "--subtitles", line.subtitles,
+           "SubRip or WebVTT file and language, as film.srt:eng; may be repeated. Tracks of "
+           "texts inside INPUT are taken as well")
         ->allow_extra_args(false);
     app.add_option("--font", line.package.font,
                    "TrueType font for the subtitles; by default DejaVu Sans of this machine");
@@ -147,6 +152,7 @@ void Complete(CommandLine& line) {
         throw PackageError(Failure::Usage, "--duration is from above 0 to 86400 seconds");
     }
     options.testFilm.durationMs = static_cast<int64_t>(line.duration * 1000);
+    options.testFilm.texts = Split(line.textLanguages, ',');
     options.testFilm.languages = Split(line.audioLanguages, ',');
     options.audioBitrate = opal::package::ParseBitrate(line.audioBitrate);
     for (const std::string& text : line.subtitles) {

@@ -65,6 +65,7 @@ class FileOutput : public Output {
     void OnPicture(int64_t, bool, FilmPicture&) override {}
     void OnPacket(Block) override {}
     void OnSound(int64_t, const float* const*, int) override {}
+    void OnText(SubtitleText) override {}
 
     Entry Finish(int64_t durationMs) override {
         Drain(durationMs);
@@ -298,8 +299,11 @@ class SubtitleOutput : public FileOutput {
         m_file.Describe(track);
     }
 
+    void OnText(SubtitleText text) override { m_texts.push_back(std::move(text)); }
+
   private:
     void Drain(int64_t durationMs) override {
+        Arrange(m_texts);
         for (const Cluster& cluster : SubtitleClusters(m_texts, durationMs)) {
             m_file.AddCluster(cluster);
         }

@@ -8,7 +8,7 @@
 #include "opal-package/Film.h"
 #include "opal-package/MatroskaWriter.h"
 #include "opal-package/Presentation.h"
-#include "opal-package/SubRip.h"
+#include "opal-package/SubtitleText.h"
 
 namespace opal::package {
 
@@ -31,6 +31,7 @@ class Output {
     virtual void OnPicture(int64_t timeMs, bool key, FilmPicture& picture) = 0;
     virtual void OnPacket(Block block) = 0;
     virtual void OnSound(int64_t timeMs, const float* const* samples, int count) = 0;
+    virtual void OnText(SubtitleText text) = 0;
 
     /// Completes the file: what the manifest tells of it.
     virtual Entry Finish(int64_t durationMs) = 0;
@@ -53,7 +54,7 @@ std::unique_ptr<Output> NewTrickOutput(const OutputOptions& options, const Entry
 std::unique_ptr<Output> NewSoundOutput(const OutputOptions& options, const Entry& entry,
                                        int sampleRate, int bitrate);
 
-/// A subtitle track with its font.
+/// A subtitle track with its font: the texts given and those that come.
 std::unique_ptr<Output> NewSubtitleOutput(const OutputOptions& options, const Entry& entry,
                                           std::vector<SubtitleText> texts, const Attachment& font);
 

@@ -1,9 +1,7 @@
 #include "opal-package/Packager.h"
 
 #include <algorithm>
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <utility>
 
 #include "opal-package/Error.h"
@@ -11,22 +9,12 @@
 #include "opal-package/Output.h"
 #include "opal-package/OutputFolder.h"
 #include "opal-package/SourceFilm.h"
-#include "opal-package/SubRip.h"
+#include "opal-package/SubtitleText.h"
 
 namespace opal::package {
 namespace {
 
 constexpr int kTrickHeight = 240;
-
-std::vector<SubtitleText> ReadTexts(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream content;
-    content << in.rdbuf();
-    if (!in || content.bad()) {
-        throw PackageError(Failure::InputOutput, path + ": cannot be read; is the name right?");
-    }
-    return ParseSubRip(content.str(), path);
-}
 
 /// Spreads what a film yields over the files of a presentation.
 class Work : public FilmSink {
@@ -85,6 +73,10 @@ class Work : public FilmSink {
         m_sounds[track]->OnSound(timeMs, samples, count);
     }
 
+    void OnText(size_t track, SubtitleText text) override {
+        m_texts[track]->OnText(std::move(text));
+    }
+
   private:
     void Note(const std::string& text) const {
         if (m_events.note) {
@@ -115,10 +107,10 @@ class Work : public FilmSink {
         // Whatever the command line names is read before anything is encoded.
         std::vector<std::vector<SubtitleText>> texts;
         for (const SubtitleSource& source : m_options.subtitles) {
-            texts.push_back(ReadTexts(source.file));
+            texts.push_back(ReadSubtitleFile(source.file));
         }
         Attachment font;
-        if (!texts.empty()) {
+        if (!texts.empty() || !m_film->Info().texts.empty()) {
             font = LoadFont(m_options.font);
         }
         m_folder.Begin();
@@ -131,7 +123,10 @@ class Work : public FilmSink {
         PlanTrick();
         PlanSounds();
         for (size_t i = 0; i < texts.size(); ++i) {
-            PlanSubtitle(i, std::move(texts[i]), font);
+            PlanSubtitle(m_options.subtitles[i].language, std::move(texts[i]), font);
+        }
+        for (const std::string& language : m_film->Info().texts) {
+            m_texts.push_back(&PlanSubtitle(language, {}, font));
         }
     }
 
@@ -206,14 +201,15 @@ class Work : public FilmSink {
         }
     }
 
-    void PlanSubtitle(size_t number, std::vector<SubtitleText> texts, const Attachment& font) {
+    Output& PlanSubtitle(const std::string& language, std::vector<SubtitleText> texts,
+                         const Attachment& font) {
         Entry entry;
         entry.kind = EntryKind::Subtitle;
-        entry.language = m_options.subtitles[number].language;
-        entry.file = "text" + std::to_string(number) + "-" + entry.language + ".mks";
+        entry.language = language;
+        entry.file = "text" + std::to_string(m_subtitles++) + "-" + entry.language + ".mks";
         entry.assetId = ++m_assets;
         entry.mime = "application/x-matroska";
-        Add(NewSubtitleOutput(m_common, entry, std::move(texts), font));
+        return Add(NewSubtitleOutput(m_common, entry, std::move(texts), font));
     }
 
     Output& Add(std::unique_ptr<Output> output) {
@@ -228,6 +224,8 @@ class Work : public FilmSink {
     std::unique_ptr<Film> m_film;
     std::vector<std::unique_ptr<Output>> m_outputs;
     std::vector<Output*> m_sounds;
+    std::vector<Output*> m_texts;  ///< of the film's own tracks
+    int m_subtitles = 0;
     int64_t m_nextKeyMs = 0;
     int64_t m_assets = 0;
 };
@@ -245,10 +243,19 @@ void Check(const PackageOptions& options) {
         refuse("--trick-interval must divide " + std::to_string(kTrickClusterMs) +
                " ms and be at least 40, or be 0 for no trick track");
     }
+    std::vector<std::string> languages;
     for (const SubtitleSource& source : options.subtitles) {
-        if (source.language.size() != 3) {
-            refuse("'" + source.language + "' is no language code of three letters (" +
-                   source.file + ")");
+        languages.push_back(source.language);
+    }
+    for (const auto* list : {&options.testFilm.languages, &options.testFilm.texts}) {
+        languages.insert(languages.end(), list->begin(), list->end());
+    }
+    for (const std::string& language : languages) {
+        // It becomes part of a file's name.
+        const bool letters = std::all_of(language.begin(), language.end(),
+                                         [](char c) { return c >= 'a' && c <= 'z'; });
+        if (language.size() != 3 || !letters) {
+            refuse("'" + language + "' is no language code of three small letters");
         }
     }
     if (options.input.empty() &&

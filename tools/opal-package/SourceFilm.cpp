@@ -13,6 +13,7 @@ extern "C" {
 #include "opal-package/Error.h"
 #include "opal-package/PictureFilter.h"
 #include "opal-package/ScaledPicture.h"
+#include "opal-package/TextDecoder.h"
 
 namespace opal::package {
 namespace {
@@ -54,6 +55,11 @@ struct Decoder {
     int channels = 0;
 };
 
+struct TextTrack {
+    int index = -1;
+    TextDecoder decoder;
+};
+
 class SourceFilm : public Film {
   public:
     explicit SourceFilm(SourceFilmOptions options)
@@ -67,8 +73,9 @@ class SourceFilm : public Film {
             OpenOther(*m_input->streams[i]);
         }
         for (unsigned i = 0; i < m_input->nb_streams; ++i) {
-            const bool wanted =
-                static_cast<int>(i) == m_video.index || FindAudio(static_cast<int>(i)) != nullptr;
+            const int index = static_cast<int>(i);
+            const bool wanted = index == m_video.index || FindAudio(index) != nullptr ||
+                                FindText(index) < m_texts.size();
             m_input->streams[i]->discard = wanted ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
         }
     }
@@ -95,6 +102,8 @@ class SourceFilm : public Film {
             Decode(m_video, m_packet.get(), sink);
         } else if (Decoder* audio = FindAudio(m_packet->stream_index)) {
             Decode(*audio, m_packet.get(), sink);
+        } else if (const size_t track = FindText(m_packet->stream_index); track < m_texts.size()) {
+            PassTexts(track, sink);
         }
         av_packet_unref(m_packet.get());
         return true;
@@ -200,6 +209,21 @@ class SourceFilm : public Film {
         }
     }
 
+    void OpenText(const AVStream& stream) {
+        TextTrack track{stream.index, {}};
+        const bool text = TextDecoder::IsText(stream);
+        const int code = text ? track.decoder.Open(stream) : AVERROR_DECODER_NOT_FOUND;
+        if (code < 0) {
+            Warn("text track " + std::to_string(stream.index) + " (" + Language(stream) + ", " +
+                 avcodec_get_name(stream.codecpar->codec_id) + ") is left out" +
+                 (text ? ", for it cannot be decoded: " + AvErrorText(code)
+                       : ": its texts are pictures"));
+            return;
+        }
+        m_info.texts.push_back(Language(stream));
+        m_texts.push_back(std::move(track));
+    }
+
     void PrepareCopy(const AVStream& stream) {
         const AVCodecParameters& parameters = *stream.codecpar;
         if (parameters.codec_id != AV_CODEC_ID_H264) {
@@ -233,8 +257,7 @@ class SourceFilm : public Film {
         if (type == AVMEDIA_TYPE_AUDIO) {
             OpenAudio(stream);
         } else if (type == AVMEDIA_TYPE_SUBTITLE) {
-            Warn("text track " + std::to_string(stream.index) + " (" + Language(stream) + ", " +
-                 avcodec_get_name(stream.codecpar->codec_id) + ") is left out");
+            OpenText(stream);
         } else if (type == AVMEDIA_TYPE_VIDEO && stream.index != m_video.index &&
                    (stream.disposition & AV_DISPOSITION_ATTACHED_PIC) == 0) {
             Warn("video stream " + std::to_string(stream.index) +
@@ -285,6 +308,28 @@ class SourceFilm : public Film {
             }
         }
         return nullptr;
+    }
+
+    /// The number of the track, or that of tracks.
+    size_t FindText(int index) const {
+        const auto found = std::find_if(m_texts.begin(), m_texts.end(),
+                                        [index](auto& track) { return track.index == index; });
+        return static_cast<size_t>(found - m_texts.begin());
+    }
+
+    void PassTexts(size_t track, FilmSink& sink) {
+        std::vector<SubtitleText> texts;
+        if (m_texts[track].decoder.Decode(*m_packet, texts) < 0 && m_damaged++ == 0) {
+            Warn("a text near " + std::to_string(m_video.nextTimeMs) +
+                 " ms cannot be decoded and is left out");
+        }
+        for (SubtitleText& text : texts) {
+            text.startMs = std::max<int64_t>(0, text.startMs - m_startMs);
+            text.endMs -= m_startMs;
+            if (text.endMs > text.startMs) {
+                sink.OnText(track, std::move(text));
+            }
+        }
     }
 
     void Warn(const std::string& text) const {
@@ -486,6 +531,7 @@ class SourceFilm : public Film {
     AvPtr<AVFrame> m_frame;
     Decoder m_video;
     std::vector<Decoder> m_audio;
+    std::vector<TextTrack> m_texts;
     std::optional<PictureFilter> m_filter;
     /// What was passed on last, and when.
     AvPtr<AVFrame> m_shown;

@@ -22,7 +22,8 @@ struct SourceFilmOptions {
     std::function<bool()> stopped;
 };
 
-/// A film that FFmpeg's libraries read: the first video stream and every audio stream. Where more
+/// A film that FFmpeg's libraries read: the first video stream, every audio stream and every
+/// stream of texts. Where more
 /// than kLongestHoldMs pass without a new picture, the last one is passed on again, to the end of
 /// the film. Throws
 /// PackageError for a source that is not there (InputOutput) or that cannot be packaged (Refused),

@@ -1,11 +1,10 @@
 #include "opal-package/SubRip.h"
 
-#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <sstream>
 
 #include "opal-package/Error.h"
-#include "opal-package/Presentation.h"
 
 namespace opal::package {
 namespace {
@@ -111,27 +110,8 @@ std::vector<SubtitleText> ParseSubRip(const std::string& content, const std::str
     if (texts.empty()) {
         throw PackageError(Failure::Refused, fileName + ": holds no subtitle text");
     }
-    std::stable_sort(texts.begin(), texts.end(), [](const SubtitleText& a, const SubtitleText& b) {
-        return a.startMs < b.startMs;
-    });
+    Arrange(texts);
     return texts;
-}
-
-std::vector<Cluster> SubtitleClusters(const std::vector<SubtitleText>& texts, int64_t durationMs) {
-    std::vector<Cluster> clusters;
-    size_t next = 0;
-    for (int64_t time = 0; time < durationMs; time += kClusterMs) {
-        Cluster cluster;
-        cluster.timeMs = time;
-        for (; next < texts.size() && texts[next].startMs < std::min(time + kClusterMs, durationMs);
-             ++next) {
-            const SubtitleText& text = texts[next];
-            cluster.blocks.push_back({text.startMs, text.endMs - text.startMs, true,
-                                      std::vector<uint8_t>(text.text.begin(), text.text.end())});
-        }
-        clusters.push_back(std::move(cluster));
-    }
-    return clusters;
 }
 
 }  // namespace opal::package

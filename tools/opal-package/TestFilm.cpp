@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <random>
 
 #include "opal-package/Error.h"
@@ -19,6 +20,19 @@ constexpr double kPi = 3.14159265358979323846;
 /// levels come out near their rates. The seed is fixed: the same options make the same film.
 constexpr size_t kNoiseBytes = 1 << 20;
 constexpr unsigned kNoiseSeed = 20;
+
+constexpr int64_t kTextPeriodMs = 4000;
+constexpr int64_t kTextStartMs = 500;
+constexpr int64_t kTextEndMs = 3500;
+constexpr const char* kTexts[] = {
+    "\u00C9t\u00E9, \u00FCber, ma\u00F1ana, \u010De\u0161tina, \u0142\u00F3d\u017A, "
+    "\u00E5ngstr\u00F6m",
+    "\u039A\u03B1\u03BB\u03B7\u03BC\u03AD\u03C1\u03B1, \u03BA\u03CC\u03C3\u03BC\u03B5!",
+    "\u041F\u0440\u0438\u0432\u0435\u0442, \u043C\u0438\u0440!",
+    "The first line of two,\nand the second one.",
+    "A text that is longer than any line of the picture, so that whoever draws it has to find the "
+    "places where the line may be broken in two, or in three.",
+    "\u201CFish & chips <hot>\u201D \u2014 {50 % off}"};
 
 /// Draws the pictures of one size.
 class Painter {
@@ -128,6 +142,7 @@ class TestFilm : public Film, private FilmPicture {
         for (const std::string& language : options.languages) {
             m_info.sounds.push_back({language, kSampleRate});
         }
+        m_info.texts = options.texts;
     }
 
     const FilmInfo& Info() const override { return m_info; }
@@ -142,6 +157,12 @@ class TestFilm : public Film, private FilmPicture {
         }
         sink.OnPicture(m_timeMs, *this);
         ++m_pictures;
+        if (TestText(0, m_texts).startMs <= m_timeMs) {
+            for (size_t track = 0; track < m_info.texts.size(); ++track) {
+                sink.OnText(track, TestText(track, m_texts));
+            }
+            ++m_texts;
+        }
         const int64_t endMs = std::min(m_pictures * 1000 / rate, m_info.durationMs);
         const int64_t end = endMs * kSampleRate / 1000;
         for (size_t track = 0; track < m_info.sounds.size(); ++track) {
@@ -175,6 +196,7 @@ class TestFilm : public Film, private FilmPicture {
 
     FilmInfo m_info;
     int64_t m_pictures = 0;
+    size_t m_texts = 0;
     int64_t m_samples = 0;
     int64_t m_timeMs = 0;
     std::vector<float> m_tone;
@@ -182,6 +204,12 @@ class TestFilm : public Film, private FilmPicture {
 };
 
 }  // namespace
+
+SubtitleText TestText(size_t track, size_t number) {
+    const int64_t periodMs = static_cast<int64_t>(number) * kTextPeriodMs;
+    return {periodMs + kTextStartMs, periodMs + kTextEndMs,
+            kTexts[(track + number) % std::size(kTexts)]};
+}
 
 double TestTone(size_t track) {
     return 440.0 * (1.0 + 0.5 * static_cast<double>(track));
