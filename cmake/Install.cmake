@@ -3,8 +3,9 @@ include(CMakePackageConfigHelpers)
 
 set(OPAL_PUBLIC_HEADERS
   Common/Export.h Common/MemoryBuffer.h Common/OPALError.h Common/OPALPlayRate.h
-  Common/OPALStreamType.h Common/OPALVersion.h Common/OPALWriterModel.h Common/logging/Logger.h
-  PlatformAdapter/Mstar/HABPreferences.h
+  Common/OPALStreamType.h Common/OPALVersion.h Common/OPALWriterModel.h
+  Common/logging/ILogEventSender.h Common/logging/Logger.h PlatformAdapter/Mstar/HABPreferences.h
+  StreamingController/ArrangedLogSender.h
   StreamingController/IStreamingController.h StreamingController/IStreamingControllerNotify.h
   StreamingController/StreamingControllerTypes.h)
 
@@ -19,6 +20,7 @@ set(OPAL_LIBRARIES OPAL opal_tvset)
 if(OPAL_TICKET_START)
   list(APPEND OPAL_LIBRARIES opal_services)
 endif()
+install(FILES docs/log4cxx.properties docs/SERVICES.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(TARGETS ${OPAL_LIBRARIES} EXPORT OPALTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/opal)

@@ -39,7 +39,7 @@ class ObjectFactory : boost::noncopyable {
     /// Kinds of log senders.
     static constexpr int kUploadSender = 0;
     static constexpr int kArrangedSender =
-        1;  ///< arranged ahead of the controller; none is created
+        1;  ///< arranged ahead of the controller, by the application
     static constexpr int kNullSender = 2;
 
     static ObjectFactory& Instance();

@@ -141,8 +141,8 @@ class ProgramsTest : public testing::Test {
 
 TEST_F(ProgramsTest, PlaysToTheEndAndTellsHowItWas) {
     const std::string pictures = s_folder->File("pictures");
-    Program play(Play({"--json", "--snapshots", pictures, "--snapshot-at", "1,3.5", "--log",
-                       s_folder->File("log")}));
+    Program play(Play({"--json", "--snapshots", pictures, "--snapshot-at", "1,3.5", "--output",
+                       s_folder->File("log"), "--log", s_folder->File("events")}));
     ASSERT_EQ(0, play.Wait()) << play.err << play.out;
     const auto json = nlohmann::json::parse(play.out);  // nothing else is printed
     EXPECT_EQ("end of stream", json["outcome"]);
@@ -155,6 +155,11 @@ TEST_F(ProgramsTest, PlaysToTheEndAndTellsHowItWas) {
     for (const char* name : {"/at-1s.png", "/at-3.5s.png"})
         EXPECT_THAT(TextOf(pictures + name), StartsWith("\x89PNG")) << name;
     EXPECT_THAT(TextOf(s_folder->File("log")), HasSubstr("KMT Version: "));
+    const std::string events = TextOf(s_folder->File("events"));
+    EXPECT_THAT(events, StartsWith("<device-event><action><ts>0</ts>"));
+    for (const char* event :
+         {"<init>", "<play>", "<quality-level-change>", "<algo-trace>", "<eos>"})
+        EXPECT_THAT(events, HasSubstr(event));
 }
 
 TEST_F(ProgramsTest, AStoppedPackagerLeavesNothingBehind) {

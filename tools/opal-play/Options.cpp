@@ -58,7 +58,11 @@ struct Words {
 void Declare(CLI::App& app, Options& options, Words& words) {
     app.footer(kFooter);
     app.set_version_flag("--version", "opal-play " OPAL_VERSION_TEXT);
-    app.add_option("URL", options.url, "Manifest of the presentation")->required();
+    app.add_option("URL", options.url, "Manifest of the presentation");
+    app.add_option("--ticket", options.ticket,
+                   "Start from this ticket instead; WNCEndPoint.cfg in this folder tells where the "
+                   "services are");
+    app.add_option("--session", options.session, "With --ticket: what identifies the client");
     app.add_option("--at", words.actions,
                    "Do something TIME after playback started, as 5s:seek=20 or 10s:rate=-4x; also "
                    "pause, play, stop, audio=N, subtitle=N, subtitle=off, snapshot, quit");
@@ -85,7 +89,9 @@ void Declare(CLI::App& app, Options& options, Words& words) {
         "--strict", options.strict,
         "Fail unless the end was reached in real time, with more than 95 % of the pictures "
         "shown and no error");
-    app.add_option("--log", options.logFile, "FILE for what library and set print")
+    app.add_option("--log", options.logFile,
+                   "FILE for the session's log: each document that would be uploaded, a line each");
+    app.add_option("--output", options.outputFile, "FILE for what library and set print")
         ->capture_default_str();
     app.add_flag("--verbose", options.verbose, "Leave what library and set print on the terminal");
 }
@@ -109,6 +115,10 @@ void Complete(Options& options, const Words& words, bool display) {
     options.audioTrack = ParseTrack(words.audio, words.audio, false);
     options.subtitleTrack = ParseTrack(words.subtitle, words.subtitle, true);
     options.snapshotsAtMs = ParseTimes(words.snapshots);
+    if (options.url.empty() == options.ticket.empty())
+        throw UsageError("give the URL of a manifest, or --ticket");
+    if (!options.ticket.empty())
+        options.url = "ticket";  // the ticket itself is a credential and is not printed
     const bool snapshots =
         !options.snapshotsAtMs.empty() ||
         std::any_of(options.actions.begin(), options.actions.end(),

@@ -17,7 +17,9 @@ struct Action {
 };
 
 struct Options {
-    std::string url;
+    std::string url;     ///< for a ticket only what it is called in messages
+    std::string ticket;  ///< empty: the start is from the URL
+    std::string session;
     std::string country = "US";
     std::string language = "en";
     bool pull = false;
@@ -33,7 +35,8 @@ struct Options {
     std::vector<Action> actions;  ///< by time
     std::string snapshotFolder;
     std::vector<int64_t> snapshotsAtMs;  ///< media times, rising
-    std::string logFile = "/dev/null";
+    std::string logFile;                 ///< of the session's log events; empty: none
+    std::string outputFile = "/dev/null";
     bool verbose = false;
     bool json = false;
     bool strict = false;

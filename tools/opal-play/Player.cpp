@@ -4,6 +4,7 @@
 
 #include "Common/logging/Logger.h"
 #include "TvSet.h"
+#include "opal-play/LogFile.h"
 #include "opal-play/MonotonicTime.h"
 #include "opal-play/Rates.h"
 
@@ -49,6 +50,8 @@ int Player::Run() {
     for (const char* name : kLoggers)
         getLogger(name)->setLevel(log4cxx::Level::getTrace());
     ListenToDiagnostics();
+    if (!m_options.logFile.empty())
+        WriteLogsTo(m_options.logFile);
     m_controller.reset(NewStreamingController());
     (void)m_controller->SetNotify(&m_listener);
     m_commands =
@@ -87,8 +90,13 @@ void Player::ListenToDiagnostics() {
 }
 
 OPALError Player::Open() {
-    const OPALError code = m_controller->InitializeFromSMILFile(
-        m_options.url, m_options.country, m_options.language, Model(m_options));
+    const OPALError code =
+        m_options.ticket.empty()
+            ? m_controller->InitializeFromSMILFile(m_options.url, m_options.country,
+                                                   m_options.language, Model(m_options))
+            : m_controller->InitializeFromTIXString(m_options.ticket, m_options.session,
+                                                    m_options.country, m_options.language,
+                                                    Model(m_options));
     if (code != OPAL_OK)
         return code;
     ListenToDiagnostics();  // a property file of the user's may have taken the loggers over

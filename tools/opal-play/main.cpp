@@ -48,7 +48,7 @@ int main(int argc, char** argv) {
     if (!ParseCommandLine(argc, argv, std::getenv("DISPLAY") != nullptr, options, exitCode))
         return exitCode;
     try {
-        Console console(options.json, options.verbose, options.logFile);
+        Console console(options.json, options.verbose, options.outputFile);
         return Player(options, console, startedMs).Run();
     } catch (const std::exception& error) {
         std::cerr << "opal-play: " << error.what() << std::endl;

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <boost/noncopyable.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -17,8 +16,11 @@ class StopSignal;
 /// controller's; the rest from any thread.
 /// Ownership: the controller's; `context` is not owned.
 /// Units: milliseconds, bytes.
-class ILogEventSender : boost::noncopyable {
+class ILogEventSender {
   public:
+    ILogEventSender() = default;
+    ILogEventSender(const ILogEventSender&) = delete;
+    ILogEventSender& operator=(const ILogEventSender&) = delete;
     virtual OPALError Initialize() = 0;
     virtual void SetLocale(const std::string& country, const std::string& language) = 0;
     virtual OPALError Send(const std::string& document) = 0;

@@ -1,5 +1,6 @@
 #include "ContentSession/src/WNCLogEventSender.h"
 
+#include "Common/OPALVersion.h"
 #include "Common/logging/Logger.h"
 #include "ContentSession/src/LogUpload.h"
 
@@ -58,7 +59,7 @@ OPALError WNCLogEventSender::Initialize() {
     if (settings.url.empty() || settings.url.size() > kMaxUrl)
         return OPAL_ERROR_CONTENT_SESSION;
     m_url = LogUploadUrl(settings.url);
-    m_prefix = LogUploadPrefix({"", "", m_context->GetId(), OPAL_CLIENT_VERSION});
+    m_prefix = LogUploadPrefix({"", "", m_context->GetId(), OPAL_VERSION_TEXT});
     m_suffix = LogUploadSuffix();
     m_post.reset(new opal::HTTPPost(m_context->GetTimeouts()));
     m_post->SetStopSignal(m_stop, kGraceMs);

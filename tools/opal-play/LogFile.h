@@ -1,0 +1,11 @@
+#pragma once
+
+#include <string>
+
+namespace opal::play {
+
+/// Lets the sessions to come write their log into a file, every level of it: each document that
+/// would be uploaded becomes a line. Throws std::runtime_error if the file cannot be written.
+void WriteLogsTo(const std::string& path);
+
+}  // namespace opal::play
