@@ -312,7 +312,9 @@ TEST_F(OddFilm, TextsOfFilesAndOfTheFilmBecomeTracksWithAFont) {
 
 TEST_F(OddFilm, TheFolderChangesOnlyWhenAllIsWhole) {
     m_options.ladder = {{100000, 64, 48}, {400000, 128, 96}};
+    m_options.golden = true;
     Make();
+    m_options.golden = false;
     const auto first = Files();
     const auto Write = [this](const std::string& path) { std::ofstream(path) << "mine"; };
     Write(m_options.folder + "/notes.txt");

@@ -9,6 +9,7 @@
 #include "PackageSupport.h"
 #include "opal-package/AudioEncoder.h"
 #include "opal-package/Dump.h"
+#include "opal-package/GoldenFile.h"
 #include "opal-package/Packager.h"
 #include "opal-package/TimeCode.h"
 #include "opal-simulate/Film.h"
@@ -36,6 +37,7 @@ class PackagedFilm : public testing::Test {
         options.ladder = ParseLadder("100k:160x90,300k:320x180");
         const char* text = "1\n00:00:06,000 --> 00:00:06,900\nsecond\n";
         options.subtitles = {{s_folder->Write("a.srt", text), "eng"}};
+        options.golden = true;
         options.font = s_folder->Write("font.ttf", std::string("\0\1\0\0", 4) + "no outlines");
         s_film = Package(options);
     }
@@ -137,6 +139,47 @@ TEST_F(PackagedFilm, SubtitlesManifestAndSidecar) {
     const simulate::Film simulated = simulate::ReadFilm(s_folder->File("film/presentation.json"));
     EXPECT_THAT(simulated.levels.at(1).clusterSizes,
                 testing::ElementsAreArray(s_film.entries[kLarge].clusterSizes));
+}
+
+// The blocks that the library reads are those of the golden file, record for record, at the places
+// where a verifier looks.
+TEST_F(PackagedFilm, GoldenFilesHoldEveryBlock) {
+    for (const Entry& entry : s_film.entries) {
+        SCOPED_TRACE(entry.file);
+        const std::string golden = TextOf(entry.file + kGoldenEnding);
+        const auto blocks = ViewOf(entry).blocks;
+        ASSERT_EQ(golden.size(), 40 * blocks.size());
+        std::string expected;
+        const auto word = [&expected](uint64_t value) {
+            for (int i = 0; i < 4; ++i)
+                expected += static_cast<char>(value >> 8 * i);
+        };
+        for (const Block& block : blocks) {
+            expected.append(8, '\0');
+            word(static_cast<uint64_t>(block.timeMs) * 10000 >> 32);
+            word(static_cast<uint64_t>(block.timeMs) * 10000);
+            expected.append(12, '\0');
+            word(block.data.size());
+            word(BlockCrc(block.data.data(), block.data.size()));
+            word(0);
+        }
+        EXPECT_TRUE(golden == expected);
+        std::ostringstream listed;
+        EXPECT_EQ(Dump(PathOf(entry) + kGoldenEnding, listed), 0);
+        EXPECT_THAT(listed.str(), HasSubstr(", crc "));
+    }
+    const std::string published = "123456789";
+    const auto* data = reinterpret_cast<const uint8_t*>(published.data());
+    EXPECT_EQ(BlockCrc(data, published.size()), 0xCBF43926U);
+    // An hour in units of 100 ns does not fit into a word: the higher one comes first.
+    std::ostringstream record;
+    WriteGoldenRecord(record, {3600000, 0, true, {data, data + 9}});
+    EXPECT_EQ(record.str().substr(8, 8), std::string("\x08\0\0\0\x00\x68\xC4\x61", 8));
+    std::ostringstream out;
+    const std::string cut = s_folder->Write("cut.golden", record.str() + "xyz");
+    EXPECT_EQ(Dump(cut, out), static_cast<int>(Failure::Damaged));
+    EXPECT_THAT(out.str(), AllOf(HasSubstr("block 3600000 ms, 9 bytes, crc cbf43926"),
+                                 HasSubstr("3 bytes behind the last record")));
 }
 
 // Cut anywhere, it is reported; any byte of the header turned over, no more is printed than a file

@@ -1,9 +1,5 @@
 #include "opal-package/Dump.h"
 
-extern "C" {
-#include <libavutil/crc.h>
-}
-
 #include <algorithm>
 #include <array>
 #include <boost/scoped_ptr.hpp>
@@ -22,6 +18,7 @@ extern "C" {
 #include "StreamingDemux/EBML/IClusterIndex.h"
 #include "StreamingDemux/EBML/IClusterParser.h"
 #include "opal-package/Error.h"
+#include "opal-package/GoldenFile.h"
 
 namespace opal::package {
 namespace {
@@ -359,8 +356,7 @@ class Dumper {
         OPALError error = OPAL_OK;
         while ((error = parser.GetNextBlock(block, 0)) == OPAL_OK) {
             char line[96];
-            const uint32_t crc = ~av_crc(av_crc_get_table(AV_CRC_32_IEEE_LE), 0xFFFFFFFF,
-                                         block.data.GetData(), block.data.GetSize());
+            const uint32_t crc = BlockCrc(block.data.GetData(), block.data.GetSize());
             std::snprintf(line, sizeof line, "  block %lld ms%s, %zu bytes, crc %08x",
                           static_cast<long long>(block.timecode),
                           (block.flags & BlockNode::kKeyFrame) != 0 ? " key" : "",
@@ -391,6 +387,11 @@ class Dumper {
 }  // namespace
 
 int Dump(const std::string& path, std::ostream& out) {
+    const std::string ending = kGoldenEnding;
+    if (path.size() > ending.size() &&
+        path.compare(path.size() - ending.size(), ending.size(), ending) == 0) {
+        return DumpGolden(path, out);
+    }
     return Dumper(path, out).Run();
 }
 

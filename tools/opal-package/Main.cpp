@@ -128,7 +128,10 @@ void Declare(CLI::App& app, CommandLine& line) {
         ->capture_default_str();
     app.add_option("--manifest", line.manifestFolder,
                    "Only write FOLDER's manifest again, with another --base-url");
-    app.add_option("--dump", line.dumpFile, "Print FILE's header, index and blocks");
+    app.add_flag("--golden", line.package.golden,
+                 "Write FILE.golden beside each file: time, size and CRC of every block");
+    app.add_option("--dump", line.dumpFile,
+                   "Print FILE's header, index and blocks, or the blocks of FILE.golden");
 }
 
 std::vector<std::string> Split(const std::string& text, char separator) {

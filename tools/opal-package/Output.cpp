@@ -60,7 +60,7 @@ class FileOutput : public Output {
     FileOutput(const OutputOptions& options, Entry entry, int64_t clusterMs)
         : m_options(options),
           m_entry(std::move(entry)),
-          m_file(options.folder + "/" + m_entry.file, clusterMs) {}
+          m_file(options.folder + "/" + m_entry.file, clusterMs, options.golden) {}
 
     void OnPicture(int64_t, bool, FilmPicture&) override {}
     void OnPacket(Block) override {}

@@ -16,6 +16,8 @@ namespace opal::package {
 struct OutputOptions {
     std::string folder;
     std::string preset;
+    /// Writes a golden file beside each file.
+    bool golden = false;
     /// Takes remarks that do not stop the work, one line each.
     std::function<void(const std::string&)> note;
 };

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "opal-package/Error.h"
+#include "opal-package/GoldenFile.h"
 
 namespace opal::package {
 namespace {
@@ -26,7 +27,7 @@ bool IsOurs(const fs::path& file) {
     const std::string name = file.filename().string();
     const std::string ending = file.extension().string();
     return name == kManifestName || name == kSidecarName || ending == ".mkv" || ending == ".mka" ||
-           ending == ".mks";
+           ending == ".mks" || ending == kGoldenEnding;
 }
 
 /// The media files of the presentation that a folder holds; none where it holds none.
@@ -38,7 +39,7 @@ std::set<std::string> MediaOf(const std::string& folder) {
         for (const Entry& entry : ParseSidecar(text).entries) {
             // A name with a path in it would lead out of the folder.
             if (entry.file == fs::path(entry.file).filename().string()) {
-                names.insert(entry.file);
+                names.insert({entry.file, entry.file + kGoldenEnding});
             }
         }
     } catch (const std::exception&) {  // no sidecar, or none of ours

@@ -114,7 +114,7 @@ class Work : public FilmSink {
             font = LoadFont(m_options.font);
         }
         m_folder.Begin();
-        m_common = {m_folder.Working(), m_options.preset, m_events.note};
+        m_common = {m_folder.Working(), m_options.preset, m_options.golden, m_events.note};
         if (m_options.copy) {
             PlanCopy();
         } else {

@@ -36,6 +36,8 @@ struct PackageOptions {
     /// Time from one trick picture to the next; must divide the length of a trick cluster. 0: no
     /// trick track.
     int64_t trickIntervalMs = 500;
+    /// Writes a golden file beside each media file, for the verification of what arrives.
+    bool golden = false;
 };
 
 /// What is told while the work goes on.

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "opal-package/Error.h"
+#include "opal-package/GoldenFile.h"
 
 namespace opal::package {
 
@@ -19,11 +20,15 @@ auto TrackFile::Guarded(Work work) {
     }
 }
 
-TrackFile::TrackFile(const std::string& path, int64_t clusterMs)
+TrackFile::TrackFile(const std::string& path, int64_t clusterMs, bool golden)
     : m_path(path), m_clusterMs(clusterMs), m_out(path, std::ios::binary | std::ios::trunc) {
     if (!m_out) {
         throw PackageError(Failure::InputOutput,
                            path + ": cannot be created; is the folder writable?");
+    }
+    if (golden) {
+        m_golden = std::make_unique<std::ofstream>(path + kGoldenEnding,
+                                                   std::ios::binary | std::ios::trunc);
     }
 }
 
@@ -44,6 +49,11 @@ void TrackFile::Add(Block block) {
 
 void TrackFile::AddCluster(const Cluster& cluster) {
     Guarded([&] { m_writer->WriteCluster(cluster); });
+    for (const Block& block : cluster.blocks) {
+        if (m_golden) {
+            WriteGoldenRecord(*m_golden, block);
+        }
+    }
 }
 
 FileLayout TrackFile::Finish(int64_t durationMs) {
@@ -53,7 +63,10 @@ FileLayout TrackFile::Finish(int64_t durationMs) {
     return Guarded([&] {
         FileLayout layout = m_writer->Finish(durationMs);
         m_out.close();
-        if (!m_out) {
+        if (m_golden) {
+            m_golden->close();
+        }
+        if (!m_out || (m_golden && !*m_golden)) {
             throw std::runtime_error("the file could not be completed");
         }
         return layout;

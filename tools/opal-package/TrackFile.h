@@ -16,7 +16,8 @@ namespace opal::package {
 /// Errors: PackageError (InputOutput) that names the file.
 class TrackFile {
   public:
-    TrackFile(const std::string& path, int64_t clusterMs);
+    /// `golden`: writes a golden file beside it.
+    TrackFile(const std::string& path, int64_t clusterMs, bool golden = false);
 
     /// Must come before the first block.
     void Describe(const TrackDescription& track);
@@ -36,6 +37,7 @@ class TrackFile {
     std::string m_path;
     int64_t m_clusterMs;
     std::ofstream m_out;
+    std::unique_ptr<std::ofstream> m_golden;
     std::unique_ptr<MatroskaWriter> m_writer;
     Cluster m_cluster;
     int64_t m_nextClusterMs = 0;
