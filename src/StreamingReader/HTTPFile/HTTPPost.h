@@ -14,7 +14,6 @@ namespace opal {
 /// Ownership: the signal, which may be null, is not owned.
 class HTTPPost {
   public:
-    HTTPPost() = default;
     explicit HTTPPost(const ServiceTimeouts& timeouts) : m_timeouts(timeouts) {}
 
     /// Once the signal is raised, what runs and what is still to come has `graceMs` together: time
