@@ -10,3 +10,8 @@ enum OPALStreamType : int {
     /// No stream: an object asked to be built for this kind is not built.
     OPAL_STREAM_NONE = 4
 };
+
+/// The kind under which buffers, writers and sinks know a stream.
+inline OPALStreamType FoldStreamType(OPALStreamType type) {
+    return type == OPAL_STREAM_TRICK ? OPAL_STREAM_VIDEO : type;
+}

@@ -3,17 +3,12 @@
 #include <atomic>
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/scoped_ptr.hpp>
-#include <boost/shared_ptr.hpp>
-#include <boost/thread/lock_guard.hpp>
-#include <boost/thread/locks.hpp>
-#include <boost/thread/mutex.hpp>
-#include <boost/thread/recursive_mutex.hpp>
-#include <boost/thread/shared_mutex.hpp>
 #include <boost/thread/thread.hpp>
 #include <functional>
+#include <memory>
 
-#include "Common/InitialBandwidthMode.h"
 #include "Common/LockedQueue.h"
+#include "Common/Mutex.h"
 #include "Common/StopSignal.h"
 #include "Common/logging/Logger.h"
 #include "Common/network/BandwidthProbe.h"
@@ -30,44 +25,24 @@ class ILogEventSender;
 class IProtectedContent;
 class ISMILParser;
 class IStreamingWriter;
-class LogEvent;
 class Readers;
 
-namespace opal {
-
-/// A new sink, owned by whoever receives it, and the operation that configures it, which lies
-/// outside IPlatform. The operation stays valid as long as the sink.
-template <typename... Arguments>
-struct Sink {
-    IPlatform* platform = nullptr;
-    std::function<OPALError(Arguments...)> configure;
-};
-
-/// Codec, width, height, bit-rate, private data and its size, first.
-using VideoSink = Sink<const std::string&, int, int, int64_t, const void*, size_t, bool>;
-/// Codec, sampling frequency, channels, private data and its size, first.
-using AudioSink = Sink<const std::string&, uint32_t, uint32_t, const uint8_t*, size_t, bool>;
-/// Codec, width, height, font and its size.
-struct SubtitleSink : Sink<const std::string&, int, int, const void*, size_t> {
-    std::function<void(IPlatformSubtitleNotify*)> setNotify;
-};
-
-}  // namespace opal
-
-/// The controller that NewStreamingController makes. Public operations do what is immediate under
-/// m_mutex and post a message; the event loop on m_thread does the rest, one message a turn of
-/// 10 ms: it checks readers and writers, reports the position, handles the message, looks for an
-/// underflow and reports progress and play state.
+/// The controller that NewStreamingController makes: the shell of a session. It has the interface,
+/// the lock, the queue, the loop and the order of events; what is done to streams, subtitles, audio
+/// tracks and the content session lies with the parts beside it, which do not know the controller.
+/// Public operations do what is immediate under m_mutex and post a message; the event loop on
+/// m_thread does the rest, one message a turn of 10 ms: it checks readers and writers, reports the
+/// position, handles the message, looks for an underflow and reports progress and play state.
 ///
 /// Threading: as IStreamingController. Locks, in the order in which they are taken:
 /// m_lifecycleMutex (a whole Initialize... or Finalize), m_mutex (everything of a session),
 /// m_objectsMutex (shared by the accessors that do not take m_mutex; exclusive only while an object
-/// is put in place or dropped), m_interruptMutex (likewise, for what Finalize ends before it waits:
-/// an accessor may wait for a transfer with the one before), then a reader manager's, a reader's or
-/// a writer's, a sink's. Reader callbacks run under manager and reader and take none of the first
-/// four, so a reader never waits for the controller. Finalize first ends everything that may wait
-/// for the network or the set, without m_mutex, so that it gets m_mutex soon; a running
-/// Initialize... then returns an error and Finalize goes on behind it.
+/// is put in place or dropped), then a reader manager's, a reader's or a writer's, a sink's. Reader
+/// callbacks run under manager and reader and take none of the first three, so a reader never waits
+/// for the controller. An object of the session is written with m_mutex and m_objectsMutex held, so
+/// either one is enough to read it. m_mutex is not held while the network is waited for, but by
+/// Initialize... and, for as long as a transfer takes to be cancelled, by a jump. Finalize first
+/// raises the session's stop signal, so that everything that waits lets go.
 /// Ownership: owns all objects of a session; the listener is the application's. A derived class
 /// calls Finalize in its destructor, since the loop calls its virtual operations.
 /// Units: milliseconds, bytes, bits per second.
@@ -145,7 +120,8 @@ class StreamingController : public IStreamingController {
     OPALError GetBufferingProgress(size_t& percent) override;
 
   protected:
-    // What a derived controller may adapt in a session. `out` stays valid until the next call.
+    // What a derived controller may adapt in a session, with m_mutex held. `out` stays valid until
+    // the next call.
     virtual OPALError AdaptVideoHeader(const void* in, size_t inSize, const void*& out,
                                        size_t& outSize);
     virtual OPALError AdaptAudioHeader(const void* in, size_t inSize, const void*& out,
@@ -159,9 +135,10 @@ class StreamingController : public IStreamingController {
     // What a session is made of. Null when there is none to be had.
     virtual Readers* NewReaders();
     virtual IStreamSwitchingController* NewSwitchingController();
-    virtual opal::VideoSink NewVideoSink(HHABARCH hArch, HHABTIMER hTimer);
-    virtual opal::AudioSink NewAudioSink(HHABARCH hArch, HHABTIMER hTimer);
-    virtual opal::SubtitleSink NewSubtitleSink(HHABARCH hArch, HHABTIMER hTimer);
+    // The sinks are an IVideoSink, an IAudioSink and an ISubtitleSink too.
+    virtual IPlatform* NewVideoSink(HHABARCH hArch, HHABTIMER hTimer);
+    virtual IPlatform* NewAudioSink(HHABARCH hArch, HHABTIMER hTimer);
+    virtual IPlatform* NewSubtitleSink(HHABARCH hArch, HHABTIMER hTimer);
     /// Runs the loop's thread; a derived controller that steps the loop itself does nothing.
     virtual void StartLoop();
 
@@ -190,7 +167,6 @@ class StreamingController : public IStreamingController {
     bool IsTerminated();
 
   private:
-    using Lock = boost::unique_lock<boost::recursive_mutex>;
     using Ptime = boost::posix_time::ptime;
 
     /// The listener of all readers.
@@ -216,167 +192,93 @@ class StreamingController : public IStreamingController {
         StreamingController* controller = nullptr;
     };
 
-    class CallbackScope;
-    class FinalizingScope;
+    /// The parts beside the shell, and what the session remembers between messages.
+    struct Session;
 
     static constexpr int kNoPlayState = -1;
 
     // Initialization.cpp
     OPALError RunInitialization(const std::function<OPALError()>& build);
     void BeginInitialization(const char* trace, int senderKind);
-    void CreateLogSender(const std::string& country, const std::string& language);
     OPALError BuildFromManifest(const std::string& url, const std::string& country,
                                 const std::string& language, OPALWriterModel model);
     OPALError BuildFromTicket(const std::string& tixString, const std::string& sessionData,
                               const std::string& country, const std::string& language,
                               OPALWriterModel model);
-    OPALError OpenTicket(const std::string& tixString, const std::string& sessionData,
-                         const std::string& country, const std::string& language,
-                         std::string& assetId);
-    OPALError LoadServiceAlgorithmConfig();
-    OPALError FetchManifest(ISMILParser& parser, const std::string& url);
-    OPALError CreateSwitchingController();
-    OPALError GiveLevelsToSwitching();
-    OPALError InitializeInternal(const std::string& ticket, const std::string& country,
-                                 const std::string& language, OPALWriterModel model);
+    bool LoadAlgorithmConfigFile();
+    OPALError KeepSwitchingController();
+    OPALError InitializeInternal(const std::string& ticket, OPALWriterModel model)
+        OPAL_REQUIRES(m_mutex);
     OPALError CreateRuntimeHandles();
-    OPALError CreateBuffer(boost::scoped_ptr<IClusterBuffer>& buffer, size_t capacity);
     OPALError OpenVideo(size_t level);
     OPALError CreateVideoSink(size_t level);
-    OPALError SetupContentStream();
-    OPALError CreateVideoWriter(OPALWriterModel model);
-    void DetermineStartupProperties(size_t& level, InitialBandwidthMode& mode, int64_t& startupMs);
     bool ProbeBandwidth();
-    void OnProbeResult(int64_t size, int64_t duration);
-    void GetProbeProperties(size_t& initSize, int64_t& duration, std::string& uri);
-    size_t LevelFromSwitching();
-    bool LoadAlgorithmConfigFile();
-    /// Puts an object in place under the accessors' eyes.
-    template <typename T>
-    void Publish(boost::scoped_ptr<T>& slot, T* object) {
-        boost::unique_lock<boost::shared_mutex> lock(m_objectsMutex);
-        slot.reset(object);
-    }
 
     // Shutdown.cpp
-    bool IsInCallback() const;
     void EndPreviousSession();
     void EndLoop();
-    void StopLogSender();
-    OPALError TearDown(bool keepForNextSession);
-    OPALError DropSink(boost::scoped_ptr<IPlatform>& sink);
-    void DropHandlesAndBuffers(bool keepBuffers);
-    void DropObjects(bool keepForNextSession);
-    void ResetFigures();
+    OPALError TearDown(bool keepForNextSession) OPAL_REQUIRES(m_mutex);
+    void DropObjects(bool keepForNextSession) OPAL_REQUIRES(m_mutex);
     OPALError Terminate(OPALError code);
 
     // EventLoop.cpp
     OPALError EventLoop();
     void Shielded(const std::function<void()>& action);
-    void FlushLog(LoopState& state);
-    OPALError CheckReaders();
-    OPALError CheckWriters();
     bool CheckHealth(LoopState& state);
-    OPALError SubtitleStreamError();
-    OPALError DropSubtitles(LoopState& state);
     void WatchPlayback(LoopState& state);
     OPALError HandleMessage(LoopState& state);
-    OPALError Dispatch(const StreamingControllerMessage& message, LoopState& state);
-    OPALError HandlePaused(LoopState& state);
-    OPALError HandleStop(LoopState& state);
-    OPALError HandleSetAudioTrack(size_t index, LoopState& state);
-    OPALError HandleSetSubtitleTrack(size_t index, LoopState& state);
-    OPALError HandleSubtitlePending(size_t index, LoopState& state);
-    OPALError EndSubtitleSelection(LoopState& state);
-    OPALError HandleStart(LoopState& state);
-    OPALError HandleVideoCluster(LoopState& state);
-    OPALError HandleTrickCluster(size_t argument);
-    OPALError HandleTrickStarted(LoopState& state);
-    OPALError StartWhenReady(LoopState& state);
-    void DeclareStarted(LoopState& state);
+    OPALError Dispatch(const StreamingControllerMessage& message, LoopState& state)
+        OPAL_REQUIRES(m_mutex);
+    OPALError HandleStop(LoopState& state) OPAL_REQUIRES(m_mutex);
+    OPALError HandleSetAudioTrack(size_t index) OPAL_REQUIRES(m_mutex);
+    OPALError EndAudioSelection(OPALError code) OPAL_REQUIRES(m_mutex);
+    OPALError HandleSetSubtitleTrack(size_t index, LoopState& state) OPAL_REQUIRES(m_mutex);
+    OPALError HandleSubtitlePending(size_t index, LoopState& state) OPAL_REQUIRES(m_mutex);
+    OPALError EndSubtitleSelection(LoopState& state) OPAL_REQUIRES(m_mutex);
+    OPALError DropSubtitles(LoopState& state) OPAL_REQUIRES(m_mutex);
+    OPALError StartWhenReady(LoopState& state) OPAL_REQUIRES(m_mutex);
+    OPALError HandleTrickStarted(LoopState& state) OPAL_REQUIRES(m_mutex);
+    OPALError HandleVideoCluster(LoopState& state) OPAL_REQUIRES(m_mutex);
+    OPALError HandleTrickCluster(size_t argument) OPAL_REQUIRES(m_mutex);
     bool WatchBuffer(LoopState& state);
-    bool HandleUnderflow(LoopState& state);
-    void ReportBuffering(LoopState& state);
-    OPALError IsReadyToStart();
+    bool HandleUnderflow(LoopState& state) OPAL_REQUIRES(m_mutex);
+    OPALError IsReadyToStart() OPAL_REQUIRES(m_mutex);
+    OPALError ReportPlayState(int playState);
 
     // Buffering.cpp
     void OnDownloadComplete(OPALStreamType type, int64_t downloadTime, int64_t downloadSize,
                             size_t index);
     void OnClusterBufferWrite(OPALStreamType type);
-    OPALError BufferedDuration(OPALStreamType type, int64_t& ms);
     OPALError BufferingProgress(size_t& percent);
-    void ArmBuffering(bool video, bool audio, bool subtitle);
 
     // PlaybackControl.cpp
-    template <typename Operation>
-    OPALError Guarded(Operation operation) {
-        Lock lock(m_mutex);
-        if (m_terminated)
-            return m_error;
-        return m_initialized ? operation() : OPAL_ERROR_NOT_READY;
-    }
-    void AcceptStart();
-    OPALError OpenFirstAudioTrack(bool tolerateUnsupported);
-    OPALError StartPlayback();
-    OPALError StartReaders();
-    bool IsSubtitleStreamOpening();
-    OPALError StopReaders();
-    OPALError CancelReaders();
-    OPALError SeekReaders(int64_t& positionMs);
-    OPALError StartWriters();
-    OPALError PauseWriters();
-    OPALError DoSwitchLevel();
-    OPALError StopStreamsForJump(int64_t& position);
-    OPALError StopSubtitlesForJump();
-    OPALError DoTrickPlay();
-    OPALError DoStopTrickPlay();
-    OPALError FlushForSeek();
-    OPALError MoveReaders(int64_t& positionMs);
-    OPALError ForgiveSubtitles(OPALError code);
-    void RestartSwitching(OPALStreamType type);
-    void RestartSwitching();
+    OPALError Refusal() const OPAL_REQUIRES(m_mutex);
+    void AcceptStart() OPAL_REQUIRES(m_mutex);
+    OPALError PrepareAudio() OPAL_REQUIRES(m_mutex);
+    OPALError OpenFirstAudioTrack(bool tolerateUnsupported) OPAL_REQUIRES(m_mutex);
+    OPALError StartPlayback() OPAL_REQUIRES(m_mutex);
+    OPALError StartReaders() OPAL_REQUIRES(m_mutex);
+    OPALError StartWriters() OPAL_REQUIRES(m_mutex);
+    OPALError PauseWriters() OPAL_REQUIRES(m_mutex);
+    OPALError DoSwitchLevel(bool giveUpOpening) OPAL_REQUIRES(m_mutex);
+    void EndLevelSwitch() OPAL_REQUIRES(m_mutex);
+    OPALError EmptyStreams(bool subtitlesFirst, int64_t& position) OPAL_REQUIRES(m_mutex);
+    OPALError ChangeRate(bool trick) OPAL_REQUIRES(m_mutex);
+    OPALError MoveReaders(int64_t& positionMs) OPAL_REQUIRES(m_mutex);
+    OPALError GetPlaybackPosition(int64_t& ms) OPAL_REQUIRES(m_mutex);
 
-    // Tracks.cpp
-    OPALError SetAudioTrackInternal(size_t index);
-    OPALError OpenAudio();
-    OPALError LeaveAudioTrack(size_t index);
-    OPALError ConfigureAudio();
-    OPALError StartAudioTrack(int64_t position, bool disabled);
-    OPALError OpenSubtitles(size_t index);
-    OPALError SwitchSubtitlesOff();
-    OPALError PrepareSubtitleStream(size_t index);
-    OPALError ConfigureSubtitles(size_t index);
-
-    // Reports.cpp
-    template <typename Call>
-    void Tell(Call call);
-    void Trace(const char* text);
-    void TellUnsupportedAudio();
-    void TellContentError(OPALError code);
-    void ReportPlay();
-    void ReportStop();
-    void ReportPause();
-    void ReportEndOfStream();
-    void ReportPlayRate();
-    void ReportUnderflow();
-    void ReportSubtitleTrack();
-    void ReportLevelChange(size_t from, size_t to);
-    OPALError ReportPlayState(int playState);
+    // StreamingController.cpp
     int ReportedBandwidth();
-    size_t CurrentVideoLevel();
-    size_t CurrentAudioTrack();
-    size_t CurrentSubtitleTrack();
-    int64_t AudioAssetId();
-    int64_t SubtitleAssetId();
-    std::string ContentErrorText(OPALError code);
+    void Trace(const char* text);
 
+    // What a session is made of, in the order of its design; the objects are as told above.
     boost::scoped_ptr<ISMILParser> m_pSMILParser;
     HHABARCH m_hArch = nullptr;
     HHABTIMER m_hTimer = nullptr;
     boost::scoped_ptr<IStreamSwitchingController> m_pSwitching;
     boost::scoped_ptr<IStreamingReaderNotify> m_pReaderNotify;
     boost::scoped_ptr<IPlatformSubtitleNotify> m_pSubtitleNotify;
-    boost::recursive_mutex m_mutex;
+    opal::RecursiveMutex m_mutex;
     boost::scoped_ptr<IProtectedContent> m_pProtectedContent;
     boost::scoped_ptr<IClusterBuffer> m_pVideoBuffer;
     boost::scoped_ptr<IClusterBuffer> m_pAudioBuffer;
@@ -392,54 +294,37 @@ class StreamingController : public IStreamingController {
     boost::thread m_thread;
     LockedQueue<StreamingControllerMessage> m_queue;
     std::atomic<bool> m_terminated{false};
-    bool m_writersPaused = false;
-    bool m_savedWritersPaused = false;  ///< of the field above, across a subtitle selection
-    OPALPlayRate m_playRate = OPAL_PLAYRATE_ONEX;
-    bool m_initialized = false;
+    bool m_writersPaused OPAL_GUARDED_BY(m_mutex) = false;
+    /// Of the field above, across a subtitle selection.
+    bool m_savedWritersPaused OPAL_GUARDED_BY(m_mutex) = false;
+    OPALPlayRate m_playRate OPAL_GUARDED_BY(m_mutex) = OPAL_PLAYRATE_ONEX;
+    bool m_initialized OPAL_GUARDED_BY(m_mutex) = false;
     std::atomic<bool> m_subtitlesOn{false};
-    bool m_trickClusterArrived = false;
-    OPALError m_error = OPAL_OK;
-    int64_t m_duration = 0;
+    bool m_trickClusterArrived OPAL_GUARDED_BY(m_mutex) = false;
+    OPALError m_error OPAL_GUARDED_BY(m_mutex) = OPAL_OK;
+    int64_t m_duration OPAL_GUARDED_BY(m_mutex) = 0;
     log4cxx::LoggerPtr logger;
     Ptime m_timeInitDone;
-    Ptime m_lastPlayReport;
+    Ptime m_lastPlayReport;  ///< the loop's
     Ptime m_timeEnter;
     ProbeNotify m_probeNotify;
-    OPALWriterModel m_writerModel = OPAL_WRITER_MODEL_PUSH;
+    OPALWriterModel m_writerModel OPAL_GUARDED_BY(m_mutex) = OPAL_WRITER_MODEL_PUSH;
     std::atomic<IStreamingControllerNotify*> m_pNotify{nullptr};
     /// Each is used on its reader manager's thread only.
     StreamSwitchingNotify::Message m_lastVideoSample;
     StreamSwitchingNotify::Message m_lastAudioSample;
-    bool m_sessionContent = false;
+    bool m_sessionContent OPAL_GUARDED_BY(m_mutex) = false;
     std::atomic<int64_t> m_positionSeconds{0};
     boost::scoped_ptr<ILogEventSender> m_pLogSender;
-    size_t m_subtitleTargetBytes = 0;
+    size_t m_subtitleTargetBytes OPAL_GUARDED_BY(m_mutex) = 0;
     BufferingSession m_buffering;
     /// A pause came while playback ran: the next start needs no new buffering session.
-    bool m_pausedWhilePlaying = false;
-    bool m_audioAhead = false;  ///< audio is held back until video has caught up
+    bool m_pausedWhilePlaying OPAL_GUARDED_BY(m_mutex) = false;
+    /// Audio is held back until video has caught up.
+    bool m_audioAhead OPAL_GUARDED_BY(m_mutex) = false;
 
-    std::function<OPALError(const std::string&, uint32_t, uint32_t, const uint8_t*, size_t, bool)>
-        m_configureAudio;
-    std::function<OPALError(const std::string&, int, int, const void*, size_t)>
-        m_configureSubtitles;
-
-    boost::mutex m_lifecycleMutex;
-    boost::shared_mutex m_objectsMutex;
-    opal::StopSignal m_stop;  ///< of the session
-    /// Calls of Finalize under way: a failure then is a consequence of the shutdown.
-    std::atomic<int> m_finalizing{0};
-    /// Stop was handled and nothing started since: what is still queued must not start a reader.
-    bool m_stopRequested = false;
-    /// Counts the accepted operations that start playback; the second is the count at the last
-    /// Stop.
-    size_t m_startSequence = 0;
-    size_t m_stopSequence = 0;
-    /// Buffers were emptied for a jump whose message is still queued: an empty buffer is no
-    /// underflow.
-    bool m_jumpPending = false;
-    /// The track that the queued MSG_SUBTITLE_PENDING is for; a message for another is superseded.
-    size_t m_pendingSubtitle = kNone;
-    /// Raised by a seek in trick play: clusters of the position before do not count as arrived.
-    std::atomic<size_t> m_trickEpoch{0};
+    opal::Mutex m_lifecycleMutex OPAL_ACQUIRED_BEFORE(m_mutex);
+    opal::SharedMutex m_objectsMutex OPAL_ACQUIRED_AFTER(m_mutex);
+    opal::StopSignal m_stop;
+    const std::unique_ptr<Session> m_session;
 };

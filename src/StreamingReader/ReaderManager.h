@@ -72,7 +72,9 @@ class ReaderManager : boost::noncopyable {
     OPALError Cancel();
     OPALError GetBytesInFlight(size_t& bytes);
     OPALError GetBytesAhead(int64_t ms, size_t& bytes);
-    /// The thread is inside a transfer, or about to have one.
+    /// A current reader that is not open yet stays so until SetStream.
+    void GiveUpOpening();
+    /// The thread is inside a transfer.
     bool IsTransferring();
     /// After Stop and Cancel: when this returns, nothing more of the cancelled transfer reaches the
     /// buffer. Waits for as long as the transport takes to cancel.
@@ -160,6 +162,8 @@ class ReaderManager : boost::noncopyable {
     uint64_t Generation();
     void WaitForWake(uint64_t generation) OPAL_REQUIRES(m_mutex);
     bool IsBusy();
+    bool IsParked();
+    void AbandonOpening() OPAL_REQUIRES(m_stateMutex);
 
     const opal::StopSignal* SignalOfReaders() const { return &m_stop; }
 
@@ -178,8 +182,9 @@ class ReaderManager : boost::noncopyable {
     Wishes m_wishes OPAL_GUARDED_BY(m_stateMutex);
     Reader m_opening OPAL_GUARDED_BY(m_stateMutex);  ///< inside Open
     Reader m_driven OPAL_GUARDED_BY(m_stateMutex);   ///< inside DownloadNext
-    /// What is being opened is not the current reader any more.
+    /// What is being opened is not wanted any more.
     bool m_openingGivenUp OPAL_GUARDED_BY(m_stateMutex) = false;
+    bool m_parked OPAL_GUARDED_BY(m_stateMutex) = false;          ///< nothing is to be opened
     std::vector<Reader> m_closing OPAL_GUARDED_BY(m_stateMutex);  ///< before the next opening
 };
 

@@ -101,6 +101,8 @@ class Readers : boost::noncopyable {
     OPALError BeginAudioStream(size_t index);
     OPALError BeginVideoStream(size_t index);
     bool IsVideoTransferring();
+    /// A subtitle stream that is being opened is left as it is until it is selected again.
+    void GiveUpOpeningSubtitle();
     /// After a stop and a cancel of all kinds: nothing more of what was cancelled reaches a buffer
     /// once this returns. Waits for as long as the transport takes to cancel.
     void WaitForCancelled();

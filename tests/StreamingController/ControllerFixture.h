@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "PlatformAdapter/Common/ISinks.h"
 #include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
 #include "StreamingController/PlayReportConfig.h"
 #include "StreamingController/StreamingController.h"
@@ -73,12 +74,34 @@ class FakeSwitching : public IStreamSwitchingController, private StreamSwitching
     StreamSwitchingNotify m_notify{this};
 };
 
-/// A sink whose end, too, is in the journal.
-class SessionSink : public FakePlatform {
+/// A sink of any kind, whose end, too, is in the journal. What it is configured with is the test's
+/// to see, and what it answers the test's to say.
+class SessionSink : public FakePlatform,
+                    public IVideoSink,
+                    public IAudioSink,
+                    public ISubtitleSink {
   public:
     SessionSink(const std::string& name, CallJournal& journal)
         : FakePlatform(name, &journal), m_name(name), m_journal(journal) {}
     ~SessionSink() override { m_journal.Add(m_name + " gone"); }
+
+    OPALError Configure(const std::string& codec, int width, int height, int64_t bitrate,
+                        const void*, size_t, bool first) override {
+        return onConfigure(codec + " " + std::to_string(width) + "x" + std::to_string(height) +
+                               " " + std::to_string(bitrate) + (first ? " first" : ""),
+                           0);
+    }
+    OPALError Configure(const std::string& codec, uint32_t, uint32_t, const uint8_t*, size_t size,
+                        bool) override {
+        return onConfigure(codec, size);
+    }
+    OPALError Configure(const std::string& codec, int, int, const void*, size_t size) override {
+        return onConfigure(codec + " font " + std::to_string(size), size);
+    }
+    void SetNotify(IPlatformSubtitleNotify* notify) override { listener = notify; }
+
+    std::function<OPALError(const std::string& configuration, size_t size)> onConfigure;
+    IPlatformSubtitleNotify* listener = nullptr;
 
   private:
     const std::string m_name;
@@ -105,8 +128,7 @@ class TestController : public StreamingController {
     FakeSwitching* switching = nullptr;
     FakePlatform* video = nullptr;
     FakePlatform* audio = nullptr;
-    FakePlatform* subtitle = nullptr;
-    IPlatformSubtitleNotify* subtitleNotify = nullptr;
+    SessionSink* subtitle = nullptr;
     bool hasSubtitleSink = true;
     InitialBandwidthMode mode = InitialBandwidthMode_LowestLevel;
     int startLevel = 0;
@@ -127,39 +149,31 @@ class TestController : public StreamingController {
         switching->level = startLevel;
         return switching;
     }
-    opal::VideoSink NewVideoSink(HHABARCH hArch, HHABTIMER) override {
+    IPlatform* NewVideoSink(HHABARCH hArch, HHABTIMER) override {
         arch = hArch;
-        video = new SessionSink("video", m_journal);
-        opal::VideoSink sink;
-        sink.platform = video;
-        sink.configure = [this](const std::string& codec, int width, int height, int64_t bitrate,
-                                const void*, size_t, bool first) {
-            videoConfiguration = codec + " " + std::to_string(width) + "x" +
-                                 std::to_string(height) + " " + std::to_string(bitrate) +
-                                 (first ? " first" : "");
+        auto* sink = new SessionSink("video", m_journal);
+        sink->onConfigure = [this](const std::string& configuration, size_t) {
+            videoConfiguration = configuration;
             return videoConfigure;
         };
+        video = sink;
         return sink;
     }
-    opal::AudioSink NewAudioSink(HHABARCH, HHABTIMER) override {
-        audio = new SessionSink("audio", m_journal);
-        opal::AudioSink sink;
-        sink.platform = audio;
-        sink.configure = [this](const std::string&, uint32_t, uint32_t, const uint8_t*, size_t,
-                                bool) { return audioConfigure; };
+    IPlatform* NewAudioSink(HHABARCH, HHABTIMER) override {
+        auto* sink = new SessionSink("audio", m_journal);
+        sink->onConfigure = [this](const std::string&, size_t) { return audioConfigure; };
+        audio = sink;
         return sink;
     }
-    opal::SubtitleSink NewSubtitleSink(HHABARCH hArch, HHABTIMER hTimer) override {
+    IPlatform* NewSubtitleSink(HHABARCH hArch, HHABTIMER hTimer) override {
         if (!hasSubtitleSink)
             return StreamingController::NewSubtitleSink(hArch, hTimer);
-        subtitle = new SessionSink("subtitle", m_journal);
-        opal::SubtitleSink sink;
-        sink.platform = subtitle;
-        sink.configure = [this](const std::string& codec, int, int, const void*, size_t size) {
-            subtitleConfiguration = codec + " font " + std::to_string(size);
+        auto* sink = new SessionSink("subtitle", m_journal);
+        sink->onConfigure = [this](const std::string& configuration, size_t size) {
+            subtitleConfiguration = configuration;
             return size != 0 ? OPAL_OK : OPAL_ERROR_GENERAL;
         };
-        sink.setNotify = [this](IPlatformSubtitleNotify* notify) { subtitleNotify = notify; };
+        subtitle = sink;
         return sink;
     }
     void StartLoop() override {

@@ -17,7 +17,7 @@ struct ContentScript {
     OPALError open = OPAL_OK;
     OPALError setup = OPAL_OK;
     std::string manifest;
-    std::vector<std::string> calls;
+    CallJournal calls;  ///< reports are made by a thread of their own
 };
 
 class FakeContent : public IProtectedContent {
@@ -25,18 +25,17 @@ class FakeContent : public IProtectedContent {
     explicit FakeContent(ContentScript& script) : m_script(script) {}
     OPALError Initialize(const qutl::MemoryBuffer<unsigned char>& data, const std::string& country,
                          const std::string& language) override {
-        m_script.calls.push_back("Initialize " + std::to_string(data.GetSize()) + country +
-                                 language);
+        m_script.calls.Add("Initialize " + std::to_string(data.GetSize()) + country + language);
         return OPAL_OK;
     }
     OPALError Finalize() override { return OPAL_OK; }
     OPALError Open(const std::string& ticket, std::string& assetId) override {
-        m_script.calls.push_back("Open " + ticket);
+        m_script.calls.Add("Open " + ticket);
         assetId = "asset";
         return m_script.open;
     }
     OPALError Close() override {
-        m_script.calls.push_back("Close");
+        m_script.calls.Add("Close");
         return OPAL_OK;
     }
     OPALError GetManifest(std::string& text) override {
@@ -55,9 +54,8 @@ class FakeContent : public IProtectedContent {
     }
     OPALError ReportPlayEvent(int state, int64_t, int64_t bandwidth, int64_t audioTrack,
                               int64_t subtitleTrack) override {
-        m_script.calls.push_back("Report " + std::to_string(state) + " " +
-                                 std::to_string(bandwidth) + " " + std::to_string(audioTrack) +
-                                 " " + std::to_string(subtitleTrack));
+        m_script.calls.Add("Report " + std::to_string(state) + " " + std::to_string(bandwidth) +
+                           " " + std::to_string(audioTrack) + " " + std::to_string(subtitleTrack));
         return OPAL_ERROR_SERVICE_27;  // which disturbs nothing
     }
     int32_t GetAudioAssetId() override { return 41; }
@@ -229,9 +227,9 @@ TEST_F(InitializationTest, ATicketIsOpenedAndItsPlaybackReported) {
     EXPECT_EQ(OPAL_ERROR_CONTENT_SESSION, initialize());
     EXPECT_EQ(1u, listener.Count("OnError -10 'no'"));
     script.setup = OPAL_OK;
-    script.calls.clear();
+    script.calls.Clear();
     ASSERT_EQ(OPAL_OK, initialize());
-    EXPECT_THAT(script.calls, ElementsAre("Initialize 4DEde", "Open ticket"));
+    EXPECT_THAT(script.calls.Lines(), ElementsAre("Initialize 4DEde", "Open ticket"));
     EXPECT_EQ(123, AlgorithmConfig::Instance().GetBandwidthHint());
     EXPECT_EQ(300000, PlayReportConfig::Instance().GetInterval());
     size_t audio = 5;
@@ -239,16 +237,18 @@ TEST_F(InitializationTest, ATicketIsOpenedAndItsPlaybackReported) {
     EXPECT_EQ(OPAL_OK, controller->GetDefaultTracks(audio, subtitle));
     EXPECT_EQ(1u, audio);
     EXPECT_EQ(kNone, subtitle);  // none is on
-    script.calls.clear();
+    script.calls.Clear();
     ASSERT_EQ(OPAL_OK, controller->Play());
     ASSERT_TRUE(UntilEvent("OnPlay 1 0 -1"));
     ASSERT_EQ(OPAL_OK, controller->Pause());
     Turns(5);
     // The first turn's periodic report, then the start's and the pause's; no other within 300 s.
-    EXPECT_THAT(script.calls, ElementsAre("Report 1 1000000 40 -1", "Report 0 1000000 40 -1",
-                                          "Report 2 1000000 40 -1"));
+    EXPECT_TRUE(Eventually([&] { return script.calls.Lines().size() >= 3; }));
+    EXPECT_THAT(
+        script.calls.Lines(),
+        ElementsAre("Report 1 1000000 40 -1", "Report 0 1000000 40 -1", "Report 2 1000000 40 -1"));
     EXPECT_EQ(OPAL_OK, controller->Finalize());
-    EXPECT_EQ("Close", script.calls.back());
+    EXPECT_EQ("Close", script.calls.Lines().back());
 }
 
 TEST_F(InitializationTest, ABadSettingsFileIsNotUsed) {

@@ -116,7 +116,7 @@ TEST_F(TracksTest, ASubtitleTrackIsOpenedShownChangedAndSwitchedOff) {
     unsigned char font[2] = {};
     EXPECT_EQ(OPAL_OK, controller->GetSubtitleFont(font, room));
     EXPECT_EQ(8, font[1]);
-    controller->subtitleNotify->OnSubtitle(1, 2, "text");
+    controller->subtitle->listener->OnSubtitle(1, 2, "text");
     EXPECT_EQ("OnSubtitle 1 2 text", listener.Lines().back());
 
     Forget();

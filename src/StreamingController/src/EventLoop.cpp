@@ -1,11 +1,14 @@
-#include <algorithm>
+#include <utility>
 
 #include "Common/Clock.h"
 #include "Common/StreamingTuning.h"
 #include "Common/logging/ILogEventSender.h"
+#include "Common/logging/LogEvent.h"
 #include "Common/logging/LogServer.h"
 #include "SMILParser/ISMILParser.h"
-#include "StreamingController/src/CallbackScope.h"
+#include "StreamSwitchingAlgorithm/PlaybackRules.h"
+#include "StreamingController/PlayReportConfig.h"
+#include "StreamingController/src/Session.h"
 #include "StreamingDemux/EBML/IClusterBuffer.h"
 #include "StreamingReader/IStreamingReader.h"
 #include "StreamingReader/Readers.h"
@@ -13,20 +16,16 @@
 
 namespace {
 
-constexpr int64_t kTurnMs = 10;
+using opal::PlayReport;
+
 constexpr int64_t kPositionPeriodMs = 999;
 constexpr int64_t kStartAgainMs = 999;
-constexpr int64_t kUnderflowMs = 501;
 
-// Play states as the content session counts them.
-constexpr int kStateStarted = 0;
-constexpr int kStatePlaying = 1;
-constexpr int kStatePaused = 2;
-constexpr int kStateWritersPaused = 3;
-constexpr int kStateEnded = 4;
-
-int64_t Since(const boost::posix_time::ptime& time) {
-    return opal::ToMilliseconds(opal::Now() - time);
+/// Whether more than `ms` have passed since `time`. The wall clock may be set back meanwhile: a
+/// time that has not come yet counts as long past, or nothing would happen until it comes again.
+bool IsOver(const boost::posix_time::ptime& time, int64_t ms) {
+    const int64_t since = opal::ToMilliseconds(opal::Now() - time);
+    return since > ms || since < 0;
 }
 
 }  // namespace
@@ -37,42 +36,47 @@ StreamingController::LoopState::LoopState()
 OPALError StreamingController::EventLoop() {
     LoopState state;
     while (!IsTerminated()) {
-        opal::SleepMs(kTurnMs);
+        opal::SleepMs(opal::playback::kTurnMs);
         Shielded([&] { RunTurn(state); });
     }
     Shielded([&] { LeaveLoop(); });
     return OPAL_OK;
 }
 
-// Nothing may leave a thread; least of all an exception of the listener's.
+// Nothing may leave a thread; least of all an exception of the listener's. Without memory even a
+// line of the log may throw.
 void StreamingController::Shielded(const std::function<void()>& action) {
     OPALError code = OPAL_OK;
     try {
         action();
     } catch (const std::bad_alloc&) {
         code = OPAL_ERROR_NO_MEMORY;
-    } catch (const std::exception& e) {
-        LOG4CXX_ERROR(logger, "StreamingController::EventLoop - exception: " << e.what());
-        code = OPAL_ERROR_GENERAL;
     } catch (...) {
-        LOG4CXX_ERROR(logger, "StreamingController::EventLoop - exception of no known type");
         code = OPAL_ERROR_GENERAL;
     }
+    if (code == OPAL_OK)
+        return;
     try {
-        if (code != OPAL_OK)
-            (void)Terminate(code);
+        LOG4CXX_ERROR(logger, "StreamingController::EventLoop - exception, code " << code);
     } catch (...) {
-        LOG4CXX_ERROR(logger, "StreamingController::EventLoop - exception while ending");
+    }
+    try {
+        (void)Terminate(code);
+    } catch (...) {
+        // It has marked the session as ended before it told anyone.
     }
 }
 
 void StreamingController::LeaveLoop() {
-    ReportStop();
-    (void)ReportPlayState(kStateEnded);
+    m_session->reports.Stop();
+    (void)ReportPlayState(PlayReport::Ended);
 }
 
 void StreamingController::RunTurn(LoopState& state) {
-    FlushLog(state);
+    if (m_pLogSender && IsOver(state.lastLogFlush, m_pLogSender->GetTransactionInterval() - 1)) {
+        LogServer::Instance().Flush();
+        state.lastLogFlush = opal::Now();
+    }
     if (!CheckHealth(state))
         return;
     WatchPlayback(state);
@@ -81,104 +85,79 @@ void StreamingController::RunTurn(LoopState& state) {
         return;
     if (code != OPAL_OK)
         (void)Terminate(code);
-    ReportBuffering(state);
+    if (m_session->reports.HasListener()) {
+        if (BufferingProgress(state.bufferingPercent) != OPAL_OK) {
+            state.reportedPercent = kNone;
+        } else if (state.bufferingPercent != state.reportedPercent) {
+            state.reportedPercent = state.bufferingPercent;
+            m_session->reports.BufferingProgress(state.bufferingPercent);
+        }
+    }
     bool writersPaused = false;
     {
-        Lock lock(m_mutex);
+        opal::RecursiveLock lock(m_mutex);
         writersPaused = m_writersPaused;
     }
-    const OPALError reported = ReportPlayState(writersPaused ? kStateWritersPaused : kStatePlaying);
+    const OPALError reported =
+        ReportPlayState(writersPaused ? PlayReport::WritersPaused : PlayReport::Playing);
     if (reported != OPAL_OK)
         (void)Terminate(reported);
 }
 
-void StreamingController::FlushLog(LoopState& state) {
-    if (!m_pLogSender || Since(state.lastLogFlush) < m_pLogSender->GetTransactionInterval())
-        return;
-    LogServer::Instance().Flush();
-    state.lastLogFlush = opal::Now();
-}
-
 /// False if the session has been terminated.
 bool StreamingController::CheckHealth(LoopState& state) {
-    Lock lock(m_mutex);
-    OPALError code = CheckReaders();
-    if (code != OPAL_OK) {
+    opal::RecursiveLock lock(m_mutex);
+    OPALError code = m_session->objects.ReaderError();
+    if (code != OPAL_OK)
         LOG4CXX_ERROR(logger,
                       "StreamingController::EventLoop - Error in streaming reader:" << code);
-        (void)Terminate(code);
-        return false;
+    for (opal::StreamPipe* pipe : {&m_session->video, &m_session->audio, &m_session->subtitle}) {
+        if (code != OPAL_OK)
+            break;
+        code = pipe->WriterError();
+        if (code != OPAL_OK)
+            LOG4CXX_ERROR(logger,
+                          "StreamingController::EventLoop - Error in streaming writer:" << code);
     }
-    code = CheckWriters();
-    if (code != OPAL_OK) {
-        LOG4CXX_ERROR(logger,
-                      "StreamingController::EventLoop - Error in streaming writer:" << code);
-        (void)Terminate(code);
-        return false;
-    }
-    if (SubtitleStreamError() != OPAL_OK)
+    EndLevelSwitch();
+    if (code == OPAL_OK && m_session->audioRoad.IsPending())
+        code = EndAudioSelection(m_session->audioRoad.Continue());
+    if (code == OPAL_OK && m_session->subtitles.GetState() == opal::SubtitleRoad::State::Failed)
         code = DropSubtitles(state);
     if (code != OPAL_OK)
         (void)Terminate(code);
     return code == OPAL_OK;
 }
 
-OPALError StreamingController::CheckReaders() {
-    OPALError code = OPAL_OK;
-    if (m_pReaders->GetVideoStreamCount() != 0)
-        code = m_pReaders->GetVideoError();
-    if (code == OPAL_OK && m_pReaders->GetAudioStreamCount() != 0)
-        code = m_pReaders->GetAudioError();
-    return code;
-}
-
-OPALError StreamingController::CheckWriters() {
-    for (IStreamingWriter* writer :
-         {m_pVideoWriter.get(), m_pAudioWriter.get(), m_pSubtitleWriter.get()}) {
-        const OPALError code = writer ? writer->GetError() : OPAL_OK;
-        if (code != OPAL_OK)
-            return code;
-    }
-    return OPAL_OK;
-}
-
-OPALError StreamingController::SubtitleStreamError() {
-    const OPALError code =
-        m_pReaders->GetSubtitleStreamCount() != 0 ? m_pReaders->GetSubtitleError() : OPAL_OK;
-    return code == OPAL_ERROR_TERMINATED ? OPAL_OK : code;
-}
-
-// A subtitle stream that fails is no reason to end the film: subtitles turn themselves off. The
-// manager then counts as empty, so that a later selection begins anew and no operation on all
-// streams meets the old error.
+// A subtitle stream that fails is no reason to end the film: subtitles turn themselves off.
 OPALError StreamingController::DropSubtitles(LoopState& state) {
     LOG4CXX_ERROR(logger,
-                  "Subtitles are turned off, their stream failed:" << SubtitleStreamError());
-    (void)SetSubtitleTrackInternal(kNone);
-    (void)m_pReaders->FinalizeSubtitle();
-    return EndSubtitleSelection(state);
+                  "Subtitles are turned off, their stream failed:" << m_session->subtitles.Error());
+    const bool wanted = m_session->subtitles.DropFailed();
+    return wanted ? EndSubtitleSelection(state) : OPAL_OK;
 }
 
 void StreamingController::WatchPlayback(LoopState& state) {
-    Lock lock(m_mutex);
+    opal::RecursiveLock lock(m_mutex);
     int64_t position = 0;
-    if (!state.playing || m_jumpPending || m_pVideoPlatform->GetPosition(position) != OPAL_OK)
+    if (!state.playing || m_session->jumpPending ||
+        m_pVideoPlatform->GetPosition(position) != OPAL_OK)
         return;
-    if (position > 0 && Since(state.lastPositionReport) > kPositionPeriodMs) {
+    if (position > 0 && IsOver(state.lastPositionReport, kPositionPeriodMs)) {
         size_t level = kNone;
         (void)m_pVideoWriter->GetLevelForTime(position, level);
         m_positionSeconds = position / 1000;
-        Tell([&](IStreamingControllerNotify& listener) { listener.OnPosition(position, level); });
+        m_session->reports.Position(position, level);
         state.lastPositionReport = opal::Now();
     }
-    // The set starts with a block that comes after it is ready. So little may be left to play that
-    // none comes any more.
-    if (position == 0 && !m_writersPaused && Since(state.lastStart) > kStartAgainMs) {
+    // The player starts with a block that comes after it is ready. So little may be left to play
+    // that none comes any more.
+    if (position == 0 && !m_writersPaused && IsOver(state.lastStart, kStartAgainMs)) {
         (void)m_pVideoPlatform->SetPaused(false);
         state.lastStart = opal::Now();
     }
-    if (m_pVideoWriter->IsEndOfStream()) {
-        ReportEndOfStream();
+    if (m_session->video.IsEndOfStream()) {
+        m_session->reports.EndOfStream();
         state.playing = false;
     }
 }
@@ -190,10 +169,9 @@ OPALError StreamingController::HandleMessage(LoopState& state) {
     state.playStateToReport = kNoPlayState;
     OPALError code = OPAL_OK;
     {
-        Lock lock(m_mutex);
+        opal::RecursiveLock lock(m_mutex);
         code = Dispatch(message, state);
     }
-    // The content session takes its time, so it is told without the lock.
     if (state.playStateToReport == kNoPlayState)
         return code;
     const OPALError reported = ReportPlayState(state.playStateToReport);
@@ -202,31 +180,39 @@ OPALError StreamingController::HandleMessage(LoopState& state) {
 
 OPALError StreamingController::Dispatch(const StreamingControllerMessage& message,
                                         LoopState& state) {
+    const bool stopped = m_session->stopRequested;
+    const bool normalRate = m_playRate == OPAL_PLAYRATE_ONEX;
     switch (message.kind) {
         case MSG_PAUSED:
-            return HandlePaused(state);
+            if (state.playing)
+                m_pausedWhilePlaying = true;
+            state.playing = false;
+            m_session->reports.Pause();
+            state.playStateToReport = PlayReport::Paused;
+            return OPAL_OK;
         case MSG_STOP:
             return HandleStop(state);
         case MSG_SET_AUDIO_TRACK:
-            return HandleSetAudioTrack(message.argument, state);
+            return HandleSetAudioTrack(message.argument);
         case MSG_SET_SUBTITLE_TRACK:
             return HandleSetSubtitleTrack(message.argument, state);
         case MSG_SUBTITLE_PENDING:
             return HandleSubtitlePending(message.argument, state);
-        case MSG_START:
-            return HandleStart(state);
+        case MSG_START: {
+            const OPALError code = StartWhenReady(state);
+            if (state.playing)
+                state.lastPositionReport = opal::Now();
+            return code;
+        }
         case MSG_VIDEO_CLUSTER:
-            return m_stopRequested ? OPAL_OK : HandleVideoCluster(state);
+            return stopped ? OPAL_OK : HandleVideoCluster(state);
         case MSG_AUDIO_CLUSTER:
-            if (m_stopRequested || m_playRate != OPAL_PLAYRATE_ONEX || m_audioAhead)
-                return OPAL_OK;
-            return m_pReaders->StartAudio();
+            return stopped || !normalRate || m_audioAhead ? OPAL_OK
+                                                          : m_session->audioRoad.StartReader();
         case MSG_SUBTITLE_CLUSTER:
-            if (m_stopRequested || m_playRate != OPAL_PLAYRATE_ONEX || !m_subtitlesOn)
-                return OPAL_OK;
-            return ForgiveSubtitles(m_pReaders->StartSubtitle());
+            return stopped || !normalRate ? OPAL_OK : m_session->subtitles.StartReader();
         case MSG_TRICK_CLUSTER:
-            return m_stopRequested ? OPAL_OK : HandleTrickCluster(message.argument);
+            return stopped ? OPAL_OK : HandleTrickCluster(message.argument);
         case MSG_TRICK_STARTED:
             return HandleTrickStarted(state);
         case MSG_SEEK_DONE:
@@ -236,44 +222,51 @@ OPALError StreamingController::Dispatch(const StreamingControllerMessage& messag
     }
 }
 
-OPALError StreamingController::HandlePaused(LoopState& state) {
-    if (state.playing)
-        m_pausedWhilePlaying = true;
-    state.playing = false;
-    ReportPause();
-    state.playStateToReport = kStatePaused;
-    return OPAL_OK;
-}
-
 // A stop also lets nothing start a reader that is still queued, or comes from a transfer that was
 // running; but a start that the application asked for after it holds.
 OPALError StreamingController::HandleStop(LoopState& state) {
-    OPALError code = StopReaders();
-    if (m_subtitlesOn) {
-        const OPALError subtitle = ForgiveSubtitles(m_pReaders->StopSubtitle());
-        code = code != OPAL_OK ? code : subtitle;
-    }
+    const OPALError code = m_pReaders->StopAll();
+    m_session->audioRoad.ForgetStart();
     state.playing = false;
-    m_stopRequested = m_startSequence == m_stopSequence;
-    ReportStop();
-    if (code != OPAL_OK || m_stopRequested)
+    m_session->stopRequested = m_session->startSequence == m_session->stopSequence;
+    m_session->reports.Stop();
+    // What a failed subtitle stream answers comes last, and ends nothing.
+    if (code != OPAL_OK && code != m_session->subtitles.Error())
         return code;
-    return m_playRate == OPAL_PLAYRATE_ONEX ? StartReaders() : m_pReaders->StartVideo();
+    if (m_session->stopRequested)
+        return OPAL_OK;
+    OPALError started = OPAL_OK;
+    if (m_playRate == OPAL_PLAYRATE_ONEX)
+        started = m_session->audioRoad.StartReader();
+    if (started == OPAL_OK)
+        started = m_session->video.StartReader();
+    return started == OPAL_OK && m_playRate == OPAL_PLAYRATE_ONEX
+               ? m_session->subtitles.StartReader()
+               : started;
 }
 
-OPALError StreamingController::HandleSetAudioTrack(size_t index, LoopState& state) {
-    const OPALError code = SetAudioTrackInternal(index);
+OPALError StreamingController::HandleSetAudioTrack(size_t index) {
+    // An operation of the application's opens the first track now.
+    if (m_session->audioOpeners != 0)
+        return Post(MSG_SET_AUDIO_TRACK, index);
+    m_session->reportAudio = true;
+    return EndAudioSelection(m_session->audioRoad.Select(index));
+}
+
+/// What becomes of the selection of an audio track, `code` being what the road answers.
+OPALError StreamingController::EndAudioSelection(OPALError code) {
+    if (code == OPAL_ERROR_NOT_YET)
+        return OPAL_OK;  // Continue is called on the next turn
+    const bool report = std::exchange(m_session->reportAudio, false);
     if (code == OPAL_ERROR_AUDIO_UNSUPPORTED) {
-        TellUnsupportedAudio();
+        m_session->reports.UnsupportedAudio();
         return OPAL_OK;
     }
-    if (code != OPAL_OK)
+    if (code != OPAL_OK || !report)
         return code;
-    Tell([&](IStreamingControllerNotify& listener) {
-        listener.OnAudioTrackChanged(CurrentAudioTrack());
-    });
-    state.playStateToReport = GetState() == CONTROLLER_PAUSED ? kStatePaused : kStateStarted;
-    return OPAL_OK;
+    m_session->reports.AudioTrack(m_session->audio.CurrentIndex());
+    return ReportPlayState(GetState() == CONTROLLER_PAUSED ? PlayReport::Paused
+                                                           : PlayReport::Started);
 }
 
 OPALError StreamingController::HandleSetSubtitleTrack(size_t index, LoopState& state) {
@@ -284,53 +277,44 @@ OPALError StreamingController::HandleSetSubtitleTrack(size_t index, LoopState& s
         return code;
     if (index == kNone)
         return EndSubtitleSelection(state);
-    // A second selection finds the writers paused by the first.
-    if (m_pendingSubtitle == kNone)
-        m_savedWritersPaused = m_writersPaused;
-    m_pendingSubtitle = index;
+    m_session->subtitles.BeginPending(index, m_writersPaused);
     code = PauseWriters();
     if (code == OPAL_OK) {
         state.playing = false;
-        m_buffering.ResetStream(OPAL_STREAM_SUBTITLE);
-        ArmBuffering(false, false, true);
-        ReportPause();
+        m_session->subtitles.ArmBuffering();
+        m_session->reports.Pause();
     }
     (void)Post(MSG_SUBTITLE_PENDING, index);
     return code;
 }
 
 OPALError StreamingController::HandleSubtitlePending(size_t index, LoopState& state) {
-    if (index != m_pendingSubtitle)
+    opal::SubtitleRoad& subtitles = m_session->subtitles;
+    if (!subtitles.IsPending(index))
         return OPAL_OK;
-    const OPALError code = PrepareSubtitleStream(index);
-    if (code == OPAL_ERROR_NOT_YET) {
-        (void)Post(MSG_SUBTITLE_PENDING, index);
-        return OPAL_OK;
-    }
-    if (code != OPAL_OK && SubtitleStreamError() != OPAL_OK)
-        return DropSubtitles(state);
+    const OPALError code = subtitles.Continue(index);
+    if (code == OPAL_ERROR_NOT_YET)
+        return Post(MSG_SUBTITLE_PENDING, index);
     if (code != OPAL_OK)
-        return code;
+        return subtitles.Error() != OPAL_OK ? DropSubtitles(state) : code;
     const OPALError resumed = EndSubtitleSelection(state);
-    state.playStateToReport = GetState() == CONTROLLER_PAUSED ? kStatePaused : kStateStarted;
+    state.playStateToReport =
+        GetState() == CONTROLLER_PAUSED ? PlayReport::Paused : PlayReport::Started;
     return resumed;
 }
 
 // A selection that was under way has come to an end, whether the track runs now, was switched off
 // or failed; playback, which was held for it, goes on.
 OPALError StreamingController::EndSubtitleSelection(LoopState& state) {
-    if (m_pendingSubtitle == kNone) {
-        ReportSubtitleTrack();
-        return OPAL_OK;
+    bool writersPaused = m_writersPaused;
+    const bool wasHeld = m_session->subtitles.EndPending(writersPaused);
+    if (wasHeld) {
+        state.writersStartPending = true;
+        m_writersPaused = writersPaused;
     }
-    m_pendingSubtitle = kNone;
-    m_buffering.AddBytes(m_subtitleTargetBytes, OPAL_STREAM_SUBTITLE);
-    if (m_buffering.IsActive() && m_buffering.IsComplete())
-        m_buffering.Reset();
-    state.writersStartPending = true;
-    m_writersPaused = m_savedWritersPaused;
-    ReportSubtitleTrack();
-    if (m_stopRequested)
+    m_session->reports.SubtitleTrack(m_session->subtitles.Current(),
+                                     m_session->subtitles.CurrentAsset());
+    if (!wasHeld || m_session->stopRequested)
         return OPAL_OK;
     if (IsReadyToStart() == OPAL_OK)
         state.playing = true;
@@ -339,96 +323,88 @@ OPALError StreamingController::EndSubtitleSelection(LoopState& state) {
     return OPAL_OK;
 }
 
-void StreamingController::DeclareStarted(LoopState& state) {
+/// Begins playback at 1x, or posts the start again until enough is buffered.
+OPALError StreamingController::StartWhenReady(LoopState& state) {
+    state.playing = false;
+    if (m_session->jumpPending)
+        (void)m_pVideoPlatform->GetPosition(m_session->positionAtStart);
+    m_session->jumpPending = false;
+    if (m_session->stopRequested)
+        return OPAL_OK;
+    const OPALError code = IsReadyToStart();
+    if (code == OPAL_ERROR_NOT_YET)
+        return Post(MSG_START);
+    if (code != OPAL_OK)
+        return code;
     state.playing = true;
     state.lastStart = opal::Now();
-    ReportPlay();
+    Trace("READY TO PLAY!!! : time=");
+    m_session->reports.Play(m_playRate, m_session->video.CurrentIndex(),
+                            m_session->audio.CurrentIndex(), m_session->subtitles.Current(),
+                            m_session->audioRoad.CurrentAsset(),
+                            m_session->subtitles.CurrentAsset());
     if (m_buffering.IsActive() && m_buffering.IsComplete()) {
         m_buffering.Reset();
         m_pausedWhilePlaying = false;
     }
-    state.playStateToReport = kStateStarted;
-}
-
-/// Begins playback at 1x, or posts the start again until enough is buffered.
-OPALError StreamingController::StartWhenReady(LoopState& state) {
-    state.playing = false;
-    m_jumpPending = false;
-    if (m_stopRequested)
-        return OPAL_OK;
-    const OPALError code = IsReadyToStart();
-    if (code == OPAL_OK)
-        DeclareStarted(state);
-    else if (code == OPAL_ERROR_NOT_YET)
-        return Post(MSG_START);
-    return code;
-}
-
-OPALError StreamingController::HandleStart(LoopState& state) {
-    const OPALError code = StartWhenReady(state);
-    if (state.playing)
-        state.lastPositionReport = opal::Now();
-    return code;
+    state.playStateToReport = PlayReport::Started;
+    return OPAL_OK;
 }
 
 OPALError StreamingController::HandleTrickStarted(LoopState& state) {
     state.playing = false;
-    m_jumpPending = false;
-    if (m_stopRequested)
+    if (m_session->jumpPending)
+        (void)m_pVideoPlatform->GetPosition(m_session->positionAtStart);
+    m_session->jumpPending = false;
+    if (m_session->stopRequested)
         return OPAL_OK;
-    ReportPause();  // on every repost, deliberately
+    m_session->reports.Pause();  // on every repost, deliberately
     const OPALError code = IsReadyToStart();
-    if (code == OPAL_ERROR_NOT_YET) {
-        (void)Post(MSG_TRICK_STARTED);
-        return OPAL_OK;
-    }
+    if (code == OPAL_ERROR_NOT_YET)
+        return Post(MSG_TRICK_STARTED);
     if (code != OPAL_OK)
         return code;
     state.playing = true;
-    ReportPlayRate();
-    state.playStateToReport = kStateStarted;
+    m_session->reports.PlayRate(m_playRate);
+    state.playStateToReport = PlayReport::Started;
     return OPAL_OK;
 }
 
 // The pace of all downloads: a reader waits after each cluster until it is woken here.
 OPALError StreamingController::HandleVideoCluster(LoopState& state) {
-    int readerState = STREAMING_READER_ERROR;
-    OPALError code = m_pReaders->GetVideoState(readerState);
-    if (code == OPAL_OK && state.playing && m_playRate == OPAL_PLAYRATE_ONEX &&
-        readerState != STREAMING_READER_END)
-        code = DoSwitchLevel();
+    const bool atEnd = m_session->video.ReaderState() == STREAMING_READER_END;
+    OPALError code = OPAL_OK;
+    if (opal::playback::MaySwitchLevel(state.playing, m_playRate == OPAL_PLAYRATE_ONEX, atEnd))
+        code = DoSwitchLevel(false);
+    if (code == OPAL_ERROR_NOT_YET)
+        return OPAL_OK;  // the transfer that runs brings the next occasion
     if (code == OPAL_OK)
-        code = m_pReaders->StartVideo();
+        code = m_session->video.StartReader();
     if (code != OPAL_OK)
         return code;
-    constexpr int64_t kMostAudioAheadMs = 5000;
-    int64_t audio = 0;
-    int64_t video = 0;
-    (void)BufferedDuration(OPAL_STREAM_AUDIO, audio);
-    (void)BufferedDuration(OPAL_STREAM_VIDEO, video);
-    m_audioAhead = audio - video > kMostAudioAheadMs;
-    return m_audioAhead ? OPAL_OK : m_pReaders->StartAudio();
+    m_audioAhead = opal::playback::IsAudioTooFarAhead(m_session->audio.BufferedDuration(),
+                                                      m_session->video.BufferedDuration());
+    return m_audioAhead ? OPAL_OK : m_session->audioRoad.StartReader();
 }
 
 // Polls until the buffer has drained below one trick cluster, which bounds the read-ahead.
 OPALError StreamingController::HandleTrickCluster(size_t argument) {
-    if (m_playRate != OPAL_PLAYRATE_ONEX && argument == m_trickEpoch)
+    if (m_playRate != OPAL_PLAYRATE_ONEX && argument == m_session->trickEpoch)
         m_trickClusterArrived = true;
     if (m_pVideoBuffer->GetBufferedDuration() <
         StreamingTuning::Instance().GetTrickClusterDuration())
-        return m_pReaders->StartVideo();
+        return m_session->video.StartReader();
     (void)Post(MSG_TRICK_CLUSTER, argument);
     return OPAL_OK;
 }
 
 /// False if the session has been terminated.
 bool StreamingController::WatchBuffer(LoopState& state) {
-    Lock lock(m_mutex);
-    if (!state.playing || m_jumpPending)
+    opal::RecursiveLock lock(m_mutex);
+    if (!state.playing || m_session->jumpPending)
         return true;
-    int64_t buffered = 0;
     if (m_playRate == OPAL_PLAYRATE_ONEX &&
-        BufferedDuration(OPAL_STREAM_VIDEO, buffered) == OPAL_OK && buffered < kUnderflowMs)
+        m_session->video.BufferedDuration() < opal::playback::kUnderflowMs)
         return HandleUnderflow(state);
     if (!state.writersStartPending)
         return true;
@@ -442,9 +418,8 @@ bool StreamingController::WatchBuffer(LoopState& state) {
 }
 
 bool StreamingController::HandleUnderflow(LoopState& state) {
-    int readerState = STREAMING_READER_ERROR;
-    // At its end, what is buffered is all there will be.
-    if (m_pReaders->GetVideoState(readerState) != OPAL_OK || readerState == STREAMING_READER_END)
+    if (!opal::playback::IsUnderflow(m_session->video.BufferedDuration(),
+                                     m_session->video.ReaderState() == STREAMING_READER_END))
         return true;
     const OPALError code = PauseWriters();
     if (code != OPAL_OK) {
@@ -452,51 +427,65 @@ bool StreamingController::HandleUnderflow(LoopState& state) {
         return false;
     }
     state.writersStartPending = true;
-    RestartSwitching(OPAL_STREAM_VIDEO);
+    m_session->objects.RestartSwitching(OPAL_STREAM_VIDEO);
     state.playing = false;
     (void)Post(MSG_START);
-    ReportUnderflow();
-    ArmBuffering(true, false, false);
+    m_session->reports.Underflow(m_session->video.CurrentIndex());
+    m_session->objects.ArmBuffering(OPAL_STREAM_VIDEO);
     return true;
 }
 
-void StreamingController::ReportBuffering(LoopState& state) {
-    if (!m_pNotify)
-        return;
-    if (BufferingProgress(state.bufferingPercent) != OPAL_OK) {
-        state.reportedPercent = kNone;
-        return;
-    }
-    if (state.bufferingPercent == state.reportedPercent)
-        return;
-    state.reportedPercent = state.bufferingPercent;
-    Tell([&](IStreamingControllerNotify& listener) {
-        listener.OnBufferingProgress(state.bufferingPercent);
-    });
-}
-
 OPALError StreamingController::IsReadyToStart() {
-    Lock lock(m_mutex);
     bool ready = false;
-    if (GetState() == CONTROLLER_TRICK) {
+    if (GetState() == CONTROLLER_TRICK)
         ready = m_trickClusterArrived;
-    } else {
-        ready = m_pSwitching->IsVideoBuffered() &&
-                (m_pSMILParser->GetAudioTrackCount() == 0 || m_pSwitching->IsAudioBuffered());
-        if (!ready) {
-            int readerState = STREAMING_READER_ERROR;
-            const OPALError code = m_pReaders->GetVideoState(readerState);
-            if (code != OPAL_OK)
-                return code;
-            ready = readerState == STREAMING_READER_END;
-        }
-    }
+    else
+        ready = opal::playback::IsReadyToPlay(
+            m_pSwitching->IsVideoBuffered(), m_pSMILParser->GetAudioTrackCount() != 0,
+            m_pSwitching->IsAudioBuffered(),
+            m_session->video.ReaderState() == STREAMING_READER_END);
     if (!ready)
         return OPAL_ERROR_NOT_YET;
-    if (m_pNotify && m_buffering.IsActive()) {
-        Tell([](IStreamingControllerNotify& listener) { listener.OnBufferingProgress(100); });
+    if (m_session->reports.HasListener() && m_buffering.IsActive()) {
+        m_session->reports.BufferingProgress(100);
         m_buffering.Reset();
         m_pausedWhilePlaying = false;
     }
     return StartWriters();
+}
+
+// The report is made by a thread of the ticket's session; what became of the earlier ones is told
+// here, so that only the loop posts.
+OPALError StreamingController::ReportPlayState(int playState) {
+    opal::TicketSession& ticket = m_session->ticket;
+    const PlayReportConfig& config = PlayReportConfig::Instance();
+    if (!ticket.IsReporting() || !config.IsEnabled())
+        return OPAL_OK;
+    for (const opal::TicketSession::Failure& failure : ticket.TakeFailures()) {
+        qutl::MemoryBuffer<unsigned char> text;
+        text.Assign(reinterpret_cast<const unsigned char*>(failure.text.data()),
+                    failure.text.size(), 0, false);
+        LogServer::Instance().PostOrDestroy(
+            LogEventFactory::Instance().NewPulseErrorLogEvent(failure.code, text));
+    }
+    const bool periodic =
+        playState == PlayReport::Playing || playState == PlayReport::WritersPaused;
+    if (periodic &&
+        (config.GetInterval() == 0 ||
+         (!m_lastPlayReport.is_special() && !IsOver(m_lastPlayReport, config.GetInterval() - 1))))
+        return OPAL_OK;
+    PlayReport report;
+    report.state = playState;
+    if (m_pVideoPlatform) {
+        const OPALError code = m_pVideoPlatform->GetPosition(report.positionMs);
+        if (code != OPAL_OK)
+            return code;
+    }
+    if (periodic)
+        m_lastPlayReport = opal::Now();
+    report.bandwidth = ReportedBandwidth();
+    report.audioAsset = m_session->audioRoad.CurrentAsset();
+    report.subtitleAsset = m_session->subtitles.CurrentAsset();
+    ticket.Report(report);
+    return OPAL_OK;
 }

@@ -1,15 +1,19 @@
+#include "Common/Clock.h"
 #include "Common/OPALPlayRate.h"
 #include "Common/logging/LogEvent.h"
 #include "Common/logging/LogServer.h"
 #include "PlatformAdapter/Mstar/HABTimer.h"
 #include "SMILParser/ISMILParser.h"
-#include "StreamingController/StreamingController.h"
+#include "StreamingController/src/NoThrow.h"
+#include "StreamingController/src/Session.h"
 #include "StreamingDemux/EBML/IClusterBuffer.h"
 #include "StreamingReader/IStreamingReader.h"
 #include "StreamingReader/Readers.h"
 #include "StreamingWriter/IStreamingWriter.h"
 
 namespace {
+
+constexpr int64_t kPollMs = 5;
 
 bool IsRate(OPALPlayRate rate) {
     size_t take = 0;
@@ -19,12 +23,25 @@ bool IsRate(OPALPlayRate rate) {
 
 }  // namespace
 
+/// Why a guarded operation may not run; 0 if it may.
+OPALError StreamingController::Refusal() const {
+    if (m_terminated)
+        return m_error;
+    return m_initialized ? OPAL_OK : OPAL_ERROR_NOT_READY;
+}
+
 OPALError StreamingController::Play() {
-    return Guarded([&] {
+    return opal::NoThrow([&] {
+        opal::RecursiveLock lock(m_mutex);
+        OPALError code = Refusal();
+        if (code != OPAL_OK)
+            return code;
         Trace("StreamingController::Play : time=");
         if (m_playRate != OPAL_PLAYRATE_ONEX)
             return SetPlayRate(m_playRate);
-        const OPALError code = StartPlayback();
+        code = PrepareAudio();
+        if (code == OPAL_OK)
+            code = StartPlayback();
         if (code != OPAL_OK)
             return code;
         AcceptStart();
@@ -33,32 +50,44 @@ OPALError StreamingController::Play() {
 }
 
 OPALError StreamingController::Pause() {
-    return Guarded([&] {
-        const OPALError code = PauseWriters();
+    return opal::NoThrow([&] {
+        opal::RecursiveLock lock(m_mutex);
+        OPALError code = Refusal();
+        if (code == OPAL_OK)
+            code = PauseWriters();
         return code == OPAL_OK ? Post(MSG_PAUSED) : code;
     });
 }
 
 OPALError StreamingController::Stop() {
-    return Guarded([&] {
-        m_stopSequence = m_startSequence;
+    return opal::NoThrow([&] {
+        opal::RecursiveLock lock(m_mutex);
+        const OPALError code = Refusal();
+        if (code != OPAL_OK)
+            return code;
+        m_session->stopSequence = m_session->startSequence;
         return Post(MSG_STOP);
     });
 }
 
 /// An operation that starts playback was accepted: a stop from before it no longer holds.
 void StreamingController::AcceptStart() {
-    ++m_startSequence;
-    m_stopRequested = false;
+    ++m_session->startSequence;
+    m_session->stopRequested = false;
 }
 
 OPALError StreamingController::Resume(int64_t positionMs) {
-    return Guarded([&] {
-        if (positionMs < 0)
-            return OPAL_ERROR_INVALID_ARGUMENT;
-        OPALError code = OpenFirstAudioTrack(true);
+    return opal::NoThrow([&] {
+        opal::RecursiveLock lock(m_mutex);
+        OPALError code = Refusal();
+        if (code == OPAL_OK && positionMs < 0)
+            code = OPAL_ERROR_INVALID_ARGUMENT;
         if (code == OPAL_OK)
-            code = m_pReaders->SetVideoStream(LevelFromSwitching());
+            code = PrepareAudio();
+        if (code == OPAL_OK)
+            code = OpenFirstAudioTrack(true);
+        if (code == OPAL_OK)
+            code = m_pReaders->BeginVideoStream(m_session->objects.LevelFromSwitching());
         int64_t position = positionMs;
         if (code == OPAL_OK)
             code = SeekInternal(position);
@@ -66,7 +95,7 @@ OPALError StreamingController::Resume(int64_t positionMs) {
             return code;
         code = Play();
         if (code != OPAL_OK) {
-            m_jumpPending = false;
+            m_session->jumpPending = false;
             return code;
         }
         LogServer::Instance().PostOrDestroy(
@@ -76,10 +105,20 @@ OPALError StreamingController::Resume(int64_t positionMs) {
 }
 
 OPALError StreamingController::Seek(int64_t& positionMs) {
-    return Guarded([&] {
+    return opal::NoThrow([&] {
+        opal::RecursiveLock lock(m_mutex);
+        OPALError code = Refusal();
+        if (code != OPAL_OK)
+            return code;
         if (!m_pReaders || !m_pVideoBuffer || !m_pVideoWriter || !m_pVideoPlatform)
             return OPAL_ERROR_NOT_READY;
-        const OPALError code = SeekInternal(positionMs);
+        // Before anything is opened, stopped or flushed: a seek that cannot be done disturbs
+        // nothing.
+        if (positionMs < 0)
+            return OPAL_ERROR_INVALID_ARGUMENT;
+        code = PrepareAudio();
+        if (code == OPAL_OK)
+            code = SeekInternal(positionMs);
         if (code != OPAL_OK)
             return code;
         AcceptStart();
@@ -88,30 +127,36 @@ OPALError StreamingController::Seek(int64_t& positionMs) {
 }
 
 OPALError StreamingController::SetPlayRate(OPALPlayRate rate) {
-    Lock lock(m_mutex);
-    if (m_terminated)
-        return m_error;
-    const bool trick = rate != OPAL_PLAYRATE_ONEX;
-    if (trick && (!m_pSMILParser || m_pSMILParser->GetVideoTrickTrackCount() == 0))
-        return OPAL_ERROR_OUT_OF_RANGE;
-    if (!IsRate(rate))
-        return OPAL_ERROR_INVALID_ARGUMENT;
-    return Guarded([&] {
-        OPALError code = OPAL_OK;
+    return opal::NoThrow([&] {
+        opal::RecursiveLock lock(m_mutex);
+        if (m_terminated)
+            return m_error;
+        const bool trick = rate != OPAL_PLAYRATE_ONEX;
+        if (trick && (!m_pSMILParser || m_pSMILParser->GetVideoTrickTrackCount() == 0))
+            return OPAL_ERROR_OUT_OF_RANGE;
+        if (!IsRate(rate))
+            return OPAL_ERROR_INVALID_ARGUMENT;
+        OPALError code = Refusal();
+        if (code != OPAL_OK)
+            return code;
+        // A session that begins with trick play needs its sound when it comes back to 1x.
+        code = PrepareAudio();
+        if (code == OPAL_OK)
+            code = OpenFirstAudioTrack(true);
+        if (code != OPAL_OK)
+            return code;
         int message = MSG_START;
         if (!trick && m_playRate == OPAL_PLAYRATE_ONEX) {
             m_writersPaused = false;
             code = StartPlayback();
-        } else if (!trick && GetState() == CONTROLLER_TRICK) {
-            m_playRate = rate;
-            code = DoStopTrickPlay();
         } else {
+            if (trick || GetState() != CONTROLLER_TRICK)
+                message = MSG_TRICK_STARTED;
             m_playRate = rate;
-            code = DoTrickPlay();
-            message = MSG_TRICK_STARTED;
+            code = ChangeRate(message == MSG_TRICK_STARTED);
         }
         if (code != OPAL_OK) {
-            m_jumpPending = false;
+            m_session->jumpPending = false;
             return code;
         }
         AcceptStart();
@@ -119,97 +164,85 @@ OPALError StreamingController::SetPlayRate(OPALPlayRate rate) {
     });
 }
 
-/// Opens audio track 0 if the manifest has audio and none is open. With `tolerateUnsupported`, a
-/// track that the sink refuses is told to the listener and is no failure.
+/// Opens the first audio track of a session that has none open, without m_mutex, since that takes
+/// as long as the network takes. Within a call of the listener's, which holds m_mutex, the track is
+/// only begun to be opened; an error then ends the session as any reader's does.
+OPALError StreamingController::PrepareAudio() {
+    opal::AudioRoad& road = m_session->audioRoad;
+    if (!m_session->reports.IsCalling() && (m_session->audioOpeners != 0 || road.NeedsOpening())) {
+        const bool opens = m_session->audioOpeners == 0;
+        OPALError code = OPAL_OK;
+        if (opens)
+            ++m_session->audioOpeners;
+        {
+            const opal::RecursiveUnlock unlocked(m_mutex);
+            if (opens)
+                code = opal::NoThrow([&] { return road.OpenFirst(); });
+            while (!opens && m_session->audioOpeners != 0)
+                opal::SleepMs(kPollMs);
+        }
+        if (opens)
+            --m_session->audioOpeners;
+        const OPALError refused = Refusal();
+        return refused != OPAL_OK ? refused : code;
+    }
+    return road.NeedsOpening() && m_session->audioOpeners == 0 ? road.BeginFirst() : OPAL_OK;
+}
+
+/// Makes audio track 0 the current one if the manifest has audio and none is. With
+/// `tolerateUnsupported`, a track that the sink refuses is told to the listener and is no failure.
 OPALError StreamingController::OpenFirstAudioTrack(bool tolerateUnsupported) {
-    if (CurrentAudioTrack() != kNone || m_pSMILParser->GetAudioTrackCount() == 0)
+    if (m_session->audioRoad.IsChosen() || m_pSMILParser->GetAudioTrackCount() == 0)
         return OPAL_OK;
-    const OPALError code = SetAudioTrackInternal(0);
+    const OPALError code = m_session->audioRoad.Select(0);
+    if (code == OPAL_ERROR_NOT_YET)
+        return OPAL_OK;  // the loop ends what has begun
     if (code != OPAL_ERROR_AUDIO_UNSUPPORTED || !tolerateUnsupported)
         return code;
-    TellUnsupportedAudio();
+    m_session->reports.UnsupportedAudio();
     return OPAL_OK;
 }
 
 OPALError StreamingController::StartPlayback() {
-    Lock lock(m_mutex);
     OPALError code = OpenFirstAudioTrack(true);
     if (code != OPAL_OK)
         return code;
-    if (!m_pausedWhilePlaying && m_writersPaused)
-        ArmBuffering(true, true, false);
+    if (!m_pausedWhilePlaying && m_writersPaused) {
+        m_session->objects.ArmBuffering(OPAL_STREAM_VIDEO);
+        m_session->objects.ArmBuffering(OPAL_STREAM_AUDIO);
+    }
     code = StartReaders();
-    if (code != OPAL_OK)
-        return code;
-    m_writersPaused = false;
-    return OPAL_OK;
+    if (code == OPAL_OK)
+        m_writersPaused = false;
+    return code;
 }
 
 // A subtitle stream that is switched off, or still being prepared, is not to fetch anything.
 OPALError StreamingController::StartReaders() {
-    if (m_subtitlesOn)
-        return ForgiveSubtitles(m_pReaders->StartAll());
-    const OPALError code = m_pReaders->StartAudio();
-    return code == OPAL_OK ? m_pReaders->StartVideo() : code;
-}
-
-// While a subtitle stream opens, which takes as long as the network takes, nothing of it can be
-// reached; it stands stopped, and is brought to the position of that moment when it is ready. So
-// the operations on all streams leave it out.
-bool StreamingController::IsSubtitleStreamOpening() {
-    int state = STREAMING_READER_ERROR;
-    return m_pReaders->GetSubtitleStreamCount() != 0 &&
-           m_pReaders->GetSubtitleState(state) == OPAL_OK && state == STREAMING_READER_NOT_OPEN;
-}
-
-OPALError StreamingController::StopReaders() {
-    if (!IsSubtitleStreamOpening())
-        return ForgiveSubtitles(m_pReaders->StopAll());
-    const OPALError code = m_pReaders->StopAudio();
-    return code == OPAL_OK ? m_pReaders->StopVideo() : code;
-}
-
-OPALError StreamingController::CancelReaders() {
-    if (!IsSubtitleStreamOpening())
-        return ForgiveSubtitles(m_pReaders->CancelAll());
-    const OPALError code = m_pReaders->CancelAudio();
-    return code == OPAL_OK ? m_pReaders->CancelVideo() : code;
-}
-
-OPALError StreamingController::SeekReaders(int64_t& positionMs) {
-    if (!IsSubtitleStreamOpening())
-        return ForgiveSubtitles(m_pReaders->SeekAll(positionMs));
-    int64_t audioPosition = positionMs;
-    const OPALError code = m_pReaders->SeekAudio(audioPosition);
-    return code == OPAL_OK ? m_pReaders->SeekVideo(positionMs) : code;
-}
-
-// Operations on all streams take subtitles last, so when they fail with the stored error of a
-// subtitle stream everything else is done. The loop turns such subtitles off; video and audio must
-// not be stranded half-way by it.
-OPALError StreamingController::ForgiveSubtitles(OPALError code) {
-    return code != OPAL_OK && code == SubtitleStreamError() && CheckReaders() == OPAL_OK ? OPAL_OK
-                                                                                         : code;
+    OPALError code = m_session->audioRoad.StartReader();
+    if (code == OPAL_OK)
+        code = m_session->video.StartReader();
+    return code == OPAL_OK ? m_session->subtitles.StartReader() : code;
 }
 
 OPALError StreamingController::StartWriters() {
     const bool trick = GetState() == CONTROLLER_TRICK;
-    OPALError code = m_pVideoWriter->Start();
-    if (code == OPAL_OK && m_pAudioWriter && !trick)
-        code = m_pAudioWriter->Start();
-    if (code == OPAL_OK && m_pSubtitleWriter && !trick && m_subtitlesOn)
-        code = m_pSubtitleWriter->Start();
+    OPALError code = m_session->video.StartWriter();
+    if (code == OPAL_OK && !trick)
+        code = m_session->audio.StartWriter();
+    if (code == OPAL_OK && !trick)
+        code = m_session->subtitles.StartWriter();
     if (code == OPAL_OK)
         m_writersPaused = false;
     return code;
 }
 
 OPALError StreamingController::PauseWriters() {
-    OPALError code = m_pVideoWriter->Pause();
-    if (code == OPAL_OK && m_pAudioWriter && m_pReaders->GetAudioStreamCount() != 0)
-        code = m_pAudioWriter->Pause();
-    if (code == OPAL_OK && m_pSubtitleWriter && m_subtitlesOn)
-        code = m_pSubtitleWriter->Pause();
+    OPALError code = m_session->video.PauseWriter();
+    if (code == OPAL_OK)
+        code = m_session->audio.PauseWriter();
+    if (code == OPAL_OK)
+        code = m_session->subtitles.PauseWriter();
     if (code == OPAL_OK)
         m_writersPaused = true;
     return code;
@@ -217,185 +250,176 @@ OPALError StreamingController::PauseWriters() {
 
 // A level switch from decision to sink. Nothing is flushed: clusters of the old level stay in the
 // buffer, the new level's land behind them, and the change reaches the sink at a cluster boundary.
-OPALError StreamingController::DoSwitchLevel() {
-    Lock lock(m_mutex);
+// A level that is not open yet is opened by the reader manager's thread; the switch is reported
+// when the level is there. -7: a transfer runs, and the switch waits for its end.
+OPALError StreamingController::DoSwitchLevel(bool giveUpOpening) {
     Trace("DoSwitchLevel");
-    const size_t current = m_pReaders->GetCurrentVideo();
-    const size_t wanted = LevelFromSwitching();
-    if (current == wanted)
+    size_t& from = m_session->switchingFrom;
+    const size_t current = m_session->video.CurrentIndex();
+    const size_t wanted = m_session->objects.LevelFromSwitching();
+    if (current == wanted || (from != kNone && !giveUpOpening))
         return OPAL_OK;
+    if (!giveUpOpening && m_pReaders->IsVideoTransferring())
+        return OPAL_ERROR_NOT_YET;
     int64_t position = 0;
     OPALError code = m_pReaders->StopVideo();
     if (code == OPAL_OK)
         code = m_pReaders->GetVideoPosition(position);
     if (code == OPAL_OK)
-        code = m_pReaders->SetVideoStream(wanted);
+        code = m_pReaders->BeginVideoStream(wanted);
     if (code == OPAL_OK)
         code = m_pReaders->SeekVideo(position);
     if (code == OPAL_OK)
         code = m_pReaders->StartVideo();
-    if (code == OPAL_OK)
-        ReportLevelChange(current, wanted);
-    return code;
-}
-
-void StreamingController::RestartSwitching(OPALStreamType type) {
-    m_pSwitching->GetNotify()->Notify(type, StreamSwitchingNotify::EVENT_RESTART,
-                                      StreamSwitchingNotify::Message());
-}
-
-void StreamingController::RestartSwitching() {
-    RestartSwitching(OPAL_STREAM_VIDEO);
-    m_pVideoBuffer->SetMaxDuration(m_pSwitching->GetMaxBuffer());
-    RestartSwitching(OPAL_STREAM_AUDIO);
-    RestartSwitching(OPAL_STREAM_SUBTITLE);
-}
-
-/// The shared first half of starting and ending trick play; `position` is the sink's.
-OPALError StreamingController::StopStreamsForJump(int64_t& position) {
-    m_jumpPending = true;
-    OPALError code = m_pVideoWriter->Pause();
-    if (code == OPAL_OK && m_pAudioWriter)
-        code = m_pAudioWriter->Pause();
-    if (code == OPAL_OK && m_pSubtitleWriter && m_subtitlesOn)
-        code = StopSubtitlesForJump();
-    if (code == OPAL_OK)
-        code = StopReaders();
-    if (code == OPAL_OK)
-        code = CancelReaders();
-    if (code == OPAL_OK)
-        code = m_pVideoBuffer->Clear();
-    if (code == OPAL_OK && m_pAudioWriter) {
-        code = m_pAudioBuffer->Clear();
-        m_audioAhead = false;
-    }
-    if (code == OPAL_OK)
-        code = m_pVideoPlatform->GetPosition(position);
-    if (code == OPAL_OK)
-        code = m_pVideoWriter->Flush();
-    if (code == OPAL_OK && m_pAudioWriter)
-        code = m_pAudioWriter->Flush();
     if (code != OPAL_OK)
         return code;
-    RestartSwitching();
-    return m_pVideoWriter->SetRate(m_playRate);
+    if (from == kNone)
+        from = current;
+    EndLevelSwitch();
+    return OPAL_OK;
 }
 
-OPALError StreamingController::StopSubtitlesForJump() {
-    OPALError code = ForgiveSubtitles(m_pReaders->StopSubtitle());
-    if (code == OPAL_OK)
-        code = ForgiveSubtitles(m_pReaders->CancelSubtitle());
-    if (code == OPAL_OK)
-        code = m_pSubtitleWriter->Pause();
-    if (code == OPAL_OK)
-        code = m_pSubtitleBuffer->Clear();
-    return code == OPAL_OK ? m_pSubtitleWriter->Flush() : code;
+/// Reports a switch whose level is open by now.
+void StreamingController::EndLevelSwitch() {
+    size_t& from = m_session->switchingFrom;
+    if (from == kNone || m_session->video.ReaderState() == STREAMING_READER_NOT_OPEN)
+        return;
+    const size_t to = m_session->video.CurrentIndex();
+    // In trick play the current reader is no level; and a level that failed was never switched to.
+    if (to != from && to < m_pSMILParser->GetVideoLevelCount() &&
+        m_session->video.ReaderError() == OPAL_OK)
+        m_session->reports.LevelChange(*m_pSMILParser, from, to, ReportedBandwidth());
+    from = kNone;
 }
 
-OPALError StreamingController::DoTrickPlay() {
-    Trace("DoTrickPlay");
-    if (m_playRate == OPAL_PLAYRATE_ONEX)
+/// Where playback is. Behind a jump, until the sink's position has moved, that is where the jump
+/// leads.
+OPALError StreamingController::GetPlaybackPosition(int64_t& ms) {
+    const OPALError code = m_pVideoPlatform->GetPosition(ms);
+    int64_t& target = m_session->jumpTarget;
+    if (code != OPAL_OK || target < 0)
+        return code;
+    if (m_session->jumpPending || ms == m_session->positionAtStart)
+        ms = target;
+    else
+        target = -1;
+    return OPAL_OK;
+}
+
+/// Empties the streams for a jump, in the order of `pipes`. `position` is where playback was.
+OPALError StreamingController::EmptyStreams(bool subtitlesFirst, int64_t& position) {
+    opal::StreamPipe* const video = &m_session->video;
+    opal::StreamPipe* const audio = &m_session->audio;
+    opal::StreamPipe* const subtitle = &m_session->subtitle;
+    const auto between = [&] {
+        m_mutex.AssertHeld();
+        return GetPlaybackPosition(position);
+    };
+    OPALError code = OPAL_OK;
+    if (!m_session->subtitles.IsOn())
+        code = opal::StreamPipe::Empty({video, audio}, true, between);
+    else if (subtitlesFirst)
+        code = opal::StreamPipe::Empty({subtitle, video, audio}, true, between);
+    else
+        code = opal::StreamPipe::Empty({video, audio, subtitle}, true, between);
+    m_session->jumpPending = true;
+    m_audioAhead = false;
+    if (code != OPAL_OK)
+        return code;
+    m_session->objects.RestartSwitching(OPAL_STREAM_VIDEO);
+    m_pVideoBuffer->SetMaxDuration(m_pSwitching->GetMaxBuffer());
+    m_session->objects.RestartSwitching(OPAL_STREAM_AUDIO);
+    m_session->objects.RestartSwitching(OPAL_STREAM_SUBTITLE);
+    return OPAL_OK;
+}
+
+/// Into trick play at m_playRate, from one trick rate to another, or back to 1x.
+OPALError StreamingController::ChangeRate(bool trick) {
+    Trace(trick ? "DoTrickPlay" : "DoStopTrickPlay");
+    if (trick && m_playRate == OPAL_PLAYRATE_ONEX)
         return OPAL_ERROR_OUT_OF_RANGE;
-    m_trickClusterArrived = false;
+    if (trick)
+        m_trickClusterArrived = false;
     int64_t position = 0;
-    OPALError code = StopStreamsForJump(position);
+    OPALError code = EmptyStreams(true, position);
     if (code == OPAL_OK)
+        code = m_session->video.SetWriterRate(m_playRate);
+    if (code != OPAL_OK)
+        return code;
+    m_session->jumpTarget = position;
+    if (trick) {
         code = m_pReaders->StartTrickPlay(position, m_playRate);
-    if (code == OPAL_OK)
-        m_writersPaused = true;
-    return code;
-}
-
-OPALError StreamingController::DoStopTrickPlay() {
-    Trace("DoStopTrickPlay");
-    int64_t position = 0;
-    OPALError code = StopStreamsForJump(position);
-    if (code == OPAL_OK)
-        code = m_pReaders->SetVideoStream(LevelFromSwitching());
-    int64_t videoPosition = position;
-    if (code == OPAL_OK)
-        code = SeekReaders(videoPosition);
-    if (code == OPAL_OK && m_subtitlesOn) {
-        code = ForgiveSubtitles(m_pReaders->SeekSubtitle(position));
         if (code == OPAL_OK)
-            code = ForgiveSubtitles(m_pReaders->StartSubtitle());
+            m_writersPaused = true;
+        return code;
+    }
+    code = m_pReaders->BeginVideoStream(m_session->objects.LevelFromSwitching());
+    for (opal::StreamPipe* pipe : {&m_session->audio, &m_session->video, &m_session->subtitle}) {
+        int64_t target = position;
+        if (code == OPAL_OK)
+            code = pipe->Seek(target);
     }
     if (code == OPAL_OK)
         code = m_pReaders->SetVideoRate(OPAL_PLAYRATE_ONEX);
     if (code != OPAL_OK)
         return code;
-    ArmBuffering(true, true, false);
+    m_session->objects.ArmBuffering(OPAL_STREAM_VIDEO);
+    m_session->objects.ArmBuffering(OPAL_STREAM_AUDIO);
     return StartReaders();
 }
 
 OPALError StreamingController::SeekInternal(int64_t& positionMs) {
-    Lock lock(m_mutex);
-    // Before anything is stopped or flushed: a seek that cannot be done disturbs nothing.
+    opal::RecursiveLock lock(m_mutex);
     if (positionMs < 0)
         return OPAL_ERROR_INVALID_ARGUMENT;
     OPALError code = OpenFirstAudioTrack(false);
     if (code != OPAL_OK)
         return code;
     const bool saved = m_writersPaused;
-    m_jumpPending = true;
-    code = FlushForSeek();
+    int64_t before = 0;
+    m_writersPaused = true;
+    code = EmptyStreams(false, before);
     if (code == OPAL_OK)
         code = MoveReaders(positionMs);
     if (code != OPAL_OK) {
-        m_jumpPending = false;
+        m_session->jumpPending = false;
         return code;
     }
-    if (!m_pausedWhilePlaying && !saved && m_playRate == OPAL_PLAYRATE_ONEX)
-        ArmBuffering(true, true, false);
-    else
+    m_session->jumpTarget = positionMs;
+    if (!m_pausedWhilePlaying && !saved && m_playRate == OPAL_PLAYRATE_ONEX) {
+        m_session->objects.ArmBuffering(OPAL_STREAM_VIDEO);
+        m_session->objects.ArmBuffering(OPAL_STREAM_AUDIO);
+    } else {
         m_pausedWhilePlaying = false;
+    }
     m_writersPaused = saved;
     return OPAL_OK;
 }
 
-OPALError StreamingController::FlushForSeek() {
-    OPALError code = CancelReaders();
-    if (code == OPAL_OK)
-        code = StopReaders();
-    if (code == OPAL_OK)
-        code = PauseWriters();
-    if (code == OPAL_OK)
-        code = m_pVideoBuffer->Clear();
-    if (code == OPAL_OK)
-        code = m_pVideoWriter->Flush();
-    if (code == OPAL_OK && m_pAudioBuffer) {
-        code = m_pAudioBuffer->Clear();
-        m_audioAhead = false;
-    }
-    if (code == OPAL_OK && m_pAudioWriter)
-        code = m_pAudioWriter->Flush();
-    if (code == OPAL_OK && m_pSubtitleWriter && m_subtitlesOn) {
-        code = m_pSubtitleBuffer->Clear();
-        if (code == OPAL_OK)
-            code = m_pSubtitleWriter->Flush();
-    }
-    if (code == OPAL_OK)
-        RestartSwitching();
-    return code;
-}
-
+// Audio and subtitles are sought to the requested time, not to the video cluster's.
 OPALError StreamingController::MoveReaders(int64_t& positionMs) {
-    OPALError code = SeekReaders(positionMs);
+    int64_t audioMs = positionMs;
+    int64_t subtitleMs = positionMs;
+    OPALError code = m_session->audio.Seek(audioMs);
+    if (code == OPAL_OK)
+        code = m_session->video.Seek(positionMs);
+    if (code == OPAL_OK)
+        code = m_session->subtitle.Seek(subtitleMs);
     if (code != OPAL_OK)
         return code;
     if (HABTimer_SetTime(m_hTimer, static_cast<uint32_t>(positionMs)) != HAB_OK)
         return OPAL_ERROR_GENERAL;
     if (m_playRate == OPAL_PLAYRATE_ONEX) {
-        code = DoSwitchLevel();
+        code = DoSwitchLevel(true);
     } else {
         // A level would take the trick track's place and fetch nothing. What starts playback again
         // is a trick cluster of the new position; those of the old one may still be announced.
         m_trickClusterArrived = false;
-        ++m_trickEpoch;
+        ++m_session->trickEpoch;
     }
     if (code == OPAL_OK)
-        code = m_pReaders->StartVideo();
+        code = m_session->video.StartReader();
     if (code == OPAL_OK)
-        code = m_pReaders->StartAudio();
-    return code == OPAL_OK && m_subtitlesOn ? ForgiveSubtitles(m_pReaders->StartSubtitle()) : code;
+        code = m_session->audioRoad.StartReader();
+    return code == OPAL_OK ? m_session->subtitles.StartReader() : code;
 }

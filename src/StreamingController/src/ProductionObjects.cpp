@@ -6,7 +6,12 @@
 
 #include "Common/ObjectFactory.h"
 #include "Common/logging/LogEventSender.h"
+#include "PlatformAdapter/Common/PlatformAudio.h"
+#include "PlatformAdapter/Common/PlatformVideo.h"
+#include "StreamingController/StreamingController.h"
+#include "StreamingDemux/EBML/IClusterBuffer.h"
 #include "StreamingReader/HTTPFile/HTTPFile.h"
+#include "StreamingReader/Readers.h"
 #ifdef OPAL_TICKET_START
 #include "ContentSession/ContentSession.h"
 #endif
@@ -56,4 +61,29 @@ void opal::RegisterProductionObjects() {
 #endif
         factory.Register(boost::make_shared<NullLogEventSenderObject>());
     });
+}
+
+IClusterBuffer* StreamingController::NewClusterBuffer(size_t capacity) {
+    return ::NewClusterBuffer(capacity);
+}
+
+Readers* StreamingController::NewReaders() {
+    return new Readers(&m_stop);
+}
+
+IStreamSwitchingController* StreamingController::NewSwitchingController() {
+    return NewStreamSwitchingController();
+}
+
+IPlatform* StreamingController::NewVideoSink(HHABARCH hArch, HHABTIMER hTimer) {
+    return new PlatformVideo(hArch, hTimer);
+}
+
+IPlatform* StreamingController::NewAudioSink(HHABARCH hArch, HHABTIMER hTimer) {
+    return new PlatformAudio(hArch, hTimer);
+}
+
+// This platform adapter has no subtitle sink.
+IPlatform* StreamingController::NewSubtitleSink(HHABARCH, HHABTIMER) {
+    return nullptr;
 }

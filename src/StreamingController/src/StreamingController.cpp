@@ -1,10 +1,10 @@
 #include "StreamingController/StreamingController.h"
 
-#include <boost/thread/shared_lock_guard.hpp>
 #include <csignal>
 #include <cstring>
 
 #include "Common/Assert.h"
+#include "Common/Clock.h"
 #include "Common/CodecIDs.h"
 #include "Common/OPALVersion.h"
 #include "Common/logging/ILogEventSender.h"
@@ -13,13 +13,14 @@
 #include "SMILParser/ISMILParser.h"
 #include "StreamSwitchingAlgorithm/IStreamSwitchingController.h"
 #include "StreamingController/src/ProductionObjects.h"
+#include "StreamingController/src/Session.h"
 #include "StreamingDemux/EBML/IClusterBuffer.h"
 #include "StreamingReader/Readers.h"
 #include "StreamingWriter/IStreamingWriter.h"
 
 namespace {
 
-using ObjectsLock = boost::shared_lock_guard<boost::shared_mutex>;
+using ObjectsLock = opal::SharedLock;
 
 void IgnoreSignal(int) {}
 
@@ -53,7 +54,8 @@ extern "C" const char* OPALVersionText() {
     return OPAL_VERSION_TEXT;
 }
 
-StreamingController::StreamingController() : logger(getLogger("opal.StreamingController")) {
+StreamingController::StreamingController()
+    : logger(getLogger("opal.StreamingController")), m_session(new Session(*this)) {
     opal::RegisterProductionObjects();
     LoggerPropertyConfigure(LOGGER_PROPERTY_FILE);
     // A broken connection must not end the process. A handler, not SIG_IGN, which child processes
@@ -62,7 +64,7 @@ StreamingController::StreamingController() : logger(getLogger("opal.StreamingCon
 }
 
 StreamingController::~StreamingController() {
-    OPAL_ASSERT(!IsInCallback(), "a controller is not deleted by its listener");
+    OPAL_ASSERT(!m_session->reports.IsCalling(), "a controller is not deleted by its listener");
     (void)StreamingController::Finalize();
 }
 
@@ -72,20 +74,24 @@ OPALError StreamingController::SetNotify(IStreamingControllerNotify* notify) {
 }
 
 OPALError StreamingController::GetDuration(int64_t& ms) {
-    Lock lock(m_mutex);
+    opal::RecursiveLock lock(m_mutex);
     ms = m_duration;
     return OPAL_OK;
 }
 
 OPALError StreamingController::GetPlayRate(OPALPlayRate& rate) {
-    Lock lock(m_mutex);
+    opal::RecursiveLock lock(m_mutex);
     rate = m_playRate;
     return OPAL_OK;
 }
 
 OPALError StreamingController::GetBufferedDuration(OPALStreamType type, int64_t& ms) {
     ObjectsLock lock(m_objectsMutex);
-    return BufferedDuration(type, ms);
+    ms = 0;
+    for (opal::StreamPipe* pipe : {&m_session->video, &m_session->audio, &m_session->subtitle})
+        if (pipe->Type() == FoldStreamType(type))
+            ms = pipe->BufferedDuration();
+    return OPAL_OK;
 }
 
 OPALError StreamingController::GetBufferingProgress(size_t& percent) {
@@ -146,12 +152,12 @@ OPALError StreamingController::GetSubtitleTrackInfo(size_t index, SubtitleTrackI
 }
 
 OPALError StreamingController::GetSubtitleFont(void* destination, size_t& size) {
-    Lock lock(m_mutex);  // a change of track would drop the font while it is copied
+    opal::RecursiveLock lock(m_mutex);  // a change of track would drop the font while it is copied
     if (!m_pReaders)
         return OPAL_ERROR_NOT_YET;
     const void* font = nullptr;
     size_t fontSize = 0;
-    const OPALError code = m_pReaders->GetSubtitleFont(font, fontSize);
+    const OPALError code = m_session->subtitles.GetFont(font, fontSize);
     if (code != OPAL_OK)
         return code;
     const size_t room = size;
@@ -183,29 +189,17 @@ size_t StreamingController::GetSubtitleTrackCount() {
 
 size_t StreamingController::GetCurrentVideoLevel() {
     ObjectsLock lock(m_objectsMutex);
-    return CurrentVideoLevel();
+    return m_session->video.CurrentIndex();
 }
 
 size_t StreamingController::GetCurrentAudioTrack() {
     ObjectsLock lock(m_objectsMutex);
-    return CurrentAudioTrack();
+    return m_session->audio.CurrentIndex();
 }
 
 size_t StreamingController::GetCurrentSubtitleTrack() {
     ObjectsLock lock(m_objectsMutex);
-    return CurrentSubtitleTrack();
-}
-
-size_t StreamingController::CurrentVideoLevel() {
-    return m_pReaders ? m_pReaders->GetCurrentVideo() : kNone;
-}
-
-size_t StreamingController::CurrentAudioTrack() {
-    return m_pReaders ? m_pReaders->GetCurrentAudio() : kNone;
-}
-
-size_t StreamingController::CurrentSubtitleTrack() {
-    return m_pReaders && m_subtitlesOn ? m_pReaders->GetCurrentSubtitle() : kNone;
+    return m_session->subtitles.Current();
 }
 
 OPALError StreamingController::PullAudioBlock(qutl::MemoryBuffer<unsigned char>& data,
@@ -239,12 +233,11 @@ OPALError StreamingController::GetPlatformPreferences(HABPreferences& preference
 
 OPALError StreamingController::GetDefaultTracks(size_t& audio, size_t& subtitle) {
     audio = subtitle = kNone;
-    Lock lock(m_mutex);
+    opal::RecursiveLock lock(m_mutex);
     if (!m_pSMILParser)
         return OPAL_OK;
-    const int64_t wantedAudio = m_pProtectedContent ? m_pProtectedContent->GetAudioAssetId() : 0;
-    const int64_t wantedSubtitle =
-        m_pProtectedContent ? m_pProtectedContent->GetSubtitleAssetId() : 0;
+    const int64_t wantedAudio = m_session->ticket.PreferredAudioAsset();
+    const int64_t wantedSubtitle = m_session->ticket.PreferredSubtitleAsset();
     if (const size_t count = m_pSMILParser->GetAudioTrackCount()) {
         audio = FindAsset(count, wantedAudio, 0, [this](size_t i) {
             boost::shared_ptr<IAudioTrack> track;
@@ -285,7 +278,7 @@ OPALError StreamingController::AdaptSubtitleHeader(const void* in, size_t inSize
 }
 
 StreamingController::ControllerState StreamingController::GetState() {
-    Lock lock(m_mutex);
+    opal::RecursiveLock lock(m_mutex);
     if (m_error != OPAL_OK && m_error != OPAL_ERROR_TERMINATED)
         return CONTROLLER_ERROR;
     if (m_error == OPAL_ERROR_TERMINATED || !m_initialized)
@@ -296,7 +289,7 @@ StreamingController::ControllerState StreamingController::GetState() {
 }
 
 OPALError StreamingController::Post(int kind, size_t argument) {
-    Lock lock(m_mutex);
+    opal::RecursiveLock lock(m_mutex);
     if (m_terminated)
         return m_error;
     m_queue.Push(StreamingControllerMessage{kind, argument});
@@ -304,6 +297,28 @@ OPALError StreamingController::Post(int kind, size_t argument) {
 }
 
 bool StreamingController::IsTerminated() {
-    Lock lock(m_mutex);
+    opal::RecursiveLock lock(m_mutex);
     return m_terminated;
+}
+
+void StreamingController::Trace(const char* text) {
+    LOG4CXX_TRACE(logger, text << opal::ToMilliseconds(opal::Now() - m_timeEnter));
+}
+
+/// The switching controller's bandwidth, or while it knows none the bit-rate of the last level.
+int StreamingController::ReportedBandwidth() {
+    const int bandwidth = m_pSwitching->GetBandwidth();
+    const size_t count = m_pSMILParser->GetVideoLevelCount();
+    boost::shared_ptr<IVideoLevel> last;
+    if (bandwidth == 0 && count != 0 && m_pSMILParser->GetVideoLevel(count - 1, last) == OPAL_OK)
+        return last->GetBitrate();
+    return bandwidth;
+}
+
+void StreamingController::SubtitleNotify::OnSubtitle(int64_t msStart, int64_t msEnd,
+                                                     const std::string& text) {
+    if (!controller)
+        return;
+    controller->m_session->reports.Tell(
+        [&](IStreamingControllerNotify& listener) { listener.OnSubtitle(msStart, msEnd, text); });
 }

@@ -27,7 +27,7 @@ class HTTPPost {
   private:
     bool MayGoOn();
 
-    const ServiceTimeouts m_timeouts;
+    ServiceTimeouts m_timeouts;
     const StopSignal* m_stop = nullptr;
     int64_t m_graceMs = 0;
     int64_t m_graceUntilMs = -1;

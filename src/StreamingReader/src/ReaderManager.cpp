@@ -69,8 +69,14 @@ OPALError ReaderManager::SetStream(size_t index, bool open) {
         return NoReaderResult();
     if (index >= GetStreamCount())
         return OPAL_ERROR_INVALID_ARGUMENT;
-    if (index == GetCurrent())
+    if (index == GetCurrent()) {
+        opal::MutexLock state(m_stateMutex);
+        if (!std::exchange(m_parked, false))
+            return OPAL_OK;
+        ++m_generation;
+        m_wakeup.NotifyAll();
         return OPAL_OK;
+    }
     // Were it left running, it would fetch a cluster of its old place when it becomes current
     // again, before anyone has sought it.
     (void)before->Stop();
@@ -80,11 +86,8 @@ OPALError ReaderManager::SetStream(size_t index, bool open) {
         m_wishes = Wishes();
         m_closing.erase(std::remove(m_closing.begin(), m_closing.end(), m_readers[index]),
                         m_closing.end());
-        if (m_activity == Activity::Opening) {
-            m_openingGivenUp = true;
-            if (m_opening)
-                m_opening->SetAbandoned(true);
-        }
+        m_parked = false;
+        AbandonOpening();
     }
     if (open) {
         opal::RecursiveLock lock(m_mutex);
@@ -94,6 +97,24 @@ OPALError ReaderManager::SetStream(size_t index, bool open) {
     }
     WakeThread();
     return OPAL_OK;
+}
+
+void ReaderManager::GiveUpOpening() {
+    const Reader reader = Current();
+    if (!reader || reader->GetState() != STREAMING_READER_NOT_OPEN)
+        return;
+    opal::MutexLock state(m_stateMutex);
+    m_parked = true;
+    m_wishes = Wishes();
+    AbandonOpening();
+}
+
+void ReaderManager::AbandonOpening() {
+    if (m_activity != Activity::Opening)
+        return;
+    m_openingGivenUp = true;
+    if (m_opening)
+        m_opening->SetAbandoned(true);
 }
 
 OPALError ReaderManager::DownloadNext() {
@@ -148,6 +169,7 @@ OPALError ReaderManager::Finalize() {
         m_current = kNone;
         m_wishes = Wishes();
         m_openingGivenUp = false;
+        m_parked = false;
         m_closing.clear();
     }
     m_threadEnded = false;
@@ -364,6 +386,11 @@ bool ReaderManager::IsBusy() {
     return m_activity != Activity::None;
 }
 
+bool ReaderManager::IsParked() {
+    opal::MutexLock state(m_stateMutex);
+    return m_parked;
+}
+
 void ReaderManager::CloseBeforeNextOpening(const Reader& reader) {
     opal::MutexLock state(m_stateMutex);
     m_closing.push_back(reader);
@@ -436,6 +463,11 @@ bool ReaderManager::RunRound(OPALError& result) {
     }
     int state = reader->GetState();
     if (state == STREAMING_READER_NOT_OPEN) {
+        const uint64_t generation = Generation();
+        if (IsParked()) {
+            WaitForWake(generation);
+            return false;
+        }
         if (Open(result))
             return true;
         state = reader->GetState();  // what was opened may start at once

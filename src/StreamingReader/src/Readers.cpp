@@ -287,6 +287,10 @@ bool Readers::IsVideoTransferring() {
     return m_video.IsTransferring();
 }
 
+void Readers::GiveUpOpeningSubtitle() {
+    m_subtitle.GiveUpOpening();
+}
+
 void Readers::WaitForCancelled() {
     m_video.WaitForCancelled();
     m_audio.WaitForCancelled();

@@ -18,11 +18,6 @@ constexpr int32_t kRoundSpanMs = 29;
 constexpr int64_t kEndOfStreamMs = StreamingTuning::GetEndOfStreamRest();
 constexpr int64_t kNanosecondsPerMs = 1000000;
 
-/// Trick tracks travel as video.
-OPALStreamType Fold(OPALStreamType type) {
-    return type == OPAL_STREAM_TRICK ? OPAL_STREAM_VIDEO : type;
-}
-
 /// Whether blocks at `first` and `last` are so close that the round goes on. The difference has 32
 /// bits.
 bool IsWithinRound(int64_t first, int64_t last) {
@@ -46,7 +41,7 @@ StreamingWriter::StreamingWriter(IClusterBuffer* buffer, IPlatform* sink, OPALSt
       m_pParser(NewClusterParser()),
       m_pSink(sink),
       m_model(model),
-      m_streamType(Fold(streamType)) {}
+      m_streamType(FoldStreamType(streamType)) {}
 
 StreamingWriter::~StreamingWriter() {
     (void)StreamingWriter::Finalize();

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "StreamingController/StreamingController.h"
+#include "StreamingController/src/AudioRoad.h"
+#include "StreamingController/src/SessionObjects.h"
+#include "StreamingController/src/SessionReports.h"
+#include "StreamingController/src/StreamPipe.h"
+#include "StreamingController/src/SubtitleRoad.h"
+#include "StreamingController/src/TicketSession.h"
+
+/// The parts beside the shell, and what the session remembers between messages; under m_mutex
+/// unless a field is atomic or a part says otherwise.
+struct StreamingController::Session {
+    explicit Session(StreamingController& controller);
+    /// Back to what it is before a session.
+    void Reset();
+
+    const opal::SessionReports reports;
+    const opal::SessionObjects objects;
+    opal::StreamPipe video;
+    opal::StreamPipe audio;
+    opal::StreamPipe subtitle;
+    opal::AudioRoad audioRoad;
+    opal::SubtitleRoad subtitles;
+    opal::TicketSession ticket;
+
+    /// Raised a while after the session's own: ends the last play report and the last upload, which
+    /// are to get through if they can.
+    opal::StopSignal lastStop;
+    /// Calls of Finalize under way.
+    std::atomic<int> finalizing{0};
+    /// Operations that open audio without m_mutex.
+    std::atomic<int> audioOpeners{0};
+    /// The audio track being opened was selected by message, so its end is reported.
+    bool reportAudio = false;
+    /// The level that is left by the switch whose level is still being opened.
+    size_t switchingFrom = kNone;
+    /// Stop was handled and nothing started since: what is still queued must not start a reader.
+    bool stopRequested = false;
+    /// Counts the accepted operations that start playback; the second is the count at the last
+    /// Stop.
+    size_t startSequence = 0;
+    size_t stopSequence = 0;
+    /// Buffers were emptied for a jump whose message is still queued: an empty buffer is no
+    /// underflow.
+    bool jumpPending = false;
+    /// Where the last jump leads, until the sink's position has moved; below 0: nowhere.
+    int64_t jumpTarget = -1;
+    int64_t positionAtStart = 0;  ///< the sink's, when playback was declared started behind a jump
+    /// Raised by a seek in trick play: clusters of the position before do not count as arrived.
+    std::atomic<size_t> trickEpoch{0};
+};
