@@ -316,7 +316,7 @@ TEST_F(OddFilm, TheFolderChangesOnlyWhenAllIsWhole) {
     Make();
     m_options.golden = false;
     const auto first = Files();
-    const auto Write = [this](const std::string& path) { std::ofstream(path) << "mine"; };
+    const auto Write = [](const std::string& path) { std::ofstream(path) << "mine"; };
     Write(m_options.folder + "/notes.txt");
 
     // A run that fails, one that is stopped, one beside another, one that would read what it
