@@ -88,6 +88,15 @@ class RecordingListener : public IStreamingControllerNotify {
         std::unique_lock<std::mutex> lock(m_mutex);
         return m_changed.wait_for(lock, timeout, [&] { return CountLocked(line) >= count; });
     }
+    [[nodiscard]] bool WaitForPrefix(const std::string& prefix) const {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_changed.wait_for(lock, std::chrono::seconds(20),
+                                  [&] { return CountPrefixLocked(prefix) > 0; });
+    }
+    size_t CountPrefix(const std::string& prefix) const {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return CountPrefixLocked(prefix);
+    }
 
     /// Set before the session starts.
     std::function<void(const std::string&)> onEvent;
@@ -98,6 +107,11 @@ class RecordingListener : public IStreamingControllerNotify {
     }
     size_t CountLocked(const std::string& line) const {
         return static_cast<size_t>(std::count(m_lines.begin(), m_lines.end(), line));
+    }
+    size_t CountPrefixLocked(const std::string& prefix) const {
+        return static_cast<size_t>(std::count_if(
+            m_lines.begin(), m_lines.end(),
+            [&](const std::string& line) { return line.compare(0, prefix.size(), prefix) == 0; }));
     }
     void Add(const std::string& line) {
         {
