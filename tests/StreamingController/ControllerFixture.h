@@ -165,9 +165,9 @@ class TestController : public StreamingController {
         audio = sink;
         return sink;
     }
-    IPlatform* NewSubtitleSink(HHABARCH hArch, HHABTIMER hTimer) override {
+    IPlatform* NewSubtitleSink(HHABARCH, HHABTIMER) override {
         if (!hasSubtitleSink)
-            return StreamingController::NewSubtitleSink(hArch, hTimer);
+            return nullptr;
         auto* sink = new SessionSink("subtitle", m_journal);
         sink->onConfigure = [this](const std::string& configuration, size_t size) {
             subtitleConfiguration = configuration;

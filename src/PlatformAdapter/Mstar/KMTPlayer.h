@@ -71,3 +71,14 @@ uint32_t KMTPlayer_GetVideoBufferLevel();
 int KMTPlayer_SetVideoBlackScreen(bool on);
 int KMTPlayer_SetAudioVolume(uint8_t volume);
 int KMTPlayer_SwitchAudioTrack(int codec, uint32_t sampleRate, uint32_t channels);
+
+/// The subtitle window, of which there is one at a time; none of these takes a lock of the
+/// player's. 0 from KMTPlayer_Subtitle_Initialize also when there is one already.
+int KMTPlayer_Subtitle_Initialize();
+/// Clears the window first.
+int KMTPlayer_Subtitle_Finalize();
+/// 0 without a window object. A display that has no place for subtitles answers 1.
+int KMTPlayer_Subtitle_Clear();
+/// One alpha a pixel, 1280 x 720.
+int KMTPlayer_Subtitle_DrawImage(const uint8_t* image);
+int KMTPlayer_Subtitle_DrawText(const char* text, long size);

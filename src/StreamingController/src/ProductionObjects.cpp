@@ -7,6 +7,7 @@
 #include "Common/ObjectFactory.h"
 #include "Common/logging/LogEventSender.h"
 #include "PlatformAdapter/Common/PlatformAudio.h"
+#include "PlatformAdapter/Common/PlatformSubtitle.h"
 #include "PlatformAdapter/Common/PlatformVideo.h"
 #include "StreamingController/StreamingController.h"
 #include "StreamingDemux/EBML/IClusterBuffer.h"
@@ -83,7 +84,6 @@ IPlatform* StreamingController::NewAudioSink(HHABARCH hArch, HHABTIMER hTimer) {
     return new PlatformAudio(hArch, hTimer);
 }
 
-// This platform adapter has no subtitle sink.
-IPlatform* StreamingController::NewSubtitleSink(HHABARCH, HHABTIMER) {
-    return nullptr;
+IPlatform* StreamingController::NewSubtitleSink(HHABARCH hArch, HHABTIMER hTimer) {
+    return new PlatformSubtitle(hArch, hTimer);
 }

@@ -9,6 +9,7 @@
 #include "Common/Mutex.h"
 #include "MSystem.h"
 #include "PlatformAdapter/Mstar/KMTPlayer.h"
+#include "PlatformAdapter/Mstar/src/MSrv_Kmtplayer_Subtitle.h"
 
 namespace {
 
@@ -36,6 +37,12 @@ int g_audioSampleRate OPAL_GUARDED_BY(g_playerMutex) = 0;
 bool g_videoCodecSet OPAL_GUARDED_BY(g_playerMutex) = false;
 bool g_audioCodecSet OPAL_GUARDED_BY(g_playerMutex) = false;
 std::atomic<KMTPlayerIoCallback> g_ioCallbacks[kIoCallbackCount] = {};
+
+// Held as g_playerMutex is, for the subtitle window, and never together with it: the window may ask
+// the player.
+opal::SharedMutex g_subtitleMutex;
+bool g_subtitleReady OPAL_GUARDED_BY(g_subtitleMutex) = false;
+MSrv_Kmtplayer_Subtitle* g_pSubtitle OPAL_GUARDED_BY(g_subtitleMutex) = nullptr;
 
 // The set's own record of who creates an item or pushes.
 class PayloadLock {
@@ -391,4 +398,59 @@ int KMTPlayer_SwitchAudioTrack(int codec, uint32_t sampleRate, uint32_t channels
     Put(param.bytes, 20, 4, sampleRate);
     Put(param.bytes, 56, 4, static_cast<uint32_t>(codec));
     return _pMMInterface->MM_SwitchAudioTrack(_u32Item, param) == 0;
+}
+
+int KMTPlayer_Subtitle_Initialize() {
+    ChangeLock lock(g_subtitleMutex);
+    if (g_subtitleReady) {
+        std::printf("Subtitle is already initialized ...\n");
+        return 0;
+    }
+    if (!g_pSubtitle) {
+        g_pSubtitle = new (std::nothrow) MSrv_Kmtplayer_Subtitle;
+        if (g_pSubtitle) {
+            g_pSubtitle->SetCallback(nullptr, &SubtitleCallback);
+            (void)g_pSubtitle->Open();
+        } else {
+            std::printf(
+                "\033[0;33;41m###### ERROR!![%s - %s][%06d]KMTPlayer_Initialize fail!!!!! "
+                "######\033[0m\n \n",
+                __FILE__, __func__, __LINE__);
+        }
+    }
+    g_subtitleReady = g_pSubtitle != nullptr;
+    return g_subtitleReady;
+}
+
+int KMTPlayer_Subtitle_Finalize() {
+    ChangeLock lock(g_subtitleMutex);
+    if (!g_pSubtitle)
+        return 0;
+    g_pSubtitle->Clear();
+    (void)g_pSubtitle->Close();
+    delete g_pSubtitle;
+    g_pSubtitle = nullptr;
+    g_subtitleReady = false;
+    return 1;
+}
+
+int KMTPlayer_Subtitle_Clear() {
+    UseLock lock(g_subtitleMutex);
+    if (g_pSubtitle)
+        g_pSubtitle->Clear();
+    return g_pSubtitle != nullptr;
+}
+
+int KMTPlayer_Subtitle_DrawImage(const uint8_t* image) {
+    UseLock lock(g_subtitleMutex);
+    if (g_pSubtitle && image)
+        g_pSubtitle->DrawImage(image);
+    return g_pSubtitle != nullptr;
+}
+
+int KMTPlayer_Subtitle_DrawText(const char* text, long size) {
+    UseLock lock(g_subtitleMutex);
+    if (g_pSubtitle && text)
+        g_pSubtitle->DrawText(text, size);
+    return g_pSubtitle != nullptr;
 }
