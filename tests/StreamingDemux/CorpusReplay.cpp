@@ -11,7 +11,7 @@
 using FuzzTarget = int(const uint8_t* data, size_t size);
 extern "C" {
 FuzzTarget FuzzClusterParser, FuzzStreamHeader, FuzzClusterIndex, FuzzSMILParser, FuzzMIMEParser,
-    FuzzHTTPReply, FuzzSettings, FuzzAvcConversion, FuzzAudioConfig;
+    FuzzHTTPReply, FuzzSettings, FuzzAvcConversion, FuzzAudioConfig, FuzzTextRenderer;
 }
 
 namespace opal::test {
@@ -26,7 +26,8 @@ TEST(CorpusReplay, EveryFile) {
                                                            {"http_reply", &FuzzHTTPReply},
                                                            {"settings", &FuzzSettings},
                                                            {"avc_conversion", &FuzzAvcConversion},
-                                                           {"audio_config", &FuzzAudioConfig}};
+                                                           {"audio_config", &FuzzAudioConfig},
+                                                           {"text_renderer", &FuzzTextRenderer}};
     for (const auto& [name, target] : targets) {
         size_t files = 0;
         const std::filesystem::path folder = OPAL_CORPUS_DIR;
