@@ -205,8 +205,6 @@ class StreamingController : public IStreamingController {
     OPALError BuildFromTicket(const std::string& tixString, const std::string& sessionData,
                               const std::string& country, const std::string& language,
                               OPALWriterModel model);
-    bool LoadAlgorithmConfigFile();
-    OPALError KeepSwitchingController();
     OPALError InitializeInternal(const std::string& ticket, OPALWriterModel model)
         OPAL_REQUIRES(m_mutex);
     OPALError CreateRuntimeHandles();
@@ -218,12 +216,11 @@ class StreamingController : public IStreamingController {
     void EndPreviousSession();
     void EndLoop();
     OPALError TearDown(bool keepForNextSession) OPAL_REQUIRES(m_mutex);
-    void DropObjects(bool keepForNextSession) OPAL_REQUIRES(m_mutex);
+    void ResetFigures() OPAL_REQUIRES(m_mutex);
     OPALError Terminate(OPALError code);
 
     // EventLoop.cpp
     OPALError EventLoop();
-    void Shielded(const std::function<void()>& action);
     bool CheckHealth(LoopState& state);
     void WatchPlayback(LoopState& state);
     OPALError HandleMessage(LoopState& state);
@@ -241,34 +238,23 @@ class StreamingController : public IStreamingController {
     OPALError HandleVideoCluster(LoopState& state) OPAL_REQUIRES(m_mutex);
     OPALError HandleTrickCluster(size_t argument) OPAL_REQUIRES(m_mutex);
     bool WatchBuffer(LoopState& state);
-    bool HandleUnderflow(LoopState& state) OPAL_REQUIRES(m_mutex);
     OPALError IsReadyToStart() OPAL_REQUIRES(m_mutex);
     OPALError ReportPlayState(int playState);
 
     // Buffering.cpp
-    void OnDownloadComplete(OPALStreamType type, int64_t downloadTime, int64_t downloadSize,
-                            size_t index);
-    void OnClusterBufferWrite(OPALStreamType type);
     OPALError BufferingProgress(size_t& percent);
 
     // PlaybackControl.cpp
     OPALError Refusal() const OPAL_REQUIRES(m_mutex);
-    void AcceptStart() OPAL_REQUIRES(m_mutex);
     OPALError PrepareAudio() OPAL_REQUIRES(m_mutex);
     OPALError OpenFirstAudioTrack(bool tolerateUnsupported) OPAL_REQUIRES(m_mutex);
     OPALError StartPlayback() OPAL_REQUIRES(m_mutex);
-    OPALError StartReaders() OPAL_REQUIRES(m_mutex);
     OPALError StartWriters() OPAL_REQUIRES(m_mutex);
     OPALError PauseWriters() OPAL_REQUIRES(m_mutex);
-    OPALError DoSwitchLevel(bool giveUpOpening) OPAL_REQUIRES(m_mutex);
-    void EndLevelSwitch() OPAL_REQUIRES(m_mutex);
-    OPALError EmptyStreams(bool subtitlesFirst, int64_t& position) OPAL_REQUIRES(m_mutex);
     OPALError ChangeRate(bool trick) OPAL_REQUIRES(m_mutex);
     OPALError MoveReaders(int64_t& positionMs) OPAL_REQUIRES(m_mutex);
-    OPALError GetPlaybackPosition(int64_t& ms) OPAL_REQUIRES(m_mutex);
 
     // StreamingController.cpp
-    int ReportedBandwidth();
     void Trace(const char* text);
 
     // What a session is made of, in the order of its design; the objects are as told above.

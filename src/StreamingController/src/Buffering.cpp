@@ -11,20 +11,12 @@
 void StreamingController::ReaderNotify::OnDownloadComplete(OPALStreamType type,
                                                            int64_t downloadTime,
                                                            int64_t downloadSize, size_t index) {
-    if (controller)
-        controller->OnDownloadComplete(type, downloadTime, downloadSize, index);
-}
-
-void StreamingController::ReaderNotify::OnClusterBufferWrite(OPALStreamType type) {
-    if (controller)
-        controller->OnClusterBufferWrite(type);
-}
-
-void StreamingController::OnDownloadComplete(OPALStreamType type, int64_t downloadTime,
-                                             int64_t downloadSize, size_t index) {
-    LOG4CXX_TRACE(logger, "StreamingController::ReaderNotify::OnDownloadComplete"
-                              << " downloadTime=" << downloadTime
-                              << " download size=" << downloadSize << " index=" << index);
+    if (!controller)
+        return;
+    StreamingController& c = *controller;
+    LOG4CXX_TRACE(c.logger, "StreamingController::ReaderNotify::OnDownloadComplete"
+                                << " downloadTime=" << downloadTime
+                                << " download size=" << downloadSize << " index=" << index);
     const OPALStreamType stream = FoldStreamType(type);
     if (stream != OPAL_STREAM_VIDEO && stream != OPAL_STREAM_AUDIO)
         return;
@@ -33,41 +25,46 @@ void StreamingController::OnDownloadComplete(OPALStreamType type, int64_t downlo
     sample.downloadTime = std::max<int64_t>(0, downloadTime);
     sample.downloadSize = downloadSize;
     sample.timeSinceStart =
-        std::max<int64_t>(0, opal::ToMilliseconds(opal::Now() - m_timeInitDone));
+        std::max<int64_t>(0, opal::ToMilliseconds(opal::Now() - c.m_timeInitDone));
     sample.clusterIndex = index;
-    if (m_buffering.IsStreamActive(stream) && !m_buffering.IsStreamComplete(stream))
-        m_buffering.AddBytes(static_cast<size_t>(std::max<int64_t>(0, downloadSize)), stream);
+    if (c.m_buffering.IsStreamActive(stream) && !c.m_buffering.IsStreamComplete(stream))
+        c.m_buffering.AddBytes(static_cast<size_t>(std::max<int64_t>(0, downloadSize)), stream);
     if (stream == OPAL_STREAM_AUDIO) {
-        m_lastAudioSample = sample;
+        c.m_lastAudioSample = sample;
         return;
     }
-    m_lastVideoSample = sample;
-    m_pVideoBuffer->SetMaxDuration(m_pSwitching->GetMaxBuffer());
+    c.m_lastVideoSample = sample;
+    c.m_pVideoBuffer->SetMaxDuration(c.m_pSwitching->GetMaxBuffer());
 }
 
-void StreamingController::OnClusterBufferWrite(OPALStreamType type) {
-    LOG4CXX_TRACE(logger, "StreamingController::ReaderNotify::OnClusterBufferWrite type=" << type);
+void StreamingController::ReaderNotify::OnClusterBufferWrite(OPALStreamType type) {
+    if (!controller)
+        return;
+    StreamingController& c = *controller;
+    LOG4CXX_TRACE(c.logger,
+                  "StreamingController::ReaderNotify::OnClusterBufferWrite type=" << type);
     const OPALStreamType stream = FoldStreamType(type);
     if (stream == OPAL_STREAM_VIDEO || stream == OPAL_STREAM_AUDIO) {
         const bool video = stream == OPAL_STREAM_VIDEO;
-        StreamSwitchingNotify::Message& sample = video ? m_lastVideoSample : m_lastAudioSample;
-        sample.bufferedDuration = (video ? m_session->video : m_session->audio).BufferedDuration();
-        m_pSwitching->GetNotify()->Notify(stream, StreamSwitchingNotify::EVENT_DOWNLOAD_COMPLETE,
-                                          sample);
+        StreamSwitchingNotify::Message& sample = video ? c.m_lastVideoSample : c.m_lastAudioSample;
+        sample.bufferedDuration =
+            (video ? c.m_session->video : c.m_session->audio).BufferedDuration();
+        c.m_pSwitching->GetNotify()->Notify(stream, StreamSwitchingNotify::EVENT_DOWNLOAD_COMPLETE,
+                                            sample);
     }
     // Straight onto the queue: Post would take m_mutex, whose holder may wait for this reader.
     switch (type) {
         case OPAL_STREAM_VIDEO:
-            m_queue.Push({MSG_VIDEO_CLUSTER, kNone});
+            c.m_queue.Push({MSG_VIDEO_CLUSTER, kNone});
             break;
         case OPAL_STREAM_AUDIO:
-            m_queue.Push({MSG_AUDIO_CLUSTER, kNone});
+            c.m_queue.Push({MSG_AUDIO_CLUSTER, kNone});
             break;
         case OPAL_STREAM_SUBTITLE:
-            m_queue.Push({MSG_SUBTITLE_CLUSTER, kNone});
+            c.m_queue.Push({MSG_SUBTITLE_CLUSTER, kNone});
             break;
         case OPAL_STREAM_TRICK:
-            m_queue.Push({MSG_TRICK_CLUSTER, m_session->trickEpoch});
+            c.m_queue.Push({MSG_TRICK_CLUSTER, c.m_session->trickEpoch});
             break;
         case OPAL_STREAM_NONE:
             break;

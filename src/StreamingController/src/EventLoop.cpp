@@ -8,6 +8,7 @@
 #include "SMILParser/ISMILParser.h"
 #include "StreamSwitchingAlgorithm/PlaybackRules.h"
 #include "StreamingController/PlayReportConfig.h"
+#include "StreamingController/src/NoThrow.h"
 #include "StreamingController/src/Session.h"
 #include "StreamingDemux/EBML/IClusterBuffer.h"
 #include "StreamingReader/IStreamingReader.h"
@@ -33,38 +34,30 @@ bool IsOver(const boost::posix_time::ptime& time, int64_t ms) {
 StreamingController::LoopState::LoopState()
     : lastPositionReport(opal::Now()), lastStart(opal::Now()), lastLogFlush(opal::Now()) {}
 
+// Nothing may leave the thread; least of all an exception of the listener's. Without memory even a
+// line of the log may throw.
 OPALError StreamingController::EventLoop() {
+    const auto shielded = [this](const auto& action) {
+        const OPALError code = opal::NoThrow([&] {
+            action();
+            return OPAL_OK;
+        });
+        if (code == OPAL_OK)
+            return;
+        (void)opal::NoThrow([&] {
+            LOG4CXX_ERROR(logger, "StreamingController::EventLoop - exception, code " << code);
+            return OPAL_OK;
+        });
+        // It marks the session as ended before it tells anyone.
+        (void)opal::NoThrow([&] { return Terminate(code); });
+    };
     LoopState state;
     while (!IsTerminated()) {
         opal::SleepMs(opal::playback::kTurnMs);
-        Shielded([&] { RunTurn(state); });
+        shielded([&] { RunTurn(state); });
     }
-    Shielded([&] { LeaveLoop(); });
+    shielded([&] { LeaveLoop(); });
     return OPAL_OK;
-}
-
-// Nothing may leave a thread; least of all an exception of the listener's. Without memory even a
-// line of the log may throw.
-void StreamingController::Shielded(const std::function<void()>& action) {
-    OPALError code = OPAL_OK;
-    try {
-        action();
-    } catch (const std::bad_alloc&) {
-        code = OPAL_ERROR_NO_MEMORY;
-    } catch (...) {
-        code = OPAL_ERROR_GENERAL;
-    }
-    if (code == OPAL_OK)
-        return;
-    try {
-        LOG4CXX_ERROR(logger, "StreamingController::EventLoop - exception, code " << code);
-    } catch (...) {
-    }
-    try {
-        (void)Terminate(code);
-    } catch (...) {
-        // It has marked the session as ended before it told anyone.
-    }
 }
 
 void StreamingController::LeaveLoop() {
@@ -119,7 +112,7 @@ bool StreamingController::CheckHealth(LoopState& state) {
             LOG4CXX_ERROR(logger,
                           "StreamingController::EventLoop - Error in streaming writer:" << code);
     }
-    EndLevelSwitch();
+    m_session->EndLevelSwitch();
     if (code == OPAL_OK && m_session->audioRoad.IsPending())
         code = EndAudioSelection(m_session->audioRoad.Continue());
     if (code == OPAL_OK && m_session->subtitles.GetState() == opal::SubtitleRoad::State::Failed)
@@ -374,8 +367,10 @@ OPALError StreamingController::HandleTrickStarted(LoopState& state) {
 OPALError StreamingController::HandleVideoCluster(LoopState& state) {
     const bool atEnd = m_session->video.ReaderState() == STREAMING_READER_END;
     OPALError code = OPAL_OK;
-    if (opal::playback::MaySwitchLevel(state.playing, m_playRate == OPAL_PLAYRATE_ONEX, atEnd))
-        code = DoSwitchLevel(false);
+    if (opal::playback::MaySwitchLevel(state.playing, m_playRate == OPAL_PLAYRATE_ONEX, atEnd)) {
+        Trace("DoSwitchLevel");
+        code = m_session->SwitchLevel(false);
+    }
     if (code == OPAL_ERROR_NOT_YET)
         return OPAL_OK;  // the transfer that runs brings the next occasion
     if (code == OPAL_OK)
@@ -403,30 +398,22 @@ bool StreamingController::WatchBuffer(LoopState& state) {
     opal::RecursiveLock lock(m_mutex);
     if (!state.playing || m_session->jumpPending)
         return true;
-    if (m_playRate == OPAL_PLAYRATE_ONEX &&
-        m_session->video.BufferedDuration() < opal::playback::kUnderflowMs)
-        return HandleUnderflow(state);
-    if (!state.writersStartPending)
+    const int64_t buffered = m_session->video.BufferedDuration();
+    const bool low = m_playRate == OPAL_PLAYRATE_ONEX && buffered < opal::playback::kUnderflowMs;
+    // At its end, what is buffered is all there will be.
+    if (low && !opal::playback::IsUnderflow(buffered,
+                                            m_session->video.ReaderState() == STREAMING_READER_END))
         return true;
-    const OPALError code = StartWriters();
+    if (!low && !state.writersStartPending)
+        return true;
+    const OPALError code = low ? PauseWriters() : StartWriters();
     if (code != OPAL_OK) {
         (void)Terminate(code);
         return false;
     }
-    state.writersStartPending = false;
-    return true;
-}
-
-bool StreamingController::HandleUnderflow(LoopState& state) {
-    if (!opal::playback::IsUnderflow(m_session->video.BufferedDuration(),
-                                     m_session->video.ReaderState() == STREAMING_READER_END))
+    state.writersStartPending = low;
+    if (!low)
         return true;
-    const OPALError code = PauseWriters();
-    if (code != OPAL_OK) {
-        (void)Terminate(code);
-        return false;
-    }
-    state.writersStartPending = true;
     m_session->objects.RestartSwitching(OPAL_STREAM_VIDEO);
     state.playing = false;
     (void)Post(MSG_START);
@@ -483,7 +470,7 @@ OPALError StreamingController::ReportPlayState(int playState) {
     }
     if (periodic)
         m_lastPlayReport = opal::Now();
-    report.bandwidth = ReportedBandwidth();
+    report.bandwidth = m_session->objects.ReportedBandwidth();
     report.audioAsset = m_session->audioRoad.CurrentAsset();
     report.subtitleAsset = m_session->subtitles.CurrentAsset();
     ticket.Report(report);

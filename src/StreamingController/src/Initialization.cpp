@@ -36,6 +36,15 @@ ILogEventSender* NewLogSender(const std::string& country, const std::string& lan
     return sender;
 }
 
+bool LoadAlgorithmConfigFile(const log4cxx::LoggerPtr& logger) {
+    try {
+        return LoadConfigFile();
+    } catch (const std::exception& e) {
+        LOG4CXX_ERROR(logger, "kmt_ssa_config.xml is not used: " << e.what());
+        return false;
+    }
+}
+
 OPALError GiveLevelsTo(IStreamSwitchingController& switching, const ISMILParser& manifest) {
     std::vector<boost::shared_ptr<IVideoLevel>> levels;
     for (size_t i = 0; i < manifest.GetVideoLevelCount(); ++i) {
@@ -82,7 +91,9 @@ OPALError StreamingController::RunInitialization(const std::function<OPALError()
         if (m_session->finalizing != 0)  // whichever of the two comes last raises the signal
             m_stop.Raise();
         try {
-            return build();
+            if (!m_pSwitching)
+                m_pSwitching.reset(NewSwitchingController());
+            return m_pSwitching ? build() : OPAL_ERROR_NO_MEMORY;
         } catch (const std::exception& e) {
             LOG4CXX_ERROR(logger, "Initialisation failed: " << e.what());
             throw;
@@ -115,17 +126,15 @@ OPALError StreamingController::BuildFromManifest(const std::string& url, const s
                                                  OPALWriterModel model) {
     BeginInitialization("Enter StreamingController::InitializeFromSMILFile : time=",
                         ObjectFactory::kNullSender);
-    (void)LoadAlgorithmConfigFile();
+    (void)LoadAlgorithmConfigFile(logger);
     m_pLogSender.reset(NewLogSender(country, language, &m_stop));
     LogServer::Instance().Start(m_pLogSender.get());
     Trace("After Log Init : time=");
     std::unique_ptr<ISMILParser> parser(NewSMILParser());
     if (!parser)
         return OPAL_ERROR_NO_MEMORY;
-    OPALError code = KeepSwitchingController();
     parser->SetStopSignal(&m_stop);
-    if (code == OPAL_OK)
-        code = parser->ParseSMILFile(url);
+    OPALError code = parser->ParseSMILFile(url);
     if (code != OPAL_OK)
         return code;
     m_session->objects.Publish(m_pSMILParser, parser.release());
@@ -174,11 +183,9 @@ OPALError StreamingController::BuildFromTicket(const std::string& tixString,
         return code;
     }
     Trace("Before GetStreamingAlgorithmConfig() : time=");
-    if (!LoadAlgorithmConfigFile())
+    if (!LoadAlgorithmConfigFile(logger))
         code = ticket.TakeAlgorithmSettings();
     Trace("After GetStreamingAlgorithmConfig() : time=");
-    if (code == OPAL_OK)
-        code = KeepSwitchingController();
     std::string manifest;
     if (code == OPAL_OK)
         code = m_pProtectedContent->GetManifest(manifest);
@@ -195,21 +202,6 @@ OPALError StreamingController::BuildFromTicket(const std::string& tixString,
     opal::RecursiveLock lock(m_mutex);
     m_sessionContent = true;
     return InitializeInternal(assetId, model);
-}
-
-bool StreamingController::LoadAlgorithmConfigFile() {
-    try {
-        return LoadConfigFile();
-    } catch (const std::exception& e) {
-        LOG4CXX_ERROR(logger, "kmt_ssa_config.xml is not used: " << e.what());
-        return false;
-    }
-}
-
-OPALError StreamingController::KeepSwitchingController() {
-    if (!m_pSwitching)
-        m_pSwitching.reset(NewSwitchingController());
-    return m_pSwitching ? OPAL_OK : OPAL_ERROR_NO_MEMORY;
 }
 
 OPALError StreamingController::InitializeInternal(const std::string& ticket,
@@ -236,7 +228,8 @@ OPALError StreamingController::InitializeInternal(const std::string& ticket,
     if (code != OPAL_OK)
         return code;
     m_pSwitching->SetClusterIndexes(&m_pReaders->GetVideoClusterIndexes());
-    m_session->reports.LevelChange(*m_pSMILParser, 0, start.level, ReportedBandwidth());
+    m_session->reports.LevelChange(*m_pSMILParser, 0, start.level,
+                                   m_session->objects.ReportedBandwidth());
     code = CreateVideoSink(start.level);
     if (code == OPAL_OK && m_sessionContent) {
         code = m_session->ticket.SetupStream();

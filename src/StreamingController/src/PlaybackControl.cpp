@@ -44,7 +44,7 @@ OPALError StreamingController::Play() {
             code = StartPlayback();
         if (code != OPAL_OK)
             return code;
-        AcceptStart();
+        m_session->AcceptStart();
         return Post(MSG_START);
     });
 }
@@ -68,12 +68,6 @@ OPALError StreamingController::Stop() {
         m_session->stopSequence = m_session->startSequence;
         return Post(MSG_STOP);
     });
-}
-
-/// An operation that starts playback was accepted: a stop from before it no longer holds.
-void StreamingController::AcceptStart() {
-    ++m_session->startSequence;
-    m_session->stopRequested = false;
 }
 
 OPALError StreamingController::Resume(int64_t positionMs) {
@@ -121,7 +115,7 @@ OPALError StreamingController::Seek(int64_t& positionMs) {
             code = SeekInternal(positionMs);
         if (code != OPAL_OK)
             return code;
-        AcceptStart();
+        m_session->AcceptStart();
         return Post(MSG_SEEK_DONE, static_cast<uint32_t>(positionMs));
     });
 }
@@ -159,7 +153,7 @@ OPALError StreamingController::SetPlayRate(OPALPlayRate rate) {
             m_session->jumpPending = false;
             return code;
         }
-        AcceptStart();
+        m_session->AcceptStart();
         return Post(message);
     });
 }
@@ -211,18 +205,10 @@ OPALError StreamingController::StartPlayback() {
         m_session->objects.ArmBuffering(OPAL_STREAM_VIDEO);
         m_session->objects.ArmBuffering(OPAL_STREAM_AUDIO);
     }
-    code = StartReaders();
+    code = m_session->StartReaders();
     if (code == OPAL_OK)
         m_writersPaused = false;
     return code;
-}
-
-// A subtitle stream that is switched off, or still being prepared, is not to fetch anything.
-OPALError StreamingController::StartReaders() {
-    OPALError code = m_session->audioRoad.StartReader();
-    if (code == OPAL_OK)
-        code = m_session->video.StartReader();
-    return code == OPAL_OK ? m_session->subtitles.StartReader() : code;
 }
 
 OPALError StreamingController::StartWriters() {
@@ -248,91 +234,6 @@ OPALError StreamingController::PauseWriters() {
     return code;
 }
 
-// A level switch from decision to sink. Nothing is flushed: clusters of the old level stay in the
-// buffer, the new level's land behind them, and the change reaches the sink at a cluster boundary.
-// A level that is not open yet is opened by the reader manager's thread; the switch is reported
-// when the level is there. -7: a transfer runs, and the switch waits for its end.
-OPALError StreamingController::DoSwitchLevel(bool giveUpOpening) {
-    Trace("DoSwitchLevel");
-    size_t& from = m_session->switchingFrom;
-    const size_t current = m_session->video.CurrentIndex();
-    const size_t wanted = m_session->objects.LevelFromSwitching();
-    if (current == wanted || (from != kNone && !giveUpOpening))
-        return OPAL_OK;
-    if (!giveUpOpening && m_pReaders->IsVideoTransferring())
-        return OPAL_ERROR_NOT_YET;
-    int64_t position = 0;
-    OPALError code = m_pReaders->StopVideo();
-    if (code == OPAL_OK)
-        code = m_pReaders->GetVideoPosition(position);
-    if (code == OPAL_OK)
-        code = m_pReaders->BeginVideoStream(wanted);
-    if (code == OPAL_OK)
-        code = m_pReaders->SeekVideo(position);
-    if (code == OPAL_OK)
-        code = m_pReaders->StartVideo();
-    if (code != OPAL_OK)
-        return code;
-    if (from == kNone)
-        from = current;
-    EndLevelSwitch();
-    return OPAL_OK;
-}
-
-/// Reports a switch whose level is open by now.
-void StreamingController::EndLevelSwitch() {
-    size_t& from = m_session->switchingFrom;
-    if (from == kNone || m_session->video.ReaderState() == STREAMING_READER_NOT_OPEN)
-        return;
-    const size_t to = m_session->video.CurrentIndex();
-    // In trick play the current reader is no level; and a level that failed was never switched to.
-    if (to != from && to < m_pSMILParser->GetVideoLevelCount() &&
-        m_session->video.ReaderError() == OPAL_OK)
-        m_session->reports.LevelChange(*m_pSMILParser, from, to, ReportedBandwidth());
-    from = kNone;
-}
-
-/// Where playback is. Behind a jump, until the sink's position has moved, that is where the jump
-/// leads.
-OPALError StreamingController::GetPlaybackPosition(int64_t& ms) {
-    const OPALError code = m_pVideoPlatform->GetPosition(ms);
-    int64_t& target = m_session->jumpTarget;
-    if (code != OPAL_OK || target < 0)
-        return code;
-    if (m_session->jumpPending || ms == m_session->positionAtStart)
-        ms = target;
-    else
-        target = -1;
-    return OPAL_OK;
-}
-
-/// Empties the streams for a jump, in the order of `pipes`. `position` is where playback was.
-OPALError StreamingController::EmptyStreams(bool subtitlesFirst, int64_t& position) {
-    opal::StreamPipe* const video = &m_session->video;
-    opal::StreamPipe* const audio = &m_session->audio;
-    opal::StreamPipe* const subtitle = &m_session->subtitle;
-    const auto between = [&] {
-        m_mutex.AssertHeld();
-        return GetPlaybackPosition(position);
-    };
-    OPALError code = OPAL_OK;
-    if (!m_session->subtitles.IsOn())
-        code = opal::StreamPipe::Empty({video, audio}, true, between);
-    else if (subtitlesFirst)
-        code = opal::StreamPipe::Empty({subtitle, video, audio}, true, between);
-    else
-        code = opal::StreamPipe::Empty({video, audio, subtitle}, true, between);
-    m_session->jumpPending = true;
-    m_audioAhead = false;
-    if (code != OPAL_OK)
-        return code;
-    m_session->objects.RestartSwitching(OPAL_STREAM_VIDEO);
-    m_pVideoBuffer->SetMaxDuration(m_pSwitching->GetMaxBuffer());
-    m_session->objects.RestartSwitching(OPAL_STREAM_AUDIO);
-    m_session->objects.RestartSwitching(OPAL_STREAM_SUBTITLE);
-    return OPAL_OK;
-}
-
 /// Into trick play at m_playRate, from one trick rate to another, or back to 1x.
 OPALError StreamingController::ChangeRate(bool trick) {
     Trace(trick ? "DoTrickPlay" : "DoStopTrickPlay");
@@ -341,7 +242,8 @@ OPALError StreamingController::ChangeRate(bool trick) {
     if (trick)
         m_trickClusterArrived = false;
     int64_t position = 0;
-    OPALError code = EmptyStreams(true, position);
+    OPALError code = m_session->EmptyStreams(true, position);
+    m_audioAhead = false;
     if (code == OPAL_OK)
         code = m_session->video.SetWriterRate(m_playRate);
     if (code != OPAL_OK)
@@ -365,7 +267,7 @@ OPALError StreamingController::ChangeRate(bool trick) {
         return code;
     m_session->objects.ArmBuffering(OPAL_STREAM_VIDEO);
     m_session->objects.ArmBuffering(OPAL_STREAM_AUDIO);
-    return StartReaders();
+    return m_session->StartReaders();
 }
 
 OPALError StreamingController::SeekInternal(int64_t& positionMs) {
@@ -378,7 +280,8 @@ OPALError StreamingController::SeekInternal(int64_t& positionMs) {
     const bool saved = m_writersPaused;
     int64_t before = 0;
     m_writersPaused = true;
-    code = EmptyStreams(false, before);
+    code = m_session->EmptyStreams(false, before);
+    m_audioAhead = false;
     if (code == OPAL_OK)
         code = MoveReaders(positionMs);
     if (code != OPAL_OK) {
@@ -410,7 +313,8 @@ OPALError StreamingController::MoveReaders(int64_t& positionMs) {
     if (HABTimer_SetTime(m_hTimer, static_cast<uint32_t>(positionMs)) != HAB_OK)
         return OPAL_ERROR_GENERAL;
     if (m_playRate == OPAL_PLAYRATE_ONEX) {
-        code = DoSwitchLevel(true);
+        Trace("DoSwitchLevel");
+        code = m_session->SwitchLevel(true);
     } else {
         // A level would take the trick track's place and fetch nothing. What starts playback again
         // is a trick cluster of the new position; those of the old one may still be announced.

@@ -19,6 +19,20 @@ struct StreamingController::Session {
     /// Back to what it is before a session.
     void Reset();
 
+    /// An operation that starts playback was accepted: a stop from before it no longer holds.
+    void AcceptStart();
+    OPALError StartReaders();
+    /// Picks the decision of the switching controller up. -7: a transfer runs, and the switch waits
+    /// for its end. With `giveUpOpening` nothing is waited for.
+    OPALError SwitchLevel(bool giveUpOpening);
+    /// Reports a switch whose level is open by now.
+    void EndLevelSwitch();
+    /// Where playback is. Behind a jump, until the sink's position has moved, that is where the
+    /// jump leads.
+    OPALError GetPosition(int64_t& ms);
+    /// Empties the streams for a jump. `position` is where playback was.
+    OPALError EmptyStreams(bool subtitlesFirst, int64_t& position);
+
     const opal::SessionReports reports;
     const opal::SessionObjects objects;
     opal::StreamPipe video;

@@ -30,6 +30,15 @@ void SessionObjects::ArmBuffering(OPALStreamType type) const {
         buffering.SetTarget(bytes, type);
 }
 
+int SessionObjects::ReportedBandwidth() const {
+    const int bandwidth = switching->GetBandwidth();
+    const size_t count = parser->GetVideoLevelCount();
+    boost::shared_ptr<IVideoLevel> last;
+    if (bandwidth == 0 && count != 0 && parser->GetVideoLevel(count - 1, last) == OPAL_OK)
+        return last->GetBitrate();
+    return bandwidth;
+}
+
 OPALError SessionObjects::ReaderError() const {
     OPALError code = OPAL_OK;
     if (readers->GetVideoStreamCount() != 0)

@@ -45,6 +45,8 @@ struct SessionObjects {
     void RestartSwitching(OPALStreamType type) const;
     /// Turns what a stream needs buffered into the bytes of its next clusters.
     void ArmBuffering(OPALStreamType type) const;
+    /// The switching controller's bandwidth, or while it knows none the bit-rate of the last level.
+    int ReportedBandwidth() const;
     /// The error of the video stream, else that of audio.
     OPALError ReaderError() const;
     bool RunsAtNormalRate() const { return !writersPaused && playRate == OPAL_PLAYRATE_ONEX; }

@@ -111,22 +111,22 @@ OPALError StreamingController::TearDown(bool keepForNextSession) {
         (void)m_pProtectedContent->Close();
         m_pProtectedContent.reset();
     }
-    DropObjects(keepForNextSession);
-    if (audio != OPAL_OK)
-        return audio;
-    return video != OPAL_OK ? video : subtitle;
-}
-
-void StreamingController::DropObjects(bool keepForNextSession) {
     m_session->objects.Publish<ISMILParser>(m_pSMILParser, nullptr);
     m_session->objects.Publish<BandwidthProbe>(m_pProbe, nullptr);
-    m_probeNotify.controller = nullptr;
     m_pReaderNotify.reset();
     m_pSubtitleNotify.reset();
     if (!keepForNextSession) {
         m_pSwitching.reset();
         m_pNotify = nullptr;
     }
+    ResetFigures();
+    if (audio != OPAL_OK)
+        return audio;
+    return video != OPAL_OK ? video : subtitle;
+}
+
+void StreamingController::ResetFigures() {
+    m_probeNotify.controller = nullptr;
     m_session->Reset();
     m_buffering.Reset();
     m_initialized = false;

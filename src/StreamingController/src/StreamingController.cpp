@@ -305,16 +305,6 @@ void StreamingController::Trace(const char* text) {
     LOG4CXX_TRACE(logger, text << opal::ToMilliseconds(opal::Now() - m_timeEnter));
 }
 
-/// The switching controller's bandwidth, or while it knows none the bit-rate of the last level.
-int StreamingController::ReportedBandwidth() {
-    const int bandwidth = m_pSwitching->GetBandwidth();
-    const size_t count = m_pSMILParser->GetVideoLevelCount();
-    boost::shared_ptr<IVideoLevel> last;
-    if (bandwidth == 0 && count != 0 && m_pSMILParser->GetVideoLevel(count - 1, last) == OPAL_OK)
-        return last->GetBitrate();
-    return bandwidth;
-}
-
 void StreamingController::SubtitleNotify::OnSubtitle(int64_t msStart, int64_t msEnd,
                                                      const std::string& text) {
     if (!controller)
