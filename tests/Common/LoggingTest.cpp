@@ -1,4 +1,5 @@
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <chrono>
@@ -227,6 +228,36 @@ TEST(LogServer, SendsWhatIsPostedBetweenStartAndStop) {
     Server().Stop();
     EXPECT_EQ(next.Documents(), Action("<resume><playback-time>2</playback-time></resume>"))
         << "what came in between, and for the broken connection, is dropped";
+}
+
+// The service's levels count from the connection on, which the first message brings about.
+TEST(LogServer, FiltersByTheSendersOwnLevelsUntilTheConnectionStands) {
+    class LateSender : public RecordingSender {
+      public:
+        using RecordingSender::RecordingSender;
+        OPALError Initialize() override {
+            ++attempts;
+            priority = getpriority(PRIO_PROCESS, 0);
+            m_level1 = false;
+            m_level2 = true;
+            return RecordingSender::Initialize();
+        }
+        int attempts = 0;
+        int priority = 0;
+    };
+    LateSender sender, broken(OPAL_ERROR_SERVICE_20);
+    Server().Start(&sender);
+    EXPECT_TRUE(Server().Post(Events().NewErrorLogEvent(-1))) << "any event is taken at first";
+    Server().PostOrDestroy(Events().NewErrorLogEvent(-2));
+    Server().PostOrDestroy(Events().NewResumeLogEvent(3));
+    Server().Stop();
+    EXPECT_EQ(sender.Documents(), Action("<error><error-code>-2</error-code></error>"));
+    EXPECT_EQ(sender.attempts, 1);
+    EXPECT_EQ(sender.priority, 19);
+    Server().Start(&broken);
+    Server().Flush();
+    Server().Stop();
+    EXPECT_EQ(broken.attempts, 2) << "for the upload, and for the message";
 }
 
 TEST(LogServer, WithoutALogThreadEventsPileUpToALimit) {

@@ -155,6 +155,13 @@ TEST_F(TicketSession, PlaysOnWhenAServiceFailsAndLogsItsWords) {
     EXPECT_THAT(Uploaded(), HasSubstr("<eos>"));
 }
 
+TEST_F(TicketSession, AServiceThatFallsSilentHoldsUpNothing) {
+    StartServices({}, {"saveEvent=stall", "logUpload=stall"});
+    EXPECT_EQ(Play("--strict"), 0) << Printed();
+    EXPECT_GE(Calls("saveEvent").size(), 1u);
+    EXPECT_GE(Calls("logUpload").size(), 1u);
+}
+
 TEST_F(TicketSession, SaysWhyATicketDidNotOpen) {
     StartServices({}, {"openTicket=refuse-5"});
     EXPECT_EQ(Play(""), 1);

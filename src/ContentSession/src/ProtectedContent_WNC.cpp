@@ -125,7 +125,8 @@ ServiceCode ProtectedContent_WNC::SetUp(CBaseService& service, const char* name,
 }
 
 ServiceCode ProtectedContent_WNC::Renew(void* context) {
-    return static_cast<ProtectedContent_WNC*>(context)->m_accountModule->renewSession();
+    const auto& account = static_cast<ProtectedContent_WNC*>(context)->m_accountModule;
+    return account ? account->renewSession() : ServiceCode::kNotReady;
 }
 
 bool ProtectedContent_WNC::HasModules() const {

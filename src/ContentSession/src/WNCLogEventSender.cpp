@@ -12,6 +12,19 @@ constexpr int64_t kMinutesPerDay = 24 * 60;
 constexpr int64_t kGraceMs = 800;
 constexpr size_t kMaxUrl = 2048;
 
+/// A reply may repeat what it was sent; the session is nobody's business. Ends at a NUL.
+std::string WithoutSession(const char* reply, const std::string& session) {
+    const std::string text = reply;
+    if (session.empty())
+        return text;
+    std::string result;
+    size_t at = 0;
+    for (size_t found = 0; (found = text.find(session, at)) != std::string::npos;
+         at = found + session.size())
+        result.append(text, at, found - at).append("(session)");
+    return result.append(text, at, std::string::npos);
+}
+
 }  // namespace
 
 WNCLogEventSender::WNCLogEventSender(const LogEventSenderConfig* config)
@@ -87,8 +100,9 @@ OPALError WNCLogEventSender::Send(const std::string& document) {
         return ToOPALError(ServiceCode::kNotSent);
     if (IsLogReplySuccess(reply))
         return OPAL_OK;
-    LOG4CXX_INFO(m_logger,
-                 "HTTP return data (" << reply.size() << " bytes):\n " << reply.c_str() << "\n");
+    LOG4CXX_INFO(m_logger, "HTTP return data (" << reply.size() << " bytes):\n "
+                                                << WithoutSession(reply.c_str(), m_context->GetId())
+                                                << "\n");
     return ToOPALError(ServiceCode::kErrorRecord);
 }
 
