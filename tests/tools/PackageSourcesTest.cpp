@@ -169,6 +169,15 @@ TEST_F(OddFilm, ColourIsConvertedAndDescribed) {
         }
     }
     EXPECT_THAT(m_notes, Contains(HasSubstr("high dynamic range")));
+    m_source.format = AV_PIX_FMT_YUV444P10;
+    m_source.width = 127;
+    m_source.height = 95;
+    m_source.paint = [](AVFrame& picture, size_t) {
+        for (int plane = 0; plane < 3; ++plane)
+            std::memset(picture.data[plane], 0,
+                        static_cast<size_t>(picture.linesize[plane] * picture.height));
+    };
+    EXPECT_EQ(Make().entries.size(), 3u) << "odd sizes";
 }
 
 /// How far lines stand out from their neighbours.

@@ -146,9 +146,12 @@ std::string PictureFilter::ColourChain(const Shape& shape) const {
         }
         const AVColorTransferCharacteristic transfer =
             colour.transfer == AVCOL_TRC_UNSPECIFIED ? AVCOL_TRC_BT709 : colour.transfer;
+        // zscale takes no halves of colour samples.
         std::string chain =
-            "zscale=pin=" + std::to_string(colour.primaries) + ":tin=" + std::to_string(transfer) +
-            ":min=" + std::to_string(colour.matrix) + ":rin=" + (full ? "full" : "limited");
+            (shape.width % 2 + shape.height % 2 > 0 ? "crop=trunc(iw/2)*2:trunc(ih/2)*2," : "") +
+            std::string("zscale=pin=") + std::to_string(colour.primaries) +
+            ":tin=" + std::to_string(transfer) + ":min=" + std::to_string(colour.matrix) +
+            ":rin=" + (full ? "full" : "limited");
         if (m_properties.highDynamicRange) {
             chain +=
                 ":t=linear:npl=100,format=gbrpf32le,zscale=p=bt709,"
