@@ -20,16 +20,44 @@
 /// Every operation that takes time is posted to the session's event loop; what came of it is told
 /// to the listener.
 ///
-/// Threading: any operation from any thread. Initialize... blocks while manifest and stream headers
-/// are fetched; other operations block at most as long as the loop opens a stream. Finalize ends
-/// everything within 3 s whatever the network does, joins all threads, and answers -1 when it is
-/// called from a listener's callback. One session in a process at a time: the set has one decoder.
+/// What may be called when, and what it does. "-4" and "code" are answers; "code" is the error that
+/// ended the session. What is not listed (queries, SetNotify) may be called at any time.
+///
+///     state        Play        Pause    Stop     Seek, Resume  SetPlayRate  tracks   Finalize
+///     no session   -4          -4       -4       -4            -4 or -3     -4       0
+///     initialised  starts      OnPause  OnStop   starts there  starts       opens    ends it
+///     starting     goes on     (1)      OnStop   anew there    anew         changes  ends it
+///     playing      goes on     OnPause  OnStop   anew there    trick play   changes  ends it
+///     paused       starts      OnPause  OnStop   starts there  starts       changes  ends it
+///     rebuffering  goes on     (1)      OnStop   anew there    anew         changes  ends it
+///     trick play   goes on     OnPause  OnStop   (2)           another, 1x  changes  ends it
+///     ended        starts      OnPause  OnStop   starts there  starts       changes  ends it
+///     terminated   code        code     code     code          code         code     ends it
+///
+/// (1) A pause while playback starts or waits for its buffers is told (OnPause) and does not hold:
+/// playback begins when the buffers are ready. An application that wants the pause to hold pauses
+/// again at the OnPlay that it did not ask for. (2) Seek goes on at the trick rate; Resume too.
+///
+/// Threading: any operation from any thread. How long an operation may block:
+///  - Initialize... for as long as manifest and stream headers take to come; meanwhile guarded
+///    operations of other threads wait for it, and Finalize ends it.
+///  - The first of Play, Resume, Seek, SetPlayRate: for as long as the first audio track takes to
+///    open. It holds nothing else up.
+///  - Seek, Resume, SetPlayRate: until what they cancel has ended (a second at most) and the player
+///    has flushed (1.5 s, on the television's player).
+///  - Finalize: 3 s at most whatever the network does. It joins all threads, and answers -1 when it
+///    is called from a listener's callback.
+///  - Everything else: about 100 ms at most, whatever the network does; but an operation that meets
+///    a jump of another thread waits for the jump.
+/// One session in a process at a time: a television has one decoder.
 /// Ownership: the application owns the controller and deletes it; the listener is not owned.
 /// Units: milliseconds, bits per second, bytes. (size_t)-1 is "no track" and "no level".
 /// Errors: see OPALError. Once a session was terminated by an error, operations answer that error
 /// until a Finalize and a fresh Initialize... .
 /// Environment: settings files and "log4cxx.properties" are read from the working directory.
-/// SIGPIPE is set to a handler that does nothing.
+/// SIGPIPE is set to a handler that does nothing. Initialize... prints the version, and the
+/// platform adapter what it does, to standard output. Compatibility: the order of the operations is
+/// the vtable's and so the ABI; new operations come last or in interfaces of their own.
 class IStreamingController {
   public:
     virtual ~IStreamingController() = default;
@@ -44,6 +72,7 @@ class IStreamingController {
                                               OPALWriterModel model) = 0;
     virtual OPALError Finalize() = 0;
     virtual OPALError Play() = 0;
+    /// See (1) above.
     virtual OPALError Pause() = 0;
     /// OnStop tells when it is done; await it before the next Play.
     virtual OPALError Stop() = 0;
@@ -63,7 +92,8 @@ class IStreamingController {
     virtual OPALError GetVideoLevelInfo(size_t index, VideoLevelInfo& info) = 0;
     virtual OPALError GetAudioTrackInfo(size_t index, AudioTrackInfo& info) = 0;
     virtual OPALError GetSubtitleTrackInfo(size_t index, SubtitleTrackInfo& info) = 0;
-    /// `size`: room on entry, the font's size on return; -5 if it does not fit.
+    /// `size`: room on entry, the font's size on return; -5 if it does not fit, -7 while the track
+    /// opens.
     virtual OPALError GetSubtitleFont(void* destination, size_t& size) = 0;
     virtual size_t GetVideoLevelCount() = 0;
     virtual size_t GetAudioTrackCount() = 0;

@@ -227,7 +227,6 @@ class StreamingController : public IStreamingController {
     OPALError Dispatch(const StreamingControllerMessage& message, LoopState& state)
         OPAL_REQUIRES(m_mutex);
     OPALError HandleStop(LoopState& state) OPAL_REQUIRES(m_mutex);
-    OPALError HandleSetAudioTrack(size_t index) OPAL_REQUIRES(m_mutex);
     OPALError EndAudioSelection(OPALError code) OPAL_REQUIRES(m_mutex);
     OPALError HandleSetSubtitleTrack(size_t index, LoopState& state) OPAL_REQUIRES(m_mutex);
     OPALError HandleSubtitlePending(size_t index, LoopState& state) OPAL_REQUIRES(m_mutex);
@@ -240,9 +239,6 @@ class StreamingController : public IStreamingController {
     bool WatchBuffer(LoopState& state);
     OPALError IsReadyToStart() OPAL_REQUIRES(m_mutex);
     OPALError ReportPlayState(int playState);
-
-    // Buffering.cpp
-    OPALError BufferingProgress(size_t& percent);
 
     // PlaybackControl.cpp
     OPALError Refusal() const OPAL_REQUIRES(m_mutex);

@@ -306,6 +306,42 @@ TEST_F(PlaybackTest, TheEndIsReportedOnceAndIsNoUnderflow) {
     EXPECT_TRUE(Until([&] { return listener.Count("OnPlay 1 -1 -1") == 2; }));
 }
 
+TEST_F(PlaybackTest, ATransferThatOutlastsTheBufferIsGivenUpWhenToldTo) {
+    for (const bool told : {false, true}) {
+        SCOPED_TRACE(told);
+        AlgorithmConfig::Global global;
+        global.abandonTransfers = told;
+        ASSERT_EQ(OPAL_OK, AlgorithmConfig::Instance().Set(global, {}, {}));
+        Build(false);
+        FilmShape film;
+        film.audioTracks = 0;
+        Serve(film);
+        MediaShape large;
+        large.clusters = film.clusters;
+        large.blockBytes = 4000;
+        const package::BuiltFile file = MakeMedia(large);
+        server->AddFile(Url("v1"), std::string(file.bytes.begin(), file.bytes.end()));
+        layouts["v1"] = file.layout;
+        ASSERT_EQ(OPAL_OK, Initialize());
+        ASSERT_EQ(OPAL_OK, controller->Play());
+        controller->switching->maxBuffer = 6000;
+        ASSERT_TRUE(UntilEvent("OnPlay 1 -1 -1"));
+        const uint64_t held = HoldReads("v1", 3, 100);  // behind header and index
+        controller->switching->level = 1;
+        ASSERT_TRUE(UntilHeld(held));
+        ASSERT_TRUE(UntilEvent("OnVideoLevelChanged 2 0 1"));
+        Forget();
+        const size_t low = ClusterReads("v0");
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(1500);
+        while (listener.Lines().empty() && std::chrono::steady_clock::now() < end)
+            controller->Turn();
+        EXPECT_EQ(told ? 1u : 0u, listener.Count("OnVideoLevelChanged 2 1 0"));
+        EXPECT_EQ(told, Until([&] { return !told || ClusterReads("v0") > low; }) && told);
+        EXPECT_EQ(told ? low + 1 : low, ClusterReads("v0"));  // each cluster once
+        server->Release(held);
+    }
+}
+
 TEST_F(PlaybackTest, PositionComesOnceASecondAndNotForZero) {
     HandClock clock;
     StartPlaying({});

@@ -70,15 +70,3 @@ void StreamingController::ReaderNotify::OnClusterBufferWrite(OPALStreamType type
             break;
     }
 }
-
-OPALError StreamingController::BufferingProgress(size_t& percent) {
-    percent = 0;
-    if (!m_buffering.IsActive() || m_terminated || !m_pReaders)
-        return OPAL_ERROR_NOT_READY;
-    size_t inFlight = 0;
-    for (opal::StreamPipe* pipe : {&m_session->video, &m_session->audio, &m_session->subtitle})
-        if (!m_buffering.IsStreamComplete(pipe->Type()))
-            inFlight += pipe->BytesInFlight();
-    m_buffering.UpdatePercent(inFlight);
-    return m_buffering.GetPercent(percent);
-}

@@ -79,7 +79,7 @@ void StreamingController::RunTurn(LoopState& state) {
     if (code != OPAL_OK)
         (void)Terminate(code);
     if (m_session->reports.HasListener()) {
-        if (BufferingProgress(state.bufferingPercent) != OPAL_OK) {
+        if (m_terminated || m_session->GetBufferingProgress(state.bufferingPercent) != OPAL_OK) {
             state.reportedPercent = kNone;
         } else if (state.bufferingPercent != state.reportedPercent) {
             state.reportedPercent = state.bufferingPercent;
@@ -113,6 +113,8 @@ bool StreamingController::CheckHealth(LoopState& state) {
                           "StreamingController::EventLoop - Error in streaming writer:" << code);
     }
     m_session->EndLevelSwitch();
+    if (code == OPAL_OK && state.playing && !m_session->stopRequested)
+        code = m_session->GiveUpSlowTransfer();
     if (code == OPAL_OK && m_session->audioRoad.IsPending())
         code = EndAudioSelection(m_session->audioRoad.Continue());
     if (code == OPAL_OK && m_session->subtitles.GetState() == opal::SubtitleRoad::State::Failed)
@@ -186,7 +188,11 @@ OPALError StreamingController::Dispatch(const StreamingControllerMessage& messag
         case MSG_STOP:
             return HandleStop(state);
         case MSG_SET_AUDIO_TRACK:
-            return HandleSetAudioTrack(message.argument);
+            // An operation of the application's opens the first track now.
+            if (m_session->audioOpeners != 0)
+                return Post(message.kind, message.argument);
+            m_session->reportAudio = true;
+            return EndAudioSelection(m_session->audioRoad.Select(message.argument));
         case MSG_SET_SUBTITLE_TRACK:
             return HandleSetSubtitleTrack(message.argument, state);
         case MSG_SUBTITLE_PENDING:
@@ -236,14 +242,6 @@ OPALError StreamingController::HandleStop(LoopState& state) {
     return started == OPAL_OK && m_playRate == OPAL_PLAYRATE_ONEX
                ? m_session->subtitles.StartReader()
                : started;
-}
-
-OPALError StreamingController::HandleSetAudioTrack(size_t index) {
-    // An operation of the application's opens the first track now.
-    if (m_session->audioOpeners != 0)
-        return Post(MSG_SET_AUDIO_TRACK, index);
-    m_session->reportAudio = true;
-    return EndAudioSelection(m_session->audioRoad.Select(index));
 }
 
 /// What becomes of the selection of an audio track, `code` being what the road answers.

@@ -1,11 +1,21 @@
 #include "StreamingController/src/Session.h"
 
+#include "Common/Clock.h"
 #include "PlatformAdapter/Common/IPlatform.h"
 #include "SMILParser/ISMILParser.h"
+#include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
 #include "StreamSwitchingAlgorithm/PlaybackRules.h"
+#include "StreamingController/BufferingSession.h"
 #include "StreamingDemux/EBML/IClusterBuffer.h"
+#include "StreamingDemux/EBML/IClusterIndex.h"
 #include "StreamingReader/IStreamingReader.h"
 #include "StreamingReader/Readers.h"
+
+namespace {
+
+const boost::posix_time::ptime kEpoch(boost::gregorian::date(1970, 1, 1));
+
+}  // namespace
 
 StreamingController::Session::Session(StreamingController& c) OPAL_NO_THREAD_SAFETY_ANALYSIS
     : reports(c.m_pNotify, c.m_positionSeconds),
@@ -47,6 +57,8 @@ void StreamingController::Session::Reset() {
     jumpPending = false;
     jumpTarget = -1;
     positionAtStart = 0;
+    abandonRule.Reset();
+    abandonFor.reset();
 }
 
 /// An operation that starts playback was accepted: a stop from before it no longer holds.
@@ -68,29 +80,86 @@ OPALError StreamingController::Session::StartReaders() {
 // A level that is not open yet is opened by the reader manager's thread; the switch is reported
 // when the level is there. -7: a transfer runs, and the switch waits for its end.
 OPALError StreamingController::Session::SwitchLevel(bool giveUpOpening) {
-    size_t& from = switchingFrom;
-    const size_t current = video.CurrentIndex();
     const size_t wanted = objects.LevelFromSwitching();
-    if (current == wanted || (from != kNone && !giveUpOpening))
+    if (video.CurrentIndex() == wanted || (switchingFrom != kNone && !giveUpOpening))
         return OPAL_OK;
     if (!giveUpOpening && objects.readers->IsVideoTransferring())
         return OPAL_ERROR_NOT_YET;
+    return GoToLevel(wanted);
+}
+
+/// The next cluster comes from `level`.
+OPALError StreamingController::Session::GoToLevel(size_t level) {
+    const size_t current = video.CurrentIndex();
     int64_t position = 0;
     OPALError code = objects.readers->StopVideo();
     if (code == OPAL_OK)
         code = objects.readers->GetVideoPosition(position);
     if (code == OPAL_OK)
-        code = objects.readers->BeginVideoStream(wanted);
+        code = objects.readers->BeginVideoStream(level);
     if (code == OPAL_OK)
         code = objects.readers->SeekVideo(position);
     if (code == OPAL_OK)
         code = objects.readers->StartVideo();
     if (code != OPAL_OK)
         return code;
-    if (from == kNone)
-        from = current;
+    if (switchingFrom == kNone)
+        switchingFrom = current;
     EndLevelSwitch();
     return OPAL_OK;
+}
+
+// The transfer may come to its end before the cancel reaches it, so the level is changed only when
+// it is over; the position is then that of the first cluster that is missing.
+OPALError StreamingController::Session::GiveUpSlowTransfer() {
+    const bool transferring = objects.readers->IsVideoTransferring();
+    if (abandonFor) {
+        if (transferring)
+            return OPAL_OK;
+        const size_t level = *abandonFor;
+        abandonFor.reset();
+        return level < video.CurrentIndex() ? GoToLevel(level) : OPAL_OK;
+    }
+    if (!AlgorithmConfig::Instance().GetAbandonTransfers() || !transferring ||
+        switchingFrom != kNone || objects.playRate != OPAL_PLAYRATE_ONEX)
+        return OPAL_OK;
+    opal::playback::AbandonRule::Transfer transfer;
+    std::vector<opal::playback::AbandonRule::Level> levels;
+    if (!DescribeTransfer(transfer, levels))
+        return OPAL_OK;
+    abandonFor = abandonRule.Ask(transfer, levels);
+    if (!abandonFor)
+        return OPAL_OK;
+    const OPALError code = objects.readers->StopVideo();
+    return code == OPAL_OK ? objects.readers->CancelVideo() : code;
+}
+
+/// The video transfer that runs, and its cluster as the levels have it. False if that is not known.
+bool StreamingController::Session::DescribeTransfer(
+    opal::playback::AbandonRule::Transfer& transfer,
+    std::vector<opal::playback::AbandonRule::Level>& levels) {
+    const std::vector<IClusterIndex*>& indexes = objects.readers->GetVideoClusterIndexes();
+    transfer.level = video.CurrentIndex();
+    int64_t time = 0;
+    ClusterIndexEntry entry;
+    if (transfer.level >= indexes.size() || !indexes[transfer.level] ||
+        objects.readers->GetVideoPosition(time) != OPAL_OK ||
+        indexes[transfer.level]->FindByTime(time, entry) != OPAL_OK)
+        return false;
+    transfer.nowMs = opal::ToMilliseconds(opal::Now() - kEpoch);
+    transfer.cluster = static_cast<size_t>(entry.index);
+    transfer.received = static_cast<int64_t>(video.BytesInFlight());
+    transfer.bufferedMs = video.BufferedDuration();
+    for (size_t i = 0; i < indexes.size(); ++i) {
+        boost::shared_ptr<IVideoLevel> level;
+        opal::playback::AbandonRule::Level offer;
+        if (objects.parser->GetVideoLevel(i, level) == OPAL_OK)
+            offer.bitrate = level->GetBitrate();
+        if (indexes[i])
+            offer.clusterBytes = indexes[i]->GetSize(transfer.cluster);
+        levels.push_back(offer);
+    }
+    return true;
 }
 
 /// Reports a switch whose level is open by now.
@@ -132,9 +201,23 @@ OPALError StreamingController::Session::EmptyStreams(bool subtitlesFirst, int64_
     jumpPending = true;
     if (code != OPAL_OK)
         return code;
+    abandonRule.Reset();
+    abandonFor.reset();
     objects.RestartSwitching(OPAL_STREAM_VIDEO);
     video.Buffer()->SetMaxDuration(objects.switching->GetMaxBuffer());
     objects.RestartSwitching(OPAL_STREAM_AUDIO);
     objects.RestartSwitching(OPAL_STREAM_SUBTITLE);
     return OPAL_OK;
+}
+
+OPALError StreamingController::Session::GetBufferingProgress(size_t& percent) {
+    percent = 0;
+    if (!objects.buffering.IsActive() || !objects.readers)
+        return OPAL_ERROR_NOT_READY;
+    size_t inFlight = 0;
+    for (opal::StreamPipe* pipe : {&video, &audio, &subtitle})
+        if (!objects.buffering.IsStreamComplete(pipe->Type()))
+            inFlight += pipe->BytesInFlight();
+    objects.buffering.UpdatePercent(inFlight);
+    return objects.buffering.GetPercent(percent);
 }

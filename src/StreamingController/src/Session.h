@@ -3,7 +3,10 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
+#include <vector>
 
+#include "StreamSwitchingAlgorithm/AbandonRule.h"
 #include "StreamingController/StreamingController.h"
 #include "StreamingController/src/AudioRoad.h"
 #include "StreamingController/src/SessionObjects.h"
@@ -25,11 +28,15 @@ struct StreamingController::Session {
     /// Picks the decision of the switching controller up. -7: a transfer runs, and the switch waits
     /// for its end. With `giveUpOpening` nothing is waited for.
     OPALError SwitchLevel(bool giveUpOpening);
+    /// With the setting abandonTransfers: cancels a video transfer that outlasts the buffer, and
+    /// goes on at the level that comes sooner.
+    OPALError GiveUpSlowTransfer();
     /// Reports a switch whose level is open by now.
     void EndLevelSwitch();
     /// Where playback is. Behind a jump, until the sink's position has moved, that is where the
     /// jump leads.
     OPALError GetPosition(int64_t& ms);
+    OPALError GetBufferingProgress(size_t& percent);
     /// Empties the streams for a jump. `position` is where playback was.
     OPALError EmptyStreams(bool subtitlesFirst, int64_t& position);
 
@@ -53,6 +60,9 @@ struct StreamingController::Session {
     bool reportAudio = false;
     /// The level that is left by the switch whose level is still being opened.
     size_t switchingFrom = kNone;
+    opal::playback::AbandonRule abandonRule;
+    /// The level to go on at when the transfer that was cancelled for it has ended.
+    std::optional<size_t> abandonFor;
     /// Stop was handled and nothing started since: what is still queued must not start a reader.
     bool stopRequested = false;
     /// Counts the accepted operations that start playback; the second is the count at the last
@@ -67,4 +77,9 @@ struct StreamingController::Session {
     int64_t positionAtStart = 0;  ///< the sink's, when playback was declared started behind a jump
     /// Raised by a seek in trick play: clusters of the position before do not count as arrived.
     std::atomic<size_t> trickEpoch{0};
+
+  private:
+    OPALError GoToLevel(size_t level);
+    bool DescribeTransfer(opal::playback::AbandonRule::Transfer& transfer,
+                          std::vector<opal::playback::AbandonRule::Level>& levels);
 };

@@ -96,7 +96,8 @@ OPALError StreamingController::GetBufferedDuration(OPALStreamType type, int64_t&
 
 OPALError StreamingController::GetBufferingProgress(size_t& percent) {
     ObjectsLock lock(m_objectsMutex);
-    return BufferingProgress(percent);
+    percent = 0;
+    return m_terminated ? OPAL_ERROR_NOT_READY : m_session->GetBufferingProgress(percent);
 }
 
 OPALError StreamingController::GetVideoLevelInfo(size_t index, VideoLevelInfo& info) {
