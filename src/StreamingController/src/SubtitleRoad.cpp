@@ -134,7 +134,7 @@ void SubtitleRoad::ArmBuffering() {
 OPALError SubtitleRoad::Continue(size_t index) {
     const int state = m_pipe.ReaderState();
     if (state == STREAMING_READER_NOT_OPEN)
-        return m_pipe.ReaderError() == OPAL_OK ? OPAL_ERROR_NOT_YET : m_pipe.ReaderError();
+        return Error() == OPAL_OK ? OPAL_ERROR_NOT_YET : Error();
     if (state == STREAMING_READER_ERROR)
         return m_pipe.ReaderError();
     int64_t position = 0;

@@ -146,8 +146,6 @@ OPALError ReaderManager::OpenReader(const Reader& reader) {
     if (!givenUp)
         return opened;
     reader->SetAbandoned(false);
-    if (opened != OPAL_OK)
-        (void)reader->Finalize();  // what ended the opening is no failure that stays
     return OPAL_ERROR_CANCELLED;
 }
 

@@ -78,12 +78,16 @@ StreamingReader::~StreamingReader() {
 
 OPALError StreamingReader::Open() {
     Lock lock(m_mutex);
+    if (m_abandoned)
+        return OPAL_ERROR_TERMINATED;
     if (m_stop.IsRaised())
         return SetError(OPAL_ERROR_TERMINATED);
     if (m_hasError && !m_opened)
         (void)m_pHTTP->Close();  // of the opening that failed
     const OPALError opened = m_pHTTP->Open(m_url);
     if (opened != OPAL_OK) {
+        if (m_abandoned)
+            return OPAL_ERROR_TERMINATED;  // no failure: nothing of it stays
         LOG4CXX_WARN(Logger(), "cannot open " << m_url << ": " << opened);
         return SetError(m_stop.IsRaised() ? OPAL_ERROR_TERMINATED : opened);
     }
@@ -91,6 +95,10 @@ OPALError StreamingReader::Open() {
     const OPALError read = ReadHeaders();
     if (read == OPAL_OK)
         return OPAL_OK;
+    if (m_abandoned) {
+        (void)m_pHTTP->Close();
+        return OPAL_ERROR_TERMINATED;
+    }
     LOG4CXX_WARN(Logger(), "cannot read header and index of " << m_url << ": " << read);
     return SetError(m_stop.IsRaised() ? OPAL_ERROR_TERMINATED : read);
 }
@@ -167,6 +175,7 @@ OPALError StreamingReader::Finalize() {
         m_font.Resize(0, false);
     }
     const OPALError closed = m_pHTTP->Close();
+    m_abandoned = false;
     m_stop.Lower();
     return closed;
 }
@@ -354,6 +363,7 @@ OPALError StreamingReader::CancelTransfers() {
 }
 
 void StreamingReader::SetAbandoned(bool abandoned) {
+    m_abandoned = abandoned;
     if (abandoned)
         m_stop.Raise();
     else

@@ -109,7 +109,8 @@ class StreamingReader : public IStreamingReader, public HTTPRequestNotify {
     /// CancelTransfers came, and neither Start nor Seek since. Tested before each transfer, so that
     /// a cancel between two transfers is not lost.
     std::atomic<bool> m_cancelled{false};
-    opal::StopSignal m_stop;  ///< raised by Finalize and SetAbandoned
+    std::atomic<bool> m_abandoned{false};  ///< see SetAbandoned
+    opal::StopSignal m_stop;               ///< raised by Finalize and SetAbandoned
     /// Counts the wakes: a wait that ends without one is resumed.
     uint64_t m_wakes OPAL_GUARDED_BY(m_mutex) = 0;
 };
