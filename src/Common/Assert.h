@@ -16,6 +16,7 @@ AssertionHandler SetAssertionHandler(AssertionHandler handler);
 }  // namespace opal
 
 /// Aborts with `text`, file, line and function unless `condition` holds; in release builds too.
-/// The texts are looked for by people who know the set's logs, so they are given, not derived.
+/// The texts are looked for by people who know the television's logs, so they are given, not
+/// derived.
 #define OPAL_ASSERT(condition, text) \
     ((condition) ? static_cast<void>(0) : opal::AssertionFailed(text, __FILE__, __LINE__, __func__))

@@ -1,9 +1,9 @@
 #pragma once
 
 #include <boost/noncopyable.hpp>
-#include <boost/thread/recursive_mutex.hpp>
 #include <cstddef>
 
+#include "Common/Mutex.h"
 #include "Common/OPALError.h"
 #include "Common/OPALStreamType.h"
 
@@ -37,18 +37,18 @@ class BufferingSession : boost::noncopyable {
     bool IsStreamActive(OPALStreamType type) const;
 
   private:
-    bool audioActive = false;
-    bool videoActive = false;
-    bool subtitleActive = false;
-    bool subtitleComplete = false;
-    bool videoComplete = false;
-    bool audioComplete = false;
-    size_t videoTarget = 0;
-    size_t audioTarget = 0;
-    size_t subtitleTarget = 0;
-    size_t videoReceived = 0;
-    size_t audioReceived = 0;
-    size_t subtitleReceived = 0;
-    size_t percent = 0;
-    mutable boost::recursive_mutex mutex;
+    bool audioActive OPAL_GUARDED_BY(mutex) = false;
+    bool videoActive OPAL_GUARDED_BY(mutex) = false;
+    bool subtitleActive OPAL_GUARDED_BY(mutex) = false;
+    bool subtitleComplete OPAL_GUARDED_BY(mutex) = false;
+    bool videoComplete OPAL_GUARDED_BY(mutex) = false;
+    bool audioComplete OPAL_GUARDED_BY(mutex) = false;
+    size_t videoTarget OPAL_GUARDED_BY(mutex) = 0;
+    size_t audioTarget OPAL_GUARDED_BY(mutex) = 0;
+    size_t subtitleTarget OPAL_GUARDED_BY(mutex) = 0;
+    size_t videoReceived OPAL_GUARDED_BY(mutex) = 0;
+    size_t audioReceived OPAL_GUARDED_BY(mutex) = 0;
+    size_t subtitleReceived OPAL_GUARDED_BY(mutex) = 0;
+    size_t percent OPAL_GUARDED_BY(mutex) = 0;
+    mutable opal::RecursiveMutex mutex;
 };

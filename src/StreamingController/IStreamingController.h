@@ -14,7 +14,7 @@
 #include "StreamingController/IStreamingControllerNotify.h"
 #include "StreamingController/StreamingControllerTypes.h"
 
-/// One playback session at a time: from a manifest URL or a ticket to pictures on the set.
+/// One playback session at a time: from a manifest URL or a ticket to pictures on the television.
 ///
 /// A session: NewStreamingController, SetNotify, Initialize..., Play, ... Finalize, and again.
 /// Every operation that takes time is posted to the session's event loop; what came of it is told

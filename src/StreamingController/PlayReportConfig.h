@@ -1,8 +1,9 @@
 #pragma once
 
 #include <boost/noncopyable.hpp>
-#include <boost/thread/mutex.hpp>
 #include <cstdint>
+
+#include "Common/Mutex.h"
 
 /// How often what playback is doing is reported to the content session; process-wide, off until a
 /// content session sets it.
@@ -24,7 +25,7 @@ class PlayReportConfig : boost::noncopyable {
   private:
     PlayReportConfig() = default;
 
-    mutable boost::mutex m_mutex;
-    int64_t interval = 0;
-    bool enabled = false;
+    mutable opal::Mutex m_mutex;
+    int64_t interval OPAL_GUARDED_BY(m_mutex) = 0;
+    bool enabled OPAL_GUARDED_BY(m_mutex) = false;
 };

@@ -150,7 +150,7 @@ class StreamingController : public IStreamingController {
         /// The writers are to be started as soon as playing is true.
         bool writersStartPending = true;
         boost::posix_time::ptime lastPositionReport;
-        boost::posix_time::ptime lastStart;  ///< the set was last told to run
+        boost::posix_time::ptime lastStart;  ///< the player was last told to run
         boost::posix_time::ptime lastLogFlush;
         size_t bufferingPercent = 0;
         size_t reportedPercent = kNone;

@@ -7,7 +7,7 @@
 #include "Common/OPALError.h"
 #include "Common/OPALPlayRate.h"
 
-/// A sink: the way of one kind of stream to the set's decoder.
+/// A sink: the way of one kind of stream to the television's decoder.
 ///
 /// Threading: a writer's thread (Queue, GetBlockTrailerSize, Refresh, SetClusterTime) and the
 /// controller's (all others) come at once. Queue may block for as long as the decoder takes.

@@ -13,7 +13,7 @@ class IPlatformSubtitleNotify;
 ///
 /// Threading: the controller's threads, one call at a time.
 /// Ownership: data is copied where the sink needs it longer than the call.
-/// Errors: -1 when the set fails; an audio sink -23 when the set refuses the codec.
+/// Errors: -1 when the player fails; an audio sink -23 when the player refuses the codec.
 class IVideoSink {
   public:
     virtual ~IVideoSink() = default;

@@ -5,12 +5,12 @@
 #include "PlatformAdapter/Common/ISinks.h"
 #include "PlatformAdapter/Common/PlatformStream.h"
 
-/// The audio sink on the set's player. Position and buffered duration are the video decoder's; rate
-/// and pause are known to the video side only.
+/// The audio sink on the television's player. Position and buffered duration are the video
+/// decoder's; rate and pause are known to the video side only.
 ///
 /// Threading: as PlatformStream.
 /// Errors: also -7 from Queue while audio is far enough ahead of video, and -23 from Configure when
-/// the set refuses the codec.
+/// the player refuses the codec.
 class PlatformAudio : public opal::PlatformStream<HHABAUDIO>, public IAudioSink {
   public:
     using PlatformStream::PlatformStream;

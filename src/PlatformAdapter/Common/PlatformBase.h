@@ -4,7 +4,7 @@
 #include "PlatformAdapter/Common/IPlatform.h"
 #include "PlatformAdapter/Mstar/HABTypes.h"
 
-/// What the sinks on the set's player share: the session's handles and a lock.
+/// What the sinks on the television's player share: the session's handles and a lock.
 ///
 /// Threading: m_mutex keeps the operations of one sink apart. It is taken before any lock of the
 /// HAB layer.

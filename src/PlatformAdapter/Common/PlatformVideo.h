@@ -5,7 +5,7 @@
 #include "PlatformAdapter/Common/ISinks.h"
 #include "PlatformAdapter/Common/PlatformStream.h"
 
-/// The video sink on the set's player. Its position is the session's.
+/// The video sink on the television's player. Its position is the session's.
 ///
 /// Threading: as PlatformStream. Flush takes 1.5 s.
 /// Errors: also -7 from Queue while the decoder has enough.

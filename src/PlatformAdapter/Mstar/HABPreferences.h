@@ -2,7 +2,8 @@
 
 #include <string>
 
-/// Preferences of the platform runtime, as it answers them; the meaning of the flags is the set's.
+/// Preferences of the platform runtime, as it answers them; the meaning of the flags is the
+/// television's.
 struct HABPreferences {
     bool flag1 = false;
     bool flag2 = false;

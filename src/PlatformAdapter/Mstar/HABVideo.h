@@ -7,10 +7,10 @@
 #include "Common/OPALPlayRate.h"
 #include "PlatformAdapter/Mstar/HABTypes.h"
 
-/// The road of AVC access units to the set's player: creates and starts the player's media item,
-/// keeps data at most 2 s ahead of the picture, and maps media time to the decoder's timeline and
-/// back. The decoder sees time run forward at normal speed whatever the play rate is; a trick rate
-/// exists only in that mapping and in which frames are queued.
+/// The road of AVC access units to the television's player: creates and starts the player's media
+/// item, keeps data at most 2 s ahead of the picture, and maps media time to the decoder's timeline
+/// and back. The decoder sees time run forward at normal speed whatever the play rate is; a trick
+/// rate exists only in that mapping and in which frames are queued.
 ///
 /// Threading: any thread; Queue, Flush and Pause exclude each other by one process-wide mutex.
 /// Queue blocks for as long as the player refuses the payload, one try a second, until

@@ -4,8 +4,8 @@
 
 #include "MSrv_MM_PlayerInterface.h"
 
-/// The one place that talks to the set's player service: a process-wide player object with at most
-/// one media item.
+/// The one place that talks to the television's player service: a process-wide player object with
+/// at most one media item.
 ///
 /// Threading: any thread. Item creation and payloads exclude each other by the bridge's mutex; the
 /// other calls are ordered by the layers above. The player object is kept alive while any call is

@@ -18,7 +18,8 @@ using Mode = AlgorithmConfig::Mode;
 template <typename Record>
 using Settings = std::map<std::string, void (*)(const std::string& text, Record& record)>;
 
-/// Seconds to milliseconds in 32-bit arithmetic: large values wrap, as they always have on the set.
+/// Seconds to milliseconds in 32-bit arithmetic: large values wrap, as they always have on the
+/// television.
 uint32_t ShortSeconds(const std::string& text) {
     return boost::lexical_cast<uint32_t>(text) * uint32_t{1000};
 }

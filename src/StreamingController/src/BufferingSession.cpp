@@ -1,12 +1,11 @@
 #include "StreamingController/BufferingSession.h"
 
 #include <algorithm>
-#include <boost/thread/lock_guard.hpp>
 #include <cstdint>
 
 namespace {
 
-using Lock = boost::lock_guard<boost::recursive_mutex>;
+using Lock = opal::RecursiveLock;
 
 /// The one of three fields that belongs to `type`; null for a kind that has none.
 template <typename Field>

@@ -1,10 +1,8 @@
 #include "StreamingController/PlayReportConfig.h"
 
-#include <boost/thread/lock_guard.hpp>
-
 namespace {
 
-using Lock = boost::lock_guard<boost::mutex>;
+using Lock = opal::MutexLock;
 
 constexpr int64_t kDayMs = 86400000;
 constexpr int64_t kDefaultMs = 300000;

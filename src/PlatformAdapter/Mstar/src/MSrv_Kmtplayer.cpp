@@ -44,7 +44,7 @@ opal::SharedMutex g_subtitleMutex;
 bool g_subtitleReady OPAL_GUARDED_BY(g_subtitleMutex) = false;
 MSrv_Kmtplayer_Subtitle* g_pSubtitle OPAL_GUARDED_BY(g_subtitleMutex) = nullptr;
 
-// The set's own record of who creates an item or pushes.
+// The player's own record of who creates an item or pushes.
 class PayloadLock {
   public:
     PayloadLock(const char* function, int line) OPAL_REQUIRES_SHARED(g_playerMutex)
