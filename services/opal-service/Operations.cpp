@@ -40,7 +40,8 @@ class Service : public contentService {
             if (!known && m_facts.settings.manifest.empty())
                 return Refuse(*reply.return_, kUnknownTicket, "This ticket is not known");
             c__ticketResponse& answer = *reply.return_;
-            answer.assetId = Text(m_facts.settings.assetId);
+            if (!m_facts.settings.assetId.empty())
+                answer.assetId = Text(m_facts.settings.assetId);
             answer.manifest = Text(known ? manifest->second : m_facts.settings.manifest);
             answer.audioAssetId = m_facts.settings.audioAssetId;
             answer.subtitleAssetId = m_facts.settings.subtitleAssetId;

@@ -42,7 +42,7 @@ struct SimulatorSettings {
     std::string key;
     std::string manifest;                          ///< of any ticket; empty: of none
     std::map<std::string, std::string> manifests;  ///< by ticket
-    std::string assetId = "asset";
+    std::string assetId = "asset";                 ///< empty: none is told
     int32_t audioAssetId = -1;
     int32_t subtitleAssetId = -1;
     int32_t pulseSeconds = 10;

@@ -209,8 +209,11 @@ TEST_F(ContentSession, BringsWhatTheServicesTell) {
 TEST_F(ContentSession, AnUnknownModeAndAMissingAssetLeaveTheDefaults) {
     service::SimulatorSettings settings;
     settings.bandwidthMode = "Guess";
+    settings.assetId = "";
     settings.bandwidthHint = 9;
     Prepare(settings);
+    EXPECT_EQ(Open(), OPAL_OK);
+    EXPECT_EQ(m_asset, "no_return_from_wnc");
     AlgorithmConfig::Global global;
     global.initialBandwidthDecision = InitialBandwidthMode_BandwidthProbe;
     AlgorithmConfig::Mode agile, steady;
