@@ -21,7 +21,7 @@ struct HABAudio {
     opal::CrcTable crcTable = {};
     uint32_t frameCount = 0;
     std::atomic<uint8_t> paused{0};
-    std::vector<boost::shared_ptr<GoldenFileParser>> goldenFiles;
+    opal::GoldenFileList goldenFiles;
 };
 
 namespace {
@@ -132,6 +132,10 @@ bool IsNew(uint32_t timestamp) {
 
 }  // namespace
 
+bool CheckAudioBlock(HHABAUDIO hab, const BlockNode& block) {
+    return hab && opal::CheckBlock(OPAL_STREAM_AUDIO, hab->goldenFiles, hab->crcTable, block);
+}
+
 uint32_t GetObjectID(const uint8_t* data, size_t dataSize) {
     OPAL_ASSERT(dataSize >= 1, "dataSize >= 1");
     return data[0] >> 3;
@@ -204,6 +208,8 @@ int HABAudio_Queue(HHABAUDIO hHABAudio, const void* pAudioPacket, uint32_t dataS
     ++hHABAudio->frameCount;
     OPAL_ASSERT(pAudioPacket != nullptr, "pAudioPacket != __null");
     OPAL_ASSERT(dataSize != 0, "dataSize != 0");
+    opal::VerifyBlock(OPAL_STREAM_AUDIO, hHABAudio, &CheckAudioBlock, pAudioPacket, dataSize,
+                      timestamp);
     // The player copies the bytes and changes none.
     KMTPLAYER_DATA_INFO info = {const_cast<void*>(pAudioPacket), dataSize, timestamp,
                                 kAudioPayload};
@@ -219,7 +225,7 @@ int HABAudio_Flush(HHABAUDIO hHABAudio) {
         std::printf("------------------------A HABAudio_Flush ---!\n");
         g_audioStarted = 0;
     }
-    return opal::AudioErrorCount() != 0 ? HAB_FAIL : HAB_OK;
+    return opal::VerifiedFlushResult(OPAL_STREAM_AUDIO);
 }
 
 int HABAudio_Pause(HHABAUDIO hHABAudio, bool paused) {

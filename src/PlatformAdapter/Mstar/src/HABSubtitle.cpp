@@ -24,7 +24,7 @@ struct HABSubtitle {
     HHABTIMER hTimer = nullptr;
     opal::CrcTable crcTable = {};
     std::atomic<uint8_t> paused{0};
-    std::vector<boost::shared_ptr<GoldenFileParser>> goldenFiles;
+    opal::GoldenFileList goldenFiles;
     qutl::MemoryBuffer<unsigned char> font;  // the renderer reads it in place
     boost::scoped_ptr<FreeTypeRenderer> renderer;
     FreeTypeRenderer::Rect textRect;
@@ -96,7 +96,15 @@ void WaitUntilGone(const HABSubtitle& subtitle, uint64_t end) {
     }
 }
 
+void Verify(HABSubtitle& subtitle, const void* text, size_t size, uint32_t timestamp) {
+    opal::VerifyBlock(OPAL_STREAM_SUBTITLE, &subtitle, &CheckSubtitleBlock, text, size, timestamp);
+}
+
 }  // namespace
+
+bool CheckSubtitleBlock(HHABSUBTITLE hab, const BlockNode& block) {
+    return hab && opal::CheckBlock(OPAL_STREAM_SUBTITLE, hab->goldenFiles, hab->crcTable, block);
+}
 
 int HABSubtitle_New(HABSubtitle** phHABSubtitle, HHABARCH hArch, HHABTIMER hTimer) {
     OPAL_ASSERT(phHABSubtitle != nullptr, "phHABSubtitle != __null");
@@ -168,8 +176,10 @@ int HABSubtitle_Queue(HHABSUBTITLE hHABSubtitle, void* pSubtitleData, size_t dat
             return HAB_AUDIO_FULL;
         }
         (void)KMTPlayer_Subtitle_Clear();
+        Verify(*hHABSubtitle, pSubtitleData, dataSize, timestamp);
         return HAB_OK;
     }
+    Verify(*hHABSubtitle, pSubtitleData, dataSize, timestamp);
     if (!DrawSubtitle(*hHABSubtitle, std::string(static_cast<char*>(pSubtitleData), dataSize)))
         return HAB_FAIL;
     WaitUntilGone(*hHABSubtitle, end);

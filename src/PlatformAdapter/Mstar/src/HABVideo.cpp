@@ -23,7 +23,7 @@ struct HABVideo {
     opal::CrcTable crcTable = {};
     int64_t clusterTime = 0;
     std::atomic<uint8_t> paused{1};
-    std::vector<boost::shared_ptr<GoldenFileParser>> goldenFiles;
+    opal::GoldenFileList goldenFiles;
 };
 
 namespace {
@@ -151,10 +151,14 @@ int MakeRoom(HABArch& arch) {
 }
 
 int FlushResult() {
-    return opal::VideoErrorCount() != 0 ? HAB_FAIL : HAB_OK;
+    return opal::VerifiedFlushResult(OPAL_STREAM_VIDEO);
 }
 
 }  // namespace
+
+bool CheckVideoBlock(HHABVIDEO hab, const BlockNode& block) {
+    return hab && opal::CheckBlock(OPAL_STREAM_VIDEO, hab->goldenFiles, hab->crcTable, block);
+}
 
 int NALSize(const uint8_t* data, int32_t count) {
     OPAL_ASSERT(count > 0, "count > 0");
@@ -238,6 +242,8 @@ int HABVideo_Queue(HHABVIDEO hHABVideo, void* pVideoData, int32_t dataSize, uint
         return full;
     OPAL_ASSERT(pVideoData != nullptr, "pVideoData != __null");
     OPAL_ASSERT(dataSize != 0, "dataSize != 0");
+    opal::VerifyBlock(OPAL_STREAM_VIDEO, hHABVideo, &CheckVideoBlock, pVideoData,
+                      static_cast<size_t>(dataSize), timestamp);
     ConvertToStartCodes(static_cast<uint8_t*>(pVideoData), dataSize);
 
     const int32_t speed = g_playSpeed;
