@@ -16,19 +16,15 @@ namespace opal::playback {
 /// transfer younger than a second is left alone. A cluster is given up once: the transfer that
 /// follows runs to its end.
 ///
-/// Affordable is the highest level below the present one whose bitrate the throughput carries and
-/// whose cluster comes before the buffer is spent; the lowest level if there is none.
+/// The last second tells that the link has fallen, but not for how long. So affordable is the
+/// highest level below the present one whose cluster, at the throughput of the whole transfer so
+/// far, takes no more than half of the buffer's time; the lowest level if there is none. A link
+/// that dips costs a step or two, one that is cut leads to the lowest level.
 ///
 /// Threading: none; whoever paces the downloads asks, every few milliseconds. Units: milliseconds,
 /// bytes, bits per second.
 class AbandonRule {
   public:
-    /// The present cluster as one of the levels has it.
-    struct Level {
-        int bitrate = 0;
-        int64_t clusterBytes = 0;  ///< 0: not known, such a level is not chosen
-    };
-
     /// The transfer that runs now.
     struct Transfer {
         int64_t nowMs = 0;       ///< of any clock that is not set back
@@ -38,9 +34,10 @@ class AbandonRule {
         int64_t bufferedMs = 0;  ///< video buffered, buffer and writer together
     };
 
-    /// The level to fetch the cluster from instead; none: the transfer goes on. `levels`: by
-    /// ascending bitrate, the transfer's own among them.
-    std::optional<size_t> Ask(const Transfer& transfer, const std::vector<Level>& levels);
+    /// The level to fetch the cluster from instead; none: the transfer goes on.
+    /// `clusterBytes`: the size of this cluster on each level, by ascending bitrate, the transfer's
+    /// own included; 0 where it is not known, which level is not chosen.
+    std::optional<size_t> Ask(const Transfer& transfer, const std::vector<int64_t>& clusterBytes);
     /// The video goes on elsewhere: the cluster that was given up may be given up again.
     void Reset();
 
@@ -51,12 +48,13 @@ class AbandonRule {
     };
 
     bool Observe(const Transfer& transfer);
-    static size_t Affordable(const Transfer& transfer, const std::vector<Level>& levels,
+    static size_t Affordable(const Transfer& transfer, const std::vector<int64_t>& clusterBytes,
                              double bytesPerMs);
 
     std::deque<Point> m_lastSecond;  ///< oldest first
     std::optional<size_t> m_cluster;
     size_t m_level = 0;
+    Point m_begin = {};                 ///< where the transfer stood when it was first seen
     std::optional<size_t> m_abandoned;  ///< the cluster given up last
 };
 

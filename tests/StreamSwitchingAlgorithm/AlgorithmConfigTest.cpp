@@ -1,5 +1,7 @@
 #include <gmock/gmock.h>
 
+#include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 
@@ -96,6 +98,19 @@ TEST_F(AlgorithmConfigTest, AFileThatIsNotRightChangesNothing) {
     EXPECT_EQ(Config().GetMinBufferedToEnterAgile(), 40000);
     EXPECT_TRUE(Load("<settings><global><maxLevelDrop>7</maxLevelDrop></global></settings>"));
     EXPECT_EQ(Config().GetMaxLevelDrop(), 3) << "a root element hides the settings";
+}
+
+TEST_F(AlgorithmConfigTest, TheSampleFileIsWholeAndRight) {
+    std::ifstream file(OPAL_SAMPLE_SETTINGS);
+    std::ostringstream text;
+    text << file.rdbuf();
+    ASSERT_TRUE(Load(text.str()));
+    EXPECT_EQ(Config().GetInitialBandwidthDecision(), InitialBandwidthMode_BandwidthProbe);
+    EXPECT_EQ(Config().GetMinBufferedToEnterAgile(), 40000);
+    EXPECT_EQ(Config().GetUpperGuardTrigger(), 5);
+    EXPECT_EQ(Config().GetMinPeriodUpSwitch(AlgorithmConfig::kSteady), 4000);
+    EXPECT_EQ(Config().GetBandwidthMonitorGapOrder(), 1);
+    EXPECT_TRUE(Config().GetAbandonTransfers());
 }
 
 TEST_F(AlgorithmConfigTest, ValuesOutOfBoundsFallBackOrWrap) {

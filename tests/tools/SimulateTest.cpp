@@ -101,6 +101,63 @@ TEST_F(SimulateTest, SessionsSideBySideFollowTheirLinksStallAndRecover) {
     EXPECT_GT(result.refetches, 10) << "a cluster that meets a full buffer is fetched again";
 }
 
+// Ten seconds of 6 Mbit/s, then 400 kbit/s: a cluster of a high level is on its way.
+TEST_F(SimulateTest, ATransferThatOutlastsTheBufferIsGivenUpAndTheSessionDoesNotStall) {
+    const Film film = Ladder({300, 1000, 3000, 5000}, 60);
+    const Trace falling = {"", {{1e4, 750, 20}, {1e6, 50, 20}}};
+    for (const char* setting : {"initialBandwidthDecision=1", "minBufferedToEnterAgile=20000"}) {
+        Tunables tunables = Tunables::Current();
+        tunables.Set(setting);
+        tunables.Apply();
+        const Result without = Play(film, falling, {kLimitMs});
+        tunables.Set("abandonTransfers=1");
+        tunables.Apply();
+        const Result with = Play(film, falling, {kLimitMs});
+        AlgorithmConfig::Instance().Reset();
+        EXPECT_EQ(without.abandoned, 0);
+        EXPECT_GT(without.stallMs, 0.0) << setting;
+        EXPECT_GT(with.abandoned, 0) << setting;
+        EXPECT_LT(with.stallMs, without.stallMs / 2) << setting;
+        EXPECT_EQ(with.levels.size(), 60u) << "a cluster that was given up is fetched again";
+    }
+}
+
+TEST_F(SimulateTest, TheOrderOfIdleTimeKeepsTheLevelStillUnderSound) {
+    Film film = Ladder({500, 1000, 1500, 2000, 2500, 3000, 4000}, 300);
+    film.audioBitrate = 128000;
+    const Trace steady = {"", {{1e3, 375, 20}}};
+    const int byEnd = Play(film, steady, {kLimitMs}).switches;
+    Tunables tunables = Tunables::Current();
+    tunables.Set("bandwidthMonitorGapOrder=1");
+    tunables.Apply();
+    const int byStart = Play(film, steady, {kLimitMs}).switches;
+    EXPECT_GT(byEnd, 10);
+    EXPECT_LE(byStart, 4);
+}
+
+TEST_F(SimulateTest, BolaGoesByTheBufferAndByWhatTheLinkCarries) {
+    BolaRule rule({500000, 1000000, 2000000, 4000000}, 2000.0, 25000.0);
+    EXPECT_EQ(rule.Choose(0.0).level, 0u) << "nothing is known of the link";
+    rule.OnDownload(562500, 1500);  // 3 Mbit/s
+    EXPECT_EQ(rule.Choose(2000.0).level, 2u) << "what the link carries";
+    EXPECT_EQ(rule.Choose(1000.0).level, 1u)
+        << "what the buffer carries, and 8 s more from the start";
+    const auto full = rule.Choose(25000.0);
+    EXPECT_EQ(full.level, 2u) << "no more than the link carries";
+    EXPECT_GE(full.waitMs, 2000.0) << "there is no room for a cluster";
+    EXPECT_FALSE(rule.Abandon(2, 500000, 400000, 20000.0));
+    EXPECT_EQ(rule.Abandon(2, 500000, 10000, 0.0), 0u);
+    for (const auto& [kbps, mean] : {std::pair{1500, 1000.0}, {6000, 4000.0}}) {
+        PlayOptions options{kLimitMs};
+        options.rule = RuleName::BolaE;
+        const Result result =
+            Play(Ladder({500, 1000, 2000, 4000}, 100), {"", {{1e3, kbps / 8.0, 20}}}, options);
+        EXPECT_TRUE(result.finished);
+        EXPECT_EQ(result.stalls, 0);
+        EXPECT_NEAR(result.MeanKbps(), mean, 300.0);
+    }
+}
+
 TEST_F(SimulateTest, TunablesAreSetByNameAndSpanGrids) {
     Tunables tunables = Tunables::Current();
     EXPECT_THROW(Grid(tunables, {"maxLevelDrop="}), std::runtime_error);

@@ -51,8 +51,8 @@ class BuiltInRule : public LevelRule {
                                        m_switching->IsAudioBuffered(), videoAtEnd);
     }
     int64_t MaxBufferMs() override { return m_switching->GetMaxBuffer(); }
-    std::optional<size_t> Abandon(const Transfer& transfer, const Offers& offers) override {
-        return AlgorithmConfig::Instance().GetAbandonTransfers() ? m_abandon.Ask(transfer, offers)
+    std::optional<size_t> Abandon(const Transfer& transfer, const Sizes& sizes) override {
+        return AlgorithmConfig::Instance().GetAbandonTransfers() ? m_abandon.Ask(transfer, sizes)
                                                                  : std::nullopt;
     }
 
@@ -87,10 +87,10 @@ class BolaLevelRule : public LevelRule {
         return bufferedMs >= Film::kClusterMs || videoAtEnd;
     }
     int64_t MaxBufferMs() override { return 0; }
-    std::optional<size_t> Abandon(const Transfer& transfer, const Offers& offers) override {
-        return m_bola.Abandon(
-            transfer.level, static_cast<double>(offers[transfer.level].clusterBytes),
-            static_cast<double>(transfer.received), static_cast<double>(transfer.bufferedMs));
+    std::optional<size_t> Abandon(const Transfer& transfer, const Sizes& sizes) override {
+        return m_bola.Abandon(transfer.level, static_cast<double>(sizes[transfer.level]),
+                              static_cast<double>(transfer.received),
+                              static_cast<double>(transfer.bufferedMs));
     }
 
   private:

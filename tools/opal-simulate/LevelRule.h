@@ -21,7 +21,7 @@ namespace opal::simulate {
 class LevelRule {
   public:
     using Transfer = playback::AbandonRule::Transfer;
-    using Offers = std::vector<playback::AbandonRule::Level>;
+    using Sizes = std::vector<int64_t>;  ///< of one cluster on each level
 
     virtual ~LevelRule() = default;
     /// The level to start on. `probe` measures the link, and reports through OnProbe.
@@ -41,7 +41,7 @@ class LevelRule {
     /// The duration limit of the video buffer; 0 or less: none.
     virtual int64_t MaxBufferMs() = 0;
     /// The level to fetch the cluster of a running transfer from instead; none: it goes on.
-    virtual std::optional<size_t> Abandon(const Transfer& transfer, const Offers& offers) = 0;
+    virtual std::optional<size_t> Abandon(const Transfer& transfer, const Sizes& sizes) = 0;
 };
 
 enum class RuleName { BuiltIn, BolaE };

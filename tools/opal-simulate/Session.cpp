@@ -114,7 +114,7 @@ class Session : private BandwidthProbeNotify {
 
     Stream m_video;
     Stream m_audio;
-    LevelRule::Offers m_offers;  ///< the levels' sizes of the cluster that video transfers
+    LevelRule::Sizes m_sizes;  ///< the levels' sizes of the cluster that video transfers
     double m_initDoneMs = 0.0;
 
     std::deque<Message> m_queue;
@@ -163,7 +163,8 @@ class ProbedFile : public IHTTPFile {
 
 class ProbedFileObject : public HTTPFileObject {
   public:
-    bool Accepts(int) const override { return true; }
+    /// Only on a thread that simulates: the library may play on others.
+    bool Accepts(int) const override { return t_session != nullptr; }
     IHTTPFile* Create(bool) override { return new ProbedFile; }
 };
 
@@ -342,9 +343,9 @@ void Session::PollManager(Stream& stream, bool video) {
     else if (size <= stream.capacity - stream.usedBytes)
         m_link.Start(stream.transfer, static_cast<double>(size));
     if (video && stream.transfer.active) {
-        m_offers.clear();
+        m_sizes.clear();
         for (const Film::Level& level : m_film.levels)
-            m_offers.push_back({level.bitrate, level.clusterSizes[stream.nextCluster]});
+            m_sizes.push_back(level.clusterSizes[stream.nextCluster]);
     }
 }
 
@@ -356,7 +357,7 @@ void Session::ConsiderAbandoning() {
         ClusterSize(m_video, true) - static_cast<int64_t>(std::ceil(m_video.transfer.bytesLeft));
     const auto level = m_rule->Abandon({std::llround(NowMs()), m_video.nextCluster, m_video.level,
                                         received, m_video.BufferedMs(m_positionMs)},
-                                       m_offers);
+                                       m_sizes);
     if (!level)
         return;
     m_link.Cancel(m_video.transfer);
@@ -388,6 +389,8 @@ void Session::CompleteCluster(Stream& stream, bool video) {
     stream.clusters.emplace_back(size, stream.level);
     stream.usedBytes += size;
     ++stream.nextCluster;
+    if (video)
+        m_result.levels.push_back(static_cast<int>(stream.level));
     stream.awake = false;
     sample.bufferedDuration = stream.BufferedMs(m_positionMs);
 

@@ -20,6 +20,7 @@ struct Result {
     int stalls = 0;
     double bitrateSum = 0.0;  ///< of the levels of the clusters played
     int clusters = 0;         ///< clusters played
+    std::vector<int> levels;  ///< of the clusters fetched and kept, in order
     int switches = 0;
     int stepSum = 0;    ///< levels moved, over all switches
     int64_t bytes = 0;  ///< downloaded, clusters fetched again included

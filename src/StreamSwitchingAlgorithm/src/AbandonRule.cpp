@@ -1,10 +1,13 @@
 #include "StreamSwitchingAlgorithm/AbandonRule.h"
 
+#include <algorithm>
+
 namespace opal::playback {
 namespace {
 
 constexpr int64_t kMeasuredMs = 1000;
-constexpr double kBitsPerByteMsPerSecond = 8000.0;
+/// What a cluster that is fetched in place of another may take of the buffer's time.
+constexpr double kBufferShare = 0.5;
 
 }  // namespace
 
@@ -14,18 +17,21 @@ void AbandonRule::Reset() {
     m_abandoned.reset();
 }
 
-std::optional<size_t> AbandonRule::Ask(const Transfer& transfer, const std::vector<Level>& levels) {
+std::optional<size_t> AbandonRule::Ask(const Transfer& transfer,
+                                       const std::vector<int64_t>& clusterBytes) {
     if (!Observe(transfer) || m_abandoned == transfer.cluster || transfer.level == 0 ||
-        transfer.level >= levels.size())
+        transfer.level >= clusterBytes.size())
         return std::nullopt;
     const Point& begin = m_lastSecond.front();
     const double bytesPerMs = static_cast<double>(transfer.received - begin.received) /
                               static_cast<double>(transfer.nowMs - begin.ms);
-    const int64_t rest = levels[transfer.level].clusterBytes - transfer.received;
+    const int64_t rest = clusterBytes[transfer.level] - transfer.received;
     if (static_cast<double>(rest) <= bytesPerMs * static_cast<double>(transfer.bufferedMs))
         return std::nullopt;
-    const size_t level = Affordable(transfer, levels, bytesPerMs);
-    const int64_t bytes = levels[level].clusterBytes;
+    const double sinceItBegan = static_cast<double>(transfer.received - m_begin.received) /
+                                static_cast<double>(transfer.nowMs - m_begin.ms);
+    const size_t level = Affordable(transfer, clusterBytes, std::max(bytesPerMs, sinceItBegan));
+    const int64_t bytes = clusterBytes[level];
     if (bytes <= 0 || bytes >= rest)
         return std::nullopt;
     m_abandoned = transfer.cluster;
@@ -40,6 +46,7 @@ bool AbandonRule::Observe(const Transfer& transfer) {
     if (!same) {
         m_cluster = transfer.cluster;
         m_level = transfer.level;
+        m_begin = {transfer.nowMs, transfer.received};
         m_lastSecond.clear();
     }
     if (m_lastSecond.empty() || m_lastSecond.back().ms < transfer.nowMs)
@@ -50,13 +57,12 @@ bool AbandonRule::Observe(const Transfer& transfer) {
     return transfer.nowMs - m_lastSecond.front().ms >= kMeasuredMs;
 }
 
-size_t AbandonRule::Affordable(const Transfer& transfer, const std::vector<Level>& levels,
+size_t AbandonRule::Affordable(const Transfer& transfer, const std::vector<int64_t>& clusterBytes,
                                double bytesPerMs) {
-    for (size_t level = transfer.level; level-- > 1;) {
-        const auto bytes = static_cast<double>(levels[level].clusterBytes);
-        const bool carried = levels[level].bitrate < bytesPerMs * kBitsPerByteMsPerSecond;
-        const bool inTime = bytes <= bytesPerMs * static_cast<double>(transfer.bufferedMs);
-        if (bytes > 0 && carried && inTime)
+    for (size_t level = transfer.level - 1; level > 0; --level) {
+        const auto bytes = static_cast<double>(clusterBytes[level]);
+        if (bytes > 0 &&
+            bytes <= kBufferShare * bytesPerMs * static_cast<double>(transfer.bufferedMs))
             return level;
     }
     return 0;

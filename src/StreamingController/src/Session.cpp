@@ -124,10 +124,10 @@ OPALError StreamingController::Session::GiveUpSlowTransfer() {
         switchingFrom != kNone || objects.playRate != OPAL_PLAYRATE_ONEX)
         return OPAL_OK;
     opal::playback::AbandonRule::Transfer transfer;
-    std::vector<opal::playback::AbandonRule::Level> levels;
-    if (!DescribeTransfer(transfer, levels))
+    std::vector<int64_t> clusterBytes;
+    if (!DescribeTransfer(transfer, clusterBytes))
         return OPAL_OK;
-    abandonFor = abandonRule.Ask(transfer, levels);
+    abandonFor = abandonRule.Ask(transfer, clusterBytes);
     if (!abandonFor)
         return OPAL_OK;
     const OPALError code = objects.readers->StopVideo();
@@ -135,9 +135,8 @@ OPALError StreamingController::Session::GiveUpSlowTransfer() {
 }
 
 /// The video transfer that runs, and its cluster as the levels have it. False if that is not known.
-bool StreamingController::Session::DescribeTransfer(
-    opal::playback::AbandonRule::Transfer& transfer,
-    std::vector<opal::playback::AbandonRule::Level>& levels) {
+bool StreamingController::Session::DescribeTransfer(opal::playback::AbandonRule::Transfer& transfer,
+                                                    std::vector<int64_t>& clusterBytes) {
     const std::vector<IClusterIndex*>& indexes = objects.readers->GetVideoClusterIndexes();
     transfer.level = video.CurrentIndex();
     int64_t time = 0;
@@ -150,15 +149,8 @@ bool StreamingController::Session::DescribeTransfer(
     transfer.cluster = static_cast<size_t>(entry.index);
     transfer.received = static_cast<int64_t>(video.BytesInFlight());
     transfer.bufferedMs = video.BufferedDuration();
-    for (size_t i = 0; i < indexes.size(); ++i) {
-        boost::shared_ptr<IVideoLevel> level;
-        opal::playback::AbandonRule::Level offer;
-        if (objects.parser->GetVideoLevel(i, level) == OPAL_OK)
-            offer.bitrate = level->GetBitrate();
-        if (indexes[i])
-            offer.clusterBytes = indexes[i]->GetSize(transfer.cluster);
-        levels.push_back(offer);
-    }
+    for (const IClusterIndex* index : indexes)
+        clusterBytes.push_back(index ? index->GetSize(transfer.cluster) : 0);
     return true;
 }
 

@@ -81,5 +81,5 @@ struct StreamingController::Session {
   private:
     OPALError GoToLevel(size_t level);
     bool DescribeTransfer(opal::playback::AbandonRule::Transfer& transfer,
-                          std::vector<opal::playback::AbandonRule::Level>& levels);
+                          std::vector<int64_t>& clusterBytes);
 };
