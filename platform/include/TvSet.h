@@ -132,12 +132,13 @@ void Freeze(bool on);
 
 /// One thing the set was asked, or did. Queries (PTS, gauge, position, size) are not recorded.
 struct JournalEntry {
-    /// Vendor's name of the operation, or what the set did: "event", "shown", "subtitle".
+    /// Vendor's name of the operation, or what the set did: "event", "shown", "subtitle", "heard".
+    /// The latter's time is when its sound begins to be heard, unless a pause comes between.
     std::string call;
     unsigned long item = 0;
     uint64_t value = 0;       ///< event number, PTS, data type, subtitle shown or not: by the call
     uint32_t streamType = 0;  ///< payloads: 1 video, 0 audio
-    uint32_t size = 0;        ///< payloads, subtitle: bytes
+    uint32_t size = 0;        ///< payloads, subtitle: bytes; heard: ms
     uint32_t crc32 = 0;       ///< payloads, subtitle: IEEE 802.3 CRC
     std::vector<uint8_t> head;  ///< payloads: first 8 bytes
     std::vector<uint8_t>

@@ -54,7 +54,7 @@ class LibavAudioDecoder : public AudioDecoder {
   public:
     void Open(uint32_t sampleRate, uint32_t channels) override {
         m_rate = sampleRate >= 1 && sampleRate <= 96000 ? sampleRate : kUsualRate;
-        m_candidates = {6, 1, 8};
+        m_candidates = {6, 1, 8, 4, 3, 5};
         m_proven = channels != 0;
         OpenWith(channels >= 1 && channels <= 8 ? channels : kUsualChannels);
     }

@@ -115,7 +115,7 @@ bool Control::IsDropped(uint32_t event) const {
     return m_dropped.count(event) != 0;
 }
 
-size_t Control::Append(control::JournalEntry entry) {
+size_t Control::Append(control::JournalEntry entry, int64_t laterMs) {
     if (!m_recording) {
         return SIZE_MAX;
     }
@@ -124,7 +124,7 @@ size_t Control::Append(control::JournalEntry entry) {
     if (m_journal.size() >= kJournalLimit) {
         return SIZE_MAX;
     }
-    entry.timeMs = m_clock ? m_clock->NowMs() : 0;
+    entry.timeMs = m_clock ? m_clock->NowMs() + laterMs : 0;
     m_journal.push_back(std::move(entry));
     return m_journal.size() - 1;
 }

@@ -37,9 +37,9 @@ class Control {
 
     void Record(bool on) { m_recording = on; }
     bool Recording() const { return m_recording; }
-    /// Appends an entry with thread and time filled in; its index for `SetResult`, or SIZE_MAX when
-    /// nothing is recorded.
-    size_t Append(control::JournalEntry entry);
+    /// Appends an entry with thread and time filled in, the time `laterMs` from now; its index for
+    /// `SetResult`, or SIZE_MAX when nothing is recorded.
+    size_t Append(control::JournalEntry entry, int64_t laterMs = 0);
     void SetResult(size_t index, int result);
     std::vector<control::JournalEntry> Journal() const;
     /// The clock of the entries; null: none.

@@ -2,6 +2,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 }
 
+#include <set>
 #include <stdexcept>
 
 #include "Decoder.h"
@@ -13,6 +14,8 @@ namespace {
 constexpr int64_t kMaxPixels = int64_t{4096} * 2304;
 /// Decoded pictures waiting: enough to ride over an expensive one.
 constexpr size_t kMaxWaiting = 4;
+/// Of units that are kept to be decoded again.
+constexpr size_t kGroupLimit = size_t{32} << 20;
 
 struct PacketFree {
     void operator()(AVPacket* packet) const { av_packet_free(&packet); }
@@ -43,9 +46,10 @@ void ReleaseUnit(void* opaque, uint8_t*) {
 /// H.264 through libavcodec, on the caller's thread only: with more threads the decoder would hold
 /// back a picture for each.
 ///
-/// A stream of key frames only (trick play) may be drained when nothing follows for a while. The
-/// decoder must then start anew, so the last key frame is kept: should a picture that refers to it
-/// come after all, it is decoded again first and its second appearance dropped.
+/// A decoder that nothing follows for a while is drained: at the end of the film, before a gap, in
+/// trick play. It must then start anew, so the units since the last key frame are kept: should a
+/// picture come after all that refers to them, they are decoded again first and their second
+/// appearance dropped.
 class LibavVideoDecoder : public VideoDecoder {
   public:
     LibavVideoDecoder() : m_packet(av_packet_alloc()) {
@@ -66,29 +70,20 @@ class LibavVideoDecoder : public VideoDecoder {
 
     unsigned Decode(const Unit& unit, std::vector<Picture>& out) override {
         const bool key = IsKey(unit);
-        unsigned errors = 0;
-        if (m_drained && !key && m_lastKey.size != 0) {
-            std::vector<Picture> again;
-            errors += Send(m_lastKey, again);
-            m_repeated = true;
-            Take(again, out);
+        if (m_drained && !key) {
+            DecodeAgain(out);
         }
         m_drained = false;
-        if (key) {
-            m_lastKey = unit;
-            m_repeated = false;
-        } else {
-            m_onlyKeys = false;
-        }
+        Keep(unit, key);
         std::vector<Picture> pictures;
-        errors += Send(unit, pictures);
+        const unsigned errors = Send(unit, pictures);
         ++m_sent;
         Take(pictures, out);
         return errors;
     }
 
     size_t Held() const override {
-        return m_onlyKeys && m_sent > m_received ? static_cast<size_t>(m_sent - m_received) : 0;
+        return m_groupKept && m_sent > m_received ? static_cast<size_t>(m_sent - m_received) : 0;
     }
 
     void Drain(std::vector<Picture>& out) override {
@@ -98,15 +93,17 @@ class LibavVideoDecoder : public VideoDecoder {
         }
         avcodec_flush_buffers(m_context.get());
         Take(pictures, out);
+        m_again.clear();
         m_sent = m_received = 0;
         m_drained = true;
     }
 
     void Reset() override {
         avcodec_flush_buffers(m_context.get());
-        m_lastKey = Unit();
-        m_onlyKeys = true;
-        m_drained = m_repeated = false;
+        m_group.clear();
+        m_groupBytes = 0;
+        m_groupKept = m_drained = false;
+        m_again.clear();
         m_sent = m_received = 0;
     }
 
@@ -114,6 +111,32 @@ class LibavVideoDecoder : public VideoDecoder {
     size_t MaxWaiting() const override { return kMaxWaiting; }
 
   private:
+    void Keep(const Unit& unit, bool key) {
+        if (key) {
+            m_group.clear();
+            m_groupBytes = 0;
+            m_groupKept = true;
+        }
+        m_groupBytes += unit.Cost();
+        m_groupKept = m_groupKept && m_groupBytes <= kGroupLimit;
+        if (m_groupKept) {
+            m_group.push_back(unit);
+        } else {
+            m_group.clear();
+        }
+    }
+
+    void DecodeAgain(std::vector<Picture>& out) {
+        for (const Unit& unit : m_group) {
+            m_again.insert(unit.pts);
+        }
+        std::vector<Picture> pictures;
+        for (const Unit& unit : m_group) {
+            (void)Send(unit, pictures);  // its errors were counted the first time
+        }
+        Take(pictures, out);
+    }
+
     unsigned Send(const Unit& unit, std::vector<Picture>& out) {
         auto* owner = new std::shared_ptr<uint8_t[]>(unit.data);
         m_packet->buf = av_buffer_create(unit.data.get(), unit.size + AV_INPUT_BUFFER_PADDING_SIZE,
@@ -153,8 +176,9 @@ class LibavVideoDecoder : public VideoDecoder {
 
     void Take(std::vector<Picture>& pictures, std::vector<Picture>& out) {
         for (Picture& picture : pictures) {
-            if (m_repeated && picture.pts == m_lastKey.pts) {
-                m_repeated = false;
+            const auto again = m_again.find(picture.pts);
+            if (again != m_again.end()) {
+                m_again.erase(again);
                 continue;
             }
             ++m_received;
@@ -164,10 +188,11 @@ class LibavVideoDecoder : public VideoDecoder {
 
     std::unique_ptr<AVCodecContext, ContextFree> m_context;
     std::unique_ptr<AVPacket, PacketFree> m_packet;
-    Unit m_lastKey;
-    bool m_onlyKeys = true;   ///< since Reset()
-    bool m_drained = false;   ///< nothing was decoded since
-    bool m_repeated = false;  ///< the last key frame will come out a second time
+    std::vector<Unit> m_group;  ///< since the last key frame, with it
+    size_t m_groupBytes = 0;
+    bool m_groupKept = false;         ///< whole
+    bool m_drained = false;           ///< nothing was decoded since
+    std::multiset<uint32_t> m_again;  ///< PTS of what will come out a second time
     uint64_t m_sent = 0;
     uint64_t m_received = 0;
 };

@@ -13,6 +13,8 @@ constexpr int64_t kDiscontinuityMs = 10000;
 constexpr int64_t kLateMs = 100;
 /// ... but one is shown this often, and the clock set back to it.
 constexpr int64_t kShowAtLeastEveryMs = 250;
+/// Sound goes on for this long behind the last picture: films do not end with both at once.
+constexpr int64_t kSoundTailMs = 60;
 constexpr int64_t kUsualFrameMs = 40;
 constexpr int64_t kShortestFrameMs = 10;
 /// Trick play at low rates spaces its pictures by a second and more.
@@ -58,18 +60,23 @@ void Presenter::SetRunning(bool running, int64_t nowMs) {
     UpdateTicking(nowMs);
 }
 
-Presenter::Decision Presenter::Next(const Candidate* front, bool pipeEmpty, int64_t nowMs) {
+Presenter::Decision Presenter::Next(const Candidate* front, bool pipeEmpty, int64_t soundEnd,
+                                    int64_t nowMs) {
     if (!m_running) {
         return {Action::Wait, kNever};
     }
-    return front != nullptr ? WithPicture(*front, nowMs) : WithoutPicture(pipeEmpty, nowMs);
-}
-
-Presenter::Decision Presenter::WithoutPicture(bool pipeEmpty, int64_t nowMs) {
+    if (front != nullptr) {
+        return WithPicture(*front, nowMs);
+    }
     if (!m_anchored || m_stalled || !pipeEmpty) {
         return {Action::Wait, kNever};
     }
-    const int64_t end = m_shownPts + m_frameMs;
+    return WithoutPicture(soundEnd, nowMs);
+}
+
+Presenter::Decision Presenter::WithoutPicture(int64_t soundEnd, int64_t nowMs) {
+    const int64_t pictureEnd = m_shownPts + m_frameMs;
+    const int64_t end = std::clamp(soundEnd, pictureEnd, pictureEnd + kSoundTailMs);
     if (MediaTime(nowMs) < end) {
         return {Action::Wait, WhenDue(end)};
     }

@@ -8,8 +8,9 @@ namespace tvset {
 ///
 /// The clock is anchored at the first picture after a start or flush and then ticks with the set's
 /// time. It stands while the set does not run. When the decoder has nothing left it goes on to the
-/// end of the picture on the screen and waits there, so that what comes late after a starvation is
-/// shown and not thrown away. A picture that the decoder itself finished too late is dropped.
+/// end of the picture on the screen, and of sound that ends little later, and waits there, so that
+/// what comes late after a starvation is shown and not thrown away. A picture that the decoder
+/// itself finished too late is dropped.
 ///
 /// Threading: none of its own; guarded by its owner. Units: milliseconds.
 class Presenter {
@@ -29,17 +30,21 @@ class Presenter {
     void Reset();
     void SetRunning(bool running, int64_t nowMs);
     /// `front`: the next picture, or null. `pipeEmpty`: nothing is being decoded or waits for it.
-    Decision Next(const Candidate* front, bool pipeEmpty, int64_t nowMs);
+    /// `soundEnd`: media time up to which there is sound to finish when no picture is left.
+    Decision Next(const Candidate* front, bool pipeEmpty, int64_t soundEnd, int64_t nowMs);
     void Shown(int64_t pts, int64_t nowMs);
 
     bool Anchored() const { return m_anchored; }
+    bool Ticking() const { return m_ticking; }
+    /// The clock has come to the end of the last picture there was.
+    bool Stalled() const { return m_stalled; }
     /// Media time; only when anchored.
     int64_t MediaTime(int64_t nowMs) const;
     /// Set time at which the media time is `pts`; never while the clock stands.
     int64_t WhenDue(int64_t pts) const;
 
   private:
-    Decision WithoutPicture(bool pipeEmpty, int64_t nowMs);
+    Decision WithoutPicture(int64_t soundEnd, int64_t nowMs);
     Decision WithPicture(const Candidate& front, int64_t nowMs);
     void Anchor(int64_t pts, int64_t nowMs);
     void UpdateTicking(int64_t nowMs);

@@ -388,6 +388,7 @@ void TvCore::DropAll() {
     m_videoBytes = 0;
     ++m_generation;
     m_resetDecoder = true;
+    m_decoderHolds = false;
     m_starvedSince = -1;
     m_flushed = true;
     DropAudio();
@@ -402,6 +403,7 @@ void TvCore::DropAudio() {
     m_audio.clear();
     m_audioBytes = 0;
     ++m_audioGeneration;
+    m_soundEndPts = 0;
     m_flushAudio = true;
 }
 

@@ -77,7 +77,9 @@ class TvCore {
     void DrainDecoder() OPAL_REQUIRES(m_mutex);
     void KeepPictures(std::vector<Picture>& pictures, uint64_t generation) OPAL_REQUIRES(m_mutex);
     void ShowFront() OPAL_REQUIRES(m_mutex);
-    void PlaySound(int64_t aheadMs) OPAL_REQUIRES(m_mutex);
+    void PlaySound() OPAL_REQUIRES(m_mutex);
+    void Hear(uint32_t pts, Sound& sound) OPAL_REQUIRES(m_mutex);
+    int64_t SoundEnd() const OPAL_REQUIRES(m_mutex);
     bool PrepareSound() OPAL_REQUIRES(m_mutex);
 
     bool IsItem(unsigned long item) const OPAL_REQUIRES(m_mutex) {
@@ -105,6 +107,7 @@ class TvCore {
     std::unique_ptr<VideoOut> m_videoOut;          ///< used by the display thread only
     std::unique_ptr<AudioDecoder> m_audioDecoder;  ///< used by the sound thread only
     std::unique_ptr<AudioOut> m_audioOut;          ///< likewise
+    SoundPlacer m_placer;                          ///< likewise
 
     bool m_connected OPAL_GUARDED_BY(m_mutex) = false;
     bool m_stop OPAL_GUARDED_BY(m_mutex) = false;
@@ -122,6 +125,8 @@ class TvCore {
         0;  ///< counts flushes: what was decoded before one is not kept
     bool m_resetDecoder OPAL_GUARDED_BY(m_mutex) = false;
     bool m_decoding OPAL_GUARDED_BY(m_mutex) = false;
+    bool m_decoderHolds OPAL_GUARDED_BY(m_mutex) =
+        false;  ///< pictures that only more units, or draining it, bring out
     int64_t m_starvedSince OPAL_GUARDED_BY(m_mutex) = -1;
     uint32_t m_pushedPts OPAL_GUARDED_BY(m_mutex) = 0;  ///< of the last video unit
     bool m_flushed OPAL_GUARDED_BY(m_mutex) = false;    ///< no video unit came since the last flush
@@ -137,6 +142,8 @@ class TvCore {
     uint32_t m_audioChannels OPAL_GUARDED_BY(m_mutex) = 0;
     bool m_soundRuns OPAL_GUARDED_BY(m_mutex) = false;
     int64_t m_audioPlayedUs OPAL_GUARDED_BY(m_mutex) = 0;
+    int64_t m_soundMs OPAL_GUARDED_BY(m_mutex) = 0;      ///< of the last unit
+    int64_t m_soundEndPts OPAL_GUARDED_BY(m_mutex) = 0;  ///< of what went to the output
 
     Presenter m_presenter OPAL_GUARDED_BY(m_mutex);
     Picture m_screen OPAL_GUARDED_BY(m_mutex);

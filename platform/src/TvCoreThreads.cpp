@@ -11,10 +11,11 @@ extern "C" {
 namespace tvset {
 namespace {
 
-/// A decoder without data for this long is asked for what it holds back.
+/// A decoder without data for this long is asked for what it holds back; earlier if the screen
+/// waits for it.
 constexpr int64_t kDrainAfterMs = 200;
-/// Sound later than this is left out.
-constexpr int64_t kAudioLateMs = 100;
+/// Sound later than this is not even decoded; what is less late is cut.
+constexpr int64_t kAudioLateMs = 200;
 /// Sound this early belongs to no picture to come, and would hold up all that follows.
 constexpr int64_t kAudioEarlyMs = 10000;
 
@@ -65,7 +66,7 @@ bool TvCore::DecodeStep(int64_t& nextMs) {
     if (m_starvedSince < 0 || m_decoder->Held() == 0) {
         return false;
     }
-    if (m_wakeups.NowMs() < m_starvedSince + kDrainAfterMs) {
+    if (!m_presenter.Stalled() && m_wakeups.NowMs() < m_starvedSince + kDrainAfterMs) {
         nextMs = m_starvedSince + kDrainAfterMs;
         return false;
     }
@@ -100,6 +101,7 @@ void TvCore::DrainDecoder() {
 void TvCore::KeepPictures(std::vector<Picture>& pictures, uint64_t generation) {
     m_decoding = false;
     if (generation == m_generation) {
+        m_decoderHolds = m_decoder->Held() != 0;
         const int64_t now = m_wakeups.NowMs();
         for (Picture& picture : pictures) {
             picture.readyMs = now;
@@ -149,8 +151,12 @@ bool TvCore::DisplayStep(int64_t& nextMs) {
                      m_pictures.front().frame != nullptr};
     }
     const bool pipeEmpty = m_video.empty() && !m_decoding;
-    const Presenter::Decision decision =
-        m_presenter.Next(HasPicture() ? &candidate : nullptr, pipeEmpty, m_wakeups.NowMs());
+    const bool ticking = m_presenter.Ticking();
+    const Presenter::Decision decision = m_presenter.Next(HasPicture() ? &candidate : nullptr,
+                                                          pipeEmpty, SoundEnd(), m_wakeups.NowMs());
+    if (m_presenter.Ticking() != ticking) {
+        m_wakeups.Wake();  // sound follows the clock, and the decoder gives what it holds back
+    }
     switch (decision.action) {
         case Presenter::Action::Wait:
             nextMs = decision.untilMs;
@@ -217,7 +223,7 @@ void TvCore::ShowFront() {
 
 void TvCore::AudioLoop() {
     // A device may take its time to open; pictures do not wait for it.
-    m_audioOut = NewAudioOut(m_options.audio);
+    m_audioOut = NewAudioOut(m_options.audio, m_options.clock);
     m_audioDecoder = m_options.decoding == Decoding::Libav ? NewLibavAudioDecoder()
                                                            : NewPassThroughAudioDecoder();
     opal::MutexLock lock(m_mutex);
@@ -235,7 +241,7 @@ void TvCore::AudioLoop() {
 }
 
 bool TvCore::PrepareSound() {
-    const bool running = Running();
+    const bool running = Running() && m_presenter.Ticking();
     if (!m_openAudio && !m_flushAudio && running == m_soundRuns) {
         return false;
     }
@@ -246,6 +252,9 @@ bool TvCore::PrepareSound() {
     m_openAudio = m_flushAudio = false;
     m_soundRuns = running;
     m_mutex.Unlock();
+    if (flush || open) {
+        m_placer.Restart();
+    }
     if (flush) {
         m_audioOut->Flush();
     }
@@ -276,11 +285,18 @@ bool TvCore::AudioStep(int64_t& nextMs) {
         nextMs = m_presenter.WhenDue(pts - m_audioOut->LeadMs());
         return false;
     }
-    PlaySound(aheadMs);
+    PlaySound();
     return true;
 }
 
-void TvCore::PlaySound(int64_t aheadMs) {
+int64_t TvCore::SoundEnd() const {
+    if (m_decoderHolds) {
+        return 0;  // pictures first
+    }
+    return m_audio.empty() ? m_soundEndPts : m_audio.back().pts + m_soundMs;
+}
+
+void TvCore::PlaySound() {
     const Unit unit = std::move(m_audio.front());
     m_audio.pop_front();
     m_audioBytes -= unit.Cost();
@@ -292,13 +308,39 @@ void TvCore::PlaySound(int64_t aheadMs) {
     m_mutex.Lock();
     if (!decoded) {
         ++m_statistics.decodeErrors;
+    } else if (generation == m_audioGeneration) {
+        Hear(unit.pts, sound);
     }
-    if (generation == m_audioGeneration && decoded) {
-        m_audioPlayedUs += sound.durationUs;
-        m_mutex.Unlock();
-        m_audioOut->Play(sound.samples, aheadMs);
-        m_mutex.Lock();
+}
+
+void TvCore::Hear(uint32_t pts, Sound& sound) {
+    m_soundMs = sound.durationUs / 1000;
+    m_soundEndPts = pts + m_soundMs;
+    const int64_t now = m_wakeups.NowMs();
+    const int64_t dueMs = now + (pts - m_presenter.MediaTime(now));
+    m_mutex.Unlock();
+    const int64_t queuedUs = m_audioOut->QueuedUs();
+    const int64_t measuredMs = m_wakeups.NowMs();
+    const SoundPlacer::Place place =
+        m_placer.Next((dueMs - measuredMs) * 1000, queuedUs, sound.durationUs);
+    if (place.skipUs < sound.durationUs) {
+        const auto skipped =
+            static_cast<size_t>(place.skipUs * AudioOut::kRate / 1000000) * AudioOut::kChannels;
+        sound.samples.erase(sound.samples.begin(),
+                            sound.samples.begin() +
+                                static_cast<ptrdiff_t>(std::min(skipped, sound.samples.size())));
+        const int64_t leftUs = sound.durationUs - place.skipUs;
+        control::JournalEntry entry;
+        entry.call = "heard";
+        entry.value = pts + static_cast<uint64_t>(place.skipUs / 1000);
+        entry.size = static_cast<uint32_t>(leftUs / 1000);
+        Control::Get().Append(std::move(entry), (queuedUs + place.silenceUs) / 1000);
+        m_audioOut->Play(place.silenceUs, sound.samples, leftUs);
     }
+    m_mutex.Lock();
+    // What a device that lags behind makes necessary counts all the same.
+    const int64_t lateUs = std::max<int64_t>(measuredMs - dueMs, 0) * 1000;
+    m_audioPlayedUs += sound.durationUs - std::min(place.skipUs, lateUs);
 }
 
 }  // namespace tvset

@@ -136,9 +136,8 @@ TEST_F(Decoding, SoundOfAnyRateAndLayoutGoesToADeviceWhereThereIsOne) {
     // Rate and channels, the rate that the set is told, the driver, and what is played after
     // 500 ms: a device is handed it 100 ms ahead.
     const std::tuple<int, int, uint32_t, const char*, double> rows[] = {
-        {44100, 2, 44100, "dummy", 600},
-        {48000, 2, 0, "no-such-driver", 500},
-        {48000, 6, 48000, "dummy", 600},
+        {44100, 2, 44100, "dummy", 600},          {48000, 2, 0, "no-such-driver", 500},
+        {48000, 6, 48000, "dummy", 600},          {48000, 4, 48000, "no-such-driver", 500},
         {22050, 1, 22050, "no-such-driver", 500},
     };
     for (const auto& [rate, channels, told, driver, played] : rows) {
@@ -189,6 +188,53 @@ TEST_F(Decoding, TheSnapshotHasTheSubtitleAlsoWithoutALayerForIt) {
     Open(tvset::Options());
     StartPlaying();
     ExpectScreen(0, 1280, 720);
+}
+
+TEST_F(Decoding, ColoursAndProportionsAreThoseOfTheBitstream) {
+    const std::tuple<int, const char*, const char*> rows[] = {{180, "bt709", "unknown"},
+                                                              {180, "bt709", "bt709"},
+                                                              {720, "bt601", "smpte170m"},
+                                                              {180, "bt2020", "bt2020nc"}};
+    for (const auto& [height, matrix, told] : rows) {
+        SCOPED_TRACE(std::string(told) + ' ' + std::to_string(height));
+        Open(tvset::Options());
+        StartPlaying();
+        for (const film::AccessUnit& unit : film::Green(height, matrix, told)) {
+            ASSERT_EQ(PushVideo(unit.bytes, unit.pts), 0);
+        }
+        Run(400);
+        const std::vector<uint8_t> rgb = Screen(height * 2, height);
+        EXPECT_NEAR(rgb[0], 0, 4);
+        EXPECT_NEAR(rgb[1], 255, 4);
+        EXPECT_NEAR(rgb[2], 0, 4);
+    }
+    Open(tvset::Options());
+    StartPlaying();
+    for (const film::AccessUnit& unit : film::Video(180, 144, "16/11")) {
+        ASSERT_EQ(PushVideo(unit.bytes, unit.pts), 0);
+    }
+    Run(400);
+    EXPECT_EQ(Screen(261, 144).size(), 261u * 144 * 3);
+}
+
+// A film ends, and it has gaps, while the decoder holds pictures back for their order.
+TEST_F(Decoding, WhatTheDecoderHoldsBackIsShownWhenItsTimeComes) {
+    StartPlaying();
+    PushSound(film::Audio(3000));
+    PushFilm(0, 38);  // ends within a group, so that what follows refers to what was drained
+    Run(3000);
+    EXPECT_EQ(Shown(), Pictures(0, 38));
+    EXPECT_NEAR(AudioPlayedMs(), 1590, 40) << "sound goes on a little behind the last picture";
+    PushFilm(38, 75);
+    Run(3000);
+    EXPECT_EQ(Shown(), Pictures(0, 75));
+    EXPECT_EQ(tvset::GetStatistics().decodeErrors, 0u);
+    Open(tvset::Options());
+    StartPlaying();
+    PushFilm(0, 75);
+    Run(3000);
+    EXPECT_EQ(Shown().back(), 2960u);
+    EXPECT_EQ(tvset::GetStatistics().framesDecoded, 75u) << "decoded again for nothing";
 }
 
 }  // namespace

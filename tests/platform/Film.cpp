@@ -50,12 +50,19 @@ int GreyOf(int n) {
     return static_cast<int>(std::lround((40 + 2 * n - 16) * 255.0 / 219.0));
 }
 
-const Stream& Video(int width, int height) {
-    return Make(
-        "color=s=16x16:r=25,geq=lum='40+2*N':cb=128:cr=128,scale=" + std::to_string(width) + ':' +
-        std::to_string(height) +
-        ",setsar=1 -frames:v 75 -c:v libx264 -preset veryfast -crf 10 -bf 2 -g 25 -x264-params "
-        "repeat-headers=1:b-adapt=0:scenecut=0:min-keyint=25:open-gop=0");
+const Stream& Video(int width, int height, const char* aspect) {
+    return Make("color=s=16x16:r=25,geq=lum='40+2*N':cb=128:cr=128,scale=" + std::to_string(width) +
+                ':' + std::to_string(height) + ",setsar=" + aspect +
+                " -frames:v 75 -c:v libx264 -preset veryfast -crf 10 -bf 2 -g 25 -x264-params "
+                "repeat-headers=1:b-adapt=0:scenecut=0:min-keyint=25:open-gop=0");
+}
+
+const Stream& Green(int height, const char* matrix, const char* told) {
+    return Make("color=0x00FF00:s=16x16:r=25,format=gbrp,scale=" + std::to_string(height * 2) +
+                ':' + std::to_string(height) + ":out_color_matrix=" + matrix +
+                ",format=yuv420p,setsar=1 -frames:v 25 -c:v libx264 -preset veryfast -crf 1 -g 25 "
+                "-colorspace " +
+                told + " -x264-params repeat-headers=1");
 }
 
 const Stream& Audio(int ms, int sampleRate, int channels) {

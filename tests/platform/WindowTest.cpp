@@ -148,13 +148,29 @@ class Window : public PlayerFixture {
         EXPECT_EQ(m_player->MM_SetDisplayRectangle(m_item, ST_RECT{640, 360, 640, 360}), 0);
         EXPECT_TRUE(server.Shows(300, 600, 0));
         EXPECT_TRUE(shows(960, 600, 50));
+        ASSERT_EQ(m_player->MM_SetDisplayRectangle(m_item, ST_RECT{}), 0);
+        PushOdd();
+        EXPECT_TRUE(server.Shows(2, 600, film::GreyOf(10)));
+        for (int y = 420; y < kHeight; y += 60) {
+            EXPECT_TRUE(server.Shows(0, y, 0)) << "spilt over the picture's edge";
+            EXPECT_TRUE(server.Shows(kWidth - 1, y, 0)) << "spilt over the picture's edge";
+        }
         m_player.reset();
+    }
+    /// A film that leaves a column of the window free at either side.
+    void PushOdd() {
+        ASSERT_EQ(Flush(), 0);
+        for (const film::AccessUnit& unit : film::Video(426, 240)) {
+            ASSERT_EQ(PushVideo(unit.bytes, unit.pts), 0);
+        }
+        Run(400);
     }
 };
 
 TEST_F(Window, ShowsThePictureBelowASubtitleWindow) {
     const XServer server("-extension");
     (void)film::Video();  // made here, not again in the child
+    (void)film::Video(426, 240);
     // In a process of its own: DirectFB lasts as long as the process, and ends with the server.
     std::fflush(stdout);
     const pid_t child = ::fork();
