@@ -100,7 +100,8 @@ class MSrv_MM_PlayerInterface {
     virtual int MM_SetTrickMode(unsigned long item, const ST_TRICK_INFO& info);
     virtual int MM_SetDisplayRectangle(unsigned long item, const ST_RECT& rect);
     /// Takes one access unit, copying it before it returns. Non-zero means full: nothing was taken.
-    /// Item 0 stages the data for the next item that is created.
+    /// Item 0 stages the data for the next item that is created. The first data of an item returns
+    /// when its E_EVENT_INIT_... has been delivered, or two seconds later.
     virtual int MM_PushPayload(unsigned long item, ST_MMPLAYER_DATA_INFO* data);
     /// PTS of the picture on the screen, milliseconds; 0 before the first picture.
     virtual uint32_t MM_GetVideoPTS();

@@ -117,6 +117,7 @@ int TvCore::CreateItem(const ST_MEDIA_INFO& info, unsigned long* item) {
         }
         made = ++m_lastItem;
         m_item = made;
+        m_itemIsNew = true;
         m_playing = m_paused = false;
         m_hasPicture = false;
         m_audioRate = Word(info.bytes + 124);
@@ -230,6 +231,7 @@ int TvCore::Push(unsigned long item, const ST_MMPLAYER_DATA_INFO& data) {
         std::memset(copy + unit.size, 0, kPadding);
     }
     int result = 0;
+    bool first = false;
     {
         const opal::MutexLock lock(m_mutex);
         if (item != 0 && !IsItem(item)) {
@@ -246,8 +248,13 @@ int TvCore::Push(unsigned long item, const ST_MMPLAYER_DATA_INFO& data) {
             return 0;
         }
         result = video ? PushVideo(std::move(unit), forItem) : PushAudio(std::move(unit));
+        first = forItem && m_itemIsNew;
+        m_itemIsNew = m_itemIsNew && !forItem;
     }
     m_wakeups.Wake();
+    if (first && !m_events.OnOwnThread()) {
+        m_events.Drain();  // who pushes a film of a few units without a pause must hear of INIT_OK
+    }
     return result;
 }
 

@@ -113,6 +113,7 @@ class TvCore {
     bool m_stop OPAL_GUARDED_BY(m_mutex) = false;
     unsigned long m_item OPAL_GUARDED_BY(m_mutex) = 0;
     unsigned long m_lastItem OPAL_GUARDED_BY(m_mutex) = 0;
+    bool m_itemIsNew OPAL_GUARDED_BY(m_mutex) = false;  ///< nothing was pushed to it yet
     bool m_playing OPAL_GUARDED_BY(m_mutex) = false;
     bool m_paused OPAL_GUARDED_BY(m_mutex) = false;
 

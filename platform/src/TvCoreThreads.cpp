@@ -11,9 +11,10 @@ extern "C" {
 namespace tvset {
 namespace {
 
-/// A decoder without data for this long is asked for what it holds back; earlier if the screen
-/// waits for it.
+/// A decoder without data for this long is asked for what it holds back ...
 constexpr int64_t kDrainAfterMs = 200;
+/// ... and earlier if the screen waits for it, but not between two units that come one by one.
+constexpr int64_t kDrainForScreenMs = 20;
 /// Sound later than this is not even decoded; what is less late is cut.
 constexpr int64_t kAudioLateMs = 200;
 /// Sound this early belongs to no picture to come, and would hold up all that follows.
@@ -66,8 +67,10 @@ bool TvCore::DecodeStep(int64_t& nextMs) {
     if (m_starvedSince < 0 || m_decoder->Held() == 0) {
         return false;
     }
-    if (!m_presenter.Stalled() && m_wakeups.NowMs() < m_starvedSince + kDrainAfterMs) {
-        nextMs = m_starvedSince + kDrainAfterMs;
+    const int64_t drainMs =
+        m_starvedSince + (m_presenter.Stalled() ? kDrainForScreenMs : kDrainAfterMs);
+    if (m_wakeups.NowMs() < drainMs) {
+        nextMs = drainMs;
         return false;
     }
     DrainDecoder();

@@ -198,6 +198,17 @@ TEST_P(PlayerContract, VideoIsRefusedOnlyWhileThePlayerConsumesAndSoundNever) {
     EXPECT_EQ(PushVideo(huge, 500), 0) << "a unit that never fits is refused for ever";
 }
 
+// The player's user starts playback with the first data after INIT_OK, and a film may be short.
+TEST_P(PlayerContract, TheFirstDataReturnsWhenTheItemIsReady) {
+    ASSERT_EQ(m_player->MM_Initialize(), 0);
+    for (int i = 0; i < 50; ++i) {
+        ASSERT_EQ(Create(), 0);
+        PushFilm(0, 1);
+        ASSERT_EQ(Events().size(), static_cast<size_t>(i) + 1);
+        ASSERT_EQ(m_player->MM_DeleteMediaItem(m_item), 0);
+    }
+}
+
 TEST_P(PlayerContract, StopEmptiesAndPlayStartsAnew) {
     StartPlaying();
     PushFilm(0, 25);
@@ -294,17 +305,27 @@ TEST_P(PlayerContract, SoundIsHeardWithItsPictureAfterEveryKindOfJump) {
             if (journal[i].call != "heard") {
                 continue;
             }
-            // By the picture before it or after it: a pause may lie between it and one of them.
+            // By the picture before it and the one after: a pause may lie between it and one of
+            // them. The journal's order is not that of the times.
+            const tvset::control::JournalEntry* before = nullptr;
+            const tvset::control::JournalEntry* after = nullptr;
+            for (const auto& entry : journal) {
+                if (entry.call != "shown") {
+                    continue;
+                }
+                if (entry.timeMs <= journal[i].timeMs) {
+                    before = &entry;
+                } else if (after == nullptr) {
+                    after = &entry;
+                }
+            }
             int64_t nearest = INT64_MAX;
-            for (const int step : {-1, 1}) {
-                for (size_t at = i; at < journal.size(); at += static_cast<size_t>(step)) {
-                    const int64_t apart = journal[i].timeMs - journal[at].timeMs;
-                    if (journal[at].call == "shown" && apart * step <= 0) {
-                        const auto media = static_cast<int64_t>(journal[at].value) + apart;
-                        nearest = std::min(
-                            nearest, std::abs(static_cast<int64_t>(journal[i].value) - media));
-                        break;
-                    }
+            for (const tvset::control::JournalEntry* shown : {before, after}) {
+                if (shown != nullptr) {
+                    const int64_t media =
+                        static_cast<int64_t>(shown->value) + journal[i].timeMs - shown->timeMs;
+                    nearest =
+                        std::min(nearest, std::abs(static_cast<int64_t>(journal[i].value) - media));
                 }
             }
             off.push_back(nearest);

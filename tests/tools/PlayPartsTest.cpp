@@ -4,6 +4,8 @@
 #include "opal-play/Options.h"
 #include "opal-play/Pace.h"
 #include "opal-play/Rates.h"
+#include "opal-play/Report.h"
+#include "opal-play/Viewing.h"
 
 namespace opal::play {
 namespace {
@@ -48,6 +50,73 @@ TEST(PlayPartsTest, PaceLeavesOutWhatAnInterruptionTook) {
     pace.Report(61000, 10000);
     pace.Report(61500, 11000);
     EXPECT_DOUBLE_EQ(2500.0 / 3000.0, pace.Value());
+}
+
+TEST(PlayPartsTest, TheProgressLineHasWhatFits) {
+    Status status;
+    status.state = "playing";
+    status.positionMs = 5000;
+    status.durationMs = status.leftMs = 30000;
+    status.level = 0;
+    status.levelCount = 5;
+    status.clusters = 9;
+    const std::string whole = ProgressText(status, std::string::npos);
+    EXPECT_THAT(whole, testing::HasSubstr("0:30.0 left"));
+    EXPECT_THAT(whole, testing::EndsWith("link too fast to measure"));
+    for (size_t width = 0; width < whole.size(); ++width) {
+        const std::string text = ProgressText(status, width);
+        EXPECT_LE(text.size(), width);
+        EXPECT_TRUE(width < 27 || whole[text.size()] == ' ') << "cut within a part: " << text;
+    }
+}
+
+TEST(PlayPartsTest, TimeIsCountedByLevelAndAsStalled) {
+    Viewing viewing;
+    using State = Viewing::State;
+    viewing.Account(1000, State::Other, -1);
+    viewing.Account(2000, State::Watching, -1);  // belongs to the first level known
+    viewing.Account(4000, State::Watching, 1);
+    viewing.Account(9000, State::Stalled, 1);
+    viewing.Account(10000, State::Watching, 0);
+    viewing.Account(20000, State::Other, 0);
+    Summary summary;
+    summary.levels = {{1000, 0, 0}, {5000, 0, 0}};
+    summary.watchedMs = viewing.WatchedMs();
+    EXPECT_EQ((std::vector<int64_t>{1000, 3000}), summary.watchedMs);
+    EXPECT_EQ(5000, viewing.StalledMs());
+    EXPECT_EQ(4000, MeanBitrate(summary));
+}
+
+TEST(PlayPartsTest, AFailureNamesItsMediaFile) {
+    NetworkMeter meter;
+    meter.Read("cannot read header and index of http://h:1/a.mkv: -2");
+    EXPECT_EQ(
+        "http://h:1/a.mkv: its header or index is damaged, or does not match the manifest (-2)",
+        ErrorText(OPAL_ERROR_INVALID_ARGUMENT, meter.Failure()));
+    EXPECT_THAT(ErrorText(OPAL_ERROR_TIMEOUT, meter.Failure()), testing::StartsWith("the server"))
+        << "another failure";
+    meter.Read("cannot open http://h:1/b.mkv: -12");
+    EXPECT_THAT(ErrorText(OPAL_ERROR_HTTP_CLIENT, meter.Failure()),
+                testing::StartsWith("http://h:1/b.mkv: the server refuses"));
+}
+
+TEST(PlayPartsTest, StrictComparesWhatWasShownWithWhatThereWas) {
+    Summary summary;
+    summary.outcome = Outcome::EndOfStream;
+    summary.durationMs = 4000;
+    summary.framesDecoded = summary.framesShown = 98;
+    summary.videoUnits = 100;
+    summary.lastShownMs = 3880;
+    summary.audioUnits = 1;
+    summary.audioPlayedMs = 3900;
+    EXPECT_THAT(FindFaults(summary),
+                testing::ElementsAre(testing::StartsWith("2 of 100 pictures")));
+    summary.jumped = true;
+    EXPECT_THAT(FindFaults(summary), testing::IsEmpty());
+    summary.jumped = false;
+    summary.videoUnits = 98;
+    summary.durationMs = 4950;
+    EXPECT_THAT(FindFaults(summary), testing::SizeIs(2));
 }
 
 }  // namespace

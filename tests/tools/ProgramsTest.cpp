@@ -10,6 +10,7 @@
 #include <unistd.h>
 #include <utmp.h>
 
+#include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -35,8 +36,12 @@ class Program {
   public:
     explicit Program(std::vector<std::string> words, bool onTerminal = false) {
         int ends[2] = {-1, -1};
-        EXPECT_EQ(0, onTerminal ? openpty(&ends[0], &ends[1], nullptr, nullptr, nullptr)
-                                : pipe2(ends, O_CLOEXEC));
+        // Without them nothing would ever come: better an end at once than one by time-outs.
+        if (onTerminal && openpty(&ends[0], &ends[1], nullptr, nullptr, nullptr) != 0)
+            throw std::runtime_error("no pseudo-terminals here: is /dev/pts mounted?");
+        if (!onTerminal) {
+            EXPECT_EQ(0, pipe2(ends, O_CLOEXEC));
+        }
         std::vector<char*> argv;
         for (std::string& word : words)
             argv.push_back(word.data());
@@ -135,6 +140,25 @@ class ProgramsTest : public testing::Test {
         return words;
     }
 
+    /// A copy of the film in which the last cluster of every video file is none.
+    static std::string DamagedFilm() {
+        namespace fs = std::filesystem;
+        const std::string copy = s_folder->File("damaged");
+        fs::copy(s_folder->File("film"), copy);
+        for (const fs::directory_entry& entry : fs::directory_iterator(copy)) {
+            if (entry.path().extension() != ".mkv")
+                continue;
+            std::string bytes = TextOf(entry.path());
+            const size_t cluster = bytes.rfind("\x1F\x43\xB6\x75");
+            EXPECT_NE(std::string::npos, cluster);
+            bytes.replace(cluster, 4, 4, '\0');
+            std::ofstream(entry.path(), std::ios::binary) << bytes;
+        }
+        Program point({OPAL_PACKAGE, "--manifest", copy, "--base-url", "file://" + copy});
+        EXPECT_EQ(0, point.Wait()) << point.err;
+        return "file://" + copy + "/presentation.smil";
+    }
+
     static inline std::unique_ptr<TemporaryDirectory> s_folder;
     static inline std::unique_ptr<origin::Origin> s_origin;
 };
@@ -205,7 +229,16 @@ TEST_F(ProgramsTest, TellHowTheyEndedAndWithWhichCode) {
         {{OPAL_ORIGIN, film, "--trace", "none.json"}, 2, "", "none.json"},
         {{OPAL_ORIGIN, film, "--script", script}, 2, "", "urk"},
         {{OPAL_ORIGIN, film, "--bind", "not-an-address"}, 1, "", "not-an-address"},
+        {{OPAL_ORIGIN, film, "--latency", "-4"}, 2, "", "--latency"},
+        {{"/bin/sh", "-c", OPAL_ORIGIN " --quiet " + film + " >/dev/full"}, 1, "", "output"},
         {Play({"--fly"}), 2, "", "--fly"},
+        {Play({"--frames", "-5"}), 2, "", "--frames"},
+        {Play({"--subtitles", "xx", "--frames", "1"}), 1, "audio: 0 eng; subtitles: ", "'xx'"},
+        {{"/bin/sh", "-c",
+          OPAL_PLAY " --headless --frames 1 " + s_origin->Url("presentation.smil") + " >/dev/full"},
+         1,
+         "",
+         "output"},
         {Play({missing}, false), 1, "", missing + ": the server refuses (status 4xx); check"},
         {Play({"--json", missing + "\xff"}, false), 1, "nothing.smil\xEF\xBF\xBD\"", ""},
         {Play({"--strict", "--frames", "1"}), 3, "", "the end of the stream was not reached"},
@@ -215,6 +248,7 @@ TEST_F(ProgramsTest, TellHowTheyEndedAndWithWhichCode) {
          0, "back at the start", ""},
         {Play({"--pull", "--blocks", blocks, "--json", "--pass-through"}), 0,
          "\"pulledVideoBlocks\": 150,", ""},
+        {Play({"--pull", "--pass-through", DamagedFilm()}, false), 1, "", "(-"},
     };
     for (const auto& [words, code, out, err] : rows) {
         SCOPED_TRACE(testing::PrintToString(words));

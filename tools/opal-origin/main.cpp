@@ -171,14 +171,18 @@ int Serve(const Arguments& arguments, const Script& script) {
     }
     const bool portFileWritten =
         arguments.portFile.empty() || WritePortFile(arguments.portFile, origin.Port());
+    bool told = true;
     if (portFileWritten) {
         std::printf("Serving %s at %s\n", arguments.options.folder.c_str(),
                     origin.Url("/").c_str());
-        std::fflush(stdout);
+        told = std::fflush(stdout) == 0;
     }
     funlockfile(stdout);
     if (!portFileWritten) {
         return Fail(kCannotServe, arguments.portFile + ": cannot be written");
+    }
+    if (!told) {
+        return Fail(kCannotServe, "standard output cannot be written");
     }
     int received = 0;
     while (sigwait(&signals, &received) == 0 && received == SIGUSR1) {

@@ -14,7 +14,7 @@ namespace {
 size_t Width(int fd) {
     winsize size = {};
     constexpr size_t kUsual = 80;
-    return ::ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 1 ? size.ws_col - 1u : kUsual;
+    return ::ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col - 1u : kUsual;
 }
 
 void MoveStandardOutput(const std::string& file) {
@@ -35,6 +35,8 @@ Console::Console(bool quiet, bool leaveLibraryOutput, const std::string& logFile
         throw std::runtime_error("standard output is closed");
     if (!leaveLibraryOutput)
         MoveStandardOutput(logFile);
+    else if (quiet)
+        (void)::dup2(STDERR_FILENO, STDOUT_FILENO);  // what is parsed stays clean
 }
 
 Console::~Console() {
@@ -48,17 +50,21 @@ void Console::ClearProgress() {
     m_progressShown = false;
 }
 
+size_t Console::ProgressWidth() const {
+    return m_terminal ? Width(::fileno(m_out)) : std::string::npos;
+}
+
 void Console::Progress(const std::string& text) {
     if (m_quiet)
         return;
     if (m_terminal) {
         ClearProgress();
-        std::fputs(text.substr(0, Width(::fileno(m_out))).c_str(), m_out);
+        std::fputs(text.substr(0, ProgressWidth()).c_str(), m_out);
         m_progressShown = true;
     } else {
         std::fprintf(m_out, "%s\n", text.c_str());
     }
-    std::fflush(m_out);
+    m_written = std::fflush(m_out) == 0 && m_written;
 }
 
 void Console::Line(const std::string& text) {
@@ -69,7 +75,7 @@ void Console::Line(const std::string& text) {
 void Console::Print(const std::string& text) {
     ClearProgress();
     std::fputs(text.c_str(), m_out);
-    std::fflush(m_out);
+    m_written = std::fflush(m_out) == 0 && m_written;
 }
 
 void Console::Error(const std::string& text) {

@@ -19,11 +19,15 @@ class Console {
 
     /// How often a progress line is of use.
     int64_t ProgressIntervalMs() const { return m_terminal ? 100 : 1000; }
+    /// Room for a progress line.
+    size_t ProgressWidth() const;
     /// On a terminal the line replaces the one before.
     void Progress(const std::string& text);
     /// Something that happened.
     void Line(const std::string& text);
     void Print(const std::string& text);
+    /// Whether all that was printed could be written.
+    bool AllWritten() const { return m_written; }
     /// To standard error, with the program's name before it.
     void Error(const std::string& text);
 
@@ -34,6 +38,7 @@ class Console {
     FILE* m_out;
     bool m_terminal;
     bool m_progressShown = false;
+    bool m_written = true;
 };
 
 }  // namespace opal::play

@@ -27,7 +27,26 @@ void NetworkMeter::Read(const std::string& message) {
     } else if (NumberBehind(message, " bandwidth.effective=", value) && value > 0) {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_figures.linkBitsPerSecond = value;
+    } else if (!ReadFailure(message, "cannot open ", false)) {
+        (void)ReadFailure(message, "cannot read header and index of ", true);
     }
+}
+
+bool NetworkMeter::ReadFailure(const std::string& message, const char* words, bool found) {
+    const size_t length = std::char_traits<char>::length(words);
+    const size_t colon = message.rfind(": ");
+    if (message.compare(0, length, words) != 0 || colon == std::string::npos || colon <= length)
+        return false;
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_failure.url = message.substr(length, colon - length);
+    m_failure.code = std::strtoll(message.c_str() + colon + 2, nullptr, 10);
+    m_failure.found = found;
+    return true;
+}
+
+MediaFailure NetworkMeter::Failure() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_failure;
 }
 
 NetworkFigures NetworkMeter::Figures() const {

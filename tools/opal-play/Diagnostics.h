@@ -16,15 +16,27 @@ struct NetworkFigures {
     int64_t linkBitsPerSecond = 0;  ///< the library's own estimate, 0 while it has none
 };
 
+/// A media file that the library could not use.
+struct MediaFailure {
+    std::string url;
+    int64_t code = 0;    ///< 0: none
+    bool found = false;  ///< the file was opened; its header or index is at fault
+};
+
 /// Reads the loggers' messages. Any thread.
 class NetworkMeter {
   public:
     void Read(const std::string& message);
     NetworkFigures Figures() const;
+    /// The last one.
+    MediaFailure Failure() const;
 
   private:
+    bool ReadFailure(const std::string& message, const char* words, bool found);
+
     mutable std::mutex m_mutex;
     NetworkFigures m_figures;
+    MediaFailure m_failure;
 };
 
 /// An appender for the library's loggers that feeds a meter.

@@ -16,8 +16,9 @@ namespace {
 constexpr const char* kFooter =
     "TIME is seconds (12.5), 1500ms, 1:20 or 1:02:03.\n"
     "Keys on a terminal: space pauses and resumes; left and right jump by 10 s; up and down change "
-    "the rate;\n0 to 9 jump to that tenth; a takes the next audio track; s makes a snapshot; q "
-    "quits.\n"
+    "the rate;\n0 to 9 jump to that tenth; a takes the next audio track; s the next subtitles, and "
+    "off; "
+    "p makes a snapshot; q quits.\n"
     "Exit codes: 0 played to the end, to a limit given, or until q; 1 the library reported an "
     "error, or a\nfile could not be written; 2 wrong command line; 3 --strict found a fault; 4 "
     "ended by a signal.";
@@ -47,6 +48,10 @@ int64_t ParseTrack(const std::string& text, const std::string& whole, bool mayBe
     return std::stoi(text);
 }
 
+bool IsLanguage(const std::string& text) {
+    return text.size() >= 2 && std::isalpha(static_cast<unsigned char>(text[0])) != 0;
+}
+
 struct Words {
     std::vector<std::string> actions;
     std::string start, limit, snapshots, audio = "0", subtitle = "off";
@@ -68,9 +73,11 @@ void Declare(CLI::App& app, Options& options, Words& words) {
                    "pause, play, stop, audio=N, subtitle=N, subtitle=off, snapshot, quit");
     app.add_option("--start", words.start, "Begin at TIME");
     app.add_option("--time-limit", words.limit, "End after TIME from the program's start");
-    app.add_option("--frames", options.pictureLimit, "End when so many pictures were shown");
+    app.add_option("--frames", options.pictureLimit, "End when so many pictures were shown")
+        ->check(CLI::NonNegativeNumber);
     app.add_option("--audio-track", words.audio, "Audio track to begin with");
-    app.add_option("--subtitle-track", words.subtitle, "Subtitle track to begin with, or off");
+    app.add_option("--subtitles,--subtitle-track", words.subtitle,
+                   "Subtitles to begin with: a track's number, a language as eng, or off");
     app.add_option("--country", options.country, "Given to the library")->capture_default_str();
     app.add_option("--language", options.language, "Given to the library")->capture_default_str();
     app.add_flag("--pull", options.pull, "Fetch each block through the library's pull model");
@@ -113,7 +120,10 @@ void Complete(Options& options, const Words& words, bool display) {
     options.startMs = words.start.empty() ? 0 : ParseTime(words.start);
     options.timeLimitMs = words.limit.empty() ? 0 : ParseTime(words.limit);
     options.audioTrack = ParseTrack(words.audio, words.audio, false);
-    options.subtitleTrack = ParseTrack(words.subtitle, words.subtitle, true);
+    if (words.subtitle != "off" && IsLanguage(words.subtitle))
+        options.subtitleLanguage = words.subtitle;
+    else
+        options.subtitleTrack = ParseTrack(words.subtitle, words.subtitle, true);
     options.snapshotsAtMs = ParseTimes(words.snapshots);
     if (options.url.empty() == options.ticket.empty())
         throw UsageError("give the URL of a manifest, or --ticket");

@@ -32,7 +32,8 @@ struct Options {
     uint64_t pictureLimit = 0;
     int64_t audioTrack = 0;
     int64_t subtitleTrack = -1;
-    std::vector<Action> actions;  ///< by time
+    std::string subtitleLanguage;  ///< if not empty: the first track of it instead
+    std::vector<Action> actions;   ///< by time
     std::string snapshotFolder;
     std::vector<int64_t> snapshotsAtMs;  ///< media times, rising
     std::string logFile;                 ///< of the session's log events; empty: none

@@ -1,6 +1,7 @@
 #include "opal-play/Player.h"
 
 #include <algorithm>
+#include <cstdlib>
 
 #include "Common/logging/Logger.h"
 #include "TvSet.h"
@@ -12,10 +13,11 @@ namespace opal::play {
 namespace {
 
 constexpr int kTurnMs = 20;
-constexpr const char* kLoggers[] = {"opal.StreamingController", "opal.BandwidthMonitor"};
+constexpr const char* kLoggers[] = {"opal.StreamingController", "opal.BandwidthMonitor",
+                                    "opal.StreamingReader"};
 constexpr int64_t kKeyJumpMs = 10000;
 // The listener hears of the end up to half a second before the last picture.
-constexpr int64_t kTailQuietMs = 300;
+constexpr int64_t kTailQuietMs = 500;
 constexpr int64_t kTailLimitMs = 2000;
 
 OPALWriterModel Model(const Options& options) {
@@ -78,7 +80,10 @@ int Player::Run() {
     m_console.Print(m_options.json ? SummaryJson(summary) : SummaryText(summary));
     for (const std::string& fault : summary.faults)
         m_console.Error(m_options.url + ": " + fault);
-    return ExitCodeOf(summary);
+    if (m_console.AllWritten())
+        return ExitCodeOf(summary);
+    m_console.Error("standard output cannot be written");
+    return kExitError;
 }
 
 /// The figures of the network are in no operation of the library, but its loggers tell them.
@@ -133,6 +138,7 @@ void Player::Turn() {
         Finish(Outcome::Signal);
     if (m_finished)
         return;
+    Account();
     CheckFirstPicture();
     TakeSnapshots();
     PerformDueActions();
@@ -161,7 +167,7 @@ void Player::Handle(const Notice& notice) {
         case Kind::Opened:
             return HandleOpened(static_cast<OPALError>(notice.value));
         case Kind::Failed:
-            return Fail(notice.text + ": " + ErrorText(static_cast<OPALError>(notice.value)));
+            return Fail(notice.text + ": " + WhyText(static_cast<OPALError>(notice.value)));
         case Kind::Play:
         case Kind::Rate:
             return HandlePlaying(static_cast<OPALPlayRate>(notice.value));
@@ -183,6 +189,7 @@ void Player::Handle(const Notice& notice) {
         case Kind::Underflow:
             ++m_underflows;
             m_state = State::Buffering;
+            m_starved = true;
             m_pace.Interrupt();
             return m_console.Line("underflow at " + TimeText(PositionMs()));
         case Kind::Level:
@@ -193,7 +200,7 @@ void Player::Handle(const Notice& notice) {
             return m_console.Line("subtitle at " + TimeText(notice.value) + ": " + notice.text);
         case Kind::Error: {
             const OPALError code = static_cast<OPALError>(notice.value);
-            Fail(notice.text.empty() ? ErrorText(code) : notice.text + ": " + ErrorText(code));
+            Fail(notice.text.empty() ? WhyText(code) : notice.text + ": " + WhyText(code));
             if (code != OPAL_ERROR_AUDIO_UNSUPPORTED)
                 Finish(Outcome::Error);
             return;
@@ -205,7 +212,7 @@ void Player::HandleOpened(OPALError code) {
     if (code != OPAL_OK) {
         // A reader's failure may have been told already, with the same code.
         if (m_errors.empty())
-            Fail(ErrorText(code));
+            Fail(WhyText(code));
         return Finish(Outcome::Error);
     }
     m_opened = true;
@@ -217,16 +224,62 @@ void Player::HandleOpened(OPALError code) {
     }
     if (m_state == State::Opening)
         Jumped(m_options.startMs, State::Buffering);
+    ListTracks();
     if (m_options.pull)
-        m_pull.Start(*m_controller);
+        m_pull.Start(*m_controller, [this](OPALError failure) {
+            Notice notice;
+            notice.kind = Notice::Kind::Error;
+            notice.value = failure;
+            notice.text = "pulling a block";
+            m_listener.Post(std::move(notice));
+        });
     if (m_options.audioTrack > 0)
         Perform({0, Action::Kind::Audio, m_options.audioTrack});
-    if (m_options.subtitleTrack >= 0)
-        Perform({0, Action::Kind::Subtitle, m_options.subtitleTrack});
+    ChooseSubtitles();
+}
+
+void Player::ListTracks() {
+    std::string audio;
+    for (size_t i = 0; i < m_controller->GetAudioTrackCount(); ++i) {
+        AudioTrackInfo info;
+        (void)m_controller->GetAudioTrackInfo(i, info);
+        audio += (i == 0 ? " " : ", ") + std::to_string(i) + ' ' + info.language;
+    }
+    std::string subtitles;
+    for (size_t i = 0; i < m_controller->GetSubtitleTrackCount(); ++i) {
+        SubtitleTrackInfo info;
+        (void)m_controller->GetSubtitleTrackInfo(i, info);
+        subtitles += (i == 0 ? " " : ", ") + std::to_string(i) + ' ' + info.language;
+        m_subtitles.push_back(info.language);
+    }
+    m_console.Line("audio:" + (audio.empty() ? " none" : audio) +
+                   "; subtitles:" + (subtitles.empty() ? " none" : subtitles));
+}
+
+void Player::ChooseSubtitles() {
+    int64_t track = m_options.subtitleTrack;
+    const std::string& wanted = m_options.subtitleLanguage;
+    if (!wanted.empty()) {
+        // "en" is "eng" as well.
+        const auto found = std::find_if(
+            m_subtitles.begin(), m_subtitles.end(), [&wanted](const std::string& language) {
+                const size_t length = std::min(wanted.size(), language.size());
+                return length >= 2 && wanted.compare(0, length, language, 0, length) == 0;
+            });
+        if (found == m_subtitles.end())
+            return Fail("no subtitles in '" + wanted + "'");
+        track = found - m_subtitles.begin();
+    }
+    if (track >= 0)
+        Perform({0, Action::Kind::Subtitle, track});
 }
 
 void Player::HandlePlaying(OPALPlayRate rate) {
+    if (m_pauseWanted)  // rebuffering is over, and goes on playing by itself
+        Submit("pause", [this] { return m_controller->Pause(); });
     m_rate = rate;
+    m_starved = false;
+    m_positionTold = false;
     m_state = rate == OPAL_PLAYRATE_ONEX ? State::Playing : State::Trick;
     m_snapshots.SetLive(m_state == State::Playing);
     m_pull.SetSpeed(RateSpeed(rate));
@@ -254,6 +307,7 @@ void Player::HandlePosition(const Notice& notice) {
         return;  // of before a jump
     m_positionMs = notice.value;
     m_positionAtMs = MonotonicMs();
+    m_positionTold = true;
     if (notice.level < m_levels.size())
         m_level = notice.level;
     if (m_state == State::Playing)
@@ -292,7 +346,10 @@ void Player::HandleKey(const KeyPress& press) {
     else if (c == 'a' && tracks > 0)
         Perform({0, Kind::Audio,
                  static_cast<int64_t>((m_controller->GetCurrentAudioTrack() + 1) % tracks)});
-    else if (c == 's' && !m_options.snapshotFolder.empty())
+    else if (c == 's' && !m_subtitles.empty())
+        Perform({0, Kind::Subtitle,
+                 m_subtitle + 1 < static_cast<int64_t>(m_subtitles.size()) ? m_subtitle + 1 : -1});
+    else if (c == 'p' && !m_options.snapshotFolder.empty())
         Perform({0, Kind::Snapshot, 0});
 }
 
@@ -305,17 +362,22 @@ void Player::Perform(const Action& action) {
         case Kind::Rate:
             return SetRate(static_cast<OPALPlayRate>(action.value));
         case Kind::Pause:
+            m_pauseWanted = true;
             return Submit("pause", [this] { return m_controller->Pause(); });
         case Kind::Play:
+            m_pauseWanted = false;
             m_state = State::Buffering;
             return Submit("play", [this] { return m_controller->Play(); });
         case Kind::Stop:
+            m_jumped = true;
             return Submit("stop", [this] { return m_controller->Stop(); });
         case Kind::Audio:
+            m_jumped = true;
             return Submit("audio track " + std::to_string(action.value), [this, action] {
                 return m_controller->SetAudioTrack(static_cast<size_t>(action.value));
             });
         case Kind::Subtitle:
+            m_subtitle = action.value;
             return Submit("subtitle track " + std::to_string(action.value), [this, action] {
                 return m_controller->SetSubtitleTrack(static_cast<size_t>(action.value));
             });
@@ -354,6 +416,9 @@ void Player::SetRate(OPALPlayRate rate) {
 /// The position is what was asked for until the library tells where it landed.
 void Player::Jumped(int64_t positionMs, State state) {
     m_snapshots.SetLive(false);
+    m_jumped = m_jumped || m_state != State::Opening || positionMs > 0;
+    m_pauseWanted = false;
+    m_starved = false;
     m_state = state;
     m_positionMs = positionMs;
     m_positionAtMs = MonotonicMs();
@@ -399,7 +464,7 @@ void Player::CheckTail() {
         m_tailSinceMs = now;
         m_positionMs = std::max<int64_t>(m_positionMs, set.shownPts);
     }
-    const bool quiet = now - m_tailSinceMs >= kTailQuietMs;
+    const bool quiet = set.firstPictureMs >= 0 && now - m_tailSinceMs >= kTailQuietMs;
     if ((quiet || now - m_endedMs >= kTailLimitMs) && m_nextAction >= m_options.actions.size())
         Finish(Outcome::EndOfStream);
 }
@@ -408,6 +473,19 @@ void Player::TakeSnapshots() {
     std::string error;
     if (!m_snapshots.TakeDue(error))
         Fail(error);
+}
+
+void Player::Account() {
+    Viewing::State state = Viewing::State::Other;
+    if (m_state == State::Playing || m_state == State::Trick)
+        state = Viewing::State::Watching;
+    else if (m_state == State::Buffering && m_starved)
+        state = Viewing::State::Stalled;
+    m_viewing.Account(MonotonicMs(), state, m_level);
+}
+
+std::string Player::WhyText(OPALError code) const {
+    return ErrorText(code, m_meter->Failure());
 }
 
 std::string Player::StateText() const {
@@ -431,14 +509,14 @@ std::string Player::StateText() const {
 }
 
 /// The library reports once a second. At 1x the picture on the screen tells more exactly, once one
-/// came after the last jump; otherwise the position moves with the rate.
+/// came after the last jump; otherwise the position moves with the rate from the report on.
 int64_t Player::PositionMs() const {
     if (m_state == State::Playing) {
         const tvset::Statistics set = tvset::GetStatistics();
         if (set.framesShown > m_picturesBefore)
             return set.shownPts;
     }
-    if (m_state != State::Playing && m_state != State::Trick)
+    if (!m_positionTold || (m_state != State::Playing && m_state != State::Trick))
         return m_positionMs;
     const int64_t moved = (MonotonicMs() - m_positionAtMs) * RateSpeed(m_rate);
     return std::clamp<int64_t>(m_positionMs + moved, 0, std::max(m_durationMs, m_positionMs));
@@ -460,7 +538,13 @@ void Player::ShowProgress() {
     if (m_opened)
         (void)m_controller->GetBufferedDuration(OPAL_STREAM_VIDEO, status.bufferedMs);
     status.linkBitsPerSecond = m_meter->Figures().linkBitsPerSecond;
-    m_console.Progress(ProgressText(status));
+    status.clusters = m_meter->Figures().clusters;
+    const int speed = RateSpeed(m_rate);
+    if (m_opened && speed != 0)
+        status.leftMs = std::max<int64_t>(
+            (speed > 0 ? m_durationMs - status.positionMs : status.positionMs) / std::abs(speed),
+            0);
+    m_console.Progress(ProgressText(status, m_console.ProgressWidth()));
 }
 
 Summary Player::Summarise() const {
@@ -474,6 +558,13 @@ Summary Player::Summarise() const {
     summary.durationMs = m_durationMs;
     summary.realMs = m_endedMs - m_startedMs;
     summary.pace = m_pace.Value();
+    summary.jumped = m_jumped;
+    summary.stalledMs = m_viewing.StalledMs();
+    summary.levels = m_levels;
+    summary.watchedMs = m_viewing.WatchedMs();
+    summary.videoUnits = set.videoUnitsPushed;
+    summary.audioUnits = set.audioUnitsPushed;
+    summary.lastShownMs = set.shownPts;
     summary.framesDecoded = set.framesDecoded;
     summary.framesShown = set.framesShown;
     summary.framesDropped = set.framesDropped;

@@ -14,6 +14,7 @@
 #include "opal-play/PullLoop.h"
 #include "opal-play/Report.h"
 #include "opal-play/Snapshots.h"
+#include "opal-play/Viewing.h"
 
 namespace opal::play {
 
@@ -44,6 +45,8 @@ class Player {
 
     void Handle(const Notice& notice);
     void HandleOpened(OPALError code);
+    void ListTracks();
+    void ChooseSubtitles();
     void HandlePlaying(OPALPlayRate rate);
     void HandleLevel(const Notice& notice);
     void HandlePosition(const Notice& notice);
@@ -60,8 +63,10 @@ class Player {
     bool MoreToCome() const;
     void ShowProgress();
     void TakeSnapshots();
+    void Account();
 
     void Fail(const std::string& text);
+    std::string WhyText(OPALError code) const;
     std::string StateText() const;
     int64_t PositionMs() const;
     Summary Summarise() const;
@@ -91,8 +96,15 @@ class Player {
     int64_t m_durationMs = 0;
     int64_t m_positionMs = 0;       ///< last known ...
     int64_t m_positionAtMs = 0;     ///< ... at this time
+    bool m_positionTold = false;    ///< by the library, since playback last started
     uint64_t m_picturesBefore = 0;  ///< shown before playback last started
     Pace m_pace;
+    Viewing m_viewing;
+    bool m_pauseWanted = false;            ///< the user's last word was to pause
+    bool m_starved = false;                ///< playback stands for want of data
+    bool m_jumped = false;                 ///< not played straight through
+    std::vector<std::string> m_subtitles;  ///< languages of the tracks
+    int64_t m_subtitle = -1;               ///< track asked for
     size_t m_level = static_cast<size_t>(-1);
     std::vector<Level> m_levels;
     bool m_levelTold = false;

@@ -36,7 +36,8 @@ PullLoop::~PullLoop() {
     Stop();
 }
 
-void PullLoop::Start(IStreamingController& controller) {
+void PullLoop::Start(IStreamingController& controller, std::function<void(OPALError)> failed) {
+    m_failed = std::move(failed);
     m_thread = std::thread([this, &controller] { Run(controller); });
 }
 
@@ -99,8 +100,15 @@ bool PullLoop::PullOne(IStreamingController& controller, Pull pull, const char* 
     int64_t duration = 0;
     uint32_t level = 0;
     uint32_t flags = 0;
-    if ((controller.*pull)(data, time, duration, level, flags) != OPAL_OK)
-        return false;  // nothing yet, the end, or a failure that the listener hears of
+    const OPALError code = (controller.*pull)(data, time, duration, level, flags);
+    if (code != OPAL_OK) {
+        // Nothing yet and the end are no failures, nor is a session that opens, jumps or ends.
+        if (IsFatalError(code) && code != OPAL_ERROR_NOT_READY && code != OPAL_ERROR_TERMINATED) {
+            m_stop = true;
+            m_failed(code);
+        }
+        return false;
+    }
     timeMs = time;
     if (m_blocks.is_open()) {
         boost::crc_32_type crc;

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <thread>
 
@@ -21,7 +22,8 @@ class PullLoop {
     PullLoop(const PullLoop&) = delete;
     PullLoop& operator=(const PullLoop&) = delete;
 
-    void Start(IStreamingController& controller);
+    /// `failed` is called on the thread, at most once, with a code that no further pull can mend.
+    void Start(IStreamingController& controller, std::function<void(OPALError)> failed);
     void Stop();
     void SetSpeed(int speed) { m_speed = speed; }
     uint64_t VideoBlocks() const { return m_videoBlocks; }
@@ -37,6 +39,7 @@ class PullLoop {
     bool VideoIsDue() const;
 
     std::thread m_thread;
+    std::function<void(OPALError)> m_failed;
     std::ofstream m_blocks;
     std::atomic<bool> m_stop{false};
     std::atomic<int> m_speed{1};

@@ -13,6 +13,10 @@ constexpr double kLeastShown = 0.95;
 constexpr double kSlowest = 0.9;
 constexpr double kFastest = 1.1;
 constexpr int64_t kShortMs = 5000;
+/// From so many clusters on, a link without an estimate is one that cannot be measured.
+constexpr uint64_t kTellingClusters = 3;
+/// Picture and sound of a film may end this far apart.
+constexpr int64_t kEndMs = 1000;
 
 const char* OutcomeText(Outcome outcome) {
     switch (outcome) {
@@ -47,6 +51,33 @@ double Seconds(int64_t ms) {
 
 unsigned long long Wide(uint64_t value) {
     return value;
+}
+
+/// Downloads under a millisecond give the library no estimate, and without one it stays where it
+/// is.
+std::string LinkText(const Summary& summary) {
+    if (summary.network.linkBitsPerSecond > 0)
+        return BitrateText(summary.network.linkBitsPerSecond);
+    if (summary.network.clusters < kTellingClusters)
+        return "not measured";
+    const bool low = summary.watchedMs.size() <= 1 && summary.levels.size() > 1;
+    return std::string("too fast to measure") +
+           (low ? ", which keeps the level down; serve with a rate and a latency" : "");
+}
+
+std::string WatchedText(const Summary& summary) {
+    std::string text = Format("\nstalled: %.1f s", Seconds(summary.stalledMs));
+    const char* separator = "; watched: ";
+    for (size_t i = 0; i < summary.watchedMs.size() && i < summary.levels.size(); ++i) {
+        if (summary.watchedMs[i] == 0)
+            continue;
+        text += Format("%s%.1f s of %ux%u", separator, Seconds(summary.watchedMs[i]),
+                       summary.levels[i].width, summary.levels[i].height);
+        separator = ", ";
+    }
+    if (const int64_t mean = MeanBitrate(summary))
+        text += "; on average " + BitrateText(mean);
+    return text;
 }
 
 }  // namespace
@@ -98,18 +129,47 @@ std::string ErrorText(OPALError code) {
     return "the library reports error " + std::to_string(code);
 }
 
-std::string ProgressText(const Status& status) {
-    std::string text =
-        Format("%-9s %s / %s", status.state.c_str(), TimeText(status.positionMs).c_str(),
-               TimeText(status.durationMs).c_str());
-    if (status.level < status.levelCount) {
-        text += Format("  level %zu/%zu %ux%u %s", status.level + 1, status.levelCount,
-                       status.levelInfo.width, status.levelInfo.height,
-                       BitrateText(status.levelInfo.bitrate).c_str());
+std::string ErrorText(OPALError code, const MediaFailure& failure) {
+    if (failure.code != code || code == OPAL_OK)
+        return ErrorText(code);
+    if (!failure.found)
+        return failure.url + ": " + ErrorText(code);
+    const bool content = code == OPAL_ERROR_GENERAL || code == OPAL_ERROR_INVALID_ARGUMENT ||
+                         code == OPAL_ERROR_OUT_OF_RANGE;
+    return failure.url + ": its header or index " +
+           (content ? "is damaged, or does not match the manifest (" + std::to_string(code) + ")"
+                    : "cannot be read: " + ErrorText(code));
+}
+
+int64_t MeanBitrate(const Summary& summary) {
+    int64_t bitMs = 0;
+    int64_t ms = 0;
+    for (size_t i = 0; i < summary.watchedMs.size() && i < summary.levels.size(); ++i) {
+        bitMs += summary.watchedMs[i] * summary.levels[i].bitrate;
+        ms += summary.watchedMs[i];
     }
-    text += Format("  buffer %.1f s", Seconds(status.bufferedMs));
+    return ms > 0 ? bitMs / ms : 0;
+}
+
+std::string ProgressText(const Status& status, size_t width) {
+    std::vector<std::string> parts;
+    parts.push_back(Format("%-9s %s / %s", status.state.c_str(),
+                           TimeText(status.positionMs).c_str(),
+                           TimeText(status.durationMs).c_str()));
+    if (status.leftMs >= 0)
+        parts.push_back(TimeText(status.leftMs) + " left");
+    if (status.level < status.levelCount)
+        parts.push_back(Format("level %zu/%zu %ux%u %s", status.level + 1, status.levelCount,
+                               status.levelInfo.width, status.levelInfo.height,
+                               BitrateText(status.levelInfo.bitrate).c_str()));
+    parts.push_back(Format("buffer %.1f s", Seconds(status.bufferedMs)));
     if (status.linkBitsPerSecond > 0)
-        text += "  link " + BitrateText(status.linkBitsPerSecond);
+        parts.push_back("link " + BitrateText(status.linkBitsPerSecond));
+    else if (status.clusters >= kTellingClusters && status.level == 0 && status.levelCount > 1)
+        parts.push_back("link too fast to measure");
+    std::string text = parts.front().substr(0, width);
+    for (size_t i = 1; i < parts.size() && text.size() + 2 + parts[i].size() <= width; ++i)
+        text += "  " + parts[i];
     return text;
 }
 
@@ -128,11 +188,9 @@ std::string SummaryText(const Summary& summary) {
     text += Format("\nsound: %.1f s; underflows: %llu; level changes: %llu",
                    Seconds(static_cast<int64_t>(summary.audioPlayedMs)), Wide(summary.underflows),
                    Wide(summary.levelChanges));
+    text += WatchedText(summary);
     text += Format("\nnetwork: %llu clusters, %.2f MB; link %s", Wide(summary.network.clusters),
-                   static_cast<double>(summary.network.bytes) / 1e6,
-                   summary.network.linkBitsPerSecond > 0
-                       ? BitrateText(summary.network.linkBitsPerSecond).c_str()
-                       : "not measured");
+                   static_cast<double>(summary.network.bytes) / 1e6, LinkText(summary).c_str());
     if (summary.pull)
         text += Format("\npulled: %llu video blocks, %llu audio blocks",
                        Wide(summary.pulledVideoBlocks), Wide(summary.pulledAudioBlocks));
@@ -164,6 +222,15 @@ std::string SummaryJson(const Summary& summary) {
     json["clusters"] = summary.network.clusters;
     json["clusterBytes"] = summary.network.bytes;
     json["linkBitsPerSecond"] = summary.network.linkBitsPerSecond;
+    json["link"] = LinkText(summary);
+    json["stalledMs"] = summary.stalledMs;
+    json["meanBitrate"] = MeanBitrate(summary);
+    json["levels"] = nlohmann::ordered_json::array();
+    for (size_t i = 0; i < summary.levels.size(); ++i)
+        json["levels"].push_back({{"bitrate", summary.levels[i].bitrate},
+                                  {"width", summary.levels[i].width},
+                                  {"height", summary.levels[i].height},
+                                  {"ms", i < summary.watchedMs.size() ? summary.watchedMs[i] : 0}});
     if (summary.pull) {
         json["pulledVideoBlocks"] = summary.pulledVideoBlocks;
         json["pulledAudioBlocks"] = summary.pulledAudioBlocks;
@@ -190,6 +257,19 @@ std::vector<std::string> FindFaults(const Summary& summary) {
     else if (shown <= kLeastShown * static_cast<double>(summary.framesDecoded))
         faults.push_back(Format("only %llu of %llu pictures were shown", Wide(summary.framesShown),
                                 Wide(summary.framesDecoded)));
+    if (summary.outcome != Outcome::EndOfStream || summary.jumped || summary.pull)
+        return faults;
+    const uint64_t met = summary.framesShown + summary.framesDropped;
+    if (met < summary.videoUnits)
+        faults.push_back(Format("%llu of %llu pictures never reached the screen",
+                                Wide(summary.videoUnits - met), Wide(summary.videoUnits)));
+    if (summary.lastShownMs + kEndMs < summary.durationMs)
+        faults.push_back("the last picture was that of " + TimeText(summary.lastShownMs) + " of " +
+                         TimeText(summary.durationMs));
+    if (summary.audioUnits > 0 &&
+        static_cast<int64_t>(summary.audioPlayedMs) + kEndMs < summary.durationMs)
+        faults.push_back(Format("only %.1f s of sound were heard",
+                                Seconds(static_cast<int64_t>(summary.audioPlayedMs))));
     return faults;
 }
 

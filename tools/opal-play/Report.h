@@ -33,8 +33,10 @@ struct Status {
     size_t level = static_cast<size_t>(-1);  ///< (size_t)-1: not known
     size_t levelCount = 0;
     Level levelInfo;
+    int64_t leftMs = -1;  ///< real time to the end at this rate; negative: not known
     int64_t bufferedMs = 0;
     int64_t linkBitsPerSecond = 0;
+    uint64_t clusters = 0;
 };
 
 struct Snapshot {
@@ -52,6 +54,13 @@ struct Summary {
     int64_t durationMs = 0;
     int64_t realMs = 0;
     double pace = 0;
+    bool jumped = false;  ///< not played straight through: what was pushed may rightly not be shown
+    int64_t stalledMs = 0;
+    std::vector<Level> levels;
+    std::vector<int64_t> watchedMs;  ///< by level, as far as there was any
+    uint64_t videoUnits = 0;         ///< that the set was given
+    uint64_t audioUnits = 0;
+    int64_t lastShownMs = 0;
     uint64_t framesDecoded = 0;
     uint64_t framesShown = 0;
     uint64_t framesDropped = 0;
@@ -73,8 +82,13 @@ std::string TimeText(int64_t ms);
 std::string BitrateText(int64_t bitsPerSecond);
 /// What an error of the library means and what can be done, for a person.
 std::string ErrorText(OPALError code);
+/// The same where a media file is the cause: names it.
+std::string ErrorText(OPALError code, const MediaFailure& failure);
+/// Bits per second over the time watched; 0 where none was.
+int64_t MeanBitrate(const Summary& summary);
 
-std::string ProgressText(const Status& status);
+/// As many of its parts as fit into `width` bytes.
+std::string ProgressText(const Status& status, size_t width);
 std::string SummaryText(const Summary& summary);
 std::string SummaryJson(const Summary& summary);
 

@@ -21,13 +21,19 @@ uint64_t RandomSeed() {
     return (static_cast<uint64_t>(device()) << 32) | device();
 }
 
+/// "localhost" is the one name that needs no resolver.
+asio::ip::address AddressOf(const std::string& text) {
+    return text == "localhost" ? asio::ip::address(asio::ip::address_v4::loopback())
+                               : asio::ip::make_address(text);
+}
+
 }  // namespace
 
 Server::Server(const OriginOptions& options, uint16_t port, State& state, const Content& content)
     : m_options(options),
       m_state(state),
       m_content(content),
-      m_acceptor(m_io, asio::ip::tcp::endpoint(asio::ip::make_address(options.address), port)),
+      m_acceptor(m_io, asio::ip::tcp::endpoint(AddressOf(options.address), port)),
       m_acceptTimer(m_io),
       m_linkTimer(m_io),
       m_port(m_acceptor.local_endpoint().port()),
