@@ -55,9 +55,10 @@
 /// Errors: see OPALError. Once a session was terminated by an error, operations answer that error
 /// until a Finalize and a fresh Initialize... .
 /// Environment: settings files and "log4cxx.properties" are read from the working directory.
-/// SIGPIPE is set to a handler that does nothing. Initialize... prints the version, and the
-/// platform adapter what it does, to standard output. Compatibility: the order of the operations is
-/// the vtable's and so the ABI; new operations come last or in interfaces of their own.
+/// SIGPIPE is set to a handler that does nothing, and the C library's limit above which a block of
+/// memory is mapped by itself stays at 128 KiB. Initialize... prints the version, and the platform
+/// adapter what it does, to standard output. Compatibility: the order of the operations is the
+/// vtable's and so the ABI; new operations come last or in interfaces of their own.
 class IStreamingController {
   public:
     virtual ~IStreamingController() = default;

@@ -125,6 +125,18 @@ TEST_F(SwitchingControllerTest, SteadyModeEndsWithAnyDropAndIsOffWhenDisabled) {
     }
 }
 
+TEST_F(SwitchingControllerTest, LevelsWithoutARateDoNotHoldPlaybackUp) {
+    SwitchingSession none({0, -5, 0});
+    EXPECT_EQ(none.Begin(), 0);
+    EXPECT_EQ(none.Video(250000, 400, 2000), 0);
+    EXPECT_TRUE(none.controller->IsVideoBuffered());
+    SwitchingSession some({0, 500000, 1000000});
+    EXPECT_EQ(some.Begin(), 1) << "the lowest that has one";
+    for (int i = 0; i < 4; ++i)
+        EXPECT_GE(some.Video(250000, 400, 4000), 1);
+    EXPECT_TRUE(some.controller->IsVideoBuffered());
+}
+
 TEST_F(SwitchingControllerTest, APeriodThatBeganInTheFutureIsOver) {
     for (bool setBack : {false, true}) {
         AlgorithmConfig::Global global = BuiltIn();

@@ -1,3 +1,5 @@
+#include <malloc.h>
+
 #include "PlatformAdapter/Mstar/HABArch.h"
 #include "StreamingController/ControllerFixture.h"
 #include "support/ScaledClock.h"
@@ -142,6 +144,20 @@ TEST_F(ShutdownTest, FinalizeAtAnyMomentLeavesNothing) {
     }
     done = true;
 }
+
+// Figures of the allocator; a sanitizer brings one of its own.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST_F(ShutdownTest, BlocksOfAClustersSizeGoBackToTheSystem) {
+    constexpr size_t kCluster = 2 << 20;
+    void* volatile cluster = std::malloc(8 * kCluster);  // else the compiler leaves it out
+    std::free(cluster);
+    const size_t before = mallinfo2().hblkhd;
+    cluster = std::malloc(kCluster);
+    EXPECT_GE(mallinfo2().hblkhd, before + kCluster) << "mapped by itself";
+    std::free(cluster);
+    EXPECT_EQ(mallinfo2().hblkhd, before);
+}
+#endif
 
 TEST_F(ShutdownTest, AListenerMayCallBackAndThrowButNotFinalize) {
     Serve({});

@@ -111,7 +111,7 @@ class FakeHTTPFile : public IHTTPFile {
         Lock lock = Turn(false);
         if (m_bytes || IsRaised(m_stop))
             return m_bytes ? OPAL_ERROR_NOT_READY : OPAL_ERROR_CANCELLED;
-        m_opening = true;
+        const Busy opening(*this, m_opening);
         const auto request = std::make_shared<FakeRequest>(FakeRequest{url, true, {}});
         OPALError result = Suffer(lock, *m_server->Strike(request));
         const auto found = m_server->m_files.find(url);
@@ -124,8 +124,6 @@ class FakeHTTPFile : public IHTTPFile {
             m_url = url;
             ++m_server->m_openFiles;
         }
-        m_opening = false;
-        m_server->m_changed.notify_all();
         return request->result = result;
     }
 
@@ -150,7 +148,7 @@ class FakeHTTPFile : public IHTTPFile {
         OPALError result = Status() == OPAL_OK ? CheckRanges(ranges) : Status();
         if (result != OPAL_OK)
             return result;
-        m_reading = true;
+        const Busy reading(*this, m_reading);
         m_pending.emplace_back(ranges, notify);
         m_pending.front().MarkStart();
         const auto request = std::make_shared<FakeRequest>(
@@ -174,9 +172,6 @@ class FakeHTTPFile : public IHTTPFile {
             numbers.Notify();
             lock.lock();
         }
-        m_pending.clear();
-        m_reading = false;
-        m_server->m_changed.notify_all();
         return result;
     }
 
@@ -232,6 +227,23 @@ class FakeHTTPFile : public IHTTPFile {
 
   private:
     using Lock = std::unique_lock<std::mutex>;
+
+    /// An Open or a read that runs, with the lock held where it ends; it may end by an exception.
+    class Busy {
+      public:
+        Busy(FakeHTTPFile& file, bool& flag) : m_file(file), m_flag(flag) { m_flag = true; }
+        ~Busy() {
+            m_file.m_pending.clear();
+            m_flag = false;
+            m_file.m_server->m_changed.notify_all();
+        }
+        Busy(const Busy&) = delete;
+        Busy& operator=(const Busy&) = delete;
+
+      private:
+        FakeHTTPFile& m_file;
+        bool& m_flag;
+    };
 
     /// Once neither an Open nor, for a read, another read runs.
     Lock Turn(bool alsoReads) const {

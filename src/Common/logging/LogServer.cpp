@@ -142,6 +142,14 @@ class LogServer::PIMPL {
         return connected || stopping || Connect();
     }
 
+    /// Without memory a line of the log may throw too, and nothing may leave a thread.
+    void TellEnd(const char* why) noexcept {
+        try {
+            LOG4CXX_ERROR(logger, "Log thread ended: " << why);
+        } catch (const std::exception&) {
+        }
+    }
+
     void Run() {
         setpriority(PRIO_PROCESS, 0, kLowestPriority);
         try {
@@ -155,7 +163,7 @@ class LogServer::PIMPL {
                 return;
             }
         } catch (const std::exception& e) {
-            LOG4CXX_ERROR(logger, "Log thread ended: " << e.what());
+            TellEnd(e.what());
         }
     }
 

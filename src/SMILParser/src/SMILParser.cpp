@@ -122,16 +122,12 @@ OPALError SMILParser::ParseSMILFile(const std::string& location) {
     text.Assign(reinterpret_cast<const char*>(body.GetData()), body.GetSize(), 1, true);
     if (text.IsEmpty())
         return OPAL_ERROR_NO_MEMORY;
+    m_isLocal = IsLocal(location);
     ISMILParser& parser = *this;
     result = parser.ParseSMILData(text.GetData(), text.GetSize());
     if (result != OPAL_OK) {
         LOG4CXX_ERROR(m_logger,
                       "ParseSMILData error: '" << location << "' size: " << body.GetSize());
-    }
-    if (result == OPAL_OK && !IsLocal(location) && NamesLocalMedia()) {
-        LOG4CXX_ERROR(m_logger,
-                      "SMIL file from the network names local media: '" << location << "'");
-        return OPAL_ERROR_GENERAL;
     }
     return result;
 }
@@ -164,7 +160,12 @@ OPALError SMILParser::ParseSMILData(const char* data, size_t size) {
         LOG4CXX_ERROR(m_logger, "xml data: '" << text << "'");
         return OPAL_ERROR_GENERAL;
     }
-    return ParseSMIL();
+    const OPALError result = ParseSMIL();
+    if (result == OPAL_OK && !m_isLocal && NamesLocalMedia()) {
+        LOG4CXX_ERROR(m_logger, "A manifest from the network names local media");
+        return OPAL_ERROR_GENERAL;
+    }
+    return result;
 }
 
 OPALError SMILParser::ParseSMIL() {

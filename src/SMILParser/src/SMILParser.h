@@ -64,6 +64,7 @@ class SMILParser : public ISMILParser {
 
     const opal::StopSignal* m_pStop = nullptr;
     log4cxx::LoggerPtr m_logger;
+    bool m_isLocal = false;  ///< the manifest was read from a local file
     TiXmlDocument m_document;
     std::vector<boost::shared_ptr<IVideoLevel>> m_videoLevels;
     std::vector<boost::shared_ptr<IVideoTrickTrack>> m_videoTrickTracks;

@@ -194,8 +194,13 @@ const IClusterIndex* VideoStreamSwitchingAlgorithm::ClusterIndexOf(size_t level)
 }
 
 void VideoStreamSwitchingAlgorithm::Calculate() {
-    if (!HasUsableLevel())
+    if (!HasUsableLevel()) {
+        // No rate to choose by: the lowest level it is, for good, and playback need not wait.
+        m_currentLevel = 0;
+        m_decided = !m_levels.empty();
+        m_dirty = false;
         return;
+    }
     m_currentLevel =
         std::clamp(m_currentLevel, LowestUsableLevel(), static_cast<int>(m_levels.size()) - 1);
     Decision decision = BeginDecision();

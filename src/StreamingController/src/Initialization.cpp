@@ -67,7 +67,9 @@ OPALError StreamingController::InitializeFromSMILFile(const std::string& url,
                                                       const std::string& country,
                                                       const std::string& language,
                                                       OPALWriterModel model) {
-    return RunInitialization([&] { return BuildFromManifest(url, country, language, model); });
+    return opal::NoThrow([&] {
+        return RunInitialization([&] { return BuildFromManifest(url, country, language, model); });
+    });
 }
 
 OPALError StreamingController::InitializeFromTIXString(const std::string& tixString,
@@ -75,8 +77,10 @@ OPALError StreamingController::InitializeFromTIXString(const std::string& tixStr
                                                        const std::string& country,
                                                        const std::string& language,
                                                        OPALWriterModel model) {
-    return RunInitialization(
-        [&] { return BuildFromTicket(tixString, sessionData, country, language, model); });
+    return opal::NoThrow([&] {
+        return RunInitialization(
+            [&] { return BuildFromTicket(tixString, sessionData, country, language, model); });
+    });
 }
 
 OPALError StreamingController::RunInitialization(const std::function<OPALError()>& build) {
