@@ -5,6 +5,7 @@
 #include "opal-play/Pace.h"
 #include "opal-play/Rates.h"
 #include "opal-play/Report.h"
+#include "opal-play/Verification.h"
 #include "opal-play/Viewing.h"
 
 namespace opal::play {
@@ -24,6 +25,21 @@ TEST(PlayPartsTest, TimesAndActionsAreReadOrRefused) {
     EXPECT_EQ(OPAL_PLAYRATE_FOURXRW, ParseAction("10s:rate=-4x").value);
     for (const char* text : {"seek=2", "5s:", "5s:seek", "5s:rate=3x", "5s:audio=12345", "5s:fly"})
         EXPECT_THROW(ParseAction(text), UsageError) << text;
+}
+
+TEST(PlayPartsTest, AManifestTellsItsMediaFiles) {
+    std::string found;
+    for (const auto& file : FindMediaFiles(
+             "<?xml version='1.0'?><smil><!-- a --><body><par><video src='a&amp;b'/><switch><video "
+             "src='c'><param name='x' value='y'/></video></switch><audio src='d'/><audio/>"
+             "<textstream src='e'/><img src='f'/></par></body></smil>"))
+        found += std::to_string(file.type) + file.url + " ";
+    EXPECT_EQ("0a&b 0c 1d 2e ", found);
+    std::string deep;
+    for (int i = 0; i < 1000000; ++i)
+        deep += "<a>";
+    for (const std::string& text : {deep, std::string("<smil"), std::string()})
+        EXPECT_TRUE(FindMediaFiles(text).empty());
 }
 
 TEST(PlayPartsTest, KeysAndRates) {

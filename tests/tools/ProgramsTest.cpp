@@ -116,7 +116,8 @@ class ProgramsTest : public testing::Test {
     static void SetUpTestSuite() {
         s_folder = std::make_unique<TemporaryDirectory>();
         Program make({OPAL_PACKAGE, "-o", s_folder->File("film"), "--duration", "6", "--audio",
-                      "eng", "--levels", "100k:160x90,300k:320x180", "--preset", "ultrafast"});
+                      "eng", "--levels", "100k:160x90,300k:320x180", "--preset", "ultrafast",
+                      "--golden"});
         ASSERT_EQ(0, make.Wait()) << make.err;
         EXPECT_EQ("", make.err);
         EXPECT_THAT(make.out, HasSubstr("100 %\n")) << "a pipe gets plain lines";
@@ -184,6 +185,28 @@ TEST_F(ProgramsTest, PlaysToTheEndAndTellsHowItWas) {
     for (const char* event :
          {"<init>", "<play>", "<quality-level-change>", "<algo-trace>", "<eos>"})
         EXPECT_THAT(events, HasSubstr(event));
+}
+
+TEST_F(ProgramsTest, VerifiesEveryBlockAndFindsAFlippedByte) {
+    Program jumps(Play({"--at", "1:seek=4", "--at", "2:rate=-4x", "--at", "2.5:play", "--at",
+                        "3.5:rate=2x", "--verify"}));
+    EXPECT_EQ(0, jumps.Wait()) << jumps.err;
+    EXPECT_THAT(jumps.out, testing::ContainsRegex("verified video: [0-9][0-9]+ blocks, 0 mism"));
+    EXPECT_THAT(jumps.out, testing::ContainsRegex("verified audio: [0-9][0-9]+ blocks, 0 mism"));
+    EXPECT_THAT(jumps.out + jumps.err, testing::Not(HasSubstr("no golden file")));
+
+    std::string audio = TextOf(s_folder->File("film/audio0-eng.mka"));
+    audio[audio.size() / 2] = static_cast<char>(audio[audio.size() / 2] ^ 1);
+    s_origin->AddFile("audio0-eng.mka", audio);
+    origin::Fault gone = origin::Fault::Status(404).On("*1*.golden");  // of the better level
+    s_origin->AddFault(gone);
+    Program flipped(Play({"--strict", "--verify"}));
+    EXPECT_EQ(3, flipped.Wait()) << flipped.err;
+    s_origin->RemoveFile("audio0-eng.mka");
+    EXPECT_THAT(flipped.out, testing::ContainsRegex("verified audio: [0-9]+ blocks, 1 mismatches "
+                                                    "at [23][0-9][0-9][0-9] ms"));
+    EXPECT_THAT(flipped.out, HasSubstr("no golden file for "));
+    EXPECT_THAT(flipped.err, HasSubstr("1 audio blocks were not as their golden files say"));
 }
 
 TEST_F(ProgramsTest, AStoppedPackagerLeavesNothingBehind) {

@@ -96,6 +96,9 @@ void Declare(CLI::App& app, Options& options, Words& words) {
         "--strict", options.strict,
         "Fail unless the end was reached in real time, with more than 95 % of the pictures "
         "shown and no error");
+    app.add_flag("--verify", options.verify,
+                 "Compare every block with the golden file beside its media file; with --strict a "
+                 "mismatch, or a stream without one, is a fault");
     app.add_option("--log", options.logFile,
                    "FILE for the session's log: each document that would be uploaded, a line each");
     app.add_option("--output", options.outputFile, "FILE for what library and set print")

@@ -41,6 +41,7 @@ struct Options {
     bool verbose = false;
     bool json = false;
     bool strict = false;
+    bool verify = false;
 };
 
 /// A wrong command line; the text says what is wrong.

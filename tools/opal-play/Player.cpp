@@ -77,6 +77,8 @@ int Player::Run() {
     Close();
     if (m_options.strict)
         summary.faults = FindFaults(summary);
+    if (m_options.verify)
+        TellVerification(summary);
     m_console.Print(m_options.json ? SummaryJson(summary) : SummaryText(summary));
     for (const std::string& fault : summary.faults)
         m_console.Error(m_options.url + ": " + fault);
@@ -84,6 +86,20 @@ int Player::Run() {
         return ExitCodeOf(summary);
     m_console.Error("standard output cannot be written");
     return kExitError;
+}
+
+/// To standard error where the summary is to be read by a program.
+void Player::TellVerification(Summary& summary) {
+    for (const std::string& line : m_verification.Report()) {
+        if (m_options.json)
+            m_console.Error(line);
+        else
+            m_console.Line(line);
+    }
+    if (!m_options.strict)
+        return;
+    for (const std::string& fault : m_verification.Faults())
+        summary.faults.push_back(fault);
 }
 
 /// The figures of the network are in no operation of the library, but its loggers tell them.
@@ -95,6 +111,8 @@ void Player::ListenToDiagnostics() {
 }
 
 OPALError Player::Open() {
+    if (m_options.verify && m_options.ticket.empty())
+        m_verification.Attach(m_options.url);
     const OPALError code =
         m_options.ticket.empty()
             ? m_controller->InitializeFromSMILFile(m_options.url, m_options.country,

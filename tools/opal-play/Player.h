@@ -14,6 +14,7 @@
 #include "opal-play/PullLoop.h"
 #include "opal-play/Report.h"
 #include "opal-play/Snapshots.h"
+#include "opal-play/Verification.h"
 #include "opal-play/Viewing.h"
 
 namespace opal::play {
@@ -64,6 +65,7 @@ class Player {
     void ShowProgress();
     void TakeSnapshots();
     void Account();
+    void TellVerification(Summary& summary);
 
     void Fail(const std::string& text);
     std::string WhyText(OPALError code) const;
@@ -78,6 +80,7 @@ class Player {
     Keyboard m_keyboard;
     Listener m_listener{m_wake};
     Snapshots m_snapshots;
+    Verification m_verification;
     PullLoop m_pull;
     const std::shared_ptr<NetworkMeter> m_meter = std::make_shared<NetworkMeter>();
     log4cxx::AppenderPtr m_appender;
