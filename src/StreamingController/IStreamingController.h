@@ -21,10 +21,11 @@
 /// to the listener.
 ///
 /// What may be called when, and what it does. "-4" and "code" are answers; "code" is the error that
-/// ended the session. What is not listed (queries, SetNotify) may be called at any time.
+/// ended the session, -8 after Finalize. What is not listed (queries, SetNotify) may be called at
+/// any time.
 ///
 ///     state        Play        Pause    Stop     Seek, Resume  SetPlayRate  tracks   Finalize
-///     no session   -4          -4       -4       -4            -4 or -3     -4       0
+///     no session   -4, code    -4       -4       -4            -4 or -3     -4       0
 ///     initialised  starts      OnPause  OnStop   starts there  starts       opens    ends it
 ///     starting     goes on     (1)      OnStop   anew there    anew         changes  ends it
 ///     playing      goes on     OnPause  OnStop   anew there    trick play   changes  ends it
@@ -42,7 +43,8 @@
 ///  - Initialize... for as long as manifest and stream headers take to come; meanwhile guarded
 ///    operations of other threads wait for it, and Finalize ends it.
 ///  - The first of Play, Resume, Seek, SetPlayRate: for as long as the first audio track takes to
-///    open. It holds nothing else up.
+///    open; the others of these wait with it, and nothing else does. Called back from a listener,
+///    they do not wait: the track is opened behind them.
 ///  - Seek, Resume, SetPlayRate: until what they cancel has ended (a second at most) and the player
 ///    has flushed (1.5 s, on the television's player).
 ///  - Finalize: 3 s at most whatever the network does. It joins all threads, and answers -1 when it

@@ -66,8 +66,9 @@ class IStreamingReader : boost::noncopyable {
     /// Bytes of the clusters that make up the next `ms` milliseconds.
     virtual OPALError GetBytesAhead(int64_t ms, size_t& bytes) = 0;
     virtual OPALError GetClusterIndex(IClusterIndex*& index) = 0;
-    /// True ends the Open that runs: it answers -8, and nothing of the failure stays. False lets the next one run. The reader's stop
-    /// signal does the same for good, and ends a DownloadNext with -28. Takes no lock.
+    /// True ends the Open that runs: it answers -8, and nothing of the failure stays. False lets
+    /// the next one run. The reader's stop signal does the same for good, and ends a DownloadNext
+    /// with -28. Takes no lock.
     virtual void SetAbandoned(bool abandoned) = 0;
 };
 

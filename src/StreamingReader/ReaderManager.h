@@ -84,6 +84,8 @@ class ReaderManager : boost::noncopyable {
     using Reader = boost::shared_ptr<IStreamingReader>;
     static constexpr size_t kNone = static_cast<size_t>(-1);
 
+    /// Clusters of the same number begin at the same time in all files.
+    virtual bool ClustersAreAligned() const { return false; }
     /// Told that the readers are gone.
     virtual void OnReadersDropped() OPAL_REQUIRES(m_mutex) {}
 
@@ -113,6 +115,8 @@ class ReaderManager : boost::noncopyable {
         }
         return OPAL_OK;
     }
+    /// How many readers CreateReaders has made so far.
+    size_t BuiltCount() const OPAL_REQUIRES(m_mutex) { return m_built.size(); }
     /// Opens a reader on the calling thread, unless the opening is given up: -28.
     OPALError OpenReader(const Reader& reader);
     /// Opens the current reader on the caller's thread after Initialize; -1 unless it then stands
@@ -142,6 +146,7 @@ class ReaderManager : boost::noncopyable {
         bool start = false;
         bool seek = false;
         int64_t seekMs = 0;
+        int64_t clusterMs = 0;  ///< of the cluster to which that leads
     };
 
     OPALError AddReader(const std::string& url, size_t headerRequestSize, IClusterBuffer* buffer,
@@ -167,9 +172,10 @@ class ReaderManager : boost::noncopyable {
 
     const opal::StopSignal* SignalOfReaders() const { return &m_stop; }
 
-    boost::thread m_thread;  ///< Initialize, SetStream and Finalize are the owner's alone
-    opal::RecursiveCondVar m_wakeup;
-    opal::StopSignal m_stop;                 ///< raised by Finalize; below the session's
+    std::vector<Reader> m_built OPAL_GUARDED_BY(m_mutex);  ///< by CreateReaders, not yet in use
+    boost::thread m_thread;   ///< Initialize, SetStream and Finalize are the owner's alone
+    opal::CondVar m_wakeup;   ///< with m_stateMutex
+    opal::StopSignal m_stop;  ///< raised by Finalize; below the session's
     std::atomic<bool> m_threadEnded{false};  ///< by a failure
 
     /// Innermost lock, held over nothing but the fields that it guards.
@@ -210,6 +216,7 @@ class VideoReaderManager : public ReaderManager {
     const std::vector<IClusterIndex*>& GetClusterIndexes() const { return m_clusterIndexes; }
 
   protected:
+    bool ClustersAreAligned() const override { return true; }
     void OnReadersDropped() override OPAL_REQUIRES(m_mutex);
 
   private:

@@ -47,6 +47,9 @@ OPALError AudioRoad::Select(size_t index) {
         code = BeginFirst();
     else if (m_ready && !m_pending)
         code = Leave(m_pipe.CurrentIndex());
+    else if (m_pipe.HasWriter() && m_pipe.CurrentIndex() != index)
+        // Or what was left first would be dropped when it comes back.
+        code = m_pipe.DiscardLevel(m_pipe.CurrentIndex());
     if (code != OPAL_OK)
         return code;
     m_wanted = index;
@@ -156,6 +159,8 @@ OPALError AudioRoad::Start(int64_t position, bool disabled) {
         m_session.ArmBuffering(OPAL_STREAM_AUDIO);
     }
     const bool wanted = std::exchange(m_startWanted, false);
+    if (m_stopped)
+        return OPAL_OK;
     if (m_session.RunsAtNormalRate() || (wanted && m_session.playRate == OPAL_PLAYRATE_ONEX))
         code = m_pipe.StartReader();
     return code == OPAL_OK && m_session.RunsAtNormalRate() ? m_pipe.StartWriter() : code;
@@ -163,6 +168,7 @@ OPALError AudioRoad::Start(int64_t position, bool disabled) {
 
 // A reader that runs before it has been sought would fetch the film's beginning.
 OPALError AudioRoad::StartReader() {
+    m_stopped = false;
     if (m_ready && !m_pending)
         return m_pipe.StartReader();
     m_startWanted = true;
@@ -171,7 +177,7 @@ OPALError AudioRoad::StartReader() {
 
 void AudioRoad::Reset() {
     m_wanted = 0;
-    m_pending = m_selected = m_ready = m_startWanted = false;
+    m_pending = m_selected = m_ready = m_startWanted = m_stopped = false;
 }
 
 }  // namespace opal

@@ -52,8 +52,11 @@ class AudioRoad {
     bool IsChosen() const { return m_pending || m_ready; }
     /// Wakes the reader; while a track is opened, when it is open and has been sought.
     OPALError StartReader();
-    /// Takes a wake back that is still to come.
-    void ForgetStart() { m_startWanted = false; }
+    /// Nothing starts a track that is opened before the next StartReader.
+    void Stop() {
+        m_startWanted = false;
+        m_stopped = true;
+    }
     /// The current track's; -1 without one.
     int64_t CurrentAsset() const;
     void Reset();
@@ -73,6 +76,7 @@ class AudioRoad {
     bool m_selected = false;  ///< the readers know m_wanted
     bool m_ready = false;     ///< a track has been configured
     bool m_startWanted = false;
+    bool m_stopped = false;
 };
 
 }  // namespace opal

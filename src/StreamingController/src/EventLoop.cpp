@@ -113,8 +113,12 @@ bool StreamingController::CheckHealth(LoopState& state) {
                           "StreamingController::EventLoop - Error in streaming writer:" << code);
     }
     m_session->EndLevelSwitch();
-    if (code == OPAL_OK && state.playing && !m_session->stopRequested)
-        code = m_session->GiveUpSlowTransfer();
+    if (code == OPAL_OK && !m_session->stopRequested && m_playRate == OPAL_PLAYRATE_ONEX) {
+        code = m_session->GiveUpSlowTransfer(state.playing);
+        // The transfer that a switch waits for may end without a cluster.
+        if (code == OPAL_OK && m_session->switchWaiting && !m_pReaders->IsVideoTransferring())
+            code = HandleVideoCluster(state);
+    }
     if (code == OPAL_OK && m_session->audioRoad.IsPending())
         code = EndAudioSelection(m_session->audioRoad.Continue());
     if (code == OPAL_OK && m_session->subtitles.GetState() == opal::SubtitleRoad::State::Failed)
@@ -192,6 +196,7 @@ OPALError StreamingController::Dispatch(const StreamingControllerMessage& messag
             if (m_session->audioOpeners != 0)
                 return Post(message.kind, message.argument);
             m_session->reportAudio = true;
+            m_audioAhead = false;
             return EndAudioSelection(m_session->audioRoad.Select(message.argument));
         case MSG_SET_SUBTITLE_TRACK:
             return HandleSetSubtitleTrack(message.argument, state);
@@ -225,7 +230,9 @@ OPALError StreamingController::Dispatch(const StreamingControllerMessage& messag
 // running; but a start that the application asked for after it holds.
 OPALError StreamingController::HandleStop(LoopState& state) {
     const OPALError code = m_pReaders->StopAll();
-    m_session->audioRoad.ForgetStart();
+    m_session->audioRoad.Stop();
+    m_session->abandonFor.reset();
+    m_session->switchWaiting = false;
     state.playing = false;
     m_session->stopRequested = m_session->startSequence == m_session->stopSequence;
     m_session->reports.Stop();
@@ -249,6 +256,7 @@ OPALError StreamingController::EndAudioSelection(OPALError code) {
     if (code == OPAL_ERROR_NOT_YET)
         return OPAL_OK;  // Continue is called on the next turn
     const bool report = std::exchange(m_session->reportAudio, false);
+    m_audioAhead = false;
     if (code == OPAL_ERROR_AUDIO_UNSUPPORTED) {
         m_session->reports.UnsupportedAudio();
         return OPAL_OK;
@@ -317,9 +325,7 @@ OPALError StreamingController::EndSubtitleSelection(LoopState& state) {
 /// Begins playback at 1x, or posts the start again until enough is buffered.
 OPALError StreamingController::StartWhenReady(LoopState& state) {
     state.playing = false;
-    if (m_session->jumpPending)
-        (void)m_pVideoPlatform->GetPosition(m_session->positionAtStart);
-    m_session->jumpPending = false;
+    m_session->EndJump();
     if (m_session->stopRequested)
         return OPAL_OK;
     const OPALError code = IsReadyToStart();
@@ -328,6 +334,7 @@ OPALError StreamingController::StartWhenReady(LoopState& state) {
     if (code != OPAL_OK)
         return code;
     state.playing = true;
+    m_session->MarkStarted();
     state.lastStart = opal::Now();
     Trace("READY TO PLAY!!! : time=");
     m_session->reports.Play(m_playRate, m_session->video.CurrentIndex(),
@@ -344,9 +351,7 @@ OPALError StreamingController::StartWhenReady(LoopState& state) {
 
 OPALError StreamingController::HandleTrickStarted(LoopState& state) {
     state.playing = false;
-    if (m_session->jumpPending)
-        (void)m_pVideoPlatform->GetPosition(m_session->positionAtStart);
-    m_session->jumpPending = false;
+    m_session->EndJump();
     if (m_session->stopRequested)
         return OPAL_OK;
     m_session->reports.Pause();  // on every repost, deliberately
@@ -356,6 +361,7 @@ OPALError StreamingController::HandleTrickStarted(LoopState& state) {
     if (code != OPAL_OK)
         return code;
     state.playing = true;
+    m_session->MarkStarted();
     m_session->reports.PlayRate(m_playRate);
     state.playStateToReport = PlayReport::Started;
     return OPAL_OK;
@@ -369,11 +375,12 @@ OPALError StreamingController::HandleVideoCluster(LoopState& state) {
         Trace("DoSwitchLevel");
         code = m_session->SwitchLevel(false);
     }
-    if (code == OPAL_ERROR_NOT_YET)
-        return OPAL_OK;  // the transfer that runs brings the next occasion
-    if (code == OPAL_OK)
+    // Behind a switch that waits for the transfer that runs, nothing else is to be fetched first.
+    if (code == OPAL_OK) {
+        m_session->switchWaiting = false;
         code = m_session->video.StartReader();
-    if (code != OPAL_OK)
+    }
+    if (code != OPAL_OK && code != OPAL_ERROR_NOT_YET)
         return code;
     m_audioAhead = opal::playback::IsAudioTooFarAhead(m_session->audio.BufferedDuration(),
                                                       m_session->video.BufferedDuration());
@@ -446,13 +453,7 @@ OPALError StreamingController::ReportPlayState(int playState) {
     const PlayReportConfig& config = PlayReportConfig::Instance();
     if (!ticket.IsReporting() || !config.IsEnabled())
         return OPAL_OK;
-    for (const opal::TicketSession::Failure& failure : ticket.TakeFailures()) {
-        qutl::MemoryBuffer<unsigned char> text;
-        text.Assign(reinterpret_cast<const unsigned char*>(failure.text.data()),
-                    failure.text.size(), 0, false);
-        LogServer::Instance().PostOrDestroy(
-            LogEventFactory::Instance().NewPulseErrorLogEvent(failure.code, text));
-    }
+    m_session->PostPulseErrors();
     const bool periodic =
         playState == PlayReport::Playing || playState == PlayReport::WritersPaused;
     if (periodic &&

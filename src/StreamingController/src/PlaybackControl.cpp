@@ -15,6 +15,24 @@ namespace {
 
 constexpr int64_t kPollMs = 5;
 
+/// A jump that fails, by a code or by an exception, is not pending any more.
+class JumpGuard {
+  public:
+    explicit JumpGuard(bool& pending) : m_pending(pending), m_before(pending) {}
+    ~JumpGuard() {
+        if (!m_kept)
+            m_pending = m_before;
+    }
+    JumpGuard(const JumpGuard&) = delete;
+    JumpGuard& operator=(const JumpGuard&) = delete;
+    void Keep() { m_kept = true; }
+
+  private:
+    bool& m_pending;
+    const bool m_before;
+    bool m_kept = false;
+};
+
 bool IsRate(OPALPlayRate rate) {
     size_t take = 0;
     size_t skip = 0;
@@ -37,9 +55,9 @@ OPALError StreamingController::Play() {
         if (code != OPAL_OK)
             return code;
         Trace("StreamingController::Play : time=");
-        if (m_playRate != OPAL_PLAYRATE_ONEX)
+        code = PrepareAudio();  // another operation may change the rate meanwhile
+        if (code == OPAL_OK && m_playRate != OPAL_PLAYRATE_ONEX)
             return SetPlayRate(m_playRate);
-        code = PrepareAudio();
         if (code == OPAL_OK)
             code = StartPlayback();
         if (code != OPAL_OK)
@@ -82,16 +100,15 @@ OPALError StreamingController::Resume(int64_t positionMs) {
             code = OpenFirstAudioTrack(true);
         if (code == OPAL_OK)
             code = m_pReaders->BeginVideoStream(m_session->objects.LevelFromSwitching());
+        JumpGuard guard(m_session->jumpPending);
         int64_t position = positionMs;
         if (code == OPAL_OK)
             code = SeekInternal(position);
+        if (code == OPAL_OK)
+            code = Play();
         if (code != OPAL_OK)
             return code;
-        code = Play();
-        if (code != OPAL_OK) {
-            m_session->jumpPending = false;
-            return code;
-        }
+        guard.Keep();
         LogServer::Instance().PostOrDestroy(
             LogEventFactory::Instance().NewResumeLogEvent(positionMs / 1000));
         return OPAL_OK;
@@ -111,10 +128,12 @@ OPALError StreamingController::Seek(int64_t& positionMs) {
         if (positionMs < 0)
             return OPAL_ERROR_INVALID_ARGUMENT;
         code = PrepareAudio();
+        JumpGuard guard(m_session->jumpPending);
         if (code == OPAL_OK)
             code = SeekInternal(positionMs);
         if (code != OPAL_OK)
             return code;
+        guard.Keep();
         m_session->AcceptStart();
         return Post(MSG_SEEK_DONE, static_cast<uint32_t>(positionMs));
     });
@@ -139,6 +158,7 @@ OPALError StreamingController::SetPlayRate(OPALPlayRate rate) {
             code = OpenFirstAudioTrack(true);
         if (code != OPAL_OK)
             return code;
+        JumpGuard guard(m_session->jumpPending);
         int message = MSG_START;
         if (!trick && m_playRate == OPAL_PLAYRATE_ONEX) {
             m_writersPaused = false;
@@ -149,10 +169,9 @@ OPALError StreamingController::SetPlayRate(OPALPlayRate rate) {
             m_playRate = rate;
             code = ChangeRate(message == MSG_TRICK_STARTED);
         }
-        if (code != OPAL_OK) {
-            m_session->jumpPending = false;
+        if (code != OPAL_OK)
             return code;
-        }
+        guard.Keep();
         m_session->AcceptStart();
         return Post(message);
     });
@@ -284,10 +303,8 @@ OPALError StreamingController::SeekInternal(int64_t& positionMs) {
     m_audioAhead = false;
     if (code == OPAL_OK)
         code = MoveReaders(positionMs);
-    if (code != OPAL_OK) {
-        m_session->jumpPending = false;
+    if (code != OPAL_OK)
         return code;
-    }
     m_session->jumpTarget = positionMs;
     if (!m_pausedWhilePlaying && !saved && m_playRate == OPAL_PLAYRATE_ONEX) {
         m_session->objects.ArmBuffering(OPAL_STREAM_VIDEO);

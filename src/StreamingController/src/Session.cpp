@@ -1,6 +1,10 @@
 #include "StreamingController/src/Session.h"
 
+#include <utility>
+
 #include "Common/Clock.h"
+#include "Common/logging/LogEvent.h"
+#include "Common/logging/LogServer.h"
 #include "PlatformAdapter/Common/IPlatform.h"
 #include "SMILParser/ISMILParser.h"
 #include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
@@ -59,6 +63,7 @@ void StreamingController::Session::Reset() {
     positionAtStart = 0;
     abandonRule.Reset();
     abandonFor.reset();
+    switchWaiting = jumpStarting = false;
 }
 
 /// An operation that starts playback was accepted: a stop from before it no longer holds.
@@ -83,8 +88,15 @@ OPALError StreamingController::Session::SwitchLevel(bool giveUpOpening) {
     const size_t wanted = objects.LevelFromSwitching();
     if (video.CurrentIndex() == wanted || (switchingFrom != kNone && !giveUpOpening))
         return OPAL_OK;
-    if (!giveUpOpening && objects.readers->IsVideoTransferring())
-        return OPAL_ERROR_NOT_YET;
+    if (!giveUpOpening) {
+        // Stopped first, so that no transfer begins behind the question.
+        const OPALError stopped = objects.readers->StopVideo();
+        if (stopped != OPAL_OK)
+            return stopped;
+        switchWaiting = objects.readers->IsVideoTransferring();
+        if (switchWaiting)
+            return OPAL_ERROR_NOT_YET;
+    }
     return GoToLevel(wanted);
 }
 
@@ -111,16 +123,21 @@ OPALError StreamingController::Session::GoToLevel(size_t level) {
 
 // The transfer may come to its end before the cancel reaches it, so the level is changed only when
 // it is over; the position is then that of the first cluster that is missing.
-OPALError StreamingController::Session::GiveUpSlowTransfer() {
+OPALError StreamingController::Session::GiveUpSlowTransfer(bool playing) {
     const bool transferring = objects.readers->IsVideoTransferring();
+    if (abandonFor && transferring) {
+        (void)objects.readers->StopVideo();  // something may have started the level anew
+        return objects.readers->CancelVideo();
+    }
     if (abandonFor) {
-        if (transferring)
-            return OPAL_OK;
         const size_t level = *abandonFor;
         abandonFor.reset();
-        return level < video.CurrentIndex() ? GoToLevel(level) : OPAL_OK;
+        // The transfer may have come to its end after all, and been the last.
+        if (level < video.CurrentIndex() && video.ReaderState() != STREAMING_READER_END)
+            return GoToLevel(level);
+        return video.StartReader();
     }
-    if (!AlgorithmConfig::Instance().GetAbandonTransfers() || !transferring ||
+    if (!playing || !AlgorithmConfig::Instance().GetAbandonTransfers() || !transferring ||
         switchingFrom != kNone || objects.playRate != OPAL_PLAYRATE_ONEX)
         return OPAL_OK;
     opal::playback::AbandonRule::Transfer transfer;
@@ -156,14 +173,14 @@ bool StreamingController::Session::DescribeTransfer(opal::playback::AbandonRule:
 
 /// Reports a switch whose level is open by now.
 void StreamingController::Session::EndLevelSwitch() {
-    size_t& from = switchingFrom;
-    if (from == kNone || video.ReaderState() == STREAMING_READER_NOT_OPEN)
+    if (switchingFrom == kNone || video.ReaderState() == STREAMING_READER_NOT_OPEN)
         return;
+    // The listener may begin another switch.
+    const size_t from = std::exchange(switchingFrom, kNone);
     const size_t to = video.CurrentIndex();
     // In trick play the current reader is no level; and a level that failed was never switched to.
     if (to != from && to < objects.parser->GetVideoLevelCount() && video.ReaderError() == OPAL_OK)
         reports.LevelChange(*objects.parser, from, to, objects.ReportedBandwidth());
-    from = kNone;
 }
 
 /// Where playback is. Behind a jump, until the sink's position has moved, that is where the jump
@@ -195,6 +212,8 @@ OPALError StreamingController::Session::EmptyStreams(bool subtitlesFirst, int64_
         return code;
     abandonRule.Reset();
     abandonFor.reset();
+    switchWaiting = false;
+    jumpStarting = true;
     objects.RestartSwitching(OPAL_STREAM_VIDEO);
     video.Buffer()->SetMaxDuration(objects.switching->GetMaxBuffer());
     objects.RestartSwitching(OPAL_STREAM_AUDIO);
@@ -212,4 +231,27 @@ OPALError StreamingController::Session::GetBufferingProgress(size_t& percent) {
             inFlight += pipe->BytesInFlight();
     objects.buffering.UpdatePercent(inFlight);
     return objects.buffering.GetPercent(percent);
+}
+
+/// Playback has been declared started.
+void StreamingController::Session::MarkStarted() {
+    if (std::exchange(jumpStarting, false))
+        (void)video.Sink()->GetPosition(positionAtStart);
+}
+
+/// A message that begins playback behind a jump is handled.
+void StreamingController::Session::EndJump() {
+    if (jumpPending)
+        (void)video.Sink()->GetPosition(positionAtStart);
+    jumpPending = false;
+}
+
+void StreamingController::Session::PostPulseErrors() {
+    for (const opal::TicketSession::Failure& failure : ticket.TakeFailures()) {
+        qutl::MemoryBuffer<unsigned char> text;
+        text.Assign(reinterpret_cast<const unsigned char*>(failure.text.data()),
+                    failure.text.size(), 0, false);
+        LogServer::Instance().PostOrDestroy(
+            LogEventFactory::Instance().NewPulseErrorLogEvent(failure.code, text));
+    }
 }

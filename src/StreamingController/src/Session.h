@@ -30,7 +30,12 @@ struct StreamingController::Session {
     OPALError SwitchLevel(bool giveUpOpening);
     /// With the setting abandonTransfers: cancels a video transfer that outlasts the buffer, and
     /// goes on at the level that comes sooner.
-    OPALError GiveUpSlowTransfer();
+    /// A transfer is chosen only while playback runs; what is begun is ended in any case.
+    OPALError GiveUpSlowTransfer(bool playing);
+    /// Posts what the service said of the play reports it refused.
+    void PostPulseErrors();
+    void EndJump();
+    void MarkStarted();
     /// Reports a switch whose level is open by now.
     void EndLevelSwitch();
     /// Where playback is. Behind a jump, until the sink's position has moved, that is where the
@@ -49,8 +54,8 @@ struct StreamingController::Session {
     opal::SubtitleRoad subtitles;
     opal::TicketSession ticket;
 
-    /// Raised a while after the session's own: ends the last play report and the last upload, which
-    /// are to get through if they can.
+    /// Raised a while after the session's own: ends the last play report, which is to get through
+    /// if it can.
     opal::StopSignal lastStop;
     /// Calls of Finalize under way.
     std::atomic<int> finalizing{0};
@@ -63,6 +68,10 @@ struct StreamingController::Session {
     opal::playback::AbandonRule abandonRule;
     /// The level to go on at when the transfer that was cancelled for it has ended.
     std::optional<size_t> abandonFor;
+    /// A switch waits for the end of a transfer.
+    bool switchWaiting = false;
+    /// Playback has not been declared started since the last jump.
+    bool jumpStarting = false;
     /// Stop was handled and nothing started since: what is still queued must not start a reader.
     bool stopRequested = false;
     /// Counts the accepted operations that start playback; the second is the count at the last

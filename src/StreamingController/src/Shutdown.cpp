@@ -76,6 +76,7 @@ void StreamingController::EndLoop() {
     while (m_session->audioOpeners != 0)
         opal::SleepMs(kPollMs);
     m_session->ticket.Finish();
+    m_session->PostPulseErrors();
     StopLogSender(m_pLogSender);
 }
 

@@ -200,6 +200,8 @@ OPALError SubtitleRoad::Error() const {
 bool SubtitleRoad::DropFailed() {
     const bool wanted = IsPending() || IsOn();
     (void)TurnOff();
+    // Or the track that was left for the failed one would be dropped when it comes back.
+    (void)m_pipe.DiscardLevel(kNone);
     (void)m_session.readers->FinalizeSubtitle();
     return wanted;
 }

@@ -184,7 +184,6 @@ void TicketSession::Finish() {
         m_thread.join();
     MutexLock lock(m_mutex);
     m_queue.clear();
-    m_failures.clear();
     m_lastText.clear();
     m_audioAsset = m_subtitleAsset = 0;
 }

@@ -67,6 +67,7 @@ class TicketSession {
     void Report(const PlayReport& report);
     std::vector<Failure> TakeFailures();
     /// Makes the reports that are still queued, unless the signal is raised, and ends the thread.
+    /// TakeFailures has the last answers.
     void Finish();
 
     /// The service's words for an error of the service's; else empty.

@@ -26,18 +26,19 @@ OPALError ReaderManager::Initialize(ISMILParser* parser, IClusterBuffer* buffer,
         return OPAL_ERROR_INVALID_ARGUMENT;
     if (!ReaderList().empty() || GetCurrent() != kNone)
         return OPAL_ERROR_NOT_READY;
+    m_built.clear();
     const OPALError created = CreateReaders(parser, buffer, notify, index);
-    if (created != OPAL_OK)
-        return created;
-    if (ReaderList().empty())
-        return OPAL_OK;
-    if (index >= ReaderList().size())
-        return OPAL_ERROR_INVALID_ARGUMENT;
+    const size_t count = m_built.size();
     {
+        // Both at once: readers without a current one count as a fault.
         opal::MutexLock state(m_stateMutex);
-        m_current = index;
+        m_readers.swap(m_built);
+        if (created == OPAL_OK && index < count)
+            m_current = index;
     }
-    return StartThread();
+    if (created != OPAL_OK || count == 0)
+        return created;
+    return index < count ? StartThread() : OPAL_ERROR_INVALID_ARGUMENT;
 }
 
 OPALError ReaderManager::OpenAfterInitialize() {
@@ -58,8 +59,7 @@ OPALError ReaderManager::AddReader(const std::string& url, size_t headerRequestS
         NewStreamingReader(url, headerRequestSize, buffer, notify, type, level, SignalOfReaders()));
     if (!reader)
         return OPAL_ERROR_GENERAL;
-    opal::MutexLock state(m_stateMutex);
-    m_readers.push_back(reader);
+    m_built.push_back(reader);
     return OPAL_OK;
 }
 
@@ -84,6 +84,7 @@ OPALError ReaderManager::SetStream(size_t index, bool open) {
         opal::MutexLock state(m_stateMutex);
         m_current = index;
         m_wishes = Wishes();
+        ++m_stops;
         m_closing.erase(std::remove(m_closing.begin(), m_closing.end(), m_readers[index]),
                         m_closing.end());
         m_parked = false;
@@ -233,13 +234,15 @@ OPALError ReaderManager::Seek(int64_t& ms) {
         if (IsBusy() || reader->GetState() == STREAMING_READER_NOT_OPEN) {
             if (reader->HasError())
                 return reader->GetError();
+            const int64_t asked = ms;
             const OPALError aligned = AlignTime(*reader, ms);
             if (aligned != OPAL_OK)
                 return aligned;
             opal::MutexLock state(m_stateMutex);
             if (m_activity != Activity::None || reader->GetState() == STREAMING_READER_NOT_OPEN) {
                 m_wishes.seek = true;
-                m_wishes.seekMs = ms;
+                m_wishes.seekMs = asked;
+                m_wishes.clusterMs = ms;
                 return OPAL_OK;
             }
         }
@@ -260,7 +263,7 @@ OPALError ReaderManager::AlignTime(IStreamingReader& reader, int64_t& ms) {
     }
     IClusterIndex* index = nullptr;
     (void)reader.GetClusterIndex(index);
-    for (size_t i = 0; !index && i < readers.size(); ++i)
+    for (size_t i = 0; !index && ClustersAreAligned() && i < readers.size(); ++i)
         (void)readers[i]->GetClusterIndex(index);
     if (!index)
         return OPAL_OK;
@@ -299,7 +302,7 @@ OPALError ReaderManager::GetPosition(int64_t& ms) {
     {
         opal::MutexLock state(m_stateMutex);
         if (m_wishes.seek) {
-            ms = m_wishes.seekMs;
+            ms = m_wishes.clusterMs;
             return OPAL_OK;
         }
     }
@@ -320,6 +323,10 @@ OPALError ReaderManager::SetError(OPALError code) {
 }
 
 OPALError ReaderManager::Cancel() {
+    // The transfer may be that of a stream that has been left.
+    const Reader driven = Driven();
+    if (driven && driven != Current())
+        (void)driven->CancelTransfers();
     return OnCurrent([](IStreamingReader& reader) { return reader.CancelTransfers(); });
 }
 
@@ -350,7 +357,7 @@ void ReaderManager::WaitForCancelled() {
             if (m_activity == Activity::Opening)
                 return;
         }
-        if (const Reader reader = Current())
+        if (const Reader reader = Driven())
             (void)reader->CancelTransfers();
         opal::SleepMs(kRetryMs);
     }
@@ -454,6 +461,8 @@ OPALError ReaderManager::EventLoop() {
 
 /// One turn of the loop. True ends the loop with `result`.
 bool ReaderManager::RunRound(OPALError& result) {
+    // Taken before anything is looked at, so that no wake is missed.
+    const uint64_t generation = Generation();
     const Reader reader = Current();
     if (!reader) {
         result = NoReaderResult();
@@ -461,19 +470,20 @@ bool ReaderManager::RunRound(OPALError& result) {
     }
     int state = reader->GetState();
     if (state == STREAMING_READER_NOT_OPEN) {
-        const uint64_t generation = Generation();
         if (IsParked()) {
             WaitForWake(generation);
             return false;
         }
         if (Open(result))
             return true;
+        if (Current() != reader)
+            return false;
         state = reader->GetState();  // what was opened may start at once
     }
     switch (state) {
         case STREAMING_READER_STOPPED:
         case STREAMING_READER_END:
-            WaitForWake(Generation());
+            WaitForWake(generation);
             return false;
         case STREAMING_READER_RUNNING:
             return Download(reader, result);
@@ -557,9 +567,10 @@ bool ReaderManager::Download(const Reader& reader, OPALError& result) {
         result = OPAL_ERROR_GENERAL;
     }
     (void)EndActivity();
-    if (IsFatalError(result)) {
+    // What ends the transfer of a stream that has been left is nobody's error.
+    if (IsFatalError(result) && Current() == reader) {
         (void)reader->SetError(result);
-        return Current() == reader;
+        return true;
     }
     const OPALError granted = GrantWishes();
     if (granted != OPAL_OK) {
@@ -572,12 +583,13 @@ bool ReaderManager::Download(const Reader& reader, OPALError& result) {
     return false;
 }
 
-/// False if another reader has become current. `generation` is the count of wakes from which a wait
-/// after the transfer starts: a wake that comes while the transfer runs counts, one that came
-/// before does not.
+/// False if another reader has become current, or the reader has been stopped. `generation` is the
+/// count of wakes from which a wait after the transfer starts: a wake that comes while the transfer
+/// runs counts, one that came before does not.
 bool ReaderManager::BeginTransfer(const Reader& reader, uint64_t& generation) {
     opal::MutexLock state(m_stateMutex);
-    if (m_current >= m_readers.size() || m_readers[m_current] != reader)
+    if (m_current >= m_readers.size() || m_readers[m_current] != reader ||
+        reader->GetState() != STREAMING_READER_RUNNING)
         return false;
     m_activity = Activity::Transferring;
     m_driven = reader;
@@ -593,8 +605,10 @@ bool ReaderManager::EndActivity() {
     return m_openingGivenUp;
 }
 
-/// To be called with m_mutex locked once, since the wait releases one level only.
+/// To be called with m_mutex locked once. It is free meanwhile.
 void ReaderManager::WaitForWake(uint64_t generation) {
-    while (Generation() == generation)
-        m_wakeup.Wait(m_mutex);
+    const opal::RecursiveUnlock unlocked(m_mutex);
+    opal::MutexLock state(m_stateMutex);
+    while (m_generation == generation)
+        m_wakeup.Wait(m_stateMutex);
 }

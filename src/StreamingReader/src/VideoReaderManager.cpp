@@ -26,7 +26,7 @@ OPALError VideoReaderManager::CreateReaders(ISMILParser* parser, IClusterBuffer*
             return parser->GetVideoLevel(i, level);
         },
         buffer, notify, OPAL_STREAM_VIDEO);
-    const size_t first = ReaderList().size();
+    const size_t first = BuiltCount();
     if (added == OPAL_OK)
         added = AddReaders<IVideoTrickTrack>(
             parser->GetVideoTrickTrackCount(),
@@ -36,7 +36,7 @@ OPALError VideoReaderManager::CreateReaders(ISMILParser* parser, IClusterBuffer*
             buffer, notify, OPAL_STREAM_TRICK);
     if (added != OPAL_OK)
         return added;
-    if (first < ReaderList().size())
+    if (first < BuiltCount())
         m_firstTrickTrack = first;
     m_clusterIndexes.assign(first, nullptr);
     return OPAL_OK;
