@@ -95,7 +95,8 @@ void Declare(CLI::App& app, Options& options, Words& words) {
     app.add_flag(
         "--strict", options.strict,
         "Fail unless the end was reached in real time, with more than 95 % of the pictures "
-        "shown and no error");
+        "shown and no error; where nothing jumped, also unless all that came was met and "
+        "picture and sound went on to the end");
     app.add_flag("--verify", options.verify,
                  "Compare every block with the golden file beside its media file; with --strict a "
                  "mismatch, or a stream without one, is a fault");
