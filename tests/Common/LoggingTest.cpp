@@ -238,8 +238,11 @@ TEST(LogServer, FiltersByTheSendersOwnLevelsUntilTheConnectionStands) {
         OPALError Initialize() override {
             ++attempts;
             priority = getpriority(PRIO_PROCESS, 0);
-            m_level1 = false;
-            m_level2 = true;
+            {
+                opal::RecursiveLock lock(m_mutex);
+                m_level1 = false;
+                m_level2 = true;
+            }
             return RecordingSender::Initialize();
         }
         int attempts = 0;
