@@ -173,7 +173,7 @@ TEST_F(SubtitleTest, OffAnotherTrackTrickPlayAndFinalizeTakeTheTextDownAtOnce) {
 }
 
 TEST_F(SubtitleTest, AFontThatCannotBeUsed) {
-    for (const size_t size : {0, 5000}) {
+    for (const size_t size : {size_t{0}, size_t{5000}}) {
         m_font.assign(size, 'x');
         m_listener.Clear();
         Play({kLong});

@@ -89,8 +89,9 @@ TEST(PlayPartsTest, TheProgressLineHasWhatFits) {
 TEST(PlayPartsTest, TimeIsCountedByLevelAndAsStalled) {
     Viewing viewing;
     using State = Viewing::State;
-    viewing.Account(1000, State::Other, -1);
-    viewing.Account(2000, State::Watching, -1);  // belongs to the first level known
+    constexpr auto kNone = static_cast<size_t>(-1);
+    viewing.Account(1000, State::Other, kNone);
+    viewing.Account(2000, State::Watching, kNone);  // belongs to the first level known
     viewing.Account(4000, State::Watching, 1);
     viewing.Account(9000, State::Stalled, 1);
     viewing.Account(10000, State::Watching, 0);
