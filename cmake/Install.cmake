@@ -20,7 +20,7 @@ set(OPAL_LIBRARIES OPAL opal_tvset)
 if(OPAL_TICKET_START)
   list(APPEND OPAL_LIBRARIES opal_services)
 endif()
-install(FILES docs/kmt_ssa_config.xml docs/log4cxx.properties docs/SERVICES.md
+install(FILES docs/kmt_ssa_config.xml docs/log4cxx.properties docs/SERVICES.md THIRD-PARTY.md
         DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(TARGETS ${OPAL_LIBRARIES} EXPORT OPALTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}

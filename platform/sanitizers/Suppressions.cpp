@@ -31,9 +31,19 @@ const char* __tsan_default_suppressions() {
         "race:libx264\n";
 }
 #elif defined(OPAL_ADDRESS_SANITIZER)
+extern "C" __attribute__((visibility("default"))) const char* __lsan_default_options();
+const char* __lsan_default_options() {
+    return "print_suppressions=0";  // a program's standard error is looked at
+}
 extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions();
 const char* __lsan_default_suppressions() {
-    // SDL keeps its hints and its table of audio drivers until the process ends.
-    return "leak:libSDL2\n";
+    return
+        // SDL keeps its hints and its table of audio drivers until the process ends.
+        "leak:libSDL2\n"
+        // DirectFB keeps its configuration, the list of its modules and what its event dispatcher
+        // has not handled yet.
+        "leak:libdirectfb-1.7\n"
+        "leak:libfusion-1.7\n"
+        "leak:libdirect-1.7\n";
 }
 #endif

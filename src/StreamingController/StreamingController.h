@@ -235,7 +235,6 @@ class StreamingController : public IStreamingController {
     OPALError StartWhenReady(LoopState& state) OPAL_REQUIRES(m_mutex);
     OPALError HandleTrickStarted(LoopState& state) OPAL_REQUIRES(m_mutex);
     OPALError HandleVideoCluster(LoopState& state) OPAL_REQUIRES(m_mutex);
-    OPALError HandleTrickCluster(size_t argument) OPAL_REQUIRES(m_mutex);
     bool WatchBuffer(LoopState& state);
     OPALError IsReadyToStart() OPAL_REQUIRES(m_mutex);
     OPALError ReportPlayState(int playState);

@@ -219,7 +219,14 @@ bool LogServer::Post(LogEvent* event) {
 }
 
 void LogServer::PostOrDestroy(LogEvent* event) {
-    if (!Post(event))
+    bool taken = false;
+    try {
+        taken = Post(event);
+    } catch (...) {  // no memory for the queue
+        LogEventFactory::Instance().Destroy(event);
+        throw;
+    }
+    if (!taken)
         LogEventFactory::Instance().Destroy(event);
 }
 

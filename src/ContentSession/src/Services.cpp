@@ -10,6 +10,7 @@ constexpr int kFirstHttpStatus = 100;
 constexpr int kLastHttpStatus = 599;
 constexpr int kFirstHttpError = 14;
 constexpr int kLastHttpError = 19;
+constexpr size_t kMaxErrorText = 2048;
 
 bool IsTransportFailure(int soap) {
     return soap == SOAP_EOF || soap == SOAP_TCP_ERROR || soap == SOAP_HTTP_ERROR ||
@@ -114,7 +115,9 @@ void CBaseService::KeepErrorRecord(const Outcome& outcome) {
         return;
     const c__errorResponse& error = *outcome.response->errorResponse;
     m_error.number = error.errorCode;
-    m_error.text = error.errorMessage ? *error.errorMessage : std::string();
+    // A person reads it, and the log keeps many; a service may send what it likes.
+    m_error.text =
+        error.errorMessage ? error.errorMessage->substr(0, kMaxErrorText) : std::string();
 }
 
 ServiceCode CBaseService::Judge(const Outcome& outcome) const {

@@ -1,7 +1,6 @@
 #include <utility>
 
 #include "Common/Clock.h"
-#include "Common/StreamingTuning.h"
 #include "Common/logging/ILogEventSender.h"
 #include "Common/logging/LogEvent.h"
 #include "Common/logging/LogServer.h"
@@ -116,7 +115,8 @@ bool StreamingController::CheckHealth(LoopState& state) {
     if (code == OPAL_OK && !m_session->stopRequested && m_playRate == OPAL_PLAYRATE_ONEX) {
         code = m_session->GiveUpSlowTransfer(state.playing);
         // The transfer that a switch waits for may end without a cluster.
-        if (code == OPAL_OK && m_session->switchWaiting && !m_pReaders->IsVideoTransferring())
+        if (code == OPAL_OK && m_session->switchWaiting && !m_session->abandonFor &&
+            !m_pReaders->IsVideoTransferring())
             code = HandleVideoCluster(state);
     }
     if (code == OPAL_OK && m_session->audioRoad.IsPending())
@@ -216,7 +216,14 @@ OPALError StreamingController::Dispatch(const StreamingControllerMessage& messag
         case MSG_SUBTITLE_CLUSTER:
             return stopped || !normalRate ? OPAL_OK : m_session->subtitles.StartReader();
         case MSG_TRICK_CLUSTER:
-            return stopped ? OPAL_OK : HandleTrickCluster(message.argument);
+            if (stopped)
+                return OPAL_OK;
+            if (!normalRate && message.argument == m_session->trickEpoch)
+                m_trickClusterArrived = true;
+            // Posted again until the buffer has drained below one trick cluster, which bounds the
+            // read-ahead.
+            return m_session->HasRoomForTrickCluster() ? m_session->video.StartReader()
+                                                       : Post(message.kind, message.argument);
         case MSG_TRICK_STARTED:
             return HandleTrickStarted(state);
         case MSG_SEEK_DONE:
@@ -385,17 +392,6 @@ OPALError StreamingController::HandleVideoCluster(LoopState& state) {
     m_audioAhead = opal::playback::IsAudioTooFarAhead(m_session->audio.BufferedDuration(),
                                                       m_session->video.BufferedDuration());
     return m_audioAhead ? OPAL_OK : m_session->audioRoad.StartReader();
-}
-
-// Polls until the buffer has drained below one trick cluster, which bounds the read-ahead.
-OPALError StreamingController::HandleTrickCluster(size_t argument) {
-    if (m_playRate != OPAL_PLAYRATE_ONEX && argument == m_session->trickEpoch)
-        m_trickClusterArrived = true;
-    if (m_pVideoBuffer->GetBufferedDuration() <
-        StreamingTuning::Instance().GetTrickClusterDuration())
-        return m_session->video.StartReader();
-    (void)Post(MSG_TRICK_CLUSTER, argument);
-    return OPAL_OK;
 }
 
 /// False if the session has been terminated.

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "Common/Clock.h"
+#include "Common/StreamingTuning.h"
 #include "Common/logging/LogEvent.h"
 #include "Common/logging/LogServer.h"
 #include "PlatformAdapter/Common/IPlatform.h"
@@ -132,6 +133,7 @@ OPALError StreamingController::Session::GiveUpSlowTransfer(bool playing) {
     if (abandonFor) {
         const size_t level = *abandonFor;
         abandonFor.reset();
+        switchWaiting = false;  // for a decision from before the collapse
         // The transfer may have come to its end after all, and been the last.
         if (level < video.CurrentIndex() && video.ReaderState() != STREAMING_READER_END)
             return GoToLevel(level);
@@ -254,4 +256,9 @@ void StreamingController::Session::PostPulseErrors() {
         LogServer::Instance().PostOrDestroy(
             LogEventFactory::Instance().NewPulseErrorLogEvent(failure.code, text));
     }
+}
+
+bool StreamingController::Session::HasRoomForTrickCluster() {
+    return video.Buffer()->GetBufferedDuration() <
+           StreamingTuning::Instance().GetTrickClusterDuration();
 }

@@ -34,6 +34,7 @@ struct StreamingController::Session {
     OPALError GiveUpSlowTransfer(bool playing);
     /// Posts what the service said of the play reports it refused.
     void PostPulseErrors();
+    bool HasRoomForTrickCluster();
     void EndJump();
     void MarkStarted();
     /// Reports a switch whose level is open by now.

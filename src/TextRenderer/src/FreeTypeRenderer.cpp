@@ -21,6 +21,11 @@ constexpr FT_Pos kMaxGlyphSide = 2048;
 constexpr size_t kMaxCachedBytes = 32u << 20;
 constexpr size_t kEntryBytes = 128;  // of a cache, beside a bitmap's
 
+/// A web font, which would be inflated to whatever size it tells.
+bool IsCompressed(const void* data, size_t size) {
+    return size >= 4 && (std::memcmp(data, "wOFF", 4) == 0 || std::memcmp(data, "wOF2", 4) == 0);
+}
+
 size_t BytesPerPixel(uint32_t format) {
     switch (format) {
         case FreeTypeRenderer::kRGBA32:
@@ -137,8 +142,10 @@ OPALError FreeTypeRenderer::PIMPL::CacheGlyph(uint32_t character) {
         return OPAL_ERROR_INVALID_ARGUMENT;
     if (glyphs.count(character) != 0)
         return OPAL_OK;
-    OPALError error =
-        FT_RESULT(FT_Load_Glyph(face, FT_Get_Char_Index(face, character), FT_LOAD_DEFAULT));
+    // Pictures in a font may be of any size, and are decoded before anyone can look at it.
+    const FT_Int32 flags =
+        FT_HAS_COLOR(face) || FT_HAS_SBIX(face) ? FT_LOAD_NO_BITMAP : FT_LOAD_DEFAULT;
+    OPALError error = FT_RESULT(FT_Load_Glyph(face, FT_Get_Char_Index(face, character), flags));
     if (error != OPAL_OK)
         return error;
     FT_Glyph image = nullptr;
@@ -265,6 +272,8 @@ OPALError FreeTypeRenderer::InitializeFromMemory(const void* data, size_t size, 
     if (!data || size == 0 || size > static_cast<size_t>(std::numeric_limits<FT_Long>::max()) ||
         pointSize < 1)
         return OPAL_ERROR_INVALID_ARGUMENT;
+    if (IsCompressed(data, size))
+        return OPAL_ERROR_GENERAL;
     return m_pimpl->Initialize(nullptr, data, size, pointSize);
 }
 
