@@ -24,6 +24,10 @@ const char* __tsan_default_suppressions() {
         // DirectFB takes its own mutexes in both orders while it starts.
         "deadlock:libfusion-1.7\n"
         "deadlock:libdirect-1.7\n"
+        // Its exit handlers destroy what its own threads still wait on, and leave the threads.
+        "race:libdirect-1.7\n"
+        "race:libfusion-1.7\n"
+        "thread:libdirect-1.7\n"
         // FFmpeg hands frames from its decoding threads on with atomics of its own, which are not
         // instrumented there; so are x264's.
         "race:libavcodec\n"
