@@ -242,7 +242,8 @@ void Player::HandleOpened(OPALError code) {
     }
     if (m_state == State::Opening)
         Jumped(m_options.startMs, State::Buffering);
-    ListTracks();
+    m_tracks.Read(*m_controller);
+    m_console.Line(m_tracks.Text());
     if (m_options.pull)
         m_pull.Start(*m_controller, [this](OPALError failure) {
             Notice notice;
@@ -256,37 +257,13 @@ void Player::HandleOpened(OPALError code) {
     ChooseSubtitles();
 }
 
-void Player::ListTracks() {
-    std::string audio;
-    for (size_t i = 0; i < m_controller->GetAudioTrackCount(); ++i) {
-        AudioTrackInfo info;
-        (void)m_controller->GetAudioTrackInfo(i, info);
-        audio += (i == 0 ? " " : ", ") + std::to_string(i) + ' ' + info.language;
-    }
-    std::string subtitles;
-    for (size_t i = 0; i < m_controller->GetSubtitleTrackCount(); ++i) {
-        SubtitleTrackInfo info;
-        (void)m_controller->GetSubtitleTrackInfo(i, info);
-        subtitles += (i == 0 ? " " : ", ") + std::to_string(i) + ' ' + info.language;
-        m_subtitles.push_back(info.language);
-    }
-    m_console.Line("audio:" + (audio.empty() ? " none" : audio) +
-                   "; subtitles:" + (subtitles.empty() ? " none" : subtitles));
-}
-
 void Player::ChooseSubtitles() {
     int64_t track = m_options.subtitleTrack;
     const std::string& wanted = m_options.subtitleLanguage;
     if (!wanted.empty()) {
-        // "en" is "eng" as well.
-        const auto found = std::find_if(
-            m_subtitles.begin(), m_subtitles.end(), [&wanted](const std::string& language) {
-                const size_t length = std::min(wanted.size(), language.size());
-                return length >= 2 && wanted.compare(0, length, language, 0, length) == 0;
-            });
-        if (found == m_subtitles.end())
+        track = m_tracks.SubtitlesIn(wanted);
+        if (track < 0)
             return Fail("no subtitles in '" + wanted + "'");
-        track = found - m_subtitles.begin();
     }
     if (track >= 0)
         Perform({0, Action::Kind::Subtitle, track});
@@ -356,17 +333,16 @@ void Player::HandleKey(const KeyPress& press) {
     if (press.key != Key::Character)
         return;
     const char c = press.character;
-    const size_t tracks = m_controller->GetAudioTrackCount();
     if (c == ' ')
         Perform({0, m_state == State::Paused ? Kind::Play : Kind::Pause, 0});
     else if (c >= '0' && c <= '9')
         SeekTo(m_durationMs * (c - '0') / 10);
-    else if (c == 'a' && tracks > 0)
+    else if (c == 'a' && m_tracks.AudioCount() > 0)
         Perform({0, Kind::Audio,
-                 static_cast<int64_t>((m_controller->GetCurrentAudioTrack() + 1) % tracks)});
-    else if (c == 's' && !m_subtitles.empty())
-        Perform({0, Kind::Subtitle,
-                 m_subtitle + 1 < static_cast<int64_t>(m_subtitles.size()) ? m_subtitle + 1 : -1});
+                 static_cast<int64_t>((m_controller->GetCurrentAudioTrack() + 1) %
+                                      m_tracks.AudioCount())});
+    else if (c == 's' && m_tracks.SubtitleCount() > 0)
+        Perform({0, Kind::Subtitle, m_tracks.NextSubtitles(m_subtitle)});
     else if (c == 'p' && !m_options.snapshotFolder.empty())
         Perform({0, Kind::Snapshot, 0});
 }

@@ -14,6 +14,7 @@
 #include "opal-play/PullLoop.h"
 #include "opal-play/Report.h"
 #include "opal-play/Snapshots.h"
+#include "opal-play/Tracks.h"
 #include "opal-play/Verification.h"
 #include "opal-play/Viewing.h"
 
@@ -46,7 +47,6 @@ class Player {
 
     void Handle(const Notice& notice);
     void HandleOpened(OPALError code);
-    void ListTracks();
     void ChooseSubtitles();
     void HandlePlaying(OPALPlayRate rate);
     void HandleLevel(const Notice& notice);
@@ -103,11 +103,11 @@ class Player {
     uint64_t m_picturesBefore = 0;  ///< shown before playback last started
     Pace m_pace;
     Viewing m_viewing;
-    bool m_pauseWanted = false;            ///< the user's last word was to pause
-    bool m_starved = false;                ///< playback stands for want of data
-    bool m_jumped = false;                 ///< not played straight through
-    std::vector<std::string> m_subtitles;  ///< languages of the tracks
-    int64_t m_subtitle = -1;               ///< track asked for
+    bool m_pauseWanted = false;  ///< the user's last word was to pause
+    bool m_starved = false;      ///< playback stands for want of data
+    bool m_jumped = false;       ///< not played straight through
+    Tracks m_tracks;
+    int64_t m_subtitle = -1;  ///< track asked for
     size_t m_level = static_cast<size_t>(-1);
     std::vector<Level> m_levels;
     bool m_levelTold = false;
