@@ -182,7 +182,7 @@ OPALError StreamingController::BuildFromTicket(const std::string& tixString,
         tixString, sessionData, country, language, [this](const char* text) { Trace(text); },
         assetId, opened);
     if (code != OPAL_OK) {
-        if (opened)
+        if (opened && !m_stop.IsRaised())  // what ends because of the signal is no error to tell
             m_session->reports.ContentError(code, ticket.ErrorText(code));
         return code;
     }
@@ -237,7 +237,7 @@ OPALError StreamingController::InitializeInternal(const std::string& ticket,
     code = CreateVideoSink(start.level);
     if (code == OPAL_OK && m_sessionContent) {
         code = m_session->ticket.SetupStream();
-        if (code != OPAL_OK)
+        if (code != OPAL_OK && !m_stop.IsRaised())
             m_session->reports.ContentError(code, m_session->ticket.ErrorText(code));
     }
     if (code == OPAL_OK)
