@@ -59,12 +59,16 @@
 /// Environment: settings files and "log4cxx.properties" are read from the working directory.
 /// SIGPIPE is set to a handler that does nothing, and the C library's limit above which a block of
 /// memory is mapped by itself stays at 128 KiB. Initialize... prints the version, and the platform
-/// adapter what it does, to standard output. Compatibility: the order of the operations is the
+/// adapter what it does, to standard output: who has a reader there for something else leads the
+/// library's lines elsewhere, as opal-play does. Compatibility: the order of the operations is the
 /// vtable's and so the ABI; new operations come last or in interfaces of their own.
 class IStreamingController {
   public:
     virtual ~IStreamingController() = default;
 
+    /// `country` ("US") and `language` ("en") go to the services with each request, the upload of
+    /// the log included. They choose neither sound nor subtitles: SetAudioTrack does, and
+    /// SetSubtitleTrack.
     virtual OPALError InitializeFromSMILFile(const std::string& url, const std::string& country,
                                              const std::string& language,
                                              OPALWriterModel model) = 0;
@@ -108,9 +112,34 @@ class IStreamingController {
     /// (size_t)-1 switches subtitles off. A track that is switched on in a pause resumes the
     /// session.
     virtual OPALError SetSubtitleTrack(size_t index) = 0;
-    /// The next block of a stream in the pull model, as the file holds it (H.264 with the lengths
-    /// of its NAL units in front); `time` and `duration` in ms, `flags` 16 for a key frame. -7:
-    /// none yet. -9: the stream is over. -3 in the push model.
+    // The pull model (OPAL_WRITER_MODEL_PULL): the application takes the blocks of each stream
+    // one by one, in the order of play; the television gets a copy of each, and shows it.
+    //  - A block is what the file holds. H.264: the NAL units of one picture, each behind its
+    //    length in four bytes, most significant first; the parameter sets are among the units
+    //    of every key frame, and nothing else tells them. AAC: what
+    //    AudioTrackInfo::codecPrivate describes, without headers of its own. Subtitles: a text
+    //    in UTF-8.
+    //  - The application paces. The television takes what is at most two seconds ahead of its
+    //    position and passes over the rest, which the answer does not tell. Who pulls with the
+    //    film, a second ahead, has all of it shown; who pulls faster gets each block all the
+    //    same.
+    //  - Sound and subtitles need not be pulled: the picture goes on without them. A text whose
+    //    time has come is drawn, and PullSubtitleBlock returns when it is gone, which wants a
+    //    thread of its own; a text that is pulled earlier is not drawn.
+    //  - -7: none now, call again some milliseconds later. So it is before OnPlay, in a pause,
+    //    while playback waits for its buffers, for sound and subtitles in trick play, for sound
+    //    of a codec that the television refuses, and for ever once an error has ended the
+    //    session and what was buffered is pulled: OnError alone tells that error. -4: before
+    //    Initialize..., sound before the first start, subtitles before a track was selected.
+    //  - -9: all blocks of the last cluster were pulled; in reverse, of the first. After a jump
+    //    the stream goes on. OnEndOfStream is the television's end: the last cluster of the
+    //    picture was begun, and half a second at most waits to be shown. So it comes after -9
+    //    where a second is kept ahead, and up to a cluster before -9 where less than half a
+    //    second is.
+    //  - Any other code: the block's cluster is damaged. OnError does not tell it. Finalize.
+
+    /// The next block of a stream, in the pull model; else -3. `time` and `duration` in ms, `level`
+    /// the index of the video level or of the track, `flags` 16 for a key frame, else 0.
     virtual OPALError PullAudioBlock(qutl::MemoryBuffer<unsigned char>& data, int64_t& time,
                                      int64_t& duration, uint32_t& level, uint32_t& flags) = 0;
     virtual OPALError PullVideoBlock(qutl::MemoryBuffer<unsigned char>& data, int64_t& time,
