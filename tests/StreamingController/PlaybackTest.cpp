@@ -125,6 +125,19 @@ TEST_F(PlaybackTest, SeekInAPauseResumes) {
     EXPECT_FALSE(controller->video->IsPaused());
 }
 
+TEST_F(PlaybackTest, PlayGoesOnBehindASeekThatFails) {
+    StartPlaying({}, 8000);
+    controller->video->FailNext(FakePlatform::Op::Flush, OPAL_ERROR_GENERAL, 1);
+    int64_t position = 20000;
+    EXPECT_EQ(OPAL_ERROR_GENERAL, controller->Seek(position));
+    EXPECT_EQ(StreamingController::CONTROLLER_PAUSED, controller->GetState());
+    Turns(3);
+    EXPECT_TRUE(controller->video->IsPaused());
+    ASSERT_EQ(OPAL_OK, controller->Play());
+    EXPECT_TRUE(UntilEvent("OnPlay 1 0 -1"));
+    EXPECT_FALSE(controller->video->IsPaused());
+}
+
 TEST_F(PlaybackTest, ALevelChangeReachesTheSinkAtAClusterBoundaryOrEndsTheSession) {
     FilmShape film;
     film.levels = 4;

@@ -115,8 +115,7 @@ bool StreamingController::CheckHealth(LoopState& state) {
     if (code == OPAL_OK && !m_session->stopRequested && m_playRate == OPAL_PLAYRATE_ONEX) {
         code = m_session->GiveUpSlowTransfer(state.playing);
         // The transfer that a switch waits for may end without a cluster.
-        if (code == OPAL_OK && m_session->switchWaiting && !m_session->abandonFor &&
-            !m_pReaders->IsVideoTransferring())
+        if (code == OPAL_OK && m_session->levelSwitch.Waits() && !m_pReaders->IsVideoTransferring())
             code = HandleVideoCluster(state);
     }
     if (code == OPAL_OK && m_session->audioRoad.IsPending())
@@ -238,8 +237,7 @@ OPALError StreamingController::Dispatch(const StreamingControllerMessage& messag
 OPALError StreamingController::HandleStop(LoopState& state) {
     const OPALError code = m_pReaders->StopAll();
     m_session->audioRoad.Stop();
-    m_session->abandonFor.reset();
-    m_session->switchWaiting = false;
+    m_session->levelSwitch.EndWaiting();
     state.playing = false;
     m_session->stopRequested = m_session->startSequence == m_session->stopSequence;
     m_session->reports.Stop();
@@ -384,7 +382,8 @@ OPALError StreamingController::HandleVideoCluster(LoopState& state) {
     }
     // Behind a switch that waits for the transfer that runs, nothing else is to be fetched first.
     if (code == OPAL_OK) {
-        m_session->switchWaiting = false;
+        if (m_session->levelSwitch.Waits())
+            m_session->levelSwitch.EndWaiting();
         code = m_session->video.StartReader();
     }
     if (code != OPAL_OK && code != OPAL_ERROR_NOT_YET)

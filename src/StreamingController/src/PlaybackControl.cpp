@@ -289,6 +289,7 @@ OPALError StreamingController::ChangeRate(bool trick) {
     return m_session->StartReaders();
 }
 
+// A failure leaves the writers paused, and m_writersPaused says so: Play goes on.
 OPALError StreamingController::SeekInternal(int64_t& positionMs) {
     opal::RecursiveLock lock(m_mutex);
     if (positionMs < 0)

@@ -56,15 +56,14 @@ void StreamingController::Session::Reset() {
     audioRoad.Reset();
     subtitles.Reset();
     reportAudio = false;
-    switchingFrom = kNone;
+    levelSwitch = LevelSwitch();
     stopRequested = false;
     startSequence = stopSequence = 0;
     jumpPending = false;
     jumpTarget = -1;
     positionAtStart = 0;
     abandonRule.Reset();
-    abandonFor.reset();
-    switchWaiting = jumpStarting = false;
+    jumpStarting = false;
 }
 
 /// An operation that starts playback was accepted: a stop from before it no longer holds.
@@ -86,17 +85,21 @@ OPALError StreamingController::Session::StartReaders() {
 // A level that is not open yet is opened by the reader manager's thread; the switch is reported
 // when the level is there. -7: a transfer runs, and the switch waits for its end.
 OPALError StreamingController::Session::SwitchLevel(bool giveUpOpening) {
+    using State = LevelSwitch::State;
     const size_t wanted = objects.LevelFromSwitching();
-    if (video.CurrentIndex() == wanted || (switchingFrom != kNone && !giveUpOpening))
+    if (video.CurrentIndex() == wanted || (levelSwitch.Is(State::Opens) && !giveUpOpening))
         return OPAL_OK;
     if (!giveUpOpening) {
         // Stopped first, so that no transfer begins behind the question.
         const OPALError stopped = objects.readers->StopVideo();
         if (stopped != OPAL_OK)
             return stopped;
-        switchWaiting = objects.readers->IsVideoTransferring();
-        if (switchWaiting)
+        if (levelSwitch.Is(State::GivesUpTransfer))
+            return OPAL_ERROR_NOT_YET;  // this decision is from before the collapse
+        if (objects.readers->IsVideoTransferring()) {
+            levelSwitch.state = State::WaitsForTransfer;
             return OPAL_ERROR_NOT_YET;
+        }
     }
     return GoToLevel(wanted);
 }
@@ -105,6 +108,7 @@ OPALError StreamingController::Session::SwitchLevel(bool giveUpOpening) {
 OPALError StreamingController::Session::GoToLevel(size_t level) {
     const size_t current = video.CurrentIndex();
     int64_t position = 0;
+    levelSwitch.EndWaiting();
     OPALError code = objects.readers->StopVideo();
     if (code == OPAL_OK)
         code = objects.readers->GetVideoPosition(position);
@@ -116,41 +120,45 @@ OPALError StreamingController::Session::GoToLevel(size_t level) {
         code = objects.readers->StartVideo();
     if (code != OPAL_OK)
         return code;
-    if (switchingFrom == kNone)
-        switchingFrom = current;
+    if (levelSwitch.Is(LevelSwitch::State::None))
+        levelSwitch = {LevelSwitch::State::Opens, current};
     EndLevelSwitch();
     return OPAL_OK;
 }
 
-// The transfer may come to its end before the cancel reaches it, so the level is changed only when
-// it is over; the position is then that of the first cluster that is missing.
+// Asked on every turn of the loop, so the reader manager only if there is something to ask it for.
 OPALError StreamingController::Session::GiveUpSlowTransfer(bool playing) {
-    const bool transferring = objects.readers->IsVideoTransferring();
-    if (abandonFor && transferring) {
-        (void)objects.readers->StopVideo();  // something may have started the level anew
-        return objects.readers->CancelVideo();
-    }
-    if (abandonFor) {
-        const size_t level = *abandonFor;
-        abandonFor.reset();
-        switchWaiting = false;  // for a decision from before the collapse
-        // The transfer may have come to its end after all, and been the last.
-        if (level < video.CurrentIndex() && video.ReaderState() != STREAMING_READER_END)
-            return GoToLevel(level);
-        return video.StartReader();
-    }
-    if (!playing || !AlgorithmConfig::Instance().GetAbandonTransfers() || !transferring ||
-        switchingFrom != kNone || objects.playRate != OPAL_PLAYRATE_ONEX)
+    if (levelSwitch.Is(LevelSwitch::State::GivesUpTransfer))
+        return EndSlowTransfer();
+    if (!playing || !AlgorithmConfig::Instance().GetAbandonTransfers() ||
+        levelSwitch.Is(LevelSwitch::State::Opens) || objects.playRate != OPAL_PLAYRATE_ONEX ||
+        !objects.readers->IsVideoTransferring())
         return OPAL_OK;
     opal::playback::AbandonRule::Transfer transfer;
     std::vector<int64_t> clusterBytes;
     if (!DescribeTransfer(transfer, clusterBytes))
         return OPAL_OK;
-    abandonFor = abandonRule.Ask(transfer, clusterBytes);
-    if (!abandonFor)
+    const auto level = abandonRule.Ask(transfer, clusterBytes);
+    if (!level)
         return OPAL_OK;
+    levelSwitch = {LevelSwitch::State::GivesUpTransfer, *level};
     const OPALError code = objects.readers->StopVideo();
     return code == OPAL_OK ? objects.readers->CancelVideo() : code;
+}
+
+// The transfer may come to its end before the cancel reaches it, so the level is changed only when
+// it is over; the position is then that of the first cluster that is missing.
+OPALError StreamingController::Session::EndSlowTransfer() {
+    if (objects.readers->IsVideoTransferring()) {
+        (void)objects.readers->StopVideo();  // something may have started the level anew
+        return objects.readers->CancelVideo();
+    }
+    const size_t level = levelSwitch.level;
+    levelSwitch.EndWaiting();
+    // The transfer may have come to its end after all, and been the last.
+    if (level < video.CurrentIndex() && video.ReaderState() != STREAMING_READER_END)
+        return GoToLevel(level);
+    return video.StartReader();
 }
 
 /// The video transfer that runs, and its cluster as the levels have it. False if that is not known.
@@ -175,10 +183,11 @@ bool StreamingController::Session::DescribeTransfer(opal::playback::AbandonRule:
 
 /// Reports a switch whose level is open by now.
 void StreamingController::Session::EndLevelSwitch() {
-    if (switchingFrom == kNone || video.ReaderState() == STREAMING_READER_NOT_OPEN)
+    if (!levelSwitch.Is(LevelSwitch::State::Opens) ||
+        video.ReaderState() == STREAMING_READER_NOT_OPEN)
         return;
     // The listener may begin another switch.
-    const size_t from = std::exchange(switchingFrom, kNone);
+    const size_t from = std::exchange(levelSwitch, LevelSwitch()).level;
     const size_t to = video.CurrentIndex();
     // In trick play the current reader is no level; and a level that failed was never switched to.
     if (to != from && to < objects.parser->GetVideoLevelCount() && video.ReaderError() == OPAL_OK)
@@ -213,8 +222,7 @@ OPALError StreamingController::Session::EmptyStreams(bool subtitlesFirst, int64_
     if (code != OPAL_OK)
         return code;
     abandonRule.Reset();
-    abandonFor.reset();
-    switchWaiting = false;
+    levelSwitch.EndWaiting();
     jumpStarting = true;
     objects.RestartSwitching(OPAL_STREAM_VIDEO);
     video.Buffer()->SetMaxDuration(objects.switching->GetMaxBuffer());

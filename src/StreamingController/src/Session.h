@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <vector>
 
 #include "StreamSwitchingAlgorithm/AbandonRule.h"
@@ -18,6 +17,26 @@
 /// The parts beside the shell, and what the session remembers between messages; under m_mutex
 /// unless a field is atomic or a part says otherwise.
 struct StreamingController::Session {
+    /// How far a change of level has come.
+    struct LevelSwitch {
+        enum class State {
+            None,
+            WaitsForTransfer,  ///< the one that runs; then the decision is asked again
+            GivesUpTransfer,   ///< `level` is where to go on when it has ended
+            Opens              ///< the current level; `level` is the one that was left
+        };
+        State state = State::None;
+        size_t level = kNone;
+
+        bool Is(State asked) const { return state == asked; }
+        bool Waits() const { return Is(State::WaitsForTransfer); }
+        /// A jump or a stop: whatever waits for a transfer is void. A level is opened all the same.
+        void EndWaiting() {
+            if (!Is(State::Opens))
+                *this = LevelSwitch();
+        }
+    };
+
     explicit Session(StreamingController& controller);
     /// Back to what it is before a session.
     void Reset();
@@ -64,13 +83,8 @@ struct StreamingController::Session {
     std::atomic<int> audioOpeners{0};
     /// The audio track being opened was selected by message, so its end is reported.
     bool reportAudio = false;
-    /// The level that is left by the switch whose level is still being opened.
-    size_t switchingFrom = kNone;
+    LevelSwitch levelSwitch;
     opal::playback::AbandonRule abandonRule;
-    /// The level to go on at when the transfer that was cancelled for it has ended.
-    std::optional<size_t> abandonFor;
-    /// A switch waits for the end of a transfer.
-    bool switchWaiting = false;
     /// Playback has not been declared started since the last jump.
     bool jumpStarting = false;
     /// Stop was handled and nothing started since: what is still queued must not start a reader.
@@ -90,6 +104,7 @@ struct StreamingController::Session {
 
   private:
     OPALError GoToLevel(size_t level);
+    OPALError EndSlowTransfer();
     bool DescribeTransfer(opal::playback::AbandonRule::Transfer& transfer,
                           std::vector<int64_t>& clusterBytes);
 };
