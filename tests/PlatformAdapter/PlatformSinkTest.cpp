@@ -103,7 +103,8 @@ TEST_F(PlatformSinkTest, ARefusedPayloadHoldsUpQueriesUntilTheSessionCloses) {
     const auto async = [](auto call) { return std::async(std::launch::async, call); };
     std::future<OPALError> video = async([&] { return session.Queue(0); });
     std::future<OPALError> audio = async([&] { return session.QueueAudio(0); });
-    EXPECT_TRUE(Await([] { return !Pushed(0, false).empty() && !Pushed(1, false).empty(); }));
+    EXPECT_TRUE(Await([] { return !Pushed(0, false).empty(); })) << "audio";
+    EXPECT_TRUE(Await([] { return !Pushed(1, false).empty(); })) << "video";
     std::future<int64_t> query = async([&] { return session.Position(); });
     EXPECT_EQ(std::future_status::timeout, query.wait_for(std::chrono::milliseconds(50)));
     session.stop.Raise();

@@ -1,8 +1,6 @@
 // The subtitle window on a screen.
 
 #include <gmock/gmock.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <thread>
@@ -93,18 +91,7 @@ class SubtitleWindowTest : public testing::Test {
 
 TEST_F(SubtitleWindowTest, IsDrawnSmoothAndClearedWhole) {
     const XServer server("-extension");
-    // In a process of its own: DirectFB lasts as long as the process, and ends with the server.
-    std::fflush(stdout);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::alarm(60);
-        DrawAndClear(server);
-        std::fflush(stdout);
-        ::_exit(HasFailure() ? 1 : 0);
-    }
-    int status = -1;
-    EXPECT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    RunInChild([&] { DrawAndClear(server); });
 }
 
 }  // namespace

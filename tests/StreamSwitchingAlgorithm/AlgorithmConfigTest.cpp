@@ -58,8 +58,9 @@ TEST_F(AlgorithmConfigTest, AFileSetsWhatItNamesAndResetsTheRest) {
     EXPECT_EQ(config.GetMaxSecondsInAgileMode(), 4000);
     EXPECT_EQ(config.GetMinSecondsInAgileMode(), 5000);
     EXPECT_EQ(config.GetUpperGuardTrigger(), 6);
-    EXPECT_TRUE(config.GetAlgorithmCycle() && config.GetDisableQuickstart() &&
-                config.GetDisableSteadyState());
+    EXPECT_TRUE(config.GetAlgorithmCycle());
+    EXPECT_TRUE(config.GetDisableQuickstart());
+    EXPECT_TRUE(config.GetDisableSteadyState());
     EXPECT_EQ(config.GetMaxLevelDrop(), 9);
     EXPECT_EQ(config.GetBandwidthMonitorSampleCount(), 10);
     EXPECT_EQ(config.GetBandwidthMonitorWindowInterval(), 11000);

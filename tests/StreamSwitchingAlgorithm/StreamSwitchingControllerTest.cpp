@@ -183,7 +183,8 @@ TEST_F(SwitchingControllerTest, QueriesAndReportsMayComeFromAnyThread) {
     std::thread queries([&controller] {
         for (int i = 0; i < 2000; ++i) {
             const int level = controller.GetCurrentLevel();
-            EXPECT_TRUE(level >= 0 && level < 4);
+            EXPECT_GE(level, 0);
+            EXPECT_LT(level, 4);
             controller.IsVideoBuffered();
             controller.GetMaxBuffer();
         }

@@ -103,7 +103,8 @@ TEST_F(ReadersTest, LevelsUpToTheCurrentOneAreOpen) {
     server->ClearLog();
     EXPECT_EQ(OPAL_OK, readers.SetVideoStream(3));
     EXPECT_THAT(OpenedUrls(), ElementsAre("http://host/2", "http://host/3"));
-    EXPECT_TRUE(indexes[2] && indexes[3]);
+    EXPECT_TRUE(indexes[2]);
+    EXPECT_TRUE(indexes[3]);
 
     EXPECT_EQ(OPAL_OK, readers.Finalize());
     server->AddRule(FakeRule::Fail(OPAL_ERROR_HTTP_SERVER, "http://host/1"));

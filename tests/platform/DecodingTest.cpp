@@ -174,7 +174,8 @@ TEST_F(Decoding, TheSnapshotHasTheSubtitleAlsoWithoutALayerForIt) {
     TvSubtitles_Show(image.data(), 1280, 720);
     const std::vector<uint8_t> rgb = Screen(1280, 720);
     const auto pixel = [&](size_t at) {
-        EXPECT_TRUE(rgb[at * 3] == rgb[at * 3 + 1] && rgb[at * 3] == rgb[at * 3 + 2]) << "coloured";
+        EXPECT_EQ(rgb[at * 3], rgb[at * 3 + 1]) << "coloured";
+        EXPECT_EQ(rgb[at * 3], rgb[at * 3 + 2]) << "coloured";
         return static_cast<int>(rgb[at * 3]);
     };
     EXPECT_EQ(pixel(middle), 255);

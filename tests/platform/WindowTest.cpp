@@ -1,10 +1,7 @@
 // The picture in a window, as the X server has it.
 
 #include <directfb.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 
 #include "MSystem.h"
@@ -16,6 +13,7 @@ namespace {
 
 constexpr int kWidth = 1280;
 constexpr int kHeight = 720;
+using opal::test::RunInChild;
 using opal::test::XServer;
 
 TEST(XServer, IsLeftAloneWhereDirectFBWouldCrash) {
@@ -113,18 +111,7 @@ TEST_F(Window, ShowsThePictureBelowASubtitleWindow) {
     const XServer server("-extension");
     (void)film::Video();  // made here, not again in the child
     (void)film::Video(426, 240);
-    // In a process of its own: DirectFB lasts as long as the process, and ends with the server.
-    std::fflush(stdout);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::alarm(60);
-        PlayBelowASubtitle(server);
-        std::fflush(stdout);
-        ::_exit(HasFailure() ? 1 : 0);
-    }
-    int status = -1;
-    EXPECT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    RunInChild([&] { PlayBelowASubtitle(server); });
 }
 
 }  // namespace

@@ -5,10 +5,13 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <string>
 
 #include "support/TemporaryDirectory.h"
@@ -69,5 +72,21 @@ class XServer {
     FILE* m_output = nullptr;
     pid_t m_pid = -1;
 };
+
+/// Runs a test in a process of its own, for a minute at most: DirectFB lasts as long as the
+/// process, and ends with the server.
+inline void RunInChild(const std::function<void()>& test) {
+    std::fflush(stdout);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::alarm(60);
+        test();
+        std::fflush(stdout);
+        ::_exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = -1;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
 
 }  // namespace opal::test

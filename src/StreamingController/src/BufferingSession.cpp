@@ -3,33 +3,19 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "Common/StreamKinds.h"
+
 namespace {
 
+using opal::SelectByKind;
 using Lock = opal::RecursiveLock;
-
-/// The one of three fields that belongs to `type`; null for a kind that has none.
-template <typename Field>
-Field* Select(OPALStreamType type, Field& video, Field& audio, Field& subtitle) {
-    switch (type) {
-        case OPAL_STREAM_VIDEO:
-            return &video;
-        case OPAL_STREAM_AUDIO:
-            return &audio;
-        case OPAL_STREAM_SUBTITLE:
-            return &subtitle;
-        case OPAL_STREAM_TRICK:
-        case OPAL_STREAM_NONE:
-            break;
-    }
-    return nullptr;
-}
 
 }  // namespace
 
 void BufferingSession::SetTarget(size_t bytes, OPALStreamType type) {
     Lock lock(mutex);
-    size_t* target = Select(type, videoTarget, audioTarget, subtitleTarget);
-    bool* active = Select(type, videoActive, audioActive, subtitleActive);
+    size_t* target = SelectByKind(type, videoTarget, audioTarget, subtitleTarget);
+    bool* active = SelectByKind(type, videoActive, audioActive, subtitleActive);
     if (!target)
         return;
     *target = bytes;
@@ -38,21 +24,21 @@ void BufferingSession::SetTarget(size_t bytes, OPALStreamType type) {
 
 void BufferingSession::AddBytes(size_t bytes, OPALStreamType type) {
     Lock lock(mutex);
-    size_t* received = Select(type, videoReceived, audioReceived, subtitleReceived);
+    size_t* received = SelectByKind(type, videoReceived, audioReceived, subtitleReceived);
     if (!received)
         return;
     *received += bytes;
-    if (*received >= *Select(type, videoTarget, audioTarget, subtitleTarget))
-        *Select(type, videoComplete, audioComplete, subtitleComplete) = true;
+    if (*received >= *SelectByKind(type, videoTarget, audioTarget, subtitleTarget))
+        *SelectByKind(type, videoComplete, audioComplete, subtitleComplete) = true;
 }
 
 void BufferingSession::ResetStream(OPALStreamType type) {
     Lock lock(mutex);
-    size_t* received = Select(type, videoReceived, audioReceived, subtitleReceived);
+    size_t* received = SelectByKind(type, videoReceived, audioReceived, subtitleReceived);
     if (!received)
         return;
     *received = 0;
-    *Select(type, videoComplete, audioComplete, subtitleComplete) = false;
+    *SelectByKind(type, videoComplete, audioComplete, subtitleComplete) = false;
 }
 
 void BufferingSession::Reset() {
@@ -82,7 +68,7 @@ OPALError BufferingSession::GetPercent(size_t& result) const {
 
 bool BufferingSession::IsStreamComplete(OPALStreamType type) const {
     Lock lock(mutex);
-    const bool* complete = Select(type, videoComplete, audioComplete, subtitleComplete);
+    const bool* complete = SelectByKind(type, videoComplete, audioComplete, subtitleComplete);
     return !IsStreamActive(type) || *complete;
 }
 
@@ -99,6 +85,6 @@ bool BufferingSession::IsActive() const {
 
 bool BufferingSession::IsStreamActive(OPALStreamType type) const {
     Lock lock(mutex);
-    const bool* active = Select(type, videoActive, audioActive, subtitleActive);
+    const bool* active = SelectByKind(type, videoActive, audioActive, subtitleActive);
     return active && *active;
 }

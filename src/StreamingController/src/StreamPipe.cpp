@@ -1,5 +1,6 @@
 #include "StreamingController/src/StreamPipe.h"
 
+#include "Common/StreamKinds.h"
 #include "PlatformAdapter/Common/IPlatform.h"
 #include "StreamingDemux/EBML/IClusterBuffer.h"
 #include "StreamingReader/IStreamingReader.h"
@@ -49,14 +50,7 @@ const StreamPipe::ReaderOperations& StreamPipe::OperationsOf(OPALStreamType type
                                               &Readers::GetSubtitleBytesInFlight,
                                               &Readers::GetSubtitleStreamCount,
                                               &Readers::GetCurrentSubtitle};
-    switch (type) {
-        case OPAL_STREAM_AUDIO:
-            return audio;
-        case OPAL_STREAM_SUBTITLE:
-            return subtitle;
-        default:
-            return video;
-    }
+    return *SelectByKind(type, video, audio, subtitle);
 }
 
 StreamPipe::StreamPipe(OPALStreamType type, const SessionObjects& session,

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "Common/Mutex.h"
+#include "Common/StreamKinds.h"
 
 namespace opal {
 namespace {
@@ -59,14 +60,8 @@ Kind& KindOf(OPALStreamType type) {
     static Kind video(kVideoMessages);
     static Kind audio(kAudioMessages);
     static Kind subtitle(kAudioMessages);
-    switch (type) {
-        case OPAL_STREAM_AUDIO:
-            return audio;
-        case OPAL_STREAM_SUBTITLE:
-            return subtitle;
-        default:
-            return video;
-    }
+    Kind* const kind = SelectByKind(type, video, audio, subtitle);
+    return kind ? *kind : video;
 }
 
 bool Compare(Kind& kind, const GoldenRecord& record, const CrcTable& table, const BlockNode& block,
