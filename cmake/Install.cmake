@@ -3,9 +3,10 @@ include(CMakePackageConfigHelpers)
 
 set(OPAL_PUBLIC_HEADERS
   Common/Export.h Common/MemoryBuffer.h Common/OPALError.h Common/OPALPlayRate.h
-  Common/OPALStreamType.h Common/OPALVersion.h Common/OPALWriterModel.h
+  Common/OPALStreamType.h Common/OPALVersion.h Common/OPALWriterModel.h Common/SessionEvents.h
   Common/logging/ILogEventSender.h Common/logging/Logger.h PlatformAdapter/Mstar/HABPreferences.h
   StreamingController/ArrangedLogSender.h
+  StreamingController/ISessionObserver.h
   StreamingController/IStreamingController.h StreamingController/IStreamingControllerNotify.h
   StreamingController/StreamingControllerTypes.h)
 

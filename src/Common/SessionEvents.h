@@ -39,12 +39,16 @@ enum class RequestPurpose : int {
     Other = 5
 };
 
-/// A transfer that has ended. It began `waitUs + transferUs` before `timeUs`.
-struct RequestEvent : SessionEvent {
+/// What a transfer is for.
+struct RequestLabel {
     RequestPurpose purpose = RequestPurpose::Other;
     OPALStreamType stream = OPAL_STREAM_NONE;
     size_t index = static_cast<size_t>(-1);  ///< level, trick track or track
     int64_t cluster = -1;                    ///< number of the cluster; -1: none
+};
+
+/// A transfer that has ended. It began `waitUs + transferUs` before `timeUs`.
+struct RequestEvent : SessionEvent, RequestLabel {
     std::string url;
     std::vector<std::pair<int64_t, int64_t>> ranges;  ///< offset and length of each; none: no body
     int64_t waitUs = 0;      ///< to the first byte of the reply's body, connecting included

@@ -8,6 +8,7 @@
 #include "Common/OPALError.h"
 #include "Common/OPALPlayRate.h"
 #include "Common/OPALStreamType.h"
+#include "Common/SessionEvents.h"
 #include "Common/StopSignal.h"
 #include "StreamingDemux/EBML/AudioStreamInfo.h"
 #include "StreamingReader/IStreamingReaderNotify.h"
@@ -70,6 +71,8 @@ class IStreamingReader : boost::noncopyable {
     /// the next one run. The reader's stop signal does the same for good, and ends a DownloadNext
     /// with -28. Takes no lock.
     virtual void SetAbandoned(bool abandoned) = 0;
+    /// Why the next CancelTransfers comes, as the session's observer is told.
+    virtual void SetCancelReason(opal::RequestEnd) {}
 };
 
 /// A new reader, owned by the caller; null for an empty url, a header size of 0, a null buffer or

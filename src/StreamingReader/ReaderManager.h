@@ -69,7 +69,8 @@ class ReaderManager : boost::noncopyable {
     bool HasError();
     OPALError GetError();
     OPALError SetError(OPALError code);
-    OPALError Cancel();
+    /// `reason`: for the session's observer.
+    OPALError Cancel(opal::RequestEnd reason = opal::RequestEnd::Jump);
     OPALError GetBytesInFlight(size_t& bytes);
     OPALError GetBytesAhead(int64_t ms, size_t& bytes);
     /// A current reader that is not open yet stays so until SetStream.

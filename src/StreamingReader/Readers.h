@@ -80,6 +80,8 @@ class Readers : boost::noncopyable {
     virtual OPALError GetSubtitleError();
     virtual OPALError CancelAudio();
     virtual OPALError CancelVideo();
+    /// The same, told to the session's observer as a transfer that was too slow.
+    OPALError CancelSlowVideo();
     virtual OPALError CancelSubtitle();
     /// Audio, video, subtitle.
     virtual OPALError CancelAll();

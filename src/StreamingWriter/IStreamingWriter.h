@@ -9,6 +9,7 @@
 #include "Common/OPALPlayRate.h"
 #include "Common/OPALStreamType.h"
 #include "Common/OPALWriterModel.h"
+#include "Common/SessionEvents.h"
 
 class IClusterBuffer;
 class IPlatform;
@@ -53,6 +54,8 @@ class IStreamingWriter : boost::noncopyable {
     virtual OPALError GetLevelForTime(int64_t timeMs, size_t& level) = 0;
     /// One round of the loop.
     virtual OPALError WriteBlocks() = 0;
+    /// What the sink has taken so far, for the session's observer.
+    virtual void GetSinkFigures(opal::SinkEvent&) {}
 };
 
 /// A new writer, owned by the caller; null for a null buffer, and for a null sink in the push

@@ -59,6 +59,7 @@ OPALError BandwidthProbe::Probe(const std::string& location) {
         return OPAL_ERROR_GENERAL;
     }
     file->SetStopSignal(m_pStop);
+    file->SetLabel({opal::RequestPurpose::Probe, OPAL_STREAM_VIDEO});
     OPALError result = file->Open(location);
     if (result != OPAL_OK) {
         LOG4CXX_ERROR(logger, "Could not probe: " << location);

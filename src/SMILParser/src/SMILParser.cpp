@@ -92,6 +92,7 @@ OPALError SMILParser::ParseSMILFile(const std::string& location) {
         return OPAL_ERROR_GENERAL;
     }
     file->SetStopSignal(m_pStop);
+    file->SetLabel({opal::RequestPurpose::Manifest});
     OPALError result = file->Open(location);
     if (result != OPAL_OK) {
         LOG4CXX_ERROR(m_logger, "HTTP error opening SMIL file: '"

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <utility>
 
 #include "Common/Assert.h"
 #include "Common/Clock.h"
@@ -16,6 +17,8 @@ namespace {
 
 using Lock = opal::MutexLock;
 using boost::posix_time::milliseconds;
+using Algorithm = VideoStreamSwitchingAlgorithm;
+using Kind = SwitchingCalls::Kind;
 
 constexpr int kMaxUsefulAudioBuffer = 16000;
 /// With fewer levels a probe is not worth its time.
@@ -45,9 +48,21 @@ StreamSwitchingController::~StreamSwitchingController() {
     m_notify.Clear();
 }
 
+template <typename Answer>
+auto StreamSwitchingController::Ask(SwitchingCalls::Kind kind, Answer answer) {
+    if (!SwitchingCalls::AreObserved())
+        return answer(*m_algorithm);
+    const bool decides = m_algorithm->IsDirty();
+    SwitchingCalls::Event question = SwitchingCalls::Question(kind);
+    const auto result = answer(*m_algorithm);
+    m_calls.TellAnswer(std::move(question), result, decides);
+    return result;
+}
+
 int StreamSwitchingController::GetCurrentLevel() {
     Lock lock(m_mutex);
-    return m_algorithm->GetCurrentLevel();
+    return Ask(Kind::GetCurrentLevel,
+               [](Algorithm& algorithm) { return algorithm.GetCurrentLevel(); });
 }
 
 int StreamSwitchingController::GetTrickLevel() {
@@ -58,6 +73,7 @@ OPALError StreamSwitchingController::SetLevels(
     const std::vector<boost::shared_ptr<IVideoLevel>>& levels,
     const std::vector<boost::shared_ptr<IAudioTrack>>& audioTracks) {
     Lock lock(m_mutex);
+    m_calls.TellLevels(levels, audioTracks);
     m_algorithm->Reset();
     m_algorithm->StampStartTime();
     for (const auto& level : levels) {
@@ -84,7 +100,8 @@ OPALError StreamSwitchingController::SetLevels(
 
 int StreamSwitchingController::GetVideoExcessBuffer() {
     Lock lock(m_mutex);
-    return m_algorithm->GetExcessBuffer();
+    return Ask(Kind::GetExcessBuffer,
+               [](Algorithm& algorithm) { return algorithm.GetExcessBuffer(); });
 }
 
 int StreamSwitchingController::GetAudioExcessBuffer() {
@@ -94,7 +111,8 @@ int StreamSwitchingController::GetAudioExcessBuffer() {
 
 bool StreamSwitchingController::IsVideoBuffered() {
     Lock lock(m_mutex);
-    return m_algorithm->IsVideoBuffered();
+    return Ask(Kind::IsVideoBuffered,
+               [](Algorithm& algorithm) { return algorithm.IsVideoBuffered(); });
 }
 
 bool StreamSwitchingController::IsAudioBuffered() {
@@ -116,6 +134,7 @@ int StreamSwitchingController::GetBandwidth() {
 
 void StreamSwitchingController::SetBandwidth(int bandwidth) {
     Lock lock(m_mutex);
+    m_calls.TellSetter(Kind::SetBandwidth, bandwidth);
     StoreBandwidth(bandwidth);
 }
 
@@ -132,6 +151,7 @@ void StreamSwitchingController::StoreBandwidth(int bandwidth) {
 
 void StreamSwitchingController::SetStartupTime(int64_t ms) {
     Lock lock(m_mutex);
+    m_calls.TellSetter(Kind::SetStartupTime, ms);
     m_algorithm->SetStartupDelay(ms + m_blockTime * 2);
 }
 
@@ -147,6 +167,7 @@ int64_t StreamSwitchingController::GetMaxBuffer() {
 
 void StreamSwitchingController::SetAudioBitrate(int bitrate) {
     Lock lock(m_mutex);
+    m_calls.TellSetter(Kind::SetAudioBitrate, bitrate);
     StoreAudioBitrate(bitrate);
 }
 
@@ -171,6 +192,7 @@ void StreamSwitchingController::GetBufferRequirement(int& ms, OPALStreamType typ
 
 void StreamSwitchingController::SetClusterIndexes(const std::vector<IClusterIndex*>* indexes) {
     Lock lock(m_mutex);
+    m_calls.TellIndexes(indexes);
     m_algorithm->SetClusterIndexes(indexes);
 }
 
@@ -193,9 +215,11 @@ void StreamSwitchingController::eventHandler(OPALStreamType type, StreamSwitchin
                                              const Message& message) {
     Lock lock(m_mutex);
     if (what == StreamSwitchingNotify::EVENT_RESTART) {
+        m_calls.TellRestart(type, false);
         OnRestart(type);
     } else {
         OPAL_ASSERT(what == StreamSwitchingNotify::EVENT_DOWNLOAD_COMPLETE, "0");
+        m_calls.TellDownload(type, message);
         OnDownloadComplete(type, message);
     }
 }
@@ -204,6 +228,7 @@ void StreamSwitchingController::eventHandler(OPALStreamType type, StreamSwitchin
                                              int, int) {
     Lock lock(m_mutex);
     OPAL_ASSERT(what == StreamSwitchingNotify::EVENT_RESTART, "0");
+    m_calls.TellRestart(type, true);
     OnRestart(type);
     m_algorithm->Invalidate();
 }

@@ -7,6 +7,7 @@
 #include "Common/Mutex.h"
 #include "StreamSwitchingAlgorithm/IStreamSwitchingController.h"
 #include "StreamSwitchingAlgorithm/src/BandwidthMonitor.h"
+#include "StreamSwitchingAlgorithm/src/SwitchingCalls.h"
 #include "StreamSwitchingAlgorithm/src/VideoStreamSwitchingAlgorithm.h"
 
 /// The door to stream switching: takes the events of downloads and restarts, keeps the bandwidth
@@ -55,6 +56,9 @@ class StreamSwitchingController : public IStreamSwitchingController,
     void eventHandler(OPALStreamType type, StreamSwitchingNotify::event what, int first,
                       int second) override;
 
+    /// What `answer` gives, told to the session's observer.
+    template <typename Answer>
+    auto Ask(SwitchingCalls::Kind kind, Answer answer) OPAL_REQUIRES(m_mutex);
     void OnDownloadComplete(OPALStreamType type, const Message& message) OPAL_REQUIRES(m_mutex);
     void OnRestart(OPALStreamType type) OPAL_REQUIRES(m_mutex);
     void UpdateStability(int level, int64_t downloadTime) OPAL_REQUIRES(m_mutex);
@@ -81,4 +85,5 @@ class StreamSwitchingController : public IStreamSwitchingController,
     int64_t m_audioBufferSize OPAL_GUARDED_BY(m_mutex) = 0;  ///< bits
     int m_audioDelay OPAL_GUARDED_BY(m_mutex) = 0;           ///< audio's buffer requirement, ms
     int64_t m_blockTime OPAL_GUARDED_BY(m_mutex) = 0;        ///< see SetBandwidth
+    SwitchingCalls m_calls OPAL_GUARDED_BY(m_mutex);
 };

@@ -8,6 +8,7 @@
 
 #include "Common/Assert.h"
 #include "Common/Clock.h"
+#include "Common/SessionEventStream.h"
 #include "Common/StreamingTuning.h"
 #include "Common/logging/LogEvent.h"
 #include "Common/logging/LogServer.h"
@@ -16,6 +17,8 @@
 #include "StreamingDemux/EBML/IClusterIndex.h"
 
 namespace {
+
+using Rule = opal::SwitchingRule;
 
 /// More than this is never worth buffering, ms.
 constexpr int kMaxUsefulBuffer = 16000;
@@ -194,11 +197,13 @@ const IClusterIndex* VideoStreamSwitchingAlgorithm::ClusterIndexOf(size_t level)
 }
 
 void VideoStreamSwitchingAlgorithm::Calculate() {
+    const int from = m_decided ? m_currentLevel : -1;
     if (!HasUsableLevel()) {
         // No rate to choose by: the lowest level it is, for good, and playback need not wait.
         m_currentLevel = 0;
         m_decided = !m_levels.empty();
         m_dirty = false;
+        TellDecision(Decision(), from);
         return;
     }
     m_currentLevel =
@@ -208,6 +213,7 @@ void VideoStreamSwitchingAlgorithm::Calculate() {
         DecideNext(decision);
     else
         DecideFirst(decision);
+    TellDecision(decision, from);
 }
 
 VideoStreamSwitchingAlgorithm::Decision VideoStreamSwitchingAlgorithm::BeginDecision() {
@@ -243,6 +249,7 @@ void VideoStreamSwitchingAlgorithm::DecideFirst(Decision& decision) {
         m_currentLevel = ToInt(m_target);
     }
     decision.state = kBandwidthKept;
+    decision.rule = Rule::Start;
     UpdateExcessBuffer();
     m_decided = true;
     TraceDecision(decision);
@@ -254,16 +261,19 @@ void VideoStreamSwitchingAlgorithm::DecideNext(Decision& decision) {
     if (!Config().GetDisableQuickstart() && !HasClusterIndexes()) {
         m_currentLevel = LowestUsableLevel();
         m_dirty = false;
+        decision.rule = Rule::QuickStart;
         return;
     }
     UpdateExcessBuffer();
     ++m_cycleCount;
     if (Config().GetAlgorithmCycle()) {
+        decision.rule = Rule::Cycle;
         CycleThroughLevels();
         return;
     }
 
     const int64_t holdTime = HoldTime();
+    decision.heldMs = holdTime;
     if (m_bandwidth == 0)
         Explore(decision);
     else
@@ -291,6 +301,7 @@ void VideoStreamSwitchingAlgorithm::CycleThroughLevels() {
 /// time and the buffer covers the current level's delay.
 void VideoStreamSwitchingAlgorithm::Explore(Decision& decision) {
     const bool fast = m_downloadTimeMs >= 1 && 2.0 * m_downloadTimeMs < PlayableMs(decision);
+    decision.rule = fast ? Rule::ExploringKept : Rule::Waiting;
     if (!fast) {
         m_upCounter = 0;
         m_holdCounter = 0;
@@ -300,6 +311,7 @@ void VideoStreamSwitchingAlgorithm::Explore(Decision& decision) {
     const int64_t fastFor = (int64_t{m_upCounter} + 1) * ClusterDuration();
     if (fastFor >= Config().GetMinPeriodUpSwitch(m_mode) && m_bufferedMs > decision.level.delay) {
         decision.state = kExploringSwitch;
+        decision.rule = Rule::ExploringUp;
         m_target = std::trunc(m_target + 1.0);
         decision.switching = true;
     }
@@ -309,6 +321,7 @@ void VideoStreamSwitchingAlgorithm::Explore(Decision& decision) {
 
 void VideoStreamSwitchingAlgorithm::FollowBandwidth(Decision& decision) {
     decision.state = kBandwidthKept;
+    decision.rule = Rule::BandwidthKept;
     m_target = std::trunc(m_target);
     m_candidate = m_target;
     const int guardedLevel = LevelForBandwidth(ToInt(decision.guarded));
@@ -322,6 +335,7 @@ void VideoStreamSwitchingAlgorithm::FollowBandwidth(Decision& decision) {
     const bool up = m_candidate > m_target && MayStepUp(decision, ToInt(m_candidate), holdTime);
     if (down || up) {
         decision.state = kBandwidthSwitch;
+        decision.rule = down ? Rule::BandwidthDown : Rule::BandwidthUp;
         m_target = m_candidate;
         decision.switching = true;
     }
@@ -382,10 +396,12 @@ void VideoStreamSwitchingAlgorithm::GuardBuffer(Decision& decision, int64_t hold
         return;
     if (m_bufferedMs <= decision.level.threshold) {
         decision.adjusted = true;
+        decision.rule = Rule::BufferLow;
         m_target -= kGuardStep;
     }
     if (m_bufferedMs < kSpentBuffer) {
         decision.adjusted = true;
+        decision.rule = Rule::BufferSpent;
         m_target = 0.0;
     }
 }
@@ -475,10 +491,41 @@ void VideoStreamSwitchingAlgorithm::Restart() {
     m_dirty = true;
     if (Config().GetDisableQuickstart() || !HasUsableLevel())
         return;
+    const int from = m_currentLevel;
     m_nominalLevel = ToInt(m_target);
     m_target = ClampTarget(m_target - Config().GetMaxLevelDrop());
     m_currentLevel = ToInt(m_target);
     m_cycleCount = 0;
+    if (from == m_currentLevel)
+        return;
+    Decision decision;
+    decision.rule = Rule::Restart;
+    TellDecision(decision, from);
+}
+
+/// Tells the session's observer.
+void VideoStreamSwitchingAlgorithm::TellDecision(const Decision& decision, int from) const {
+    if (!opal::SessionEventStream::IsObserved())
+        return;
+    opal::DecisionEvent event;
+    event.rule = decision.rule;
+    event.from = from;
+    event.to = m_currentLevel;
+    event.cluster = m_nextClusterIndex;
+    event.bandwidth = m_bandwidth;
+    event.reservedBandwidth = m_reservedBandwidth;
+    event.available = decision.available;
+    event.guarded = decision.guarded;
+    event.target = m_target;
+    event.candidate = m_candidate;
+    event.bufferedMs = m_bufferedMs;
+    event.requiredMs = m_requiredDelayMs;
+    event.guardMs = decision.level.threshold;
+    event.heldMs = decision.heldMs;
+    event.downloadBytes = m_downloadBytes;
+    event.downloadMs = m_downloadTimeMs;
+    event.mode = m_mode;
+    opal::SessionEventStream::Tell(std::move(event));
 }
 
 void VideoStreamSwitchingAlgorithm::TraceDecision(const Decision& decision) {

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "Common/SessionEvents.h"
+
 class IClusterIndex;
 
 /// What the decision knows of one video level.
@@ -68,6 +70,8 @@ class VideoStreamSwitchingAlgorithm {
     void SetReservedBandwidth(int bandwidth);
     void SetDownloadResult(int bytes, int timeMs, int bufferedMs, int clusterIndex);
     void Invalidate() { m_dirty = true; }
+    /// The next question has a decision made.
+    bool IsDirty() const { return m_dirty; }
     /// What is buffered above the current level's maxBuffer.
     int GetExcessBuffer();
     /// The greatest delay of the levels up to the current one; as of the last decision.
@@ -107,6 +111,8 @@ class VideoStreamSwitchingAlgorithm {
         TraceState state = kBufferState;
         bool switching = false;  ///< the bandwidth, or its exploration, asks for another level
         bool adjusted = false;   ///< the buffer guard does
+        opal::SwitchingRule rule = opal::SwitchingRule::NoRates;
+        int64_t heldMs = 0;
     };
 
     int LevelForBandwidth(int bandwidth) const;
@@ -133,6 +139,7 @@ class VideoStreamSwitchingAlgorithm {
     double StartThroughput() const;
     int PlayableClusters(double throughput, int64_t startCluster, int level, size_t& count) const;
 
+    void TellDecision(const Decision& decision, int from) const;
     void TraceDecision(const Decision& decision);
     void Trace(const char* format, ...) __attribute__((format(printf, 2, 3)));
 

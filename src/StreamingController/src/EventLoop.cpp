@@ -1,6 +1,7 @@
 #include <utility>
 
 #include "Common/Clock.h"
+#include "Common/SessionEventStream.h"
 #include "Common/logging/ILogEventSender.h"
 #include "Common/logging/LogEvent.h"
 #include "Common/logging/LogServer.h"
@@ -20,6 +21,9 @@ using opal::PlayReport;
 
 constexpr int64_t kPositionPeriodMs = 999;
 constexpr int64_t kStartAgainMs = 999;
+// How often the session's observer is told of buffers and sinks.
+constexpr int64_t kBuffersPeriodMs = 199;
+constexpr int64_t kSinksPeriodMs = 999;
 
 /// Whether more than `ms` have passed since `time`. The wall clock may be set back meanwhile: a
 /// time that has not come yet counts as long past, or nothing would happen until it comes again.
@@ -31,7 +35,11 @@ bool IsOver(const boost::posix_time::ptime& time, int64_t ms) {
 }  // namespace
 
 StreamingController::LoopState::LoopState()
-    : lastPositionReport(opal::Now()), lastStart(opal::Now()), lastLogFlush(opal::Now()) {}
+    : lastPositionReport(opal::Now()),
+      lastStart(opal::Now()),
+      lastLogFlush(opal::Now()),
+      lastBuffersTold(opal::Now()),
+      lastSinksTold(opal::Now()) {}
 
 // Nothing may leave the thread; least of all an exception of the listener's. Without memory even a
 // line of the log may throw.
@@ -85,6 +93,8 @@ void StreamingController::RunTurn(LoopState& state) {
             m_session->reports.BufferingProgress(state.bufferingPercent);
         }
     }
+    if (opal::SessionEventStream::IsObserved())
+        ObserveBuffers(state);
     bool writersPaused = false;
     {
         opal::RecursiveLock lock(m_mutex);
@@ -420,6 +430,18 @@ bool StreamingController::WatchBuffer(LoopState& state) {
     m_session->reports.Underflow(m_session->video.CurrentIndex());
     m_session->objects.ArmBuffering(OPAL_STREAM_VIDEO);
     return true;
+}
+
+void StreamingController::ObserveBuffers(LoopState& state) {
+    if (state.playing == state.playingTold && !IsOver(state.lastBuffersTold, kBuffersPeriodMs))
+        return;
+    opal::RecursiveLock lock(m_mutex);
+    const bool sinks = IsOver(state.lastSinksTold, kSinksPeriodMs);
+    m_session->ObserveBuffers(state.playing, sinks);
+    state.playingTold = state.playing;
+    state.lastBuffersTold = opal::Now();
+    if (sinks)
+        state.lastSinksTold = state.lastBuffersTold;
 }
 
 OPALError StreamingController::IsReadyToStart() {

@@ -97,7 +97,10 @@ OPALError StreamingController::RunInitialization(const std::function<OPALError()
         try {
             if (!m_pSwitching)
                 m_pSwitching.reset(NewSwitchingController());
-            return m_pSwitching ? build() : OPAL_ERROR_NO_MEMORY;
+            const OPALError code = m_pSwitching ? build() : OPAL_ERROR_NO_MEMORY;
+            if (code != OPAL_OK)
+                m_session->reports.ObserveFailure(code);
+            return code;
         } catch (const std::exception& e) {
             LOG4CXX_ERROR(logger, "Initialisation failed: " << e.what());
             throw;
@@ -128,6 +131,9 @@ void StreamingController::BeginInitialization(const char* trace, int senderKind)
 OPALError StreamingController::BuildFromManifest(const std::string& url, const std::string& country,
                                                  const std::string& language,
                                                  OPALWriterModel model) {
+    opal::StateEvent opening;
+    opening.text = url;
+    m_session->reports.Observe(std::move(opening));
     BeginInitialization("Enter StreamingController::InitializeFromSMILFile : time=",
                         ObjectFactory::kNullSender);
     (void)LoadAlgorithmConfigFile(logger);
@@ -156,6 +162,7 @@ OPALError StreamingController::BuildFromTicket(const std::string& tixString,
                                                const std::string& sessionData,
                                                const std::string& country,
                                                const std::string& language, OPALWriterModel model) {
+    m_session->reports.Observe(opal::SessionState::Opening);  // the ticket is nobody's business
     BeginInitialization("Enter StreamingController::InitializeFromTIXString : time=",
                         ObjectFactory::kUploadSender);
     m_pLogSender.reset(NewLogSender(country, language, &m_stop));
@@ -263,6 +270,7 @@ OPALError StreamingController::InitializeInternal(const std::string& ticket,
     LogServer::Instance().PostOrDestroy(
         events.NewInitLogEvent(version.major, version.minor, version.revision, version.build,
                                ticket, start.mode, start.startupMs / 1000));
+    m_session->reports.Observe(opal::SessionState::Opened, m_duration, start.level);
     Trace("Initialize Complete : time=");
     return OPAL_OK;
 }

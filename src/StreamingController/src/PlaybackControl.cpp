@@ -63,6 +63,7 @@ OPALError StreamingController::Play() {
         if (code != OPAL_OK)
             return code;
         m_session->AcceptStart();
+        m_session->reports.Observe(opal::SessionState::PlayWanted);
         return Post(MSG_START);
     });
 }
@@ -73,7 +74,10 @@ OPALError StreamingController::Pause() {
         OPALError code = Refusal();
         if (code == OPAL_OK)
             code = PauseWriters();
-        return code == OPAL_OK ? Post(MSG_PAUSED) : code;
+        if (code != OPAL_OK)
+            return code;
+        m_session->reports.Observe(opal::SessionState::PauseWanted);
+        return Post(MSG_PAUSED);
     });
 }
 
@@ -102,6 +106,7 @@ OPALError StreamingController::Resume(int64_t positionMs) {
             code = m_pReaders->BeginVideoStream(m_session->objects.LevelFromSwitching());
         JumpGuard guard(m_session->jumpPending);
         int64_t position = positionMs;
+        m_session->reports.Observe(opal::SessionState::Seek, positionMs);
         if (code == OPAL_OK)
             code = SeekInternal(position);
         if (code == OPAL_OK)
@@ -129,6 +134,7 @@ OPALError StreamingController::Seek(int64_t& positionMs) {
             return OPAL_ERROR_INVALID_ARGUMENT;
         code = PrepareAudio();
         JumpGuard guard(m_session->jumpPending);
+        m_session->reports.Observe(opal::SessionState::Seek, positionMs);
         if (code == OPAL_OK)
             code = SeekInternal(positionMs);
         if (code != OPAL_OK)
@@ -160,6 +166,10 @@ OPALError StreamingController::SetPlayRate(OPALPlayRate rate) {
             return code;
         JumpGuard guard(m_session->jumpPending);
         int message = MSG_START;
+        opal::StateEvent wanted;
+        wanted.state = opal::SessionState::RateWanted;
+        wanted.rate = rate;
+        m_session->reports.Observe(std::move(wanted));
         if (!trick && m_playRate == OPAL_PLAYRATE_ONEX) {
             m_writersPaused = false;
             code = StartPlayback();

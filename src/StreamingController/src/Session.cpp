@@ -1,8 +1,10 @@
 #include "StreamingController/src/Session.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "Common/Clock.h"
+#include "Common/SessionEventStream.h"
 #include "Common/StreamingTuning.h"
 #include "Common/logging/LogEvent.h"
 #include "Common/logging/LogServer.h"
@@ -142,8 +144,9 @@ OPALError StreamingController::Session::GiveUpSlowTransfer(bool playing) {
     if (!level)
         return OPAL_OK;
     levelSwitch = {LevelSwitch::State::GivesUpTransfer, *level};
+    reports.SlowTransfer(transfer, *level, objects.ReportedBandwidth());
     const OPALError code = objects.readers->StopVideo();
-    return code == OPAL_OK ? objects.readers->CancelVideo() : code;
+    return code == OPAL_OK ? objects.readers->CancelSlowVideo() : code;
 }
 
 // The transfer may come to its end before the cancel reaches it, so the level is changed only when
@@ -151,7 +154,7 @@ OPALError StreamingController::Session::GiveUpSlowTransfer(bool playing) {
 OPALError StreamingController::Session::EndSlowTransfer() {
     if (objects.readers->IsVideoTransferring()) {
         (void)objects.readers->StopVideo();  // something may have started the level anew
-        return objects.readers->CancelVideo();
+        return objects.readers->CancelSlowVideo();
     }
     const size_t level = levelSwitch.level;
     levelSwitch.EndWaiting();
@@ -241,6 +244,32 @@ OPALError StreamingController::Session::GetBufferingProgress(size_t& percent) {
             inFlight += pipe->BytesInFlight();
     objects.buffering.UpdatePercent(inFlight);
     return objects.buffering.GetPercent(percent);
+}
+
+void StreamingController::Session::ObserveBuffers(bool playing, bool sinks) {
+    opal::BufferEvent event;
+    int64_t position = 0;
+    if (video.Sink() && GetPosition(position) == OPAL_OK)
+        event.positionMs = position;
+    event.videoMs = video.BufferedDuration();
+    event.audioMs = audio.BufferedDuration();
+    event.subtitleMs = subtitle.BufferedDuration();
+    event.underflowMs = opal::playback::kUnderflowMs;
+    int required = 0;
+    objects.switching->GetBufferRequirement(required, OPAL_STREAM_VIDEO);
+    event.requiredVideoMs = required;
+    objects.switching->GetBufferRequirement(required, OPAL_STREAM_AUDIO);
+    event.requiredAudioMs = required;
+    event.maxVideoMs = std::max<int64_t>(objects.switching->GetMaxBuffer(), 0);
+    event.bandwidth = objects.switching->GetBandwidth();
+    event.level = video.CurrentIndex();
+    event.playing = playing;
+    opal::SessionEventStream::Tell(std::move(event));
+    for (opal::StreamPipe* pipe : {&video, &audio, &subtitle}) {
+        opal::SinkEvent taken;
+        if (sinks && pipe->GetSinkFigures(taken))
+            opal::SessionEventStream::Tell(std::move(taken));
+    }
 }
 
 /// Playback has been declared started.

@@ -62,6 +62,8 @@ struct StreamingController::Session {
     /// jump leads.
     OPALError GetPosition(int64_t& ms);
     OPALError GetBufferingProgress(size_t& percent);
+    /// Tells the observer what is buffered, and with `sinks` what the sinks have taken.
+    void ObserveBuffers(bool playing, bool sinks);
     /// Empties the streams for a jump. `position` is where playback was.
     OPALError EmptyStreams(bool subtitlesFirst, int64_t& position);
 

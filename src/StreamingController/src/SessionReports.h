@@ -7,6 +7,8 @@
 
 #include "Common/OPALError.h"
 #include "Common/OPALPlayRate.h"
+#include "Common/SessionEvents.h"
+#include "StreamSwitchingAlgorithm/AbandonRule.h"
 
 class IStreamingControllerNotify;
 class ISMILParser;
@@ -58,6 +60,13 @@ class SessionReports {
     void ContentError(OPALError code, const std::string& text) const;
     /// A refused audio track, which ends nothing.
     void UnsupportedAudio() const;
+    /// For the observer alone: what the session was asked for, and what else it does.
+    void Observe(SessionState state, int64_t valueMs = 0,
+                 size_t to = static_cast<size_t>(-1)) const;
+    void Observe(StateEvent event) const;
+    void ObserveFailure(OPALError code) const;
+    void SlowTransfer(const playback::AbandonRule::Transfer& transfer, size_t to,
+                      int bandwidth) const;
 
   private:
     class Scope {
@@ -74,6 +83,7 @@ class SessionReports {
     static inline thread_local const SessionReports* t_calling = nullptr;
     const std::atomic<IStreamingControllerNotify*>& m_listener;
     const std::atomic<int64_t>& m_positionSeconds;
+    mutable std::atomic<SessionState> m_observed{SessionState::Closed};  ///< the last one told
 };
 
 }  // namespace opal

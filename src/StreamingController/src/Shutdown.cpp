@@ -52,7 +52,9 @@ OPALError StreamingController::Finalize() {
         opal::MutexLock lifecycle(m_lifecycleMutex);
         EndLoop();
         opal::RecursiveLock lock(m_mutex);
-        return TearDown(false);
+        const OPALError code = TearDown(false);
+        m_session->reports.Observe(opal::SessionState::Closed);
+        return code;
     });
 }
 

@@ -153,6 +153,12 @@ int64_t StreamPipe::BufferedDuration() {
     return ms;
 }
 
+bool StreamPipe::GetSinkFigures(SinkEvent& figures) {
+    if (m_writer)
+        m_writer->GetSinkFigures(figures);
+    return m_writer != nullptr;
+}
+
 OPALError StreamPipe::StopAndClear(std::initializer_list<StreamPipe*> pipes, bool wait) {
     OPALError code = OPAL_OK;
     for (StreamPipe* pipe : pipes) {

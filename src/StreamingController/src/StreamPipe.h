@@ -8,6 +8,7 @@
 #include "Common/OPALError.h"
 #include "Common/OPALPlayRate.h"
 #include "Common/OPALStreamType.h"
+#include "Common/SessionEvents.h"
 #include "StreamingController/src/SessionObjects.h"
 
 class IClusterBuffer;
@@ -62,6 +63,8 @@ class StreamPipe {
     bool IsEndOfStream();
     /// What the buffer, the writer and the sink hold.
     int64_t BufferedDuration();
+    /// False without a writer.
+    bool GetSinkFigures(SinkEvent& figures);
 
     /// Empties the pipes for a jump or a change of track, in this order: readers stopped and their
     /// transfers cancelled, writers paused, buffers cleared, `between` run, writers flushed. With

@@ -325,6 +325,12 @@ void StreamingController::SubtitleNotify::OnSubtitle(int64_t msStart, int64_t ms
                                                      const std::string& text) {
     if (!controller)
         return;
+    opal::StateEvent event;
+    event.state = opal::SessionState::Subtitle;
+    event.valueMs = msStart;
+    event.endMs = msEnd;
+    event.text = text;
+    controller->m_session->reports.Observe(std::move(event));
     controller->m_session->reports.Tell(
         [&](IStreamingControllerNotify& listener) { listener.OnSubtitle(msStart, msEnd, text); });
 }

@@ -39,6 +39,8 @@ class HTTPFile : public IHTTPFile {
     OPALError GetBytesInFlight(int& bytes) override;
     OPALError Close() override;
     void SetStopSignal(const opal::StopSignal* signal) override { m_pStop = signal; }
+    void SetLabel(const opal::RequestLabel& label) override;
+    void SetCancelReason(opal::RequestEnd reason) override { m_cancelReason = reason; }
 
   private:
     using Lock = opal::MutexLock;
@@ -55,6 +57,10 @@ class HTTPFile : public IHTTPFile {
     OPALError MapError_Unlocked(CURLcode code) const OPAL_REQUIRES(mutex);
     OPALError CheckRanges_Unlocked(const std::vector<ByteRange>& ranges) const OPAL_REQUIRES(mutex);
     OPALError DownloadRequest_Unlocked() OPAL_REQUIRES(mutex);
+    opal::RequestEvent DescribeRequest_Unlocked(const HTTPRequest* request) const
+        OPAL_REQUIRES(mutex);
+    void TellRequest_Unlocked(opal::RequestEvent& event, OPALError result) const
+        OPAL_REQUIRES(mutex);
     void Reset_Unlocked() OPAL_REQUIRES(mutex);
     void Close_Unlocked() OPAL_REQUIRES(mutex);
     OPALError EndingResult() const;
@@ -84,4 +90,6 @@ class HTTPFile : public IHTTPFile {
     opal::Mutex m_closeMutex OPAL_ACQUIRED_BEFORE(mutex);  ///< one Close at a time
     std::atomic<int> m_closers{0};  ///< calls of Close under way: what runs has to end
     std::atomic<const opal::StopSignal*> m_pStop{nullptr};
+    opal::RequestLabel m_label OPAL_GUARDED_BY(mutex);
+    std::atomic<opal::RequestEnd> m_cancelReason{opal::RequestEnd::Jump};
 };

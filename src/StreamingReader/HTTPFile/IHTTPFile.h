@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Common/OPALError.h"
+#include "Common/SessionEvents.h"
 #include "Common/StopSignal.h"
 #include "StreamingReader/HTTPFile/ByteRange.h"
 #include "StreamingReader/HTTPFile/HTTPRequest.h"
@@ -46,4 +47,10 @@ class IHTTPFile : boost::noncopyable {
     /// While the signal is raised, what runs ends, nothing begins, and operations that report the
     /// file's health answer -28. Not owned; it outlives the file. To be set before the first Open.
     virtual void SetStopSignal(const opal::StopSignal* signal) = 0;
+    /// What the next transfers are for, as the session's observer is told: purpose, stream, index
+    /// and cluster.
+    virtual void SetLabel(const opal::RequestLabel&) {}
+    /// Why the transfer that runs is cancelled, for the observer too. To be set before
+    /// CancelRequests; a jump unless it is.
+    virtual void SetCancelReason(opal::RequestEnd) {}
 };

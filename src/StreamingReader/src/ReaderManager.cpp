@@ -317,12 +317,16 @@ OPALError ReaderManager::SetError(OPALError code) {
     return OnCurrent([code](IStreamingReader& reader) { return reader.SetError(code); });
 }
 
-OPALError ReaderManager::Cancel() {
+OPALError ReaderManager::Cancel(opal::RequestEnd reason) {
+    const auto cancel = [reason](IStreamingReader& reader) {
+        reader.SetCancelReason(reason);
+        return reader.CancelTransfers();
+    };
     // The transfer may be that of a stream that has been left.
     const Reader driven = Driven();
     if (driven && driven != Current())
-        (void)driven->CancelTransfers();
-    return OnCurrent([](IStreamingReader& reader) { return reader.CancelTransfers(); });
+        (void)cancel(*driven);
+    return OnCurrent(cancel);
 }
 
 OPALError ReaderManager::GetBytesInFlight(size_t& bytes) {

@@ -225,6 +225,10 @@ OPALError Readers::CancelVideo() {
     return m_video.Cancel();
 }
 
+OPALError Readers::CancelSlowVideo() {
+    return m_video.Cancel(opal::RequestEnd::SlowTransfer);
+}
+
 OPALError Readers::CancelSubtitle() {
     return m_subtitle.Cancel();
 }

@@ -8,6 +8,7 @@
 
 #include "Common/Clock.h"
 #include "Common/ObjectFactory.h"
+#include "Common/SessionEventStream.h"
 #include "Common/StreamingTuning.h"
 #include "Common/logging/Logger.h"
 #include "StreamingDemux/EBML/IClusterBuffer.h"
@@ -84,6 +85,7 @@ OPALError StreamingReader::Open() {
         return SetError(OPAL_ERROR_TERMINATED);
     if (m_hasError && !m_opened)
         (void)m_pHTTP->Close();  // of the opening that failed
+    Label(opal::RequestPurpose::Header, -1);
     const OPALError opened = m_pHTTP->Open(m_url);
     if (opened != OPAL_OK) {
         if (m_abandoned)
@@ -332,10 +334,16 @@ OPALError StreamingReader::BuildTrickRanges(OPALPlayRate rate, bool forward,
     return OPAL_OK;
 }
 
+void StreamingReader::Label(opal::RequestPurpose purpose, int64_t cluster) {
+    if (opal::SessionEventStream::IsObserved())
+        m_pHTTP->SetLabel({purpose, m_streamType, m_level, cluster});
+}
+
 OPALError StreamingReader::Transfer(const std::vector<ByteRange>& ranges,
                                     qutl::MemoryBuffer<unsigned char>& bytes) {
     if (m_cancelled || m_stop.IsRaised())
         return OPAL_ERROR_CANCELLED;
+    Label(opal::RequestPurpose::Cluster, m_clusterIndex);
     OPALError result = m_pHTTP->RequestRanges(ranges, this);
     if (result != OPAL_OK)
         return result;

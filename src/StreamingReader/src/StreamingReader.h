@@ -49,6 +49,7 @@ class StreamingReader : public IStreamingReader, public HTTPRequestNotify {
     OPALError GetBytesAhead(int64_t ms, size_t& bytes) override;
     OPALError GetClusterIndex(IClusterIndex*& index) override;
     void SetAbandoned(bool abandoned) override;
+    void SetCancelReason(opal::RequestEnd reason) override { m_pHTTP->SetCancelReason(reason); }
 
     void OnRequestComplete(const HTTPRequest& request) override;
 
@@ -73,6 +74,8 @@ class StreamingReader : public IStreamingReader, public HTTPRequestNotify {
         OPAL_REQUIRES(m_mutex);
     OPALError BuildTrickRanges(OPALPlayRate rate, bool forward, std::vector<ByteRange>& ranges)
         OPAL_REQUIRES(m_mutex);
+    /// Says what the next transfers are for.
+    void Label(opal::RequestPurpose purpose, int64_t cluster);
     OPALError Transfer(const std::vector<ByteRange>& ranges,
                        qutl::MemoryBuffer<unsigned char>& bytes);
     void Wake() OPAL_REQUIRES(m_mutex);

@@ -148,7 +148,10 @@ OPALError StreamingWriter::Flush() {
     m_levelChanges.clear();
     m_blockPending = false;
     m_endOfStream = false;
-    return m_disabled || !m_pSink ? OPAL_OK : m_pSink->Flush();
+    if (m_disabled || !m_pSink)
+        return OPAL_OK;
+    ++m_flushes;
+    return m_pSink->Flush();
 }
 
 OPALError StreamingWriter::SetDiscardLevel(size_t level) {
@@ -195,8 +198,7 @@ OPALError StreamingWriter::PullBlock(qutl::MemoryBuffer<unsigned char>& data, in
         m_offered.Assign(data.GetData(), size, 0, false);
         if (m_offered.GetSize() != size)
             return OPAL_ERROR_NO_MEMORY;
-        result =
-            m_pSink->Queue(m_offered.GetData(), size - std::min(trailer, size), time, duration);
+        result = Offer(m_offered, trailer, time, duration);
     }
     if (result == OPAL_OK)
         NoteLevel(level, time);
@@ -257,14 +259,33 @@ OPALError StreamingWriter::WriteBlock(size_t trailer) {
             return result;
         MakePresentable(m_block);
     }
-    const size_t size = m_block.data.GetSize();
     if (m_pSink)
-        result = m_pSink->Queue(m_block.data.GetData(), size - std::min(trailer, size),
-                                m_block.timecode, m_block.duration);
+        result = Offer(m_block.data, trailer, m_block.timecode, m_block.duration);
     m_blockPending = result == OPAL_ERROR_NOT_YET;
     if (result == OPAL_OK)
         NoteLevel(m_block.level, m_block.timecode);
     return result;
+}
+
+OPALError StreamingWriter::Offer(qutl::MemoryBuffer<unsigned char>& data, size_t trailer,
+                                 int64_t time, int64_t duration) {
+    const size_t size = data.GetSize() - std::min(trailer, data.GetSize());
+    const OPALError result = m_pSink->Queue(data.GetData(), size, time, duration);
+    if (result == OPAL_ERROR_NOT_YET)
+        m_blocksRefused.fetch_add(1, std::memory_order_relaxed);
+    if (result != OPAL_OK)
+        return result;
+    m_blocksTaken.fetch_add(1, std::memory_order_relaxed);
+    m_bytesTaken.fetch_add(size, std::memory_order_relaxed);
+    return OPAL_OK;
+}
+
+void StreamingWriter::GetSinkFigures(opal::SinkEvent& figures) {
+    figures.stream = m_streamType;
+    figures.blocks = m_blocksTaken;
+    figures.bytes = m_bytesTaken;
+    figures.refused = m_blocksRefused;
+    figures.flushes = m_flushes;
 }
 
 OPALError StreamingWriter::NextBlock(BlockNode& block) {

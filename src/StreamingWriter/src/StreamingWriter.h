@@ -34,6 +34,7 @@ class StreamingWriter : public IStreamingWriter {
     OPALError GetError() override;
     OPALError GetBufferedDuration(int64_t& ms) override;
     OPALError Flush() override;
+    void GetSinkFigures(opal::SinkEvent& figures) override;
     OPALError SetDiscardLevel(size_t level) override;
     OPALError SetDisabled(bool disabled) override;
     OPALError PullBlock(qutl::MemoryBuffer<unsigned char>& data, int64_t& time, int64_t& duration,
@@ -69,6 +70,9 @@ class StreamingWriter : public IStreamingWriter {
     OPALError Fail(OPALError code);
     void ThreadMain();
     OPALError WriterLoop();
+    /// Gives the sink a block, but its trailer.
+    OPALError Offer(qutl::MemoryBuffer<unsigned char>& data, size_t trailer, int64_t time,
+                    int64_t duration);
     OPALError WriteBlock(size_t trailer) OPAL_REQUIRES(m_mutex);
     OPALError NextBlock(BlockNode& block) OPAL_REQUIRES(m_mutex);
     OPALError NextCluster(bool exhausted, BlockNode& block, size_t trailer) OPAL_REQUIRES(m_mutex);
@@ -104,4 +108,8 @@ class StreamingWriter : public IStreamingWriter {
     int64_t m_clusterRemaining OPAL_GUARDED_BY(m_clusterMutex) = 0;
     std::list<LevelChange> m_levelChanges OPAL_GUARDED_BY(m_mutex);
     std::atomic<int> m_waiting{0};  ///< ControlLocks that want m_mutex
+    std::atomic<uint64_t> m_blocksTaken{0};
+    std::atomic<uint64_t> m_bytesTaken{0};
+    std::atomic<uint64_t> m_blocksRefused{0};  ///< for now
+    std::atomic<uint64_t> m_flushes{0};
 };

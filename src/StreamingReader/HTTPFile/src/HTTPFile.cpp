@@ -9,6 +9,7 @@
 #include <limits>
 #include <sstream>
 
+#include "Common/SessionEventStream.h"
 #include "Common/StreamingTuning.h"
 #include "Common/network/NetworkInterface.h"
 #include "StreamingReader/HTTPFile/src/ContentLength.h"
@@ -77,6 +78,11 @@ OPALError HTTPFile::Open(const std::string& location) {
     OPALError result = local ? OpenLocal_Unlocked() : OpenRemote_Unlocked();
     if (result == OPAL_OK && fileSize <= 0)
         result = OPAL_ERROR_GENERAL;
+    if (opal::SessionEventStream::IsObserved()) {
+        opal::RequestEvent event = DescribeRequest_Unlocked(nullptr);
+        event.purpose = opal::RequestPurpose::Size;
+        TellRequest_Unlocked(event, result);
+    }
     if (result == OPAL_OK)
         result = InitCURLOptions_Unlocked(false);
     if (result == OPAL_OK && threaded) {
@@ -285,6 +291,11 @@ OPALError HTTPFile::DownloadRequest_Unlocked() {
         return OPAL_ERROR_NOT_READY;
     SetOption(curl, CURLOPT_RANGE, pending.front().BuildRangeString().c_str());
     pending.front().MarkStart();
+    const bool observed = opal::SessionEventStream::IsObserved();
+    opal::RequestEvent event;
+    if (observed)
+        event = DescribeRequest_Unlocked(&pending.front());
+    m_cancelReason = opal::RequestEnd::Jump;
     m_performing = true;
     m_runningDropped = false;
     CURL* const handle = curl;
@@ -299,6 +310,9 @@ OPALError HTTPFile::DownloadRequest_Unlocked() {
     }
     if (cancelInFlight &&
         (code == CURLE_WRITE_ERROR || code == CURLE_ABORTED_BY_CALLBACK || code == CURLE_OK)) {
+        event.end = m_cancelReason;
+        if (observed)
+            TellRequest_Unlocked(event, OPAL_ERROR_CANCELLED);
         // The canceller has emptied the queue. A request that came since then stays and is served
         // next; one that this transfer has begun on a flag left over is begun again.
         lastCurlCode = CURLE_OK;
@@ -307,6 +321,8 @@ OPALError HTTPFile::DownloadRequest_Unlocked() {
     }
     lastCurlCode = code;
     const OPALError status = CheckStatus_Unlocked();
+    if (observed)
+        TellRequest_Unlocked(event, status);
     if (status == OPAL_OK) {
         pending.front().MarkEnd();
         completed.splice(completed.end(), pending, pending.begin());
@@ -318,6 +334,43 @@ OPALError HTTPFile::DownloadRequest_Unlocked() {
     if (!threaded)
         lastCurlCode = CURLE_OK;
     return status;
+}
+
+void HTTPFile::SetLabel(const opal::RequestLabel& label) {
+    if (!opal::SessionEventStream::IsObserved())
+        return;
+    Lock lock(mutex);
+    m_label = label;
+}
+
+/// Null: the question for the size.
+opal::RequestEvent HTTPFile::DescribeRequest_Unlocked(const HTTPRequest* request) const {
+    opal::RequestEvent event;
+    static_cast<opal::RequestLabel&>(event) = m_label;
+    event.url = url;
+    for (size_t i = 0; request && request->GetLength(i) > 0; ++i)
+        event.ranges.emplace_back(request->GetOffset(i), request->GetLength(i));
+    return event;
+}
+
+void HTTPFile::TellRequest_Unlocked(opal::RequestEvent& event, OPALError result) const {
+    curl_off_t firstByte = 0;
+    curl_off_t total = 0;
+    curl_off_t bytes = 0;
+    long status = 0;
+    (void)curl_easy_getinfo(curl, CURLINFO_STARTTRANSFER_TIME_T, &firstByte);
+    (void)curl_easy_getinfo(curl, CURLINFO_TOTAL_TIME_T, &total);
+    (void)curl_easy_getinfo(curl, CURLINFO_SIZE_DOWNLOAD_T, &bytes);
+    (void)curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    event.waitUs = firstByte > 0 ? std::min(firstByte, total) : total;
+    event.transferUs = total - event.waitUs;
+    event.bytes = bytes;
+    event.status = static_cast<int>(status);
+    event.result = result;
+    if (result != OPAL_OK && event.end == opal::RequestEnd::Complete)
+        event.end = EndingResult() != OPAL_OK || closing ? opal::RequestEnd::Closing
+                                                         : opal::RequestEnd::Failed;
+    opal::SessionEventStream::Tell(std::move(event));
 }
 
 void HTTPFile::RunWorker() {

@@ -1,0 +1,124 @@
+#include <deque>
+#include <thread>
+
+#include "Common/Mutex.h"
+#include "Common/SessionEventStream.h"
+#include "Common/logging/Logger.h"
+#include "StreamingController/ISessionObserver.h"
+
+namespace opal {
+namespace {
+
+constexpr size_t kRoom = 8192;
+
+struct Deliver {
+    ISessionObserver& observer;
+    void operator()(const RequestEvent& event) const { observer.OnRequest(event); }
+    void operator()(const DecisionEvent& event) const { observer.OnDecision(event); }
+    void operator()(const SwitchingCallEvent& event) const { observer.OnSwitchingCall(event); }
+    void operator()(const LevelIndexEvent& event) const { observer.OnLevelIndex(event); }
+    void operator()(const BufferEvent& event) const { observer.OnBuffers(event); }
+    void operator()(const StateEvent& event) const { observer.OnState(event); }
+    void operator()(const SinkEvent& event) const { observer.OnSink(event); }
+};
+
+/// Between the threads where something happens and the observer: a bounded queue and a thread.
+///
+/// Threading: Take from any thread; Observe from one at a time (m_controlMutex). m_mutex is a leaf,
+/// held to put an event in and to take one out. There is one for the process, and it stays.
+class ObserverQueue : public SessionEventSink {
+  public:
+    static ObserverQueue& Instance() {
+        static auto* const queue = new ObserverQueue;
+        return *queue;
+    }
+
+    void Take(AnySessionEvent&& event) override {
+        MutexLock lock(m_mutex);
+        if (!m_open)
+            return;
+        if (m_events.size() >= kRoom) {
+            ++m_dropped;
+            return;
+        }
+        m_events.push_back(std::move(event));
+        m_wakeup.NotifyOne();
+    }
+
+    OPALError Observe(ISessionObserver* observer) {
+        if (t_delivering)
+            return OPAL_ERROR_GENERAL;
+        MutexLock control(m_controlMutex);
+        std::thread next;
+        try {
+            if (observer)
+                next = std::thread([this, observer, generation = m_generation + 1] {
+                    Run(*observer, generation);
+                });
+        } catch (const std::exception&) {
+            return OPAL_ERROR_NO_MEMORY;
+        }
+        SessionEventStream::SetSink(nullptr);
+        {
+            MutexLock lock(m_mutex);
+            m_open = false;
+            m_wakeup.NotifyAll();
+        }
+        if (m_thread.joinable())
+            m_thread.join();
+        m_thread = std::move(next);
+        MutexLock lock(m_mutex);
+        if (!observer)
+            return OPAL_OK;
+        ++m_generation;
+        m_dropped = 0;
+        m_open = true;
+        m_wakeup.NotifyAll();
+        SessionEventStream::SetSink(this);
+        return OPAL_OK;
+    }
+
+  private:
+    void Run(ISessionObserver& observer, uint64_t generation) {
+        t_delivering = true;
+        uint64_t told = 0;
+        MutexLock lock(m_mutex);
+        while (m_generation < generation)
+            m_wakeup.Wait(m_mutex);
+        for (;;) {
+            while (m_events.empty() && m_open)
+                m_wakeup.Wait(m_mutex);
+            if (m_events.empty())
+                return;
+            const AnySessionEvent event = std::move(m_events.front());
+            m_events.pop_front();
+            const uint64_t dropped = m_dropped;
+            const MutexUnlock unlocked(m_mutex);
+            try {
+                if (dropped != told)
+                    observer.OnDropped(told = dropped);
+                std::visit(Deliver{observer}, event);
+            } catch (...) {
+                // The observer's own affair.
+            }
+        }
+    }
+
+    static inline thread_local bool t_delivering = false;
+
+    Mutex m_controlMutex OPAL_ACQUIRED_BEFORE(m_mutex);
+    std::thread m_thread OPAL_GUARDED_BY(m_controlMutex);
+    Mutex m_mutex;
+    CondVar m_wakeup;
+    std::deque<AnySessionEvent> m_events OPAL_GUARDED_BY(m_mutex);
+    uint64_t m_dropped OPAL_GUARDED_BY(m_mutex) = 0;
+    uint64_t m_generation OPAL_GUARDED_BY(m_mutex) = 0;  ///< counts the observers
+    bool m_open OPAL_GUARDED_BY(m_mutex) = false;
+};
+
+}  // namespace
+}  // namespace opal
+
+OPALError SetSessionObserver(ISessionObserver* observer) {
+    return opal::ObserverQueue::Instance().Observe(observer);
+}
