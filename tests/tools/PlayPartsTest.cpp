@@ -105,15 +105,13 @@ TEST(PlayPartsTest, TimeIsCountedByLevelAndAsStalled) {
 }
 
 TEST(PlayPartsTest, AFailureNamesItsMediaFile) {
-    NetworkMeter meter;
-    meter.Read("cannot read header and index of http://h:1/a.mkv: -2");
+    const MediaFailure damaged{"http://h:1/a.mkv", -2, true};
     EXPECT_EQ(
         "http://h:1/a.mkv: its header or index is damaged, or does not match the manifest (-2)",
-        ErrorText(OPAL_ERROR_INVALID_ARGUMENT, meter.Failure()));
-    EXPECT_THAT(ErrorText(OPAL_ERROR_TIMEOUT, meter.Failure()), testing::StartsWith("the server"))
+        ErrorText(OPAL_ERROR_INVALID_ARGUMENT, damaged));
+    EXPECT_THAT(ErrorText(OPAL_ERROR_TIMEOUT, damaged), testing::StartsWith("the server"))
         << "another failure";
-    meter.Read("cannot open http://h:1/b.mkv: -12");
-    EXPECT_THAT(ErrorText(OPAL_ERROR_HTTP_CLIENT, meter.Failure()),
+    EXPECT_THAT(ErrorText(OPAL_ERROR_HTTP_CLIENT, {"http://h:1/b.mkv", -12, false}),
                 testing::StartsWith("http://h:1/b.mkv: the server refuses"));
 }
 

@@ -70,7 +70,8 @@ void Declare(CLI::App& app, Options& options, Words& words) {
     app.add_option("--session", options.session, "With --ticket: what identifies the client");
     app.add_option("--at", words.actions,
                    "Do something TIME after playback started, as 5s:seek=20 or 10s:rate=-4x; also "
-                   "pause, play, stop, audio=N, subtitle=N, subtitle=off, snapshot, quit");
+                   "pause, play, stop, audio=N, subtitle=N, subtitle=off, snapshot, quit")
+        ->allow_extra_args(false);
     app.add_option("--start", words.start, "Begin at TIME");
     app.add_option("--time-limit", words.limit, "End after TIME from the program's start");
     app.add_option("--frames", options.pictureLimit, "End when so many pictures were shown")
@@ -102,6 +103,8 @@ void Declare(CLI::App& app, Options& options, Words& words) {
                  "mismatch, or a stream without one, is a fault");
     app.add_option("--log", options.logFile,
                    "FILE for the session's log: each document that would be uploaded, a line each");
+    app.add_option("--record", options.recordFile,
+                   "FILE for a recording of the session, which opal-report draws");
     app.add_option("--output", options.outputFile, "FILE for what library and set print")
         ->capture_default_str();
     app.add_flag("--verbose", options.verbose, "Leave what library and set print on the terminal");

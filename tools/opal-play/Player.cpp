@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "Common/logging/Logger.h"
 #include "TvSet.h"
 #include "opal-play/LogFile.h"
 #include "opal-play/MonotonicTime.h"
@@ -13,8 +12,7 @@ namespace opal::play {
 namespace {
 
 constexpr int kTurnMs = 20;
-constexpr const char* kLoggers[] = {"opal.StreamingController", "opal.BandwidthMonitor",
-                                    "opal.StreamingReader"};
+constexpr int64_t kFiguresPeriodMs = 1000;
 constexpr int64_t kKeyJumpMs = 10000;
 // The listener hears of the end up to half a second before the last picture.
 constexpr int64_t kTailQuietMs = 500;
@@ -48,10 +46,7 @@ Player::~Player() {
 int Player::Run() {
     CatchSignals(m_wake);
     SetUpTheSet(m_options);
-    m_appender = std::make_shared<MeterAppender>(m_meter);
-    for (const char* name : kLoggers)
-        getLogger(name)->setLevel(log4cxx::Level::getTrace());
-    ListenToDiagnostics();
+    StartRecording();
     if (!m_options.logFile.empty())
         WriteLogsTo(m_options.logFile);
     m_controller.reset(NewStreamingController());
@@ -79,6 +74,7 @@ int Player::Run() {
         summary.faults = FindFaults(summary);
     if (m_options.verify)
         TellVerification(summary);
+    EndRecording(summary);
     m_console.Print(m_options.json ? SummaryJson(summary) : SummaryText(summary));
     for (const std::string& fault : summary.faults)
         m_console.Error(m_options.url + ": " + fault);
@@ -102,12 +98,41 @@ void Player::TellVerification(Summary& summary) {
         summary.faults.push_back(fault);
 }
 
-/// The figures of the network are in no operation of the library, but its loggers tell them.
-void Player::ListenToDiagnostics() {
-    for (const char* name : kLoggers) {
-        if (!getLogger(name)->isAttached(m_appender))
-            getLogger(name)->addAppender(m_appender);
+void Player::StartRecording() {
+    if (!m_options.recordFile.empty()) {
+        m_recording.open(m_options.recordFile, std::ios::binary | std::ios::trunc);
+        if (!m_recording)
+            throw std::runtime_error(m_options.recordFile + ": cannot be written");
+        m_observer.Record(m_options.url,
+                          [this](const std::string& line) { m_recording << line << std::endl; });
     }
+    if (SetSessionObserver(&m_observer) != OPAL_OK)
+        throw std::runtime_error("no memory to observe the session");
+}
+
+void Player::EndRecording(const Summary& summary) {
+    if (!m_recording.is_open())
+        return;
+    RecordFigures();
+    recording::EndEvent end;
+    end.exitCode = ExitCodeOf(summary);
+    end.summary = SummaryJson(summary);
+    m_observer.Add(end);
+    m_recording.close();
+    if (!m_recording)
+        Fail(m_options.recordFile + ": cannot be written");
+}
+
+void Player::RecordFigures() {
+    const tvset::Statistics set = tvset::GetStatistics();
+    recording::PlayerEvent event;
+    event.shown = static_cast<int64_t>(set.framesShown);
+    event.dropped = static_cast<int64_t>(set.framesDropped);
+    event.decoded = static_cast<int64_t>(set.framesDecoded);
+    event.errors = static_cast<int64_t>(set.decodeErrors);
+    event.audioMs = static_cast<int64_t>(set.audioPlayedMs);
+    m_observer.Add(event);
+    m_lastFiguresMs = MonotonicMs();
 }
 
 OPALError Player::Open() {
@@ -122,7 +147,6 @@ OPALError Player::Open() {
                                                     Model(m_options));
     if (code != OPAL_OK)
         return code;
-    ListenToDiagnostics();  // a property file of the user's may have taken the loggers over
     return m_options.startMs > 0 ? m_controller->Resume(m_options.startMs) : m_controller->Play();
 }
 
@@ -142,10 +166,7 @@ void Player::Close() {
     }
     m_commands.reset();
     m_controller.reset();
-    for (const char* name : kLoggers) {
-        if (m_appender)
-            getLogger(name)->removeAppender(m_appender);
-    }
+    (void)SetSessionObserver(nullptr);
 }
 
 void Player::Turn() {
@@ -157,6 +178,8 @@ void Player::Turn() {
     if (m_finished)
         return;
     Account();
+    if (m_recording.is_open() && MonotonicMs() - m_lastFiguresMs >= kFiguresPeriodMs)
+        RecordFigures();
     CheckFirstPicture();
     TakeSnapshots();
     PerformDueActions();
@@ -478,8 +501,8 @@ void Player::Account() {
     m_viewing.Account(MonotonicMs(), state, m_level);
 }
 
-std::string Player::WhyText(OPALError code) const {
-    return ErrorText(code, m_meter->Failure());
+std::string Player::WhyText(OPALError code) {
+    return ErrorText(code, m_observer.FailureBehind(code));
 }
 
 std::string Player::StateText() const {
@@ -531,8 +554,9 @@ void Player::ShowProgress() {
         status.levelInfo = m_levels[m_level];
     if (m_opened)
         (void)m_controller->GetBufferedDuration(OPAL_STREAM_VIDEO, status.bufferedMs);
-    status.linkBitsPerSecond = m_meter->Figures().linkBitsPerSecond;
-    status.clusters = m_meter->Figures().clusters;
+    const NetworkFigures network = m_observer.Figures();
+    status.linkBitsPerSecond = network.linkBitsPerSecond;
+    status.clusters = network.clusters;
     const int speed = RateSpeed(m_rate);
     if (m_opened && speed != 0)
         status.leftMs = std::max<int64_t>(
@@ -569,7 +593,7 @@ Summary Player::Summarise() const {
     summary.pull = m_options.pull;
     summary.pulledVideoBlocks = m_pull.VideoBlocks();
     summary.pulledAudioBlocks = m_pull.AudioBlocks();
-    summary.network = m_meter->Figures();
+    summary.network = m_observer.Figures();
     summary.snapshots = m_snapshots.Taken();
     for (const int64_t missing : m_snapshots.Missing())
         summary.errors.push_back("no snapshot of " + TimeText(missing) +

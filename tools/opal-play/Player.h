@@ -1,5 +1,6 @@
 #pragma once
 
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -9,6 +10,7 @@
 #include "opal-play/Console.h"
 #include "opal-play/Keyboard.h"
 #include "opal-play/Listener.h"
+#include "opal-play/Observer.h"
 #include "opal-play/Options.h"
 #include "opal-play/Pace.h"
 #include "opal-play/PullLoop.h"
@@ -38,7 +40,9 @@ class Player {
   private:
     enum class State { Opening, Buffering, Playing, Trick, Paused, Stopped, Ending };
 
-    void ListenToDiagnostics();
+    void StartRecording();
+    void EndRecording(const Summary& summary);
+    void RecordFigures();
     OPALError Open();
     void Submit(const std::string& name, std::function<OPALError()> run, bool replaces = false);
     void Close();
@@ -68,7 +72,7 @@ class Player {
     void TellVerification(Summary& summary);
 
     void Fail(const std::string& text);
-    std::string WhyText(OPALError code) const;
+    std::string WhyText(OPALError code);
     std::string StateText() const;
     int64_t PositionMs() const;
     Summary Summarise() const;
@@ -82,8 +86,8 @@ class Player {
     Snapshots m_snapshots;
     Verification m_verification;
     PullLoop m_pull;
-    const std::shared_ptr<NetworkMeter> m_meter = std::make_shared<NetworkMeter>();
-    log4cxx::AppenderPtr m_appender;
+    Observer m_observer;
+    std::ofstream m_recording;
     std::unique_ptr<IStreamingController> m_controller;
     std::unique_ptr<Commands> m_commands;
 
@@ -115,6 +119,7 @@ class Player {
     uint64_t m_underflows = 0;
     bool m_firstPictureTold = false;
     int64_t m_lastProgressMs = 0;
+    int64_t m_lastFiguresMs = 0;
     uint64_t m_tailPictures = 0;
     int64_t m_tailSinceMs = 0;
 };

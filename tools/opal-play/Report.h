@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "Common/OPALError.h"
-#include "opal-play/Diagnostics.h"
+#include "opal-play/NetworkFigures.h"
 
 namespace opal::play {
 

@@ -134,7 +134,8 @@ void SessionReports::UnsupportedAudio() const {
 }
 
 void SessionReports::Observe(SessionState state, int64_t valueMs, size_t to) const {
-    m_observed = state;
+    if (m_observed.exchange(state) == SessionState::Closed && state == SessionState::Closed)
+        return;  // no session is there to be closed
     if (!SessionEventStream::IsObserved())
         return;
     StateEvent event;

@@ -91,6 +91,7 @@ OPALError StreamingReader::Open() {
         if (m_abandoned)
             return OPAL_ERROR_TERMINATED;  // no failure: nothing of it stays
         LOG4CXX_WARN(Logger(), "cannot open " << m_url << ": " << opened);
+        TellFailure(opened, false);
         return SetError(m_stop.IsRaised() ? OPAL_ERROR_TERMINATED : opened);
     }
     ResetState();
@@ -102,7 +103,20 @@ OPALError StreamingReader::Open() {
         return OPAL_ERROR_TERMINATED;
     }
     LOG4CXX_WARN(Logger(), "cannot read header and index of " << m_url << ": " << read);
+    TellFailure(read, true);
     return SetError(m_stop.IsRaised() ? OPAL_ERROR_TERMINATED : read);
+}
+
+void StreamingReader::TellFailure(OPALError code, bool found) const {
+    if (!opal::SessionEventStream::IsObserved())
+        return;
+    opal::StateEvent event;
+    event.state = opal::SessionState::MediaFailed;
+    event.text = m_url;
+    event.code = code;
+    event.valueMs = found;
+    event.to = m_level;
+    opal::SessionEventStream::Tell(std::move(event));
 }
 
 OPALError StreamingReader::Start() {

@@ -74,6 +74,8 @@ class StreamingReader : public IStreamingReader, public HTTPRequestNotify {
         OPAL_REQUIRES(m_mutex);
     OPALError BuildTrickRanges(OPALPlayRate rate, bool forward, std::vector<ByteRange>& ranges)
         OPAL_REQUIRES(m_mutex);
+    /// Tells the session's observer.
+    void TellFailure(OPALError code, bool found) const;
     /// Says what the next transfers are for.
     void Label(opal::RequestPurpose purpose, int64_t cluster);
     OPALError Transfer(const std::vector<ByteRange>& ranges,

@@ -1,0 +1,107 @@
+#include "opal-play/Observer.h"
+
+#include <chrono>
+#include <utility>
+
+#include "Common/OPALVersion.h"
+#include "recording/SessionWriter.h"
+
+namespace opal::play {
+namespace {
+
+constexpr std::chrono::milliseconds kBehind(200);
+
+/// As the library's clock tells it.
+int64_t NowUs() {
+    return std::chrono::duration_cast<std::chrono::microseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+}  // namespace
+
+void Observer::Record(const std::string& source, LineSink sink) {
+    const std::lock_guard<std::mutex> lock(m_lineMutex);
+    recording::Header header;
+    header.tool = "opal-play";
+    header.library = OPALVersionText();
+    header.startUs = m_startUs = NowUs();
+    header.source = source;
+    m_sink = std::move(sink);
+    m_sink(recording::ToLine(header));
+}
+
+void Observer::Write(const recording::Record& record) {
+    const std::lock_guard<std::mutex> lock(m_lineMutex);
+    if (m_sink)
+        m_sink(recording::ToLine(record, m_startUs));
+}
+
+void Observer::Add(recording::Record record) {
+    std::visit([](auto& event) { event.timeUs = NowUs(); }, record);
+    Write(record);
+}
+
+NetworkFigures Observer::Figures() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_figures;
+}
+
+MediaFailure Observer::FailureBehind(OPALError code) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    (void)m_failed.wait_for(lock, kBehind, [&] { return m_error == code; });
+    return m_failure;
+}
+
+void Observer::OnRequest(const RequestEvent& event) {
+    if (event.purpose == RequestPurpose::Cluster && event.result == OPAL_OK) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_figures.clusters;
+        m_figures.bytes += static_cast<uint64_t>(event.bytes);
+    }
+    Write(event);
+}
+
+void Observer::OnDecision(const DecisionEvent& event) {
+    Write(event);
+}
+
+void Observer::OnSwitchingCall(const SwitchingCallEvent& event) {
+    Write(event);
+}
+
+void Observer::OnLevelIndex(const LevelIndexEvent& event) {
+    Write(event);
+}
+
+void Observer::OnBuffers(const BufferEvent& event) {
+    if (event.bandwidth > 0) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_figures.linkBitsPerSecond = event.bandwidth;
+    }
+    Write(event);
+}
+
+void Observer::OnState(const StateEvent& event) {
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (event.state == SessionState::MediaFailed)
+            m_failure = {event.text, event.code, event.valueMs != 0};
+        if (event.state == SessionState::Error)
+            m_error = event.code;
+        m_failed.notify_all();
+    }
+    Write(event);
+}
+
+void Observer::OnSink(const SinkEvent& event) {
+    Write(event);
+}
+
+void Observer::OnDropped(uint64_t total) {
+    recording::DroppedEvent event;
+    event.total = static_cast<int64_t>(total);
+    Add(event);
+}
+
+}  // namespace opal::play
