@@ -182,8 +182,8 @@ enum class SessionState : int {
     Closed = 15,  ///< Finalize is done
     PauseWanted = 16,
     PlayWanted = 17,
-    /// A media file cannot be used: `text` its URL, `code`; `valueMs` 1: it is there, and its header
-    /// or index is at fault. The session ends if it needs the file.
+    /// A media file cannot be used: `text` its URL, `code`; `valueMs` 1: it is there, and its
+    /// header or index is at fault. The session ends if it needs the file.
     MediaFailed = 18
 };
 
