@@ -97,6 +97,10 @@ Statistics GetStatistics();
 /// cannot be written.
 bool WriteSnapshot(const std::string& path, std::string* error = nullptr);
 
+/// Lines of plain text in the upper left corner of the pictures shown from now on, in the window and
+/// in snapshots; empty: none. False where there is no font for it (DejaVu Sans Mono). Any thread.
+bool SetStatusText(const std::string& text);
+
 /// Called on the set's display thread for each picture shown. Must not block. Empty: none. Returns
 /// only when a running call of the former listener is over; a listener must not call this.
 void SetPictureListener(std::function<void(uint32_t ptsMs)> listener);

@@ -9,6 +9,7 @@ extern "C" {
 
 #include "MSystem.h"
 #include "Snapshot.h"
+#include "StatusText.h"
 #include "VideoOut.h"
 
 namespace tvset {
@@ -125,6 +126,7 @@ class DirectFBVideoOut : public VideoOut {
         auto* target = static_cast<uint8_t*>(pixels) + static_cast<ptrdiff_t>(fit.y) * pitch +
                        static_cast<ptrdiff_t>(fit.x) * 4;
         (void)m_converter.Convert(frame, AV_PIX_FMT_BGRA, fit.width, fit.height, target, pitch);
+        DrawStatusText({target, pitch, 4, fit.width, fit.height});
         (void)m_surface->Unlock(m_surface.get());
     }
 

@@ -9,6 +9,8 @@ extern "C" {
 
 #include <algorithm>
 
+#include "StatusText.h"
+
 namespace tvset {
 namespace {
 
@@ -171,6 +173,7 @@ bool WritePng(const Picture& picture, bool black, const Overlay* text, const std
     if (text != nullptr) {
         Blend(*text, canvas);
     }
+    DrawStatusText({canvas.pixels.data(), canvas.width * 3, 3, canvas.width, canvas.height});
     png_image image{};
     image.version = PNG_IMAGE_VERSION;
     image.width = static_cast<png_uint_32>(canvas.width);

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <sstream>
 #include <stdexcept>
 
 namespace opal::play {
@@ -45,9 +46,8 @@ Console::~Console() {
 }
 
 void Console::ClearProgress() {
-    if (m_progressShown)
-        std::fputs("\r\033[K", m_out);
-    m_progressShown = false;
+    for (; m_progressLines > 0; --m_progressLines)
+        std::fputs(m_progressLines > 1 ? "\r\033[K\033[A" : "\r\033[K", m_out);
 }
 
 size_t Console::ProgressWidth() const {
@@ -59,8 +59,10 @@ void Console::Progress(const std::string& text) {
         return;
     if (m_terminal) {
         ClearProgress();
-        std::fputs(text.substr(0, ProgressWidth()).c_str(), m_out);
-        m_progressShown = true;
+        std::istringstream lines(text);
+        for (std::string line; std::getline(lines, line); ++m_progressLines)
+            std::fprintf(m_out, "%s%s", m_progressLines > 0 ? "\n" : "",
+                         line.substr(0, ProgressWidth()).c_str());
     } else {
         std::fprintf(m_out, "%s\n", text.c_str());
     }

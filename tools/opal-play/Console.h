@@ -21,7 +21,7 @@ class Console {
     int64_t ProgressIntervalMs() const { return m_terminal ? 100 : 1000; }
     /// Room for a progress line.
     size_t ProgressWidth() const;
-    /// On a terminal the line replaces the one before.
+    /// On a terminal the lines replace those before.
     void Progress(const std::string& text);
     /// Something that happened.
     void Line(const std::string& text);
@@ -37,7 +37,7 @@ class Console {
     const bool m_quiet;
     FILE* m_out;
     bool m_terminal;
-    bool m_progressShown = false;
+    size_t m_progressLines = 0;  ///< on the terminal now
     bool m_written = true;
 };
 

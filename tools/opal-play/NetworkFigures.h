@@ -11,6 +11,19 @@ struct NetworkFigures {
     int64_t linkBitsPerSecond = 0;  ///< the library's own estimate, 0 while it has none
 };
 
+/// What a session's last events told, for the figures over the picture.
+struct LiveFigures {
+    int64_t videoMs = 0;
+    int64_t audioMs = 0;
+    int64_t requiredMs = 0;  ///< of video, to be there before playback starts
+    int64_t linkBitsPerSecond = 0;
+    int64_t lastBitsPerSecond = 0;  ///< of the last video cluster's transfer, waiting included
+    int64_t lastWaitMs = 0;         ///< to its first byte
+    uint64_t bytes = 0;             ///< of all transfers, cancelled ones included
+    std::string rule;               ///< that made the last decision
+    bool steady = false;
+};
+
 /// A media file that the library could not use.
 struct MediaFailure {
     std::string url;

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "Common/OPALVersion.h"
+#include "recording/SessionNames.h"
 #include "recording/SessionWriter.h"
 
 namespace opal::play {
@@ -47,6 +48,11 @@ NetworkFigures Observer::Figures() const {
     return m_figures;
 }
 
+LiveFigures Observer::Live() const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_live;
+}
+
 MediaFailure Observer::FailureBehind(OPALError code) {
     std::unique_lock<std::mutex> lock(m_mutex);
     (void)m_failed.wait_for(lock, kBehind, [&] { return m_error == code; });
@@ -54,15 +60,29 @@ MediaFailure Observer::FailureBehind(OPALError code) {
 }
 
 void Observer::OnRequest(const RequestEvent& event) {
-    if (event.purpose == RequestPurpose::Cluster && event.result == OPAL_OK) {
+    {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        ++m_figures.clusters;
-        m_figures.bytes += static_cast<uint64_t>(event.bytes);
+        const bool cluster = event.purpose == RequestPurpose::Cluster && event.result == OPAL_OK;
+        const int64_t us = event.waitUs + event.transferUs;
+        m_live.bytes += static_cast<uint64_t>(event.bytes);
+        if (cluster) {
+            ++m_figures.clusters;
+            m_figures.bytes += static_cast<uint64_t>(event.bytes);
+        }
+        if (cluster && event.stream == OPAL_STREAM_VIDEO && us > 0) {
+            m_live.lastBitsPerSecond = event.bytes * 8 * 1000000 / us;
+            m_live.lastWaitMs = event.waitUs / 1000;
+        }
     }
     Write(event);
 }
 
 void Observer::OnDecision(const DecisionEvent& event) {
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_live.rule = recording::Name(event.rule);
+        m_live.steady = event.mode != 0;
+    }
     Write(event);
 }
 
@@ -75,9 +95,14 @@ void Observer::OnLevelIndex(const LevelIndexEvent& event) {
 }
 
 void Observer::OnBuffers(const BufferEvent& event) {
-    if (event.bandwidth > 0) {
+    {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        m_figures.linkBitsPerSecond = event.bandwidth;
+        if (event.bandwidth > 0)
+            m_figures.linkBitsPerSecond = event.bandwidth;
+        m_live.linkBitsPerSecond = event.bandwidth;
+        m_live.videoMs = event.videoMs;
+        m_live.audioMs = event.audioMs;
+        m_live.requiredMs = event.requiredVideoMs;
     }
     Write(event);
 }

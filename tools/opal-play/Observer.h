@@ -27,6 +27,7 @@ class Observer : public ISessionObserver {
     void Add(recording::Record record);
 
     NetworkFigures Figures() const;
+    LiveFigures Live() const;
     /// The last media file that failed. Waits a moment, as the session's error with `code` may be
     /// known before what is told of it has come through.
     MediaFailure FailureBehind(OPALError code);
@@ -46,6 +47,7 @@ class Observer : public ISessionObserver {
     mutable std::mutex m_mutex;
     std::condition_variable m_failed;
     NetworkFigures m_figures;
+    LiveFigures m_live;
     MediaFailure m_failure;
     OPALError m_error = OPAL_OK;
 

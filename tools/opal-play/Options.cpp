@@ -105,6 +105,8 @@ void Declare(CLI::App& app, Options& options, Words& words) {
                    "FILE for the session's log: each document that would be uploaded, a line each");
     app.add_option("--record", options.recordFile,
                    "FILE for a recording of the session, which opal-report draws");
+    app.add_flag("--stats", options.stats,
+                 "Key figures over the picture, in snapshots and on the terminal");
     app.add_option("--output", options.outputFile, "FILE for what library and set print")
         ->capture_default_str();
     app.add_flag("--verbose", options.verbose, "Leave what library and set print on the terminal");

@@ -39,6 +39,7 @@ struct Options {
     std::string logFile;                 ///< of the session's log events; empty: none
     std::string recordFile;              ///< of the session's events; empty: none
     std::string outputFile = "/dev/null";
+    bool stats = false;  ///< key figures over the picture and on the terminal
     bool verbose = false;
     bool json = false;
     bool strict = false;

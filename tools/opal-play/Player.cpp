@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <utility>
 
 #include "TvSet.h"
 #include "opal-play/LogFile.h"
@@ -562,7 +563,14 @@ void Player::ShowProgress() {
         status.leftMs = std::max<int64_t>(
             (speed > 0 ? m_durationMs - status.positionMs : status.positionMs) / std::abs(speed),
             0);
-    m_console.Progress(ProgressText(status, m_console.ProgressWidth()));
+    if (!m_options.stats)
+        return m_console.Progress(ProgressText(status, m_console.ProgressWidth()));
+    const tvset::Statistics set = tvset::GetStatistics();
+    const std::string stats =
+        StatsText(status, m_observer.Live(), set.framesShown, set.framesDropped);
+    if (!tvset::SetStatusText(stats) && !std::exchange(m_statsRefused, true))
+        m_console.Error("no figures over the picture: install fonts-dejavu-core");
+    m_console.Progress(stats);
 }
 
 Summary Player::Summarise() const {

@@ -120,6 +120,7 @@ class Player {
     bool m_firstPictureTold = false;
     int64_t m_lastProgressMs = 0;
     int64_t m_lastFiguresMs = 0;
+    bool m_statsRefused = false;
     uint64_t m_tailPictures = 0;
     int64_t m_tailSinceMs = 0;
 };

@@ -173,6 +173,30 @@ std::string ProgressText(const Status& status, size_t width) {
     return text;
 }
 
+std::string StatsText(const Status& status, const LiveFigures& live, uint64_t shown,
+                      uint64_t dropped) {
+    std::string text =
+        Format("%s %s / %s", status.state.c_str(), TimeText(status.positionMs).c_str(),
+               TimeText(status.durationMs).c_str());
+    if (status.level < status.levelCount)
+        text += Format("\nlevel   %zu of %zu: %ux%u %s", status.level + 1, status.levelCount,
+                       status.levelInfo.width, status.levelInfo.height,
+                       BitrateText(status.levelInfo.bitrate).c_str());
+    text += Format("\nbuffer  video %.1f s (starts at %.1f), audio %.1f s", Seconds(live.videoMs),
+                   Seconds(live.requiredMs), Seconds(live.audioMs));
+    text += "\nlink    " +
+            (live.linkBitsPerSecond > 0 ? BitrateText(live.linkBitsPerSecond) : "no estimate");
+    if (live.lastBitsPerSecond > 0)
+        text += Format("; last cluster %s, %lld ms to its first byte",
+                       BitrateText(live.lastBitsPerSecond).c_str(),
+                       static_cast<long long>(live.lastWaitMs));
+    if (!live.rule.empty())
+        text += Format("\nrule    %s, %s", live.rule.c_str(), live.steady ? "steady" : "agile");
+    text += Format("\nshown   %llu pictures, %llu dropped; %.1f MB fetched", Wide(shown),
+                   Wide(dropped), static_cast<double>(live.bytes) / 1e6);
+    return text;
+}
+
 std::string SummaryText(const Summary& summary) {
     std::string text = Format("%s at %s of %s after %.1f s", OutcomeText(summary.outcome),
                               TimeText(summary.positionMs).c_str(),

@@ -89,6 +89,9 @@ int64_t MeanBitrate(const Summary& summary);
 
 /// As many of its parts as fit into `width` bytes.
 std::string ProgressText(const Status& status, size_t width);
+/// Lines of key figures, to be laid over the picture. `shown` and `dropped`: pictures.
+std::string StatsText(const Status& status, const LiveFigures& live, uint64_t shown,
+                      uint64_t dropped);
 std::string SummaryText(const Summary& summary);
 std::string SummaryJson(const Summary& summary);
 
