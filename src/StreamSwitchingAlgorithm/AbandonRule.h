@@ -11,15 +11,16 @@ namespace opal::playback {
 /// When a video transfer is given up, and for which level.
 ///
 /// A transfer is given up if its rest, at the throughput of its own last second, would take longer
-/// than the buffer lasts, and the same cluster from the level that is affordable now is smaller
-/// than that rest, so that it comes sooner although the bytes received so far are thrown away. A
+/// than the buffer lasts, and the same cluster from a level that is affordable now is smaller than
+/// that rest, so that it comes sooner although the bytes received so far are thrown away. A
 /// transfer younger than a second is left alone. A cluster is given up once: the transfer that
 /// follows runs to its end.
 ///
-/// The last second tells that the link has fallen, but not for how long. So affordable is the
-/// highest level below the present one whose cluster, at the throughput of the whole transfer so
-/// far, takes no more than half of the buffer's time; the lowest level if there is none. A link
-/// that dips costs a step or two, one that is cut leads to the lowest level.
+/// The last second tells that the link has fallen, but not for how long. So a level below the
+/// present one is affordable if its cluster, at the throughput of the whole transfer so far, takes
+/// no more than half of the buffer's time; the lowest level always is. The highest affordable level
+/// whose cluster is smaller than the rest is chosen. A link that dips costs a step or two, one that
+/// is cut leads to the lowest level.
 ///
 /// Threading: none; whoever paces the downloads asks, every few milliseconds. Units: milliseconds,
 /// bytes, bits per second.
@@ -48,8 +49,9 @@ class AbandonRule {
     };
 
     bool Observe(const Transfer& transfer);
-    static size_t Affordable(const Transfer& transfer, const std::vector<int64_t>& clusterBytes,
-                             double bytesPerMs);
+    static std::optional<size_t> ComesSooner(const Transfer& transfer,
+                                             const std::vector<int64_t>& clusterBytes, int64_t rest,
+                                             double bytesPerMs);
 
     std::deque<Point> m_lastSecond;  ///< oldest first
     std::optional<size_t> m_cluster;

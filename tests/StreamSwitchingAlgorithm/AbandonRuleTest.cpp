@@ -66,6 +66,10 @@ TEST(AbandonRuleTest, OnlyTheLastSecondCountsAndAClusterIsGivenUpOnce) {
     download.rule.Reset();
     download.received = 0;
     EXPECT_EQ(download.Run(1000, 20, 3000), 0u) << "after a jump it is another transfer";
+    Download cut;
+    EXPECT_EQ(cut.Run(1000, 600, 20000), kGoesOn);
+    EXPECT_EQ(cut.Run(1000, 0, 5000), 1u)
+        << "half of 4 s fetches the third level's cluster, but only the second's is below the rest";
     std::vector<int64_t> unknown = kSizes;
     unknown[0] = 0;
     AbandonRule rule;

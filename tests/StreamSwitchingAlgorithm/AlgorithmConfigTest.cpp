@@ -105,8 +105,16 @@ TEST_F(AlgorithmConfigTest, TheSampleFileIsWholeAndRight) {
     std::ifstream file(OPAL_SAMPLE_SETTINGS);
     std::ostringstream text;
     text << file.rdbuf();
+    for (const char* name :
+         {"initialBandwidthDecision", "bandwidthHint", "maxLevelDrop", "disableQuickstart",
+          "upperGuardTrigger", "minBufferedToEnterAgile", "minSecondsInAgileMode",
+          "maxSecondsInAgileMode", "disableSteadyState", "maxBufferFromEmpty", "maxBuffer",
+          "algorithmCycle", "bandwidthMonitorSampleCount", "bandwidthMonitorWindowInterval",
+          "bandwidthMonitorMinWindowInterval", "bandwidthMonitorGapOrder", "abandonTransfers"})
+        EXPECT_NE(text.str().find("<" + std::string(name) + ">"), std::string::npos) << name;
     ASSERT_TRUE(Load(text.str()));
     EXPECT_EQ(Config().GetInitialBandwidthDecision(), InitialBandwidthMode_BandwidthProbe);
+    EXPECT_LT(Config().GetMaxBuffer(), 1) << "no limit";
     EXPECT_EQ(Config().GetMinBufferedToEnterAgile(), 40000);
     EXPECT_EQ(Config().GetUpperGuardTrigger(), 5);
     EXPECT_EQ(Config().GetMinPeriodUpSwitch(AlgorithmConfig::kSteady), 4000);

@@ -82,6 +82,7 @@ Case RandomCase(std::mt19937& random) {
     set("agile.minPeriodUpSwitch", {0, 4000});
     set("maxLevelDrop", {0, 1, 3});
     set("bandwidthMonitorGapOrder", {0, 1});
+    set("abandonTransfers", {0, 1});
     return result;
 }
 

@@ -30,11 +30,10 @@ std::optional<size_t> AbandonRule::Ask(const Transfer& transfer,
         return std::nullopt;
     const double sinceItBegan = static_cast<double>(transfer.received - m_begin.received) /
                                 static_cast<double>(transfer.nowMs - m_begin.ms);
-    const size_t level = Affordable(transfer, clusterBytes, std::max(bytesPerMs, sinceItBegan));
-    const int64_t bytes = clusterBytes[level];
-    if (bytes <= 0 || bytes >= rest)
-        return std::nullopt;
-    m_abandoned = transfer.cluster;
+    const auto level =
+        ComesSooner(transfer, clusterBytes, rest, std::max(bytesPerMs, sinceItBegan));
+    if (level)
+        m_abandoned = transfer.cluster;
     return level;
 }
 
@@ -57,15 +56,18 @@ bool AbandonRule::Observe(const Transfer& transfer) {
     return transfer.nowMs - m_lastSecond.front().ms >= kMeasuredMs;
 }
 
-size_t AbandonRule::Affordable(const Transfer& transfer, const std::vector<int64_t>& clusterBytes,
-                               double bytesPerMs) {
-    for (size_t level = transfer.level - 1; level > 0; --level) {
-        const auto bytes = static_cast<double>(clusterBytes[level]);
-        if (bytes > 0 &&
-            bytes <= kBufferShare * bytesPerMs * static_cast<double>(transfer.bufferedMs))
+std::optional<size_t> AbandonRule::ComesSooner(const Transfer& transfer,
+                                               const std::vector<int64_t>& clusterBytes,
+                                               int64_t rest, double bytesPerMs) {
+    for (size_t level = transfer.level; level-- > 0;) {
+        const int64_t bytes = clusterBytes[level];
+        const bool affordable =
+            level == 0 || static_cast<double>(bytes) <=
+                              kBufferShare * bytesPerMs * static_cast<double>(transfer.bufferedMs);
+        if (bytes > 0 && bytes < rest && affordable)
             return level;
     }
-    return 0;
+    return std::nullopt;
 }
 
 }  // namespace opal::playback

@@ -143,7 +143,7 @@ OPALError StreamingController::Session::GiveUpSlowTransfer(bool playing) {
     const auto level = abandonRule.Ask(transfer, clusterBytes);
     if (!level)
         return OPAL_OK;
-    levelSwitch = {LevelSwitch::State::GivesUpTransfer, *level};
+    levelSwitch = {LevelSwitch::State::GivesUpTransfer, *level, transfer.cluster};
     reports.SlowTransfer(transfer, *level, objects.ReportedBandwidth());
     const OPALError code = objects.readers->StopVideo();
     return code == OPAL_OK ? objects.readers->CancelSlowVideo() : code;
@@ -153,6 +153,14 @@ OPALError StreamingController::Session::GiveUpSlowTransfer(bool playing) {
 // it is over; the position is then that of the first cluster that is missing.
 OPALError StreamingController::Session::EndSlowTransfer() {
     if (objects.readers->IsVideoTransferring()) {
+        opal::playback::AbandonRule::Transfer running;
+        std::vector<int64_t> clusterBytes;
+        if (!DescribeTransfer(running, clusterBytes))
+            return OPAL_OK;
+        if (running.cluster != levelSwitch.cluster) {
+            levelSwitch.EndWaiting();  // it has come to its end after all, and this is the next
+            return OPAL_OK;
+        }
         (void)objects.readers->StopVideo();  // something may have started the level anew
         return objects.readers->CancelSlowVideo();
     }

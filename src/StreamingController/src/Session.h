@@ -27,6 +27,7 @@ struct StreamingController::Session {
         };
         State state = State::None;
         size_t level = kNone;
+        size_t cluster = 0;  ///< whose transfer is given up
 
         bool Is(State asked) const { return state == asked; }
         bool Waits() const { return Is(State::WaitsForTransfer); }
