@@ -2,6 +2,7 @@
 
 #include <boost/noncopyable.hpp>
 #include <cstdint>
+#include <string>
 
 #include "Common/InitialBandwidthMode.h"
 #include "Common/OPALError.h"
@@ -93,3 +94,5 @@ class AlgorithmConfig : boost::noncopyable {
 /// Errors: throws std::logic_error for a setting without text; the caller treats the file as not
 /// loaded.
 bool LoadConfigFile();
+/// The same with the text of such a file.
+bool LoadConfigText(const std::string& text);

@@ -2,6 +2,7 @@
 
 #include <set>
 
+#include "opal-simulate/Replay.h"
 #include "opal-simulate/SimulatedClock.h"
 #include "support/TemporaryDirectory.h"
 #include "system/Nginx.h"
@@ -19,6 +20,8 @@ class LinkTest : public SessionFixture {
     void SetRateKbps(int64_t kbps) { m_origin.SetRate(kbps * 1000 * kSpeed); }
     void ExpectTheLevelFollowed();
     void ExpectTheSameDecisionsAgain();
+
+    SwitchingObserver m_switching;
 };
 
 /// No gap and no overlap: each block starts where the one before it ended.
@@ -67,10 +70,14 @@ void LinkTest::ExpectTheLevelFollowed() {
 }
 
 void LinkTest::ExpectTheSameDecisionsAgain() {
-    const std::shared_ptr<opal::simulate::Recording> recording = m_player->recording;
     opal::simulate::SimulatedClock clock;
     opal::SetClock(&clock);
-    EXPECT_EQ(opal::simulate::Replay(*recording).Decisions(), recording->Decisions());
+    size_t levels = 0;
+    for (const auto& answer : opal::simulate::Replay(m_switching.Records())) {
+        levels += answer.IsLevel() ? 1 : 0;
+        EXPECT_EQ(answer.now, answer.then) << answer.timeUs;
+    }
+    EXPECT_GT(levels, 10u);
     opal::SetClock(&m_clock);
 }
 

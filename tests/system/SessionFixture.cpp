@@ -57,7 +57,7 @@ SessionFixture::SessionFixture(int speed, tvset::Decoding decoding) : m_clock(sp
     std::string error;
     EXPECT_TRUE(m_origin.Start(&error)) << error;
     delete NewStreamingController();  // registers the production objects
-    m_player = std::make_unique<RecordedController>();
+    m_player = std::make_unique<FinalizedController>();
 }
 
 SessionFixture::~SessionFixture() {

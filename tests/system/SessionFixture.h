@@ -11,11 +11,12 @@
 #include <vector>
 
 #include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
+#include "StreamingController/ISessionObserver.h"
 #include "StreamingController/StreamingController.h"
 #include "TvSet.h"
 #include "opal-origin/Origin.h"
 #include "opal-package/MatroskaWriter.h"
-#include "opal-simulate/Recording.h"
+#include "recording/SessionRecords.h"
 #include "support/RecordingListener.h"
 #include "support/ScaledClock.h"
 
@@ -53,17 +54,27 @@ struct SeenBlock {
     }
 };
 
-/// The production controller with its decisions recorded.
-class RecordedController : public StreamingController {
+class FinalizedController : public StreamingController {
   public:
-    ~RecordedController() override { (void)Finalize(); }
-    std::shared_ptr<simulate::Recording> recording = std::make_shared<simulate::Recording>();
+    ~FinalizedController() override { (void)Finalize(); }
+};
 
-  protected:
-    IStreamSwitchingController* NewSwitchingController() override {
-        return new simulate::RecordingSwitchingController(
-            StreamingController::NewSwitchingController(), recording);
+/// Keeps what the switching code of the sessions during its life was told and asked.
+class SwitchingObserver : public ISessionObserver {
+  public:
+    SwitchingObserver() { EXPECT_EQ(SetSessionObserver(this), OPAL_OK); }
+    ~SwitchingObserver() override { (void)SetSessionObserver(nullptr); }
+    void OnSwitchingCall(const SwitchingCallEvent& event) override { m_records.push_back(event); }
+    void OnLevelIndex(const LevelIndexEvent& event) override { m_records.push_back(event); }
+    void OnDropped(uint64_t) override { ADD_FAILURE() << "events were lost"; }
+    /// Ends the observation.
+    const std::vector<recording::Record>& Records() {
+        EXPECT_EQ(SetSessionObserver(nullptr), OPAL_OK);
+        return m_records;
     }
+
+  private:
+    std::vector<recording::Record> m_records;
 };
 
 /// The whole library over a loopback origin, on the set in pass-through mode.
@@ -104,7 +115,7 @@ class SessionFixture : public testing::Test {
     ScaledClock m_clock;
     origin::Origin m_origin;
     RecordingListener m_listener;
-    std::unique_ptr<RecordedController> m_player;
+    std::unique_ptr<FinalizedController> m_player;
     std::map<std::string, package::BuiltFile> m_files;
     std::map<std::string, std::vector<package::Cluster>> m_media;
     Presentation m_presentation;

@@ -1,12 +1,16 @@
 #include <gmock/gmock.h>
 
+#include <filesystem>
 #include <future>
+#include <sstream>
 
 #include "opal-simulate/Film.h"
-#include "opal-simulate/Recording.h"
+#include "opal-simulate/Replay.h"
 #include "opal-simulate/Session.h"
+#include "opal-simulate/SessionRecorder.h"
 #include "opal-simulate/SimulatedClock.h"
 #include "opal-simulate/Tunables.h"
+#include "recording/SessionReader.h"
 #include "support/TemporaryDirectory.h"
 
 using namespace opal::simulate;
@@ -60,9 +64,75 @@ TEST_F(SimulateTest, FilmsAreCutAnewIntoClustersOfTwoSeconds) {
     for (const char* text : {"", "[]", R"([{"duration_ms": -1, "bandwidth_kbps": 1}])",
                              R"([{"duration_ms": 1, "bandwidth_kbps": 0}])"})
         EXPECT_THROW(ReadTrace(directory.Write("trace.json", text)), std::runtime_error) << text;
-    for (const char* text : {"", "{}", R"({"levels": [], "audio_tracks": [], "cluster_sizes": [[1]],
-                                          "calls": []})"})
-        EXPECT_THROW(Recording::FromJson(text), std::runtime_error) << text;
+}
+
+// They were made before the switching code had the settings that are off by default.
+TEST_F(SimulateTest, RecordedSessionsAreDecidedAsTheyWere) {
+    size_t levels = 0;
+    for (const auto& file : std::filesystem::directory_iterator(OPAL_TEST_RECORDINGS)) {
+        opal::recording::Session session;
+        std::string problem;
+        ASSERT_TRUE(opal::recording::SessionReader::ReadFile(file.path(), &session, &problem));
+        for (const Replayed& answer : Replay(session.records)) {
+            levels += answer.IsLevel() ? 1 : 0;
+            EXPECT_EQ(answer.now, answer.then) << file.path() << " " << answer.timeUs;
+        }
+        auto call = opal::SwitchingCallEvent();  // before the levels are known
+        EXPECT_THROW(Replay({call}), std::runtime_error);
+        call.kind = opal::SwitchingCallEvent::Kind::SetLevels;
+        call.levels.resize(65);
+        EXPECT_THROW(Replay({call}), std::runtime_error);
+    }
+    EXPECT_GT(levels, 150u);
+}
+
+TEST_F(SimulateTest, ASimulatedSessionIsRecordedAndDecidedTheSameAgain) {
+    Film film = Ladder({300, 1000, 3000, 5000}, 60);
+    film.audioBitrate = 128000;
+    Tunables tunables = Tunables::Current();
+    tunables.Set("abandonTransfers=1");
+    tunables.Set("minBufferedToEnterAgile=20000");
+    tunables.Apply();
+    const std::string settings = Tunables::Current().ToSettingsFile();
+    std::stringstream text;
+    PlayOptions options{kLimitMs};
+    Result result;
+    {
+        SessionRecorder recorder({}, [&text](const std::string& line) { text << line << "\n"; });
+        options.recorder = &recorder;
+        result = Play(film, {"", {{1e4, 750, 20}, {3e4, 25, 20}, {1e6, 100, 20}}}, options);
+    }
+    opal::recording::Session session;
+    std::string problem;
+    ASSERT_TRUE(opal::recording::SessionReader::Read(text, &session, &problem)) << problem;
+    EXPECT_EQ(session.skipped + session.unreadable, 0u);
+    std::map<std::string, int> seen;
+    int64_t bytes = 0;
+    for (const auto& record : session.records) {
+        if (const auto* request = std::get_if<opal::RequestEvent>(&record)) {
+            const bool cluster = request->purpose == opal::RequestPurpose::Cluster;
+            bytes += cluster ? request->bytes : 0;
+            seen["given up"] += request->end == opal::RequestEnd::SlowTransfer ? 1 : 0;
+            EXPECT_LE(request->waitUs, 20000);
+        } else if (const auto* state = std::get_if<opal::StateEvent>(&record)) {
+            seen["stalls"] += state->state == opal::SessionState::Underflow ? 1 : 0;
+            seen["switches"] += state->state == opal::SessionState::Level ? 1 : 0;
+            seen["ends"] += state->state == opal::SessionState::EndOfStream ? 1 : 0;
+        }
+    }
+    EXPECT_GT(result.stalls, 0);
+    EXPECT_EQ(seen, (std::map<std::string, int>{{"given up", result.abandoned},
+                                                {"stalls", result.stalls},
+                                                {"switches", result.switches},
+                                                {"ends", 1}}));
+    EXPECT_EQ(bytes, result.bytes);
+    AlgorithmConfig::Instance().Reset();
+    ASSERT_TRUE(LoadConfigText(settings));
+    EXPECT_EQ(AlgorithmConfig::Instance().GetMinBufferedToEnterAgile(), 20000);
+    for (const Replayed& answer : Replay(session.records))
+        EXPECT_EQ(answer.now, answer.then) << answer.timeUs;
+    tunables.Set("agile.minPeriodUpSwitch=1500");
+    EXPECT_THROW((void)tunables.ToSettingsFile(), UsageError) << "a file has whole seconds";
 }
 
 TEST_F(SimulateTest, SessionsSideBySideFollowTheirLinksStallAndRecover) {

@@ -1,6 +1,8 @@
 #include "opal-play/Observer.h"
 
 #include <chrono>
+#include <fstream>
+#include <sstream>
 #include <utility>
 
 #include "Common/OPALVersion.h"
@@ -11,6 +13,16 @@ namespace opal::play {
 namespace {
 
 constexpr std::chrono::milliseconds kBehind(200);
+
+/// The library's settings file, as the library reads it; empty without one.
+std::string Settings() {
+    constexpr size_t kMost = 1 << 20;
+    std::ostringstream text;
+    const std::ifstream file("kmt_ssa_config.xml", std::ios::binary);
+    if (file)
+        text << file.rdbuf();
+    return text.str().size() <= kMost ? text.str() : std::string();
+}
 
 /// As the library's clock tells it.
 int64_t NowUs() {
@@ -28,6 +40,7 @@ void Observer::Record(const std::string& source, LineSink sink) {
     header.library = OPALVersionText();
     header.startUs = m_startUs = NowUs();
     header.source = source;
+    header.settings = Settings();
     m_sink = std::move(sink);
     m_sink(recording::ToLine(header));
 }

@@ -1,5 +1,6 @@
 #include "opal-simulate/LevelRule.h"
 
+#include <algorithm>
 #include <boost/make_shared.hpp>
 #include <string>
 
@@ -55,6 +56,15 @@ class BuiltInRule : public LevelRule {
         return AlgorithmConfig::Instance().GetAbandonTransfers() ? m_abandon.Ask(transfer, sizes)
                                                                  : std::nullopt;
     }
+    void Describe(BufferEvent& event) override {
+        int required = 0;
+        m_switching->GetBufferRequirement(required, OPAL_STREAM_VIDEO);
+        event.requiredVideoMs = required;
+        m_switching->GetBufferRequirement(required, OPAL_STREAM_AUDIO);
+        event.requiredAudioMs = required;
+        event.maxVideoMs = std::max<int64_t>(0, m_switching->GetMaxBuffer());
+        event.bandwidth = m_switching->GetBandwidth();
+    }
 
   private:
     const Film& m_film;
@@ -92,6 +102,7 @@ class BolaLevelRule : public LevelRule {
                               static_cast<double>(transfer.received),
                               static_cast<double>(transfer.bufferedMs));
     }
+    void Describe(BufferEvent& event) override { event.requiredVideoMs = Film::kClusterMs; }
 
   private:
     static std::vector<int> Bitrates(const Film& film) {

@@ -7,6 +7,7 @@
 #include <optional>
 #include <vector>
 
+#include "Common/SessionEvents.h"
 #include "StreamSwitchingAlgorithm/AbandonRule.h"
 #include "StreamSwitchingAlgorithm/IStreamSwitchingController.h"
 #include "opal-simulate/BolaRule.h"
@@ -42,6 +43,8 @@ class LevelRule {
     virtual int64_t MaxBufferMs() = 0;
     /// The level to fetch the cluster of a running transfer from instead; none: it goes on.
     virtual std::optional<size_t> Abandon(const Transfer& transfer, const Sizes& sizes) = 0;
+    /// Fills in what the rule knows of buffers and link.
+    virtual void Describe(BufferEvent& event) = 0;
 };
 
 enum class RuleName { BuiltIn, BolaE };

@@ -61,8 +61,8 @@ void Link::EnterPieceOfTrace() {
 }
 
 void Link::Start(Transfer& transfer, double bytes) {
-    transfer.waitMs = m_trace.pieces[m_piece].latencyMs;
-    transfer.bytesLeft = bytes;
+    transfer.waitMs = transfer.latencyMs = m_trace.pieces[m_piece].latencyMs;
+    transfer.bytesLeft = transfer.bytes = bytes;
     transfer.startMs = m_nowMs;
     transfer.active = true;
     m_running.push_back(&transfer);

@@ -25,7 +25,9 @@ Trace ReadTrace(const std::string& path);
 
 /// A transfer over the link.
 struct Transfer {
-    double waitMs = 0.0;  ///< latency still to pass before the first byte
+    double latencyMs = 0.0;
+    double waitMs = 0.0;  ///< of the latency, what has still to pass before the first byte
+    double bytes = 0.0;
     double bytesLeft = 0.0;
     double startMs = 0.0;
     bool active = false;
@@ -41,6 +43,7 @@ class Link {
     explicit Link(const Trace& trace);
 
     double NowMs() const { return m_nowMs; }
+    double BytesPerMs() const { return m_trace.pieces[m_piece].bytesPerMs; }
     /// Starts a transfer of `bytes`, one latency from now.
     void Start(Transfer& transfer, double bytes);
     /// The transfer ends where it is.

@@ -62,6 +62,11 @@ nlohmann::json ToJson(const Result& result) {
     return row;
 }
 
+/// A file's name may be no UTF-8.
+std::string Dump(const nlohmann::json& value, int indent = -1) {
+    return value.dump(indent, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
 }  // namespace
 
 Summary Summarise(const std::vector<Result>& results) {
@@ -170,7 +175,11 @@ void PrintJson(const std::vector<Result>& results, const std::string& tunables, 
                       {"startup_ms", all.startupMs},
                       {"decision_us", all.decisionUs},
                       {"unfinished", all.unfinished}};
-    std::printf("%s\n", out.dump(2).c_str());
+    std::printf("%s\n", Dump(out, 2).c_str());
+}
+
+std::string ToJsonText(const Result& result) {
+    return Dump(ToJson(result));
 }
 
 void PrintJsonLine(const Result& result, const std::string& rule, const std::string& tunables) {
@@ -178,7 +187,7 @@ void PrintJsonLine(const Result& result, const std::string& rule, const std::str
     row["rule"] = rule;
     row["tunables"] = tunables;
     row["play_s"] = result.playMs / 1000.0;
-    std::printf("%s\n", row.dump().c_str());
+    std::printf("%s\n", Dump(row).c_str());
     std::fflush(stdout);
 }
 

@@ -33,6 +33,8 @@ Summary Summarise(const std::vector<Result>& results);
 void PrintTable(const std::vector<Result>& results, double seconds);
 void PrintCsv(const std::vector<Result>& results);
 void PrintJson(const std::vector<Result>& results, const std::string& tunables, double seconds);
+/// A session's figures.
+std::string ToJsonText(const Result& result);
 /// One line for one session, written out at once.
 void PrintJsonLine(const Result& result, const std::string& rule, const std::string& tunables);
 /// The best `count`: least time stalled, then the higher bitrate, then the smaller steps. Bitrates

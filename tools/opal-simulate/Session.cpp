@@ -1,19 +1,19 @@
 #include "opal-simulate/Session.h"
 
 #include <algorithm>
-#include <boost/make_shared.hpp>
 #include <chrono>
 #include <cmath>
 #include <deque>
 #include <memory>
-#include <mutex>
+#include <numeric>
+#include <utility>
 
-#include "Common/ObjectFactory.h"
 #include "Common/StreamingTuning.h"
 #include "Common/network/BandwidthProbe.h"
 #include "StreamSwitchingAlgorithm/PlaybackRules.h"
-#include "StreamingReader/HTTPFile/IHTTPFile.h"
 #include "opal-simulate/LevelRule.h"
+#include "opal-simulate/ProbedLink.h"
+#include "opal-simulate/SessionRecorder.h"
 #include "opal-simulate/SimulatedClock.h"
 #include "opal-simulate/SimulatedStreams.h"
 
@@ -27,10 +27,8 @@ constexpr double kManagerPollMs = StreamingTuning::GetReaderPoll();
 constexpr double kOpenBytes[] = {0.0, 1000.0, 18.0};
 constexpr double kManifestBytes = 4000.0;
 constexpr double kCuePointBytes = 20.0;
-
-/// The session of this thread, for the file that the probe opens.
-class Session;
-thread_local Session* t_session = nullptr;
+/// How often a recording is told of the buffers.
+constexpr double kBuffersPeriodMs = 200.0;
 
 /// One stream's reader and buffer.
 struct Stream {
@@ -52,7 +50,7 @@ struct Stream {
     }
 };
 
-class Session : private BandwidthProbeNotify {
+class Session : private BandwidthProbeNotify, private ProbedLink {
   public:
     Session(const Film& film, const Trace& trace, const PlayOptions& options)
         : m_film(film), m_link(trace), m_options(options) {
@@ -64,18 +62,18 @@ class Session : private BandwidthProbeNotify {
     }
 
     Result Run();
-    /// Lets a transfer of `bytes` run to its end with nothing else going on. False when the session
-    /// gave up on it.
-    bool TransferAlone(double bytes);
-    int64_t FileSize() const;
 
   private:
     enum class Message { Start, VideoCluster, AudioCluster };
 
     void OnProbe(int kind, int64_t size, int64_t duration) override;
+    bool TransferAlone(const RequestLabel& label, double bytes) override;
+    int64_t FileSize() const override;
 
     void Initialize();
-    bool OpenAlone(size_t clusters);
+    /// What opening a file transfers, request by request.
+    std::vector<std::pair<RequestLabel, double>> Opening(OPALStreamType type, size_t index) const;
+    bool OpenAlone(OPALStreamType type, size_t index);
     void StartPlayback();
 
     void Step();
@@ -94,9 +92,15 @@ class Session : private BandwidthProbeNotify {
     void WakeReaders();
     void Wake(Stream& stream, double waitMs = 0.0);
     void SetLevel(size_t level);
+    void EnterLevel(size_t level);
     void ConsiderAbandoning();
     bool IsReadyToStart();
     void CheckUnderflow();
+
+    void Record(const RequestLabel& label, const Transfer& transfer, RequestEnd end) const;
+    void RecordCluster(const Stream& stream, bool video, RequestEnd end) const;
+    void RecordState(SessionState state, size_t to = static_cast<size_t>(-1)) const;
+    void RecordBuffers();
 
     bool IsTimedOut(const Transfer& transfer) const;
     bool AtEnd(const Stream& stream) const { return stream.nextCluster >= m_film.ClusterCount(); }
@@ -128,59 +132,23 @@ class Session : private BandwidthProbeNotify {
     double m_stallSinceMs = 0.0;
 
     /// A switch that waits for the levels on the way to be opened blocks the loop.
-    std::deque<double> m_toFetch;
+    std::deque<std::pair<RequestLabel, double>> m_toFetch;
     Transfer m_fetch;
     size_t m_wantedLevel = 0;
+
+    double m_nextBuffersMs = 0.0;  ///< when the recording is told of the buffers again
+    bool m_playingTold = false;
 };
 
-/// The file of level 0 as the probe sees it.
-class ProbedFile : public IHTTPFile {
-  public:
-    OPALError Open(const std::string&) override {
-        return t_session->TransferAlone(0.0) ? OPAL_OK : OPAL_ERROR_TIMEOUT;
-    }
-    OPALError GetSize(int64_t& size) override {
-        size = t_session->FileSize();
-        return OPAL_OK;
-    }
-    OPALError RequestRange(int64_t offset, int64_t length, HTTPRequestNotify*) override {
-        const int64_t available = std::max(int64_t{1}, t_session->FileSize() - offset);
-        const auto bytes = static_cast<double>(std::min(length, available));
-        return t_session->TransferAlone(bytes) ? OPAL_OK : OPAL_ERROR_TIMEOUT;
-    }
-    OPALError RequestRanges(const std::vector<ByteRange>&, HTTPRequestNotify*) override {
-        return OPAL_ERROR_NOT_READY;
-    }
-    OPALError GetCompletedRequest(HTTPRequest&, bool) override { return OPAL_OK; }
-    OPALError CancelRequests(bool, bool) override { return OPAL_OK; }
-    OPALError GetBytesInFlight(int& bytes) override {
-        bytes = 0;
-        return OPAL_OK;
-    }
-    OPALError Close() override { return OPAL_OK; }
-    void SetStopSignal(const opal::StopSignal*) override {}
-};
-
-class ProbedFileObject : public HTTPFileObject {
-  public:
-    /// Only on a thread that simulates: the library may play on others.
-    bool Accepts(int) const override { return t_session != nullptr; }
-    IHTTPFile* Create(bool) override { return new ProbedFile; }
-};
-
-void RegisterProbedFile() {
-    static std::once_flag once;
-    std::call_once(once, [] {
-        ObjectFactory::Instance().Register(boost::make_shared<ProbedFileObject>(), true);
-    });
-}
-
-bool Session::TransferAlone(double bytes) {
+bool Session::TransferAlone(const RequestLabel& label, double bytes) {
     if (m_failed)  // the transfer that failed still stands in the link's list
         return false;
     Transfer transfer;
     m_link.Start(transfer, bytes);
     while (!transfer.IsDone()) {
+        SimulatedClock::SetNowMs(NowMs());
+        if (m_options.recorder)
+            m_options.recorder->AddLink(m_link.BytesPerMs());
         m_link.Advance(kTurnMs);
         if (IsTimedOut(transfer)) {
             m_failed = true;
@@ -188,6 +156,7 @@ bool Session::TransferAlone(double bytes) {
         }
     }
     SimulatedClock::SetNowMs(NowMs());
+    Record(label, transfer, m_failed ? RequestEnd::Failed : RequestEnd::Complete);
     return !m_failed;
 }
 
@@ -202,12 +171,23 @@ void Session::OnProbe(int, int64_t size, int64_t duration) {
     m_rule->OnProbe(playback::ProbedBandwidth(size, duration));
 }
 
-bool Session::OpenAlone(size_t clusters) {
-    for (double bytes : kOpenBytes) {
-        if (!TransferAlone(bytes))
+std::vector<std::pair<RequestLabel, double>> Session::Opening(OPALStreamType type,
+                                                              size_t index) const {
+    std::vector<std::pair<RequestLabel, double>> requests;
+    for (double bytes : kOpenBytes)
+        requests.emplace_back(RequestLabel{RequestPurpose::Header, type, index, -1}, bytes);
+    requests.front().first.purpose = RequestPurpose::Size;
+    requests.emplace_back(requests.back().first,
+                          kCuePointBytes * static_cast<double>(m_film.ClusterCount()));
+    return requests;
+}
+
+bool Session::OpenAlone(OPALStreamType type, size_t index) {
+    for (const auto& [label, bytes] : Opening(type, index)) {
+        if (!TransferAlone(label, bytes))
             return false;
     }
-    return TransferAlone(kCuePointBytes * static_cast<double>(clusters));
+    return true;
 }
 
 void Session::Initialize() {
@@ -215,7 +195,9 @@ void Session::Initialize() {
     for (const Film::Level& level : m_film.levels)
         m_indexes.push_back(std::make_unique<SimulatedIndex>(level.clusterSizes));
     m_openIndexes.assign(m_film.levels.size(), nullptr);
-    if (!TransferAlone(0.0) || !TransferAlone(kManifestBytes))
+    RecordState(SessionState::Opening);
+    const RequestLabel manifest = {RequestPurpose::Manifest, OPAL_STREAM_NONE};
+    if (!TransferAlone(manifest, 0.0) || !TransferAlone(manifest, kManifestBytes))
         return;
     m_rule = NewLevelRule(m_options.rule, m_film, m_openIndexes, m_options.bolaBufferMs);
     m_initDoneMs = NowMs();
@@ -226,14 +208,17 @@ void Session::Initialize() {
     };
     m_video.level = m_rule->ChooseStart(probe, [this] { return static_cast<int64_t>(NowMs()); });
     for (size_t level = 0; level <= m_video.level && !m_failed; ++level) {
-        if (OpenAlone(m_film.ClusterCount()))
+        if (OpenAlone(OPAL_STREAM_VIDEO, level))
             m_openIndexes[level] = m_indexes[level].get();
     }
 }
 
 void Session::StartPlayback() {
-    if (m_film.audioBitrate > 0 && !OpenAlone(m_film.ClusterCount()))
+    if (m_film.audioBitrate > 0 && !OpenAlone(OPAL_STREAM_AUDIO, 0))
         return;
+    if (m_options.recorder)
+        m_options.recorder->AddState(SessionState::Opened, m_video.level, m_film.DurationMs());
+    RecordState(SessionState::PlayWanted);
     if (m_film.audioBitrate > 0)
         Wake(m_audio);
     Wake(m_video);
@@ -242,8 +227,7 @@ void Session::StartPlayback() {
 }
 
 Result Session::Run() {
-    t_session = this;
-    RegisterProbedFile();
+    ProbedLink::SetCurrent(this);
     Initialize();
     if (!m_failed)
         StartPlayback();
@@ -252,7 +236,10 @@ Result Session::Run() {
     if (m_started && !m_playing && !m_result.finished)
         m_result.stallMs += NowMs() - m_stallSinceMs;
     m_result.playMs = m_positionMs;
-    t_session = nullptr;
+    if (m_result.finished)
+        RecordState(SessionState::EndOfStream);
+    RecordState(SessionState::Closed);
+    ProbedLink::SetCurrent(nullptr);
     return m_result;
 }
 
@@ -266,6 +253,7 @@ void Session::Step() {
         LoopTurn();
     else
         ContinueOpening();
+    RecordBuffers();
 }
 
 void Session::PassTime(double ms) {
@@ -308,8 +296,16 @@ bool Session::IsTimedOut(const Transfer& transfer) const {
 
 /// A transfer that takes too long ends the session: nothing above the transport tries again.
 void Session::CompleteTransfers() {
-    if (IsTimedOut(m_video.transfer) || IsTimedOut(m_audio.transfer) || IsTimedOut(m_fetch))
+    if (IsTimedOut(m_fetch)) {
         m_failed = true;
+        Record(m_toFetch.front().first, m_fetch, RequestEnd::Failed);
+    }
+    for (const Stream* stream : {&m_video, &m_audio}) {
+        if (!IsTimedOut(stream->transfer))
+            continue;
+        m_failed = true;
+        RecordCluster(*stream, stream == &m_video, RequestEnd::Failed);
+    }
     if (m_video.transfer.IsDone())
         CompleteCluster(m_video, true);
     if (m_audio.transfer.IsDone())
@@ -360,17 +356,22 @@ void Session::ConsiderAbandoning() {
                                        m_sizes);
     if (!level)
         return;
+    RecordCluster(m_video, true, RequestEnd::SlowTransfer);
+    if (m_options.recorder)
+        m_options.recorder->AddSlowTransfer(m_video.level, *level, m_video.nextCluster, received,
+                                            m_video.BufferedMs(m_positionMs));
     m_link.Cancel(m_video.transfer);
     m_video.nextPollMs = NowMs() + kManagerPollMs;
     m_result.bytes += received;
     ++m_result.abandoned;
     SetLevel(*level);
-    m_video.level = *level;
+    EnterLevel(*level);
 }
 
 void Session::CompleteCluster(Stream& stream, bool video) {
     const int64_t size = ClusterSize(stream, video);
     m_result.bytes += size;
+    RecordCluster(stream, video, RequestEnd::Complete);
     StreamSwitchingNotify::Message sample;
     sample.downloadTime = std::llround(NowMs() - stream.transfer.startMs);
     sample.downloadSize = size;
@@ -433,6 +434,7 @@ void Session::Handle(Message message) {
                 else
                     m_result.startupMs = NowMs();
                 m_started = true;
+                RecordState(SessionState::Playing, m_video.level);
             }
             break;
         case Message::VideoCluster:
@@ -480,11 +482,11 @@ void Session::SwitchLevel() {
     for (size_t i = 0; i <= m_wantedLevel; ++i) {
         if (m_openIndexes[i])
             continue;
-        m_toFetch.insert(m_toFetch.end(), std::begin(kOpenBytes), std::end(kOpenBytes));
-        m_toFetch.push_back(kCuePointBytes * static_cast<double>(m_film.ClusterCount()));
+        const auto requests = Opening(OPAL_STREAM_VIDEO, i);
+        m_toFetch.insert(m_toFetch.end(), requests.begin(), requests.end());
     }
     if (m_toFetch.empty())
-        m_video.level = m_wantedLevel;
+        EnterLevel(m_wantedLevel);
 }
 
 /// Counts a switch; the level takes effect when its file is open.
@@ -494,22 +496,29 @@ void Session::SetLevel(size_t level) {
     m_result.stepSum += std::abs(static_cast<int>(level) - static_cast<int>(m_video.level));
 }
 
+void Session::EnterLevel(size_t level) {
+    if (m_options.recorder)
+        m_options.recorder->AddState(SessionState::Level, level, 0, m_video.level);
+    m_video.level = level;
+}
+
 /// The loop stands while the files of the levels up to the wanted one are opened, one request after
 /// the other.
 void Session::ContinueOpening() {
     if (m_fetch.IsDone()) {
+        Record(m_toFetch.front().first, m_fetch, RequestEnd::Complete);
         m_fetch.active = false;
         m_toFetch.pop_front();
     }
     if (m_fetch.active)
         return;
     if (!m_toFetch.empty()) {
-        m_link.Start(m_fetch, m_toFetch.front());
+        m_link.Start(m_fetch, m_toFetch.front().second);
         return;
     }
     for (size_t i = 0; i <= m_wantedLevel; ++i)
         m_openIndexes[i] = m_indexes[i].get();
-    m_video.level = m_wantedLevel;
+    EnterLevel(m_wantedLevel);
     WakeReaders();
 }
 
@@ -526,6 +535,52 @@ void Session::CheckUnderflow() {
     m_queue.push_back(Message::Start);
     ++m_result.stalls;
     m_stallSinceMs = NowMs();
+    RecordState(SessionState::Underflow);
+}
+
+void Session::Record(const RequestLabel& label, const Transfer& transfer, RequestEnd end) const {
+    if (m_options.recorder)
+        m_options.recorder->AddRequest(label, transfer, 0, end);
+}
+
+void Session::RecordCluster(const Stream& stream, bool video, RequestEnd end) const {
+    if (!m_options.recorder)
+        return;
+    int64_t offset = ClusterSize(stream, video) * static_cast<int64_t>(stream.nextCluster);
+    if (video) {
+        const std::vector<int64_t>& sizes = m_film.levels[stream.level].clusterSizes;
+        offset = std::accumulate(sizes.begin(),
+                                 sizes.begin() + static_cast<std::ptrdiff_t>(stream.nextCluster),
+                                 int64_t{0});
+    }
+    m_options.recorder->AddRequest(
+        {RequestPurpose::Cluster, video ? OPAL_STREAM_VIDEO : OPAL_STREAM_AUDIO, stream.level,
+         static_cast<int64_t>(stream.nextCluster)},
+        stream.transfer, offset, end);
+}
+
+void Session::RecordState(SessionState state, size_t to) const {
+    if (m_options.recorder)
+        m_options.recorder->AddState(state, to);
+}
+
+void Session::RecordBuffers() {
+    if (!m_options.recorder)
+        return;
+    m_options.recorder->AddLink(m_link.BytesPerMs());
+    if (m_playing == m_playingTold && NowMs() < m_nextBuffersMs)
+        return;
+    m_nextBuffersMs = NowMs() + kBuffersPeriodMs;
+    m_playingTold = m_playing;
+    BufferEvent event;
+    event.positionMs = static_cast<int64_t>(m_positionMs);
+    event.videoMs = m_video.BufferedMs(m_positionMs);
+    event.audioMs = m_film.audioBitrate > 0 ? m_audio.BufferedMs(m_positionMs) : 0;
+    event.underflowMs = playback::kUnderflowMs;
+    event.level = m_video.level;
+    event.playing = m_playing;
+    m_rule->Describe(event);
+    m_options.recorder->Add(event);
 }
 
 }  // namespace

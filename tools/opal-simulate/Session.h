@@ -11,6 +11,8 @@
 
 namespace opal::simulate {
 
+class SessionRecorder;
+
 /// What came of a session.
 struct Result {
     std::string trace;
@@ -48,6 +50,7 @@ struct PlayOptions {
     DecisionListener listener = nullptr;
     RuleName rule = RuleName::BuiltIn;
     double bolaBufferMs = 25000.0;  ///< what BOLA-E buffers at most
+    SessionRecorder* recorder = nullptr;
 };
 
 /// Plays a film over a trace in virtual time: the real switching code and the real probe, under the

@@ -33,9 +33,9 @@ class SimulatedLevel : public IVideoLevel {
 /// A manifest's audio track, as far as switching looks at it.
 class SimulatedAudio : public IAudioTrack {
   public:
-    SimulatedAudio(std::string language, int bitrate)
-        : m_language(std::move(language)), m_bitrate(bitrate) {}
-    std::string GetURI() const override { return "audio"; }
+    SimulatedAudio(std::string language, int bitrate, std::string uri = "audio")
+        : m_uri(std::move(uri)), m_language(std::move(language)), m_bitrate(bitrate) {}
+    std::string GetURI() const override { return m_uri; }
     std::string GetLanguage() const override { return m_language; }
     std::string GetMimeType() const override { return {}; }
     size_t GetHeaderRequestSize() const override { return 1000; }
@@ -44,6 +44,7 @@ class SimulatedAudio : public IAudioTrack {
     bool GetParam(const std::string&, std::string&) const override { return false; }
 
   private:
+    const std::string m_uri;
     const std::string m_language;
     const int m_bitrate;
 };

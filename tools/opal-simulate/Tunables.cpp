@@ -1,9 +1,11 @@
 #include "opal-simulate/Tunables.h"
 
+#include <algorithm>
 #include <boost/lexical_cast.hpp>
 #include <functional>
 #include <map>
 #include <sstream>
+#include <utility>
 
 namespace opal::simulate {
 namespace {
@@ -119,6 +121,50 @@ std::string Tunables::Describe() const {
     for (const std::string& given : m_given)
         text += (text.empty() ? "" : " ") + given;
     return text.empty() ? "default" : text;
+}
+
+std::string Tunables::ToSettingsFile() const {
+    std::ostringstream text;
+    const auto number = [&text](const char* name, int64_t value) {
+        text << "<" << name << ">" << value << "</" << name << ">";
+    };
+    const auto seconds = [&number](const char* name, int64_t ms) {
+        if (ms % 1000 != 0)
+            throw UsageError(std::string(name) + ": a recording takes whole seconds");
+        number(name, ms / 1000);
+    };
+    static const std::map<InitialBandwidthMode, const char*> modes = {
+        {InitialBandwidthMode_LowestLevel, "LowestLevel"},
+        {InitialBandwidthMode_BandwidthProbe, "BandwidthProbe"},
+        {InitialBandwidthMode_BandwidthHint, "BandwidthHint"}};
+    const Global& g = m_global;
+    text << "<global><initialBandwidthDecision>InitialBandwidthMode_"
+         << modes.at(g.initialBandwidthDecision) << "</initialBandwidthDecision>";
+    number("bandwidthHint", g.bandwidthHint);
+    seconds("maxSecondsInAgileMode", g.maxSecondsInAgileMode);
+    seconds("minSecondsInAgileMode", g.minSecondsInAgileMode);
+    seconds("maxBufferFromEmpty", g.maxBufferFromEmpty);
+    seconds("maxBuffer", std::max<int64_t>(0, g.maxBuffer));
+    seconds("minBufferedToEnterAgile", g.minBufferedToEnterAgile);
+    number("upperGuardTrigger", g.upperGuardTrigger);
+    number("algorithmCycle", g.algorithmCycle);
+    number("disableQuickstart", g.disableQuickstart);
+    number("disableSteadyState", g.disableSteadyState);
+    number("maxLevelDrop", g.maxLevelDrop);
+    number("bandwidthMonitorSampleCount", g.bandwidthMonitorSampleCount);
+    seconds("bandwidthMonitorWindowInterval", g.bandwidthMonitorWindowInterval);
+    seconds("bandwidthMonitorMinWindowInterval", g.bandwidthMonitorMinWindowInterval);
+    number("bandwidthMonitorGapOrder", g.bandwidthMonitorGapOrder);
+    number("abandonTransfers", g.abandonTransfers);
+    text << "</global>";
+    for (const auto& [section, mode] :
+         {std::pair<const char*, const Mode*>{"agile", &m_agile}, {"steady", &m_steady}}) {
+        text << "<" << section << ">";
+        seconds("minPeriodUpSwitch", mode->minPeriodUpSwitch);
+        seconds("minPeriodDownSwitch", mode->minPeriodDownSwitch);
+        text << "</" << section << ">";
+    }
+    return text.str();
 }
 
 std::vector<Tunables> Grid(const Tunables& base, const std::vector<std::string>& axes) {

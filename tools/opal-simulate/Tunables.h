@@ -26,6 +26,9 @@ class Tunables {
     void Apply() const;
     /// What was set by name, as it was given.
     std::string Describe() const;
+    /// The set as a settings file has it. Throws UsageError for a time that is no whole number of
+    /// seconds, which such a file cannot say.
+    std::string ToSettingsFile() const;
 
   private:
     AlgorithmConfig::Global m_global;

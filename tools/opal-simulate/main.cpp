@@ -19,6 +19,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <variant>
 #include <vector>
 
 #include "Common/ConfigurationFiles.h"
@@ -26,11 +27,13 @@
 #include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
 #include "opal-simulate/Film.h"
 #include "opal-simulate/Link.h"
-#include "opal-simulate/Recording.h"
+#include "opal-simulate/Replay.h"
 #include "opal-simulate/Report.h"
 #include "opal-simulate/Session.h"
+#include "opal-simulate/SessionRecorder.h"
 #include "opal-simulate/SimulatedClock.h"
 #include "opal-simulate/Tunables.h"
+#include "recording/SessionReader.h"
 
 namespace {
 
@@ -62,7 +65,8 @@ struct Options {
     std::string film;
     std::vector<std::string> traces;
     std::string configFolder;
-    std::string replay;
+    std::vector<std::string> replays;
+    std::string record;
     std::vector<std::string> settings;
     std::vector<std::string> grid;
     int audioKbps = 128;
@@ -79,7 +83,8 @@ struct Options {
     Slice slice;
 };
 
-std::vector<std::string> TraceFiles(const std::vector<std::string>& paths) {
+/// The files, and those in the folders that end so.
+std::vector<std::string> Files(const std::vector<std::string>& paths, const char* extension) {
     std::vector<std::string> files;
     for (const std::string& path : paths) {
         if (!std::filesystem::is_directory(path)) {
@@ -88,7 +93,7 @@ std::vector<std::string> TraceFiles(const std::vector<std::string>& paths) {
         }
         std::vector<std::string> inFolder;
         for (const auto& entry : std::filesystem::recursive_directory_iterator(path)) {
-            if (entry.is_regular_file() && entry.path().extension() == ".json")
+            if (entry.is_regular_file() && entry.path().extension() == extension)
                 inFolder.push_back(entry.path().string());
         }
         std::sort(inFolder.begin(), inFolder.end());
@@ -97,18 +102,29 @@ std::vector<std::string> TraceFiles(const std::vector<std::string>& paths) {
     return files;
 }
 
-/// Runs `work` for each number below `count`, spread over threads.
+/// Runs `work` for each number below `count`, spread over threads. The first exception ends it.
 void ForEach(size_t count, unsigned jobs, const std::function<void(size_t)>& work) {
     std::atomic<size_t> next{0};
+    std::mutex mutex;
+    std::exception_ptr problem;
     std::vector<std::thread> threads;
     for (unsigned i = 0; i < std::min<size_t>(jobs, count); ++i) {
         threads.emplace_back([&] {
-            for (size_t at = next++; at < count; at = next++)
-                work(at);
+            try {
+                for (size_t at = next++; at < count; at = next++)
+                    work(at);
+            } catch (...) {
+                next = count;
+                const std::lock_guard<std::mutex> lock(mutex);
+                if (!problem)
+                    problem = std::current_exception();
+            }
         });
     }
     for (std::thread& thread : threads)
         thread.join();
+    if (problem)
+        std::rethrow_exception(problem);
 }
 
 PlayOptions HowToPlay(const Film& film, const Options& options) {
@@ -146,6 +162,8 @@ void PrintSweep(const Film& film, const std::vector<Trace>& traces,
             const Result result = Play(film, traces[at], play);
             const std::lock_guard<std::mutex> lock(output);
             PrintJsonLine(result, rule, trial.Describe());
+            if (std::ferror(stdout) != 0)  // a batch engine goes by the exit code
+                throw std::runtime_error("the results cannot be written");
         });
         first += traces.size();
     }
@@ -161,29 +179,82 @@ void PrintDecisions(const Film& film, const Trace& trace, const Options& options
     (void)Play(film, trace, play);
 }
 
-/// Feeds a recorded session to the switching code and prints both sides' decisions. False if they
-/// differ.
-bool PrintReplay(const std::string& path) {
-    std::ifstream file(path);
-    if (!file)
-        throw std::runtime_error(path + ": cannot be opened");
-    std::ostringstream text;
-    text << file.rdbuf();
-    const Recording recorded = Recording::FromJson(text.str());
-    const Recording replayed = Replay(recorded);
-    size_t different = 0;
-    std::printf("%10s %8s %8s\n", "time_s", "session", "replay");
-    for (size_t i = 0; i < recorded.calls.size(); ++i) {
-        if (recorded.calls[i].kind != Recording::Kind::GetCurrentLevel)
-            continue;
-        const auto then = static_cast<int>(recorded.calls[i].answer);
-        const auto now = static_cast<int>(replayed.calls[i].answer);
-        different += then != now ? 1 : 0;
-        std::printf("%10.3f %8d %8d%s\n", recorded.calls[i].nowMs / 1000.0, then, now,
-                    then != now ? "  differs" : "");
+/// Decides one recorded session again, under the settings that it was recorded under.
+std::vector<Replayed> ReplayFile(const std::string& path) {
+    opal::recording::Session session;
+    std::string problem;
+    if (!opal::recording::SessionReader::ReadFile(path, &session, &problem))
+        throw std::runtime_error(path + ": " + problem);
+    AlgorithmConfig::Instance().Reset();
+    try {
+        (void)LoadConfigText(session.header.settings);
+    } catch (const std::logic_error&) {
+        // A file that is not right did not count for the session either.
     }
-    std::printf("%zu decisions, %zu differ\n", recorded.Decisions().size(), different);
+    const bool lost = std::any_of(
+        session.records.begin(), session.records.end(), [](const opal::recording::Record& record) {
+            return std::holds_alternative<opal::recording::DroppedEvent>(record);
+        });
+    if (lost)
+        std::cerr << "opal-simulate: " << path << ": events were lost, so answers may differ\n";
+    try {
+        std::vector<Replayed> answers = Replay(session.records);
+        if (answers.empty())
+            throw std::runtime_error("it holds no decisions of the switching code");
+        return answers;
+    } catch (const std::runtime_error& error) {
+        throw std::runtime_error(path + ": " + error.what());
+    }
+}
+
+/// Decides recorded sessions again: the levels of one, or a line for each of several. False if an
+/// answer differs.
+bool PrintReplays(const std::vector<std::string>& paths) {
+    const std::vector<std::string> files = Files(paths, ".jsonl");
+    size_t levels = 0;
+    size_t answers = 0;
+    size_t different = 0;
+    if (files.size() == 1)
+        std::printf("%10s %8s %8s\n", "time_s", "session", "replay");
+    for (const std::string& file : files) {
+        size_t differentHere = 0;
+        for (const Replayed& answer : ReplayFile(file)) {
+            ++answers;
+            levels += answer.IsLevel() ? 1 : 0;
+            differentHere += answer.Differs() ? 1 : 0;
+            if (files.size() == 1 && (answer.IsLevel() || answer.Differs()))
+                std::printf("%10.3f %8lld %8lld%s\n", static_cast<double>(answer.timeUs) / 1e6,
+                            static_cast<long long>(answer.then), static_cast<long long>(answer.now),
+                            answer.Differs() ? "  differs" : "");
+        }
+        if (files.size() > 1)
+            std::printf("%s: %zu differ\n", file.c_str(), differentHere);
+        different += differentHere;
+    }
+    std::printf("%zu sessions, %zu decisions of %zu answers, %zu differ\n", files.size(), levels,
+                answers, different);
     return different == 0;
+}
+
+/// Plays one session and writes its recording.
+Result PlayAndRecord(const Film& film, const Trace& trace, const Options& options) {
+    std::ofstream file(options.record, std::ios::binary);
+    opal::recording::Header header;
+    header.tool = "opal-simulate";
+    header.library = OPAL_VERSION_TEXT;
+    header.source = options.film + " over " + trace.name;
+    header.settings = Tunables::Current().ToSettingsFile();
+    PlayOptions play = HowToPlay(film, options);
+    SessionRecorder recorder(header, [&file](const std::string& line) { file << line << '\n'; });
+    play.recorder = &recorder;
+    const Result result = Play(film, trace, play);
+    opal::recording::EndEvent end;
+    end.summary = ToJsonText(result);
+    recorder.Add(end);
+    file.close();
+    if (!file)
+        throw std::runtime_error(options.record + ": cannot be written");
+    return result;
 }
 
 /// Loads the settings file. The library says on stdout that it found one, where that would lead off
@@ -225,7 +296,7 @@ void Run(const Options& options) {
             level.clusterSizes.insert(level.clusterSizes.end(), once.begin(), once.end());
     }
     std::vector<Trace> traces;
-    for (const std::string& file : TraceFiles(options.traces))
+    for (const std::string& file : Files(options.traces, ".json"))
         traces.push_back(ReadTrace(file));
     if (traces.empty())
         throw std::runtime_error("no trace files (*.json) found");
@@ -235,6 +306,8 @@ void Run(const Options& options) {
         return;
     }
     const std::vector<Tunables> sweep = Grid(tunables, options.grid);
+    if (!options.record.empty() && (traces.size() > 1 || sweep.size() > 1))
+        throw UsageError("--record takes one trace, and no grid: a recording is of one session");
     if (options.jsonLines) {
         PrintSweep(film, traces, sweep, options);
         return;
@@ -249,7 +322,9 @@ void Run(const Options& options) {
         return;
     }
     const auto begin = std::chrono::steady_clock::now();
-    const std::vector<Result> results = PlayAll(film, traces, options);
+    const std::vector<Result> results =
+        options.record.empty() ? PlayAll(film, traces, options)
+                               : std::vector<Result>{PlayAndRecord(film, traces.front(), options)};
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     if (options.json)
@@ -270,11 +345,13 @@ int main(int argc, char** argv) {
         "  opal-simulate --film presentation.json --trace traces/\n"
         "  opal-simulate --film film.json --trace traces/ --set maxLevelDrop=0 --no-audio\n"
         "  opal-simulate --film film.json --trace traces/ --grid upperGuardTrigger=0,15,30\n\n"
-        "Exit codes: 0 done, 2 wrong usage, 3 input that cannot be read,\n"
+        "Exit codes: 0 done, 2 wrong usage, 3 a file that cannot be read or written,\n"
         "4 a replay that decides otherwise.");
     app.set_version_flag("--version", "opal-simulate " OPAL_VERSION_TEXT);
-    auto* replay = app.add_option("--replay", options.replay,
-                                  "Decide a recorded session again and compare; needs no film");
+    auto* replay =
+        app.add_option("--replay", options.replays,
+                       "Decide recorded sessions again and compare: files of opal-play's "
+                       "or this program's --record, or folders of .jsonl files");
     auto* film = app.add_option(
         "--film", options.film,
         "Film description: segment_duration_ms, bitrates_kbps, segment_sizes_bits; the "
@@ -312,6 +389,10 @@ int main(int argc, char** argv) {
                                "One JSON line a session, as it ends; of a grid too")
                       ->excludes(json)
                       ->excludes(csv);
+    app.add_option("--record", options.record,
+                   "Write the recording of one session, as opal-play does; for opal-report too")
+        ->needs(film)
+        ->excludes(lines);
     std::string slice;
     app.add_option("--slice", slice,
                    "K/N: of the sessions of a sweep only those of part K of N, so that N runs, on "
@@ -328,9 +409,14 @@ int main(int argc, char** argv) {
     try {
         if (!slice.empty())
             options.slice = Slice::Parse(slice);
-        if (!options.replay.empty())
-            return PrintReplay(options.replay) ? 0 : kExitDiffers;
-        Run(options);
+        bool same = true;
+        if (!options.replays.empty())
+            same = PrintReplays(options.replays);
+        else
+            Run(options);
+        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+            throw std::runtime_error("the results cannot be written");
+        return same ? 0 : kExitDiffers;
     } catch (const UsageError& error) {
         std::cerr << "opal-simulate: " << error.what() << "\n";
         return kExitUsage;
@@ -338,5 +424,4 @@ int main(int argc, char** argv) {
         std::cerr << "opal-simulate: " << error.what() << "\n";
         return kExitInput;
     }
-    return 0;
 }

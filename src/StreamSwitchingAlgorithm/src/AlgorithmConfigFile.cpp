@@ -107,6 +107,10 @@ bool LoadConfigFile() {
     if (!opal::ReadConfigurationFile("kmt_ssa_config.xml", text))
         return false;
     std::puts("FOUND CONFIG FILE!!!");
+    return LoadConfigText(text);
+}
+
+bool LoadConfigText(const std::string& text) {
     TiXmlDocument document;
     if (!opal::ParseSettings(document, text))
         return false;
