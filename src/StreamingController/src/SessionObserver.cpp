@@ -49,12 +49,15 @@ class ObserverQueue : public SessionEventSink {
         if (t_delivering)
             return OPAL_ERROR_GENERAL;
         MutexLock control(m_controlMutex);
+        uint64_t generation = 0;
+        {
+            MutexLock lock(m_mutex);
+            generation = m_generation + 1;
+        }
         std::thread next;
         try {
             if (observer)
-                next = std::thread([this, observer, generation = m_generation + 1] {
-                    Run(*observer, generation);
-                });
+                next = std::thread([this, observer, generation] { Run(*observer, generation); });
         } catch (const std::exception&) {
             return OPAL_ERROR_NO_MEMORY;
         }
@@ -70,7 +73,7 @@ class ObserverQueue : public SessionEventSink {
         MutexLock lock(m_mutex);
         if (!observer)
             return OPAL_OK;
-        ++m_generation;
+        m_generation = generation;
         m_dropped = 0;
         m_open = true;
         m_wakeup.NotifyAll();
