@@ -38,6 +38,6 @@ configure_file(cmake/opal.pc.in ${CMAKE_BINARY_DIR}/opal.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/opal.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 if(OPAL_BUILD_TOOLS)
-  install(TARGETS opal-package opal-origin opal-play opal-simulate
+  install(TARGETS opal-package opal-origin opal-play opal-report opal-simulate
           RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()

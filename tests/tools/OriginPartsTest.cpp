@@ -4,6 +4,8 @@
 #include "opal-origin/Origin.h"
 #include "opal-origin/Script.h"
 #include "opal-origin/src/Link.h"
+#include "opal-origin/src/LinkLog.h"
+#include "support/TemporaryDirectory.h"
 
 namespace {
 
@@ -56,6 +58,26 @@ TEST(LinkTest, IdleTimeIsNotSavedUpAndASlowClientLosesIt) {
     now += seconds(10);  // the client did not read; only what a late timer explains is made good
     link.Ask(1, 500000, true, now);
     EXPECT_EQ(now + milliseconds(400), link.Due());
+}
+
+TEST(LinkLogTest, TellsEachStepOnceAndWhenItBegan) {
+    const opal::test::TemporaryDirectory folder;
+    LinkLog log({{{0, 5000}, {1500, 7000}, {1700, kUnlimited}}, 2000});
+    ASSERT_TRUE(log.Open(folder.File("log")));
+    for (const Time time : {Time(-1), Time(0), Time(milliseconds(1499)), Time(milliseconds(3600))})
+        log.Follow(time);
+    std::ifstream lines(folder.File("log"));
+    std::string line, rates;
+    std::vector<int64_t> times;
+    std::getline(lines, line);
+    EXPECT_NE(line.find("\"event\":\"recording\""), std::string::npos) << line;
+    while (std::getline(lines, line)) {
+        rates += line.substr(line.find("bps\":") + 5, 5);
+        times.push_back(std::stoll(line.substr(line.find("t_us\":") + 6)));
+    }
+    EXPECT_EQ(rates, "5000,5000,7000,null,5000,7000,");
+    for (const auto& [i, us] : {std::pair(2, 1500000), {3, 1700000}, {4, 2000000}, {5, 3500000}})
+        EXPECT_EQ(times.at(static_cast<size_t>(i)) - times[1], us);
 }
 
 TEST(LinkTest, TracesLoopFromTheFirstRequestOn) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -94,6 +95,8 @@ class Origin {
     void SetRate(int64_t bitsPerSecond);  ///< 0 cuts the link; kUnlimited (at first) is no limit
     /// The script's time starts with the first request that comes after the call.
     void SetRateScript(const RateScript& script);
+    /// For how long the script has run; negative: no request has come since it was set.
+    std::chrono::nanoseconds RateScriptTime() const;
     void SetLatency(int64_t milliseconds);
 
     // Faults. An id is never 0 and never used twice.

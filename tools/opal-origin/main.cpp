@@ -2,6 +2,7 @@
 #include <signal.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
@@ -10,9 +11,11 @@
 #include "Common/OPALVersion.h"
 #include "opal-origin/Origin.h"
 #include "opal-origin/Script.h"
+#include "opal-origin/src/LinkLog.h"
 
 namespace {
 
+using opal::origin::LinkLog;
 using opal::origin::Origin;
 using opal::origin::OriginOptions;
 using opal::origin::RateScript;
@@ -57,6 +60,7 @@ struct Arguments {
     std::string traceFile;
     std::string scriptFile;
     std::string portFile;
+    std::string linkLog;
     int64_t latencyMs = -1;
     bool quiet = false;
 };
@@ -76,6 +80,8 @@ void Declare(CLI::App* pApp, Arguments* pArguments) {
     pRates->require_option(0, 1);
     pApp->add_option("--latency", pArguments->latencyMs, "Milliseconds before each reply")
         ->check(CLI::NonNegativeNumber);
+    pApp->add_option("--link-log", pArguments->linkLog,
+                     "Write the link's rate over time, for opal-report --link");
     pApp->add_option("--script", pArguments->scriptFile, "JSON script of faults and rates");
     pApp->add_flag("--quiet", pArguments->quiet, "No access log");
 }
@@ -148,6 +154,20 @@ void PrintRecord(const RequestRecord& record) {
     std::fflush(stdout);
 }
 
+/// Waits for a signal, and tells the log meanwhile what the link does.
+int NextSignal(const sigset_t& signals, const Origin& origin, LinkLog* pLog) {
+    const timespec pollTime{0, 100'000'000};
+    int received = -1;
+    while (received < 0 && (received = sigtimedwait(&signals, nullptr, &pollTime)) < 0) {
+        if (errno != EAGAIN && errno != EINTR) {
+            return -1;
+        }
+        pLog->Follow(origin.RateScriptTime());
+    }
+    pLog->Follow(origin.RateScriptTime());
+    return received;
+}
+
 int Serve(const Arguments& arguments, const Script& script) {
     sigset_t signals;
     sigemptyset(&signals);
@@ -159,6 +179,10 @@ int Serve(const Arguments& arguments, const Script& script) {
 
     Origin origin(arguments.options);
     script.ApplyTo(&origin);
+    LinkLog linkLog(script.rates);
+    if (!arguments.linkLog.empty() && !linkLog.Open(arguments.linkLog)) {
+        return Fail(kCannotServe, arguments.linkLog + ": cannot be written");
+    }
     std::string error;
     if (!origin.Start(&error)) {
         return Fail(kCannotServe, error);
@@ -185,9 +209,13 @@ int Serve(const Arguments& arguments, const Script& script) {
         return Fail(kCannotServe, "standard output cannot be written");
     }
     int received = 0;
-    while (sigwait(&signals, &received) == 0 && received == SIGUSR1) {
-        origin.Resume(0);
-    }
+    do {
+        received = arguments.linkLog.empty() ? sigwaitinfo(&signals, nullptr)
+                                             : NextSignal(signals, origin, &linkLog);
+        if (received == SIGUSR1) {
+            origin.Resume(0);
+        }
+    } while (received == SIGUSR1 || (received < 0 && errno == EINTR));
     origin.Stop();
     return kStopped;
 }

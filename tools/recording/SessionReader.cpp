@@ -233,7 +233,7 @@ bool ReadInto(const Fields& in, PlayerEvent* event) {
 }
 
 bool ReadInto(const Fields& in, LinkEvent* event) {
-    event->bitsPerSecond = in.Int("bps");
+    event->bitsPerSecond = std::max<int64_t>(in.Int("bps", -1), -1);
     return true;
 }
 

@@ -28,7 +28,7 @@ class SessionReader {
   public:
     static constexpr size_t kMaxLine = size_t{8} << 20;
     static constexpr size_t kMaxBytes = size_t{256} << 20;
-    static constexpr size_t kMaxRecords = 4'000'000;
+    static constexpr size_t kMaxRecords = 1'000'000;
 
     /// Takes one line without its end: the first is the header, each further one a record or
     /// counted as skipped. False with a text: this is no recording, or one of a version that is not

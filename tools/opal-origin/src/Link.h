@@ -24,6 +24,9 @@ class Link {
     /// A request has come: the first one after SetScript is the script's time 0.
     void OnRequest(Time now);
 
+    /// For how long the script has run; negative: no request has come yet.
+    Time ScriptTime(Time now) const { return m_scriptRuns ? now - m_scriptStart : Time(-1); }
+
     int64_t LatencyMs(Time now) const;
     /// How much to ask for at once: 5 ms of the link, at least a packet.
     int64_t Quantum(Time now) const;

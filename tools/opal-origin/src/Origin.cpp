@@ -110,6 +110,10 @@ void Origin::SetRateScript(const RateScript& script) {
     m_impl->Post([](Server& server) { server.PumpLink(); });
 }
 
+std::chrono::nanoseconds Origin::RateScriptTime() const {
+    return m_impl->state.ScriptTime();
+}
+
 void Origin::SetLatency(int64_t milliseconds) {
     m_impl->state.SetLatency(milliseconds);
 }

@@ -160,6 +160,11 @@ void State::SetLatency(int64_t milliseconds) {
     m_latencyMs = std::max<int64_t>(milliseconds, 0);
 }
 
+State::Time State::ScriptTime() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_link.ScriptTime(Now());
+}
+
 int64_t State::Quantum() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_link.Quantum(Now());

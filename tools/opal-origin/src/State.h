@@ -41,6 +41,7 @@ class State {
     // Link.
     void SetScript(const RateScript& script);
     void SetLatency(int64_t milliseconds);
+    Time ScriptTime() const;
     int64_t Quantum() const;
     void Ask(uint64_t connection, int64_t bytes, bool continuing);
     void Drop(uint64_t connection);
