@@ -45,6 +45,15 @@
     seen.subtitle = document.querySelector(".table-subtitles tbody td:last-child").textContent;
     const [csv] = toCsv([page.sessions[0]]).split("\r\n").filter((line) => line.startsWith("1,subtitles"));
     seen.csv = csv;
+
+    const strip = document.querySelector(".strip .overlay");
+    const { left, width, top } = strip.getBoundingClientRect();
+    fire(strip, "mousedown", MouseEvent, { clientX: left + width / 4, clientY: top + 5 });
+    fire(strip, "mousemove", MouseEvent, { clientX: left + width / 2, clientY: top + 5 });
+    fire(strip, "mouseup", MouseEvent, { clientX: left + width / 2, clientY: top + 5 });
+    drawn();
+    seen.chosen = [page.window.from, page.window.to].map((time) => Math.round((4 * time) / page.window.duration));
+
     seen.images = all("img").length;
   } catch (error) {
     testErrors.push(String(error && error.stack));

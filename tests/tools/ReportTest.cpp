@@ -1,7 +1,5 @@
 // The report of a session whose every figure is known, as rows, as a page in a browser, and live.
 #include <gmock/gmock.h>
-#include <sys/wait.h>
-
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -22,8 +20,6 @@ using nlohmann::json;
 using report::SessionReport;
 using report::ToCsv;
 using report::ToJson;
-using testing::Each;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -180,7 +176,17 @@ std::string OutputOf(const std::string& command) {
     return output;
 }
 
-/// Opens the page in a browser without a window, with the test's script as its last.
+/// What a browser without a window makes of the page.
+std::string DomOf(const std::string& url, const std::string& options = "") {
+    const TemporaryDirectory home;
+    return OutputOf("HOME=" + home.Path() + " timeout 120 " + Browser() +
+                    " --headless=new --no-sandbox --disable-gpu --virtual-time-budget=3000 "
+                    "--user-data-dir=" +
+                    home.Path() + " --dump-dom " + options + " " + url + " 2>" +
+                    home.File("errors"));
+}
+
+/// Opens the page with the test's script as its last.
 json SeenInBrowser(const json& data, const std::string& options) {
     std::ostringstream script;
     script << std::ifstream(REPORT_PAGE_TEST).rdbuf();
@@ -193,12 +199,7 @@ json SeenInBrowser(const json& data, const std::string& options) {
         addEventListener("securitypolicyviolation", (event) => testErrors.push(event.violatedDirective));
         </script>)");
     const TemporaryDirectory folder;
-    const std::string seen =
-        OutputOf("HOME=" + folder.Path() + " timeout 120 " + Browser() +
-                 " --headless=new --no-sandbox --disable-gpu --virtual-time-budget=3000 "
-                 "--user-data-dir=" +
-                 folder.Path() + " --dump-dom " + options + " file://" +
-                 folder.Write("page.html", page) + " 2>" + folder.File("errors"));
+    const std::string seen = DomOf("file://" + folder.Write("page.html", page), options);
     const size_t begin = seen.rfind("OUTCOME");
     const size_t end = seen.rfind("EMOCTUO");
     if (begin == std::string::npos || end == std::string::npos)
@@ -210,8 +211,8 @@ TEST(ReportPageTest, DrawsZoomsAndTellsInABrowser) {
     if (Browser().empty())
         GTEST_SKIP() << "skipped: no chromium";
     const auto report = ReportOf(KnownRecording());
-    const json light = SeenInBrowser(
-        ToJson({report.get()}), "--window-size=800,900 --blink-settings=preferredColorScheme=1");
+    json light = SeenInBrowser(ToJson({report.get()}),
+                               "--window-size=800,900 --blink-settings=preferredColorScheme=1");
     EXPECT_EQ(light["errors"], json::array());
     EXPECT_EQ(json({light["switches"], light["stalls"], light["unfinished"], light["tableRows"]}),
               json({3, 1, 2, 3}));
@@ -222,6 +223,7 @@ TEST(ReportPageTest, DrawsZoomsAndTellsInABrowser) {
     EXPECT_THAT(light["tooltip"].get<std::string>(), HasSubstr("slow-transfer"));
     for (const char* held : {"zoomed", "shared", "panned", "reset", "hiddenPlots"})
         EXPECT_EQ(light[held], true) << held;
+    EXPECT_EQ(light["chosen"], json({1, 2})) << "by dragging on the strip";
     EXPECT_EQ(light["wide"], false) << "nothing scrolls sideways at 800 pixels";
     EXPECT_EQ(light["images"], 0);
     const json two =
@@ -276,6 +278,14 @@ TEST_F(LiveServerTest, TellsTheRowsThatHaveComeSince) {
     EXPECT_EQ(second["tables"][report::kSwitches]["rows"].size(), 2U);
     for (const char* counts_ : {"99999999999999999999999,-1,x", ",,,", "1"})
         EXPECT_EQ(Ask(std::string("/rows.json?from=") + counts_).status, 200);
+    if (Browser().empty())
+        GTEST_SKIP() << "skipped: no chromium";
+    const std::string dom = DomOf(server.Url());
+    EXPECT_THAT(dom, HasSubstr("class=\"live over\""));
+    size_t switches = 0;
+    for (size_t at = 0; (at = dom.find("class=\"switch ", at)) != std::string::npos; ++at)
+        ++switches;
+    EXPECT_EQ(switches, 3U) << "drawn of what came after the page";
 }
 
 TEST_F(LiveServerTest, AnswersThisMachineAloneAndLetsGoOfAll) {

@@ -59,7 +59,7 @@ class Page {
     this.toggle = button("Tables", "Show tables instead of plots", () => this.showTables(!this.tablesShown));
     button("CSV", "Download all rows as CSV", () => download("session.csv", "text/csv", toCsv(this.sessions)));
     button("JSON", "Download all rows as JSON", () => download("session.json", "application/json", toJson(this.sessions)));
-    this.brush = d3.brushX().on("brush end", () => this.onBrush());
+    this.brush = d3.brushX().on("start brush end", () => this.onBrush());
     this.stripBack = this.strip.append("g");
     this.brushGroup = this.strip.append("g");
   }
@@ -171,15 +171,17 @@ class Page {
       .attr("x", (phase) => this.stripX(phase.start_s)).attr("y", (phase) => top + phase.i * (row + 3))
       .attr("width", (phase) => Math.max(1, this.stripX(phase.end_s) - this.stripX(phase.start_s)));
     this.brush.extent([[this.stripX.range()[0], 0], [this.stripX.range()[1], height]]);
+    if (this.brushing) return; // what the hand holds stays where it is
     this.drawing = true;
     this.brushGroup.call(this.brush).call(this.brush.move, this.window.isWhole ? null : [this.stripX(this.window.from), this.stripX(this.window.to)]);
     this.drawing = false;
   }
 
   onBrush() {
-    if (this.drawing || !d3.event.sourceEvent) return;
+    if (this.drawing) return;
+    this.brushing = d3.event.type !== "end";
     if (d3.event.selection) this.window.set(...d3.event.selection.map(this.stripX.invert));
-    else if (d3.event.type === "end") this.window.whole();
+    else if (!this.brushing) this.window.whole();
   }
 
   cross(time) {
@@ -202,9 +204,8 @@ class Page {
         if (!reply.ok) throw new Error(String(reply.status));
         const news = await reply.json();
         session.append(news);
-        this.parts[0].session = session;
         this.window.grow(this.longest());
-        this.later();
+        this.draw();
         failures = 0;
         if (news.over) break;
         if (news.more) continue;
