@@ -305,8 +305,8 @@ void SessionReport::OnSubtitle(const StateEvent& event) {
     if (positionMs >= 0)
         startS -= std::clamp(SecondsOf(positionMs) - SecondsOf(event.valueMs), 0.0,
                              std::max(shownFor, 0.0));
-    Add(kSubtitles, {Rounded(startS), Rounded(startS + std::max(shownFor, 0.0)), SecondsOf(event.valueMs),
-                     SecondsOf(event.endMs), event.text});
+    Add(kSubtitles, {Rounded(startS), Rounded(startS + std::max(shownFor, 0.0)),
+                     SecondsOf(event.valueMs), SecondsOf(event.endMs), event.text});
 }
 
 /// A switch is told when the next cluster comes from another level. What decided so came before.
@@ -347,8 +347,12 @@ void SessionReport::FollowPhase(const StateEvent& event) {
             EnterPhase("stalled", event);
             break;
         case SessionState::Rate:
-            EnterPhase("trick play", event);
-            m_phase.rate = Name(event.rate) ? Name(event.rate) : "";
+            if (event.rate == OPAL_PLAYRATE_ONEX) {
+                EnterPhase("playing", event);
+            } else {
+                EnterPhase("trick play", event);
+                m_phase.rate = Name(event.rate) ? Name(event.rate) : "";
+            }
             break;
         case SessionState::Seek:
             if (m_phase.name != "paused" && m_phase.name != "starting")
