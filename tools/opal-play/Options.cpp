@@ -103,6 +103,9 @@ void Declare(CLI::App& app, Options& options, Words& words) {
                  "mismatch, or a stream without one, is a fault");
     app.add_option("--log", options.logFile,
                    "FILE for the session's log: each document that would be uploaded, a line each");
+    app.add_option("--live", options.livePort,
+                   "Serve the session's report on PORT of this machine while it plays; 0: any port")
+        ->check(CLI::Range(0, 65535));
     app.add_option("--record", options.recordFile,
                    "FILE for a recording of the session, which opal-report draws");
     app.add_flag("--stats", options.stats,
