@@ -17,6 +17,8 @@ foreach(header ${OPAL_PUBLIC_HEADERS})
 endforeach()
 install(FILES platform/include/TvSet.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/opal)
 
+opal_interface_pages()
+
 set(OPAL_LIBRARIES OPAL opal_tvset)
 if(OPAL_TICKET_START)
   list(APPEND OPAL_LIBRARIES opal_services)
@@ -38,6 +40,6 @@ configure_file(cmake/opal.pc.in ${CMAKE_BINARY_DIR}/opal.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/opal.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 if(OPAL_BUILD_TOOLS)
-  install(TARGETS opal-package opal-origin opal-play opal-report opal-simulate
-          RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(TARGETS ${OPAL_TOOLS} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  opal_tool_documents()
 endif()

@@ -7,6 +7,7 @@
 #include <iterator>
 #include <string>
 
+#include "command-line/CommandLine.h"
 #include "opal-service/Simulator.h"
 
 namespace {
@@ -23,13 +24,14 @@ const char* const kFooter = R"(Examples:
   opal-service --ticket one=a.smil --ticket two=b.smil --fail saveEvent=503:2
   opal-service --manifest a.smil --certificate cert.pem --key key.pem --json
 
-The first line on the standard output names the address; behind it comes one line
-a call that was received, as text or, with --json, as a JSON object.
+Output: the first line on the standard output names the address; behind it comes
+one line a call that was received, as text or, with --json, as a JSON object.
 
---fail OPERATION=KIND[:TIMES]. Operations: openTicket, getStreamingConfiguration,
-getPulseConfiguration, getLogServerSettings, saveEvent, resumePlayBack,
-renewSession, logUpload, or * for any. Kinds: an HTTP status, fault, garbage,
-html, empty, stall, close, run-out (of the session), refuse-NUMBER.
+Failures: --fail OPERATION=KIND[:TIMES]. Operations: openTicket,
+getStreamingConfiguration, getPulseConfiguration, getLogServerSettings,
+saveEvent, resumePlayBack, renewSession, logUpload, or * for any. Kinds: an HTTP
+status, fault, garbage, html, empty, stall, close, run-out (of the session),
+refuse-NUMBER.
 
 Exit codes: 0 stopped by SIGINT or SIGTERM, 1 a file or the port cannot be used,
 2 a wrong option.)";
@@ -48,16 +50,22 @@ struct Arguments {
 void Declare(CLI::App& app, Arguments& arguments) {
     SimulatorSettings& settings = arguments.settings;
     app.footer(kFooter);
-    app.add_option("--manifest", arguments.manifestFile, "SMIL file that any ticket stands for");
-    app.add_option("--ticket", arguments.tickets, "TICKET=FILE: SMIL file of this ticket");
+    app.add_option("--manifest", arguments.manifestFile, "SMIL file that any ticket stands for")
+        ->type_name("FILE");
+    app.add_option("--ticket", arguments.tickets, "SMIL file of this ticket")
+        ->type_name("TICKET=FILE");
     app.add_option("--port", settings.port, "TCP port; 0, the default: a free one");
     app.add_option("--bind", settings.address, "Address to listen on")->capture_default_str();
-    app.add_option("--port-file", arguments.portFile, "Write the port into this file");
+    app.add_option("--port-file", arguments.portFile, "Write the port into this file")
+        ->type_name("FILE");
     app.add_option("--endpoint-file", arguments.endpointFile,
-                   "Write what a player's WNCEndPoint.cfg has to say into this file");
-    auto* certificate =
-        app.add_option("--certificate", settings.certificate, "PEM file: serve TLS");
-    app.add_option("--key", settings.key, "PEM file of the certificate's key")->needs(certificate);
+                   "Write what a player's WNCEndPoint.cfg has to say into this file")
+        ->type_name("FILE");
+    auto* certificate = app.add_option("--certificate", settings.certificate, "PEM file: serve TLS")
+                            ->type_name("FILE");
+    app.add_option("--key", settings.key, "PEM file of the certificate's key")
+        ->type_name("FILE")
+        ->needs(certificate);
     certificate->needs("--key");
     app.add_option("--asset", settings.assetId, "Asset of the ticket")->capture_default_str();
     app.add_option("--audio-asset", settings.audioAssetId, "Asset of the audio track to prefer");
@@ -70,13 +78,16 @@ void Declare(CLI::App& app, Arguments& arguments) {
     app.add_option("--log-size", settings.logSize, "Bytes of a log upload")->capture_default_str();
     app.add_option("--log-levels", arguments.levels, "Levels of log events, as 13")
         ->capture_default_str();
-    app.add_option("--bandwidth-mode", settings.bandwidthMode,
-                   "LowestLevel, BandwidthProbe or BandwidthHint")
+    app.add_option("--bandwidth-mode", settings.bandwidthMode, "How the first level is found")
+        ->type_name("LowestLevel|BandwidthProbe|BandwidthHint")
         ->capture_default_str();
     app.add_option("--bandwidth-hint", settings.bandwidthHint, "Bits per second");
     app.add_option("--resume", settings.resumeMs, "Resume point of a ticket not played yet, ms");
-    app.add_option("--fail", arguments.failures, "What goes wrong; see below");
+    app.add_option("--fail", arguments.failures, "What goes wrong, OPERATION=KIND[:TIMES]")
+        ->type_name("FAILURE");
     app.add_flag("--json", arguments.json, "One JSON object a call");
+    opal::tools::Prepare(app, {"--manifest", "--ticket", "--port", "--endpoint-file", "--fail",
+                               "--pulse", "--resume", "--json"});
 }
 
 std::string ReadFile(const std::string& path) {

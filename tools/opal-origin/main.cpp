@@ -8,7 +8,7 @@
 #include <iterator>
 #include <string>
 
-#include "Common/OPALVersion.h"
+#include "command-line/CommandLine.h"
 #include "opal-origin/Origin.h"
 #include "opal-origin/Script.h"
 #include "opal-origin/src/LinkLog.h"
@@ -27,28 +27,31 @@ enum ExitCode { kStopped = 0, kCannotServe = 1, kBadArguments = 2 };
 const char* const kFooter = R"(Examples:
   opal-origin presentation
   opal-origin presentation --rates "0 6000k, 20 1000k, 60 8000k" --latency 20
-  opal-origin presentation --trace 4Glogs/trace1.json --port 8080 --bind 0.0.0.0
+  opal-origin presentation --trace trace1.json --port 8080 --bind 0.0.0.0
   opal-origin presentation --script faults.json
 
-The first line on the standard output names the address:
+Output: the first line on the standard output names the address:
   Serving presentation at http://127.0.0.1:PORT/
 Behind it comes one line a request, when its reply has ended:
   seconds #connection method target ranges status body-bytes duration ok|cut
 
-Rates are in bits per second (800, 6000k, 2.5M, unlimited; 0 cuts the link) and
+Rates: in bits per second (800, 6000k, 2.5M, unlimited; 0 cuts the link); they
 count heads and bodies. All connections share the one link. The time of --rates
 and --trace starts with the first request.
 
-A script file is JSON: "rate", "rates" or "trace", "latency_ms", and "faults",
-of which the first that matches a request strikes it:
+Scripts: a script file is JSON: "rate", "rates" or "trace", "latency_ms", and
+"faults", of which the first that matches a request strikes it:
   {"faults": [{"url": "video*.mkv", "method": "GET", "nth": 3, "status": 503},
-              {"url": "audio*", "covers": 4096, "stall_at": 1000, "stall_ms": 5000}]}
-  which requests: url, method, range_start, covers, nth or skip, times
-  which reply: status, body, redirect, ignore_range, extra_bytes, headers,
-               drop_headers, delay_ms, hold
-  where it breaks: stall_at (stall_ms), reset_at, close_at, close_after
-               (a byte of the body, or "before-head")
-SIGUSR1 lets go what is held or stalled. Symbolic links in the folder are not followed.
+              {"url": "audio*", "covers": 4096, "stall_at": 1000,
+               "stall_ms": 5000}]}
+Which requests: url, method, range_start, covers, nth or skip, times. Which
+reply: status, body, redirect, ignore_range, extra_bytes, headers, drop_headers,
+delay_ms, hold. Where it breaks: stall_at (stall_ms), reset_at, close_at,
+close_after (a byte of the body, or "before-head").
+
+Signals: SIGUSR1 lets go what is held or stalled.
+
+Files: symbolic links in the folder are not followed.
 
 Exit codes: 0 stopped by SIGINT or SIGTERM, 1 the folder or the port cannot be
 served, 2 a wrong option, script or trace.)";
@@ -67,23 +70,35 @@ struct Arguments {
 
 void Declare(CLI::App* pApp, Arguments* pArguments) {
     pApp->footer(kFooter);
-    pApp->set_version_flag("--version", "opal-origin " OPAL_VERSION_TEXT);
-    pApp->add_option("FOLDER", pArguments->options.folder, "The folder to serve")->required();
+    pApp->add_option("FOLDER", pArguments->options.folder, "The folder to serve")
+        ->type_name("FOLDER")
+        ->required();
     pApp->add_option("--port", pArguments->options.port, "TCP port; 0, the default: a free one");
     pApp->add_option("--bind", pArguments->options.address, "Address to listen on")
+        ->type_name("ADDRESS")
         ->capture_default_str();
-    pApp->add_option("--port-file", pArguments->portFile, "Write the port into this file");
+    pApp->add_option("--port-file", pArguments->portFile, "Write the port into this file")
+        ->type_name("FILE");
     auto* pRates = pApp->add_option_group("Link", "One of these sets the rate");
-    pRates->add_option("--rate", pArguments->rate, "Constant rate, e.g. 6000k");
-    pRates->add_option("--rates", pArguments->rates, "Rates over time: \"0 6000k, 20 1000k\"");
-    pRates->add_option("--trace", pArguments->traceFile, "JSON bandwidth trace, looping");
+    pRates->add_option("--rate", pArguments->rate, "Constant rate, e.g. 6000k")->type_name("RATE");
+    pRates
+        ->add_option("--rates", pArguments->rates,
+                     "In place of it: rates over time, \"0 6000k, 20 1000k\"")
+        ->type_name("RATES");
+    pRates
+        ->add_option("--trace", pArguments->traceFile,
+                     "In place of it: JSON bandwidth trace, looping")
+        ->type_name("FILE");
     pRates->require_option(0, 1);
     pApp->add_option("--latency", pArguments->latencyMs, "Milliseconds before each reply")
         ->check(CLI::NonNegativeNumber);
     pApp->add_option("--link-log", pArguments->linkLog,
-                     "Write the link's rate over time, for opal-report --link");
-    pApp->add_option("--script", pArguments->scriptFile, "JSON script of faults and rates");
+                     "Write the link's rate over time, for opal-report --link")
+        ->type_name("FILE");
+    pApp->add_option("--script", pArguments->scriptFile, "JSON script of faults and rates")
+        ->type_name("FILE");
     pApp->add_flag("--quiet", pArguments->quiet, "No access log");
+    opal::tools::Prepare(*pApp, {"--port", "--bind", "--rate", "--rates", "--latency", "--quiet"});
 }
 
 int Fail(ExitCode code, const std::string& text) {

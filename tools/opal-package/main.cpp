@@ -7,7 +7,7 @@
 #include <iostream>
 #include <string>
 
-#include "Common/OPALVersion.h"
+#include "command-line/CommandLine.h"
 #include "opal-package/Av.h"
 #include "opal-package/Dump.h"
 #include "opal-package/Error.h"
@@ -18,11 +18,17 @@ namespace {
 using opal::package::Failure;
 using opal::package::PackageError;
 
-constexpr const char* kExitCodes =
-    "Exit codes: 0 done; 1 a file cannot be read or written, or an encoder is missing; 2 wrong "
-    "command line;\n3 the source cannot be packaged; 4 --dump: the file is damaged; 128 and the "
-    "signal's number: stopped\nby SIGINT or SIGTERM. The folder stays as it was unless the code is "
-    "0.";
+constexpr const char* kFooter = R"(Examples:
+  opal-package film.mp4 -o film --base-url http://127.0.0.1:8090
+  opal-package film.mkv -o film --subtitles english.srt:eng
+  opal-package --test-film --duration 30 -o film
+  opal-package --manifest film --base-url http://192.168.0.2:8090
+  opal-package --dump film/trick.mkv
+
+Exit codes: 0 done; 1 a file cannot be read or written, or an encoder is
+missing; 2 wrong command line; 3 the source cannot be packaged; 4 --dump: the
+file is damaged; 128 and the signal's number: stopped by SIGINT or SIGTERM. The
+folder stays as it was unless the code is 0.)";
 
 volatile std::sig_atomic_t g_signal = 0;
 
@@ -92,11 +98,10 @@ struct CommandLine {
 };
 
 void Declare(CLI::App& app, CommandLine& line) {
-    app.footer(kExitCodes);
-    app.set_version_flag("--version", "opal-package " OPAL_VERSION_TEXT);
-    app.add_option("INPUT", line.package.input,
-                   "Video to be packaged; without it the test film is made");
-    app.add_option("-o,--output", line.package.folder, "Folder to be made");
+    app.footer(kFooter);
+    app.add_option("INPUT", line.package.input, "Video; without one, the test film is made")
+        ->type_name("FILE");
+    app.add_option("-o,--output", line.package.folder, "Folder to be made")->type_name("FOLDER");
     app.add_flag("--test-film", line.testFilm, "Make the test film (the default without INPUT)");
     app.add_option("--duration", line.duration, "Seconds of test film")->capture_default_str();
     app.add_option("--fps", line.package.testFilm.framesPerSecond, "Frames a second, test film")
@@ -107,7 +112,8 @@ void Declare(CLI::App& app, CommandLine& line) {
         ->capture_default_str();
     app.add_option("--levels", line.levels,
                    "Ladder, as 500k:426x240,1000k:640x360; by default five levels from 240p to "
-                   "1080p. Levels larger than the source take its size");
+                   "1080p. Levels larger than the source take its size")
+        ->type_name("LADDER");
     app.add_flag("--copy", line.package.copy,
                  "One level of the source's own H.264 pictures; they need a key frame every 2 s");
     app.add_option("--preset", line.package.preset, "x264 preset")->capture_default_str();
@@ -117,21 +123,28 @@ void Declare(CLI::App& app, CommandLine& line) {
            "--subtitles", line.subtitles,
            "SubRip or WebVTT file and language, as film.srt:eng; may be repeated. Tracks of "
            "texts inside INPUT are taken as well")
+        ->type_name("FILE")
         ->allow_extra_args(false);
     app.add_option("--font", line.package.font,
-                   "TrueType font for the subtitles; by default DejaVu Sans of this machine");
+                   "TrueType font for the subtitles; by default DejaVu Sans of this machine")
+        ->type_name("FILE");
     app.add_option("--trick-interval", line.package.trickIntervalMs,
                    "Milliseconds between trick pictures; 0 for no trick track")
         ->capture_default_str();
     app.add_option("--base-url", line.package.baseUrl,
                    "URL under which the folder will be served; the manifest holds it")
+        ->type_name("URL")
         ->capture_default_str();
     app.add_option("--manifest", line.manifestFolder,
-                   "Only write FOLDER's manifest again, with another --base-url");
+                   "Only write FOLDER's manifest again, with another --base-url")
+        ->type_name("FOLDER");
     app.add_flag("--golden", line.package.golden,
                  "Write FILE.golden beside each file: time, size and CRC of every block");
     app.add_option("--dump", line.dumpFile,
-                   "Print FILE's header, index and blocks, or the blocks of FILE.golden");
+                   "Print FILE's header, index and blocks, or the blocks of FILE.golden")
+        ->type_name("FILE");
+    opal::tools::Prepare(app, {"--output", "--levels", "--subtitles", "--duration", "--base-url",
+                               "--manifest", "--dump"});
 }
 
 std::vector<std::string> Split(const std::string& text, char separator) {
@@ -209,7 +222,8 @@ int Run(CommandLine& line) {
 int main(int argc, char** argv) {
     // What the libraries have to say of a source would tear the progress bar apart.
     av_log_set_level(AV_LOG_ERROR);
-    CLI::App app("Makes a presentation folder for adaptive streaming from a video");
+    CLI::App app("Makes a presentation folder for adaptive streaming from a video.",
+                 "opal-package");
     CommandLine line;
     Declare(app, line);
     try {

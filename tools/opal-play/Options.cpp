@@ -6,22 +6,27 @@
 #include <cstdlib>
 #include <iostream>
 
-#include "Common/OPALVersion.h"
+#include "command-line/CommandLine.h"
 #include "opal-play/Rates.h"
 #include "opal-play/Report.h"
 
 namespace opal::play {
 namespace {
 
-constexpr const char* kFooter =
-    "TIME is seconds (12.5), 1500ms, 1:20 or 1:02:03.\n"
-    "Keys on a terminal: space pauses and resumes; left and right jump by 10 s; up and down change "
-    "the rate;\n0 to 9 jump to that tenth; a takes the next audio track; s the next subtitles, and "
-    "off; "
-    "p makes a snapshot; q quits.\n"
-    "Exit codes: 0 played to the end, to a limit given, or until q; 1 the library reported an "
-    "error, or a\nfile could not be written; 2 wrong command line; 3 --strict found a fault; 4 "
-    "ended by a signal.";
+constexpr const char* kFooter = R"(Examples:
+  opal-play http://127.0.0.1:8090/presentation.smil
+  opal-play --headless --at 5s:seek=20 --at 10s:rate=4x URL
+  opal-play --headless --strict --snapshots pictures --snapshot-at 5,15 URL
+
+Times: TIME is seconds (12.5), 1500ms, 1:20 or 1:02:03.
+
+Keys: on a terminal, space pauses and resumes; left and right jump by 10 s; up
+and down change the rate; 0 to 9 jump to that tenth; a takes the next audio
+track; s the next subtitles, and off; p makes a snapshot; q quits.
+
+Exit codes: 0 played to the end, to a limit given, or until q; 1 the library
+reported an error, or a file could not be written; 2 wrong command line; 3
+--strict found a fault; 4 ended by a signal.)";
 
 constexpr int64_t kMsPerSecond = 1000;
 constexpr double kLongestSeconds = 1e9;
@@ -62,8 +67,7 @@ struct Words {
 
 void Declare(CLI::App& app, Options& options, Words& words) {
     app.footer(kFooter);
-    app.set_version_flag("--version", "opal-play " OPAL_VERSION_TEXT);
-    app.add_option("URL", options.url, "Manifest of the presentation");
+    app.add_option("URL", options.url, "Manifest of the presentation")->type_name("URL");
     app.add_option("--ticket", options.ticket,
                    "Start from this ticket instead; WNCEndPoint.cfg in this folder tells where the "
                    "services are");
@@ -71,27 +75,33 @@ void Declare(CLI::App& app, Options& options, Words& words) {
     app.add_option("--at", words.actions,
                    "Do something TIME after playback started, as 5s:seek=20 or 10s:rate=-4x; also "
                    "pause, play, stop, audio=N, subtitle=N, subtitle=off, snapshot, quit")
+        ->type_name("ACTION")
         ->allow_extra_args(false);
-    app.add_option("--start", words.start, "Begin at TIME");
-    app.add_option("--time-limit", words.limit, "End after TIME from the program's start");
+    app.add_option("--start", words.start, "Begin at TIME")->type_name("TIME");
+    app.add_option("--time-limit", words.limit, "End after TIME from the program's start")
+        ->type_name("TIME");
     app.add_option("--frames", options.pictureLimit, "End when so many pictures were shown")
         ->check(CLI::NonNegativeNumber);
-    app.add_option("--audio-track", words.audio, "Audio track to begin with");
+    app.add_option("--audio-track", words.audio, "Audio track to begin with")->type_name("N");
     app.add_option("--subtitles,--subtitle-track", words.subtitle,
-                   "Subtitles to begin with: a track's number, a language as eng, or off");
+                   "Subtitles to begin with: a track's number, a language as eng, or off")
+        ->type_name("TRACK");
     app.add_option("--country", options.country, "Given to the library")->capture_default_str();
     app.add_option("--language", options.language, "Given to the library")->capture_default_str();
     app.add_flag("--pull", options.pull, "Fetch each block through the library's pull model");
     app.add_option("--blocks", options.blocksFile,
                    "With --pull: FILE gets a line for each block: stream, time, duration, level, "
-                   "flags, size, CRC-32");
+                   "flags, size, CRC-32")
+        ->type_name("FILE");
     app.add_flag("--window", words.windowed, "Show the pictures (the default with a DISPLAY)");
     app.add_flag("--headless", words.headless, "No window and no sound");
     app.add_flag("--silent", words.silent, "No sound");
     app.add_flag("--pass-through", options.passThrough,
                  "The set takes access units for pictures and decodes nothing");
-    app.add_option("--snapshots", options.snapshotFolder, "Folder for pictures of the screen");
-    app.add_option("--snapshot-at", words.snapshots, "Media TIMEs of snapshots, as 5,15,25");
+    app.add_option("--snapshots", options.snapshotFolder, "Folder for pictures of the screen")
+        ->type_name("FOLDER");
+    app.add_option("--snapshot-at", words.snapshots, "Media TIMEs of snapshots, as 5,15,25")
+        ->type_name("TIMES");
     app.add_flag("--json", options.json, "Print the summary as JSON, and nothing else");
     app.add_flag(
         "--strict", options.strict,
@@ -102,17 +112,19 @@ void Declare(CLI::App& app, Options& options, Words& words) {
                  "Compare every block with the golden file beside its media file; with --strict a "
                  "mismatch, or a stream without one, is a fault");
     app.add_option("--log", options.logFile,
-                   "FILE for the session's log: each document that would be uploaded, a line each");
-    app.add_option("--live", options.livePort,
-                   "Serve the session's report on PORT of this machine while it plays; 0: any port")
-        ->check(CLI::Range(0, 65535));
+                   "FILE for the session's log: each document that would be uploaded, a line each")
+        ->type_name("FILE");
     app.add_option("--record", options.recordFile,
-                   "FILE for a recording of the session, which opal-report draws");
+                   "FILE for a recording of the session, which opal-report draws")
+        ->type_name("FILE");
     app.add_flag("--stats", options.stats,
                  "Key figures over the picture, in snapshots and on the terminal");
     app.add_option("--output", options.outputFile, "FILE for what library and set print")
+        ->type_name("FILE")
         ->capture_default_str();
     app.add_flag("--verbose", options.verbose, "Leave what library and set print on the terminal");
+    tools::Prepare(app, {"--start", "--at", "--audio-track", "--subtitles", "--window",
+                         "--headless", "--snapshots", "--snapshot-at", "--stats", "--json"});
 }
 
 std::vector<int64_t> ParseTimes(const std::string& text) {

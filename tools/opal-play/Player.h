@@ -19,7 +19,6 @@
 #include "opal-play/Tracks.h"
 #include "opal-play/Verification.h"
 #include "opal-play/Viewing.h"
-#include "opal-report/LiveServer.h"
 
 namespace opal::play {
 
@@ -89,7 +88,6 @@ class Player {
     PullLoop m_pull;
     Observer m_observer;
     std::ofstream m_recording;
-    std::unique_ptr<report::LiveServer> m_live;
     std::unique_ptr<IStreamingController> m_controller;
     std::unique_ptr<Commands> m_commands;
 

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "Common/OPALVersion.h"
+#include "command-line/CommandLine.h"
 #include "opal-report/Page.h"
 #include "opal-report/SessionReport.h"
 #include "recording/SessionReader.h"
@@ -50,16 +50,19 @@ struct Arguments {
 
 void Declare(CLI::App* app, Arguments* arguments) {
     app->footer(kFooter);
-    app->set_version_flag("--version", "opal-report " OPAL_VERSION_TEXT);
     app->add_option("FILE", arguments->recordings, "Recording of a session; two to compare")
+        ->type_name("FILE")
         ->required()
         ->expected(1, 2);
-    app->add_option("-o,--output", arguments->output, "The page; default: FILE with .html");
-    app->add_option("--csv", arguments->csv, "Write the rows as CSV too");
-    app->add_option("--json", arguments->json, "Write the rows as JSON too");
+    app->add_option("-o,--output", arguments->output, "The page; default: FILE with .html")
+        ->type_name("FILE");
+    app->add_option("--csv", arguments->csv, "Write the rows as CSV too")->type_name("FILE");
+    app->add_option("--json", arguments->json, "Write the rows as JSON too")->type_name("FILE");
     app->add_option("--link", arguments->links, "True rate of the link, of opal-origin --link-log")
+        ->type_name("FILE")
         ->allow_extra_args(false);
     app->add_flag("--open", arguments->open, "Open the page, if this is a desktop");
+    opal::tools::Prepare(*app, {"--output", "--csv", "--json", "--link", "--open"});
 }
 
 bool Fail(const std::string& file, const std::string& text) {

@@ -65,8 +65,7 @@ void Link::Start(Transfer& transfer, double bytes) {
     transfer.bytesLeft = transfer.bytes = bytes;
     transfer.startMs = m_nowMs;
     transfer.active = true;
-    if (!transfer.IsDone())  // a question without a body, on a link without latency
-        m_running.push_back(&transfer);
+    m_running.push_back(&transfer);
 }
 
 void Link::Cancel(Transfer& transfer) {

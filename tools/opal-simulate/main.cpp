@@ -25,6 +25,7 @@
 #include "Common/ConfigurationFiles.h"
 #include "Common/OPALVersion.h"
 #include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
+#include "command-line/CommandLine.h"
 #include "opal-simulate/Film.h"
 #include "opal-simulate/Link.h"
 #include "opal-simulate/Replay.h"
@@ -39,6 +40,13 @@ namespace {
 
 using namespace opal::simulate;
 
+constexpr const char* kFooter = R"(Examples:
+  opal-simulate --film presentation.json --trace traces/
+  opal-simulate --film film.json --trace traces/ --set maxLevelDrop=0 --no-audio
+  opal-simulate --film film.json --trace traces/ --grid maxLevelDrop=0,1,3
+
+Exit codes: 0 done, 2 wrong usage, 3 a file that cannot be read or written,
+4 a replay that decides otherwise.)";
 constexpr int kExitUsage = 2;
 constexpr int kExitInput = 3;
 constexpr int kExitDiffers = 4;
@@ -340,31 +348,33 @@ void Run(const Options& options) {
 int main(int argc, char** argv) {
     Options options;
     CLI::App app(
-        "Plays a film over bandwidth traces in virtual time, with the library's own stream\n"
-        "switching, and tells how the sessions went.\n\n"
-        "  opal-simulate --film presentation.json --trace traces/\n"
-        "  opal-simulate --film film.json --trace traces/ --set maxLevelDrop=0 --no-audio\n"
-        "  opal-simulate --film film.json --trace traces/ --grid upperGuardTrigger=0,15,30\n\n"
-        "Exit codes: 0 done, 2 wrong usage, 3 a file that cannot be read or written,\n"
-        "4 a replay that decides otherwise.");
-    app.set_version_flag("--version", "opal-simulate " OPAL_VERSION_TEXT);
+        "Plays a film over bandwidth traces in virtual time, with the library's own stream "
+        "switching, and tells how the sessions went.",
+        "opal-simulate");
+    app.footer(kFooter);
     auto* replay =
         app.add_option("--replay", options.replays,
                        "Decide recorded sessions again and compare: files of opal-play's "
-                       "or this program's --record, or folders of .jsonl files");
+                       "or this program's --record, or folders of .jsonl files")
+            ->type_name("FILE");
     auto* film = app.add_option(
         "--film", options.film,
         "Film description: segment_duration_ms, bitrates_kbps, segment_sizes_bits; the "
         "presentation.json of opal-package is one");
-    film->excludes(replay);
-    app.add_option("--trace", options.traces, "Trace files, or folders of them")->needs(film);
-    app.add_option("--config", options.configFolder, "Folder of a kmt_ssa_config.xml");
+    film->type_name("FILE")->excludes(replay);
+    app.add_option("--trace", options.traces, "Trace files, or folders of them")
+        ->type_name("FILE")
+        ->needs(film);
+    app.add_option("--config", options.configFolder, "Folder of a kmt_ssa_config.xml")
+        ->type_name("FOLDER");
     app.add_option("--set", options.settings,
-                   "A tunable, NAME=VALUE: named as in kmt_ssa_config.xml, times in ms; agile.NAME "
-                   "and steady.NAME for the modes");
+                   "A tunable, named as in kmt_ssa_config.xml, times in ms; agile.NAME "
+                   "and steady.NAME for the modes")
+        ->type_name("NAME=VALUE");
     app.add_option("--grid", options.grid,
-                   "Try each value, NAME=V1,V2,...; several span a grid. Prints the best: fewest "
-                   "stalls, then bitrate, then steps");
+                   "Try each value; several span a grid. Prints the best: fewest "
+                   "stalls, then bitrate, then steps")
+        ->type_name("NAME=V1,V2,...");
     app.add_option("--top", options.top, "How many of a grid to print")->check(CLI::Range(1, 1000));
     auto* audio =
         app.add_option("--audio", options.audioKbps, "The audio track's kbit/s; 128 by default")
@@ -372,8 +382,8 @@ int main(int argc, char** argv) {
     app.add_flag("--no-audio", options.noAudio, "A film without sound")->excludes(audio);
     const std::map<std::string, RuleName> rules = {{"built-in", RuleName::BuiltIn},
                                                    {"bola-e", RuleName::BolaE}};
-    app.add_option("--rule", options.rule,
-                   "What decides: built-in, or bola-e (published, to compare with)")
+    app.add_option("--rule", options.rule, "What decides; bola-e is published, to compare with")
+        ->type_name("built-in|bola-e")
         ->transform(CLI::CheckedTransformer(rules));
     app.add_option("--bola-buffer", options.bolaBufferSeconds,
                    "Seconds that bola-e buffers at most; 25 by default")
@@ -391,13 +401,17 @@ int main(int argc, char** argv) {
                       ->excludes(csv);
     app.add_option("--record", options.record,
                    "Write the recording of one session, as opal-play does; for opal-report too")
+        ->type_name("FILE")
         ->needs(film)
         ->excludes(lines);
     std::string slice;
     app.add_option("--slice", slice,
-                   "K/N: of the sessions of a sweep only those of part K of N, so that N runs, on "
+                   "Of the sessions of a sweep only those of part K of N, so that N runs, on "
                    "any number of machines, make the whole")
+        ->type_name("K/N")
         ->needs(lines);
+    opal::tools::Prepare(
+        app, {"--film", "--trace", "--set", "--grid", "--rule", "--replay", "--json", "--csv"});
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
