@@ -140,6 +140,7 @@ TEST_F(SimulateTest, SessionsSideBySideFollowTheirLinksStallAndRecover) {
         {"1.5 Mbit/s", {{1e3, 187.5, 20}}, 1, 0, true},
         {"2.6 Mbit/s", {{1e3, 325, 20}}, 2, 0, true},
         {"9 Mbit/s", {{1e3, 1125, 20}}, 3, 0, true},
+        {"9 Mbit/s without latency", {{1e3, 1125, 0}}, 3, 0, true},
         {"cut for 50 s", {{2e4, 250, 20}, {5e4, 0, 20}, {1e6, 250, 20}}, 1, 1, true},
         {"dead after 20 s", {{2e4, 250, 20}, {1e7, 0, 20}}, 1, 1, false},
         {"dead in the header", {{1, 250, 20}, {1e7, 0, 20}}, -1, 0, false},

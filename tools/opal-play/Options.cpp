@@ -114,6 +114,10 @@ void Declare(CLI::App& app, Options& options, Words& words) {
     app.add_option("--log", options.logFile,
                    "FILE for the session's log: each document that would be uploaded, a line each")
         ->type_name("FILE");
+    app.add_option("--live", options.livePort,
+                   "Serve the session's report on PORT of this machine while it plays; 0: any port")
+        ->type_name("PORT")
+        ->check(CLI::Range(0, 65535));
     app.add_option("--record", options.recordFile,
                    "FILE for a recording of the session, which opal-report draws")
         ->type_name("FILE");

@@ -37,6 +37,7 @@ struct Options {
     std::string snapshotFolder;
     std::vector<int64_t> snapshotsAtMs;  ///< media times, rising
     std::string logFile;                 ///< of the session's log events; empty: none
+    int livePort = -1;                   ///< of the page fed live; 0: any; negative: none
     std::string recordFile;              ///< of the session's events; empty: none
     std::string outputFile = "/dev/null";
     bool stats = false;  ///< key figures over the picture and on the terminal

@@ -104,23 +104,38 @@ void Player::StartRecording() {
         m_recording.open(m_options.recordFile, std::ios::binary | std::ios::trunc);
         if (!m_recording)
             throw std::runtime_error(m_options.recordFile + ": cannot be written");
-        m_observer.Record(m_options.url,
-                          [this](const std::string& line) { m_recording << line << std::endl; });
     }
+    if (m_options.livePort >= 0) {
+        std::string error;
+        m_live = std::make_unique<report::LiveServer>();
+        if (!m_live->Start(static_cast<uint16_t>(m_options.livePort), &error))
+            throw std::runtime_error("--live: " + error);
+        m_console.Line("live report: " + m_live->Url());
+    }
+    if (m_recording.is_open() || m_live)
+        m_observer.Record(m_options.url, [this](const std::string& line) {
+            if (m_recording.is_open())
+                m_recording << line << std::endl;
+            if (m_live)
+                m_live->Append(line);
+        });
     if (SetSessionObserver(&m_observer) != OPAL_OK)
         throw std::runtime_error("no memory to observe the session");
 }
 
 void Player::EndRecording(const Summary& summary) {
-    if (!m_recording.is_open())
+    if (!m_recording.is_open() && !m_live)
         return;
     RecordFigures();
     recording::EndEvent end;
     end.exitCode = ExitCodeOf(summary);
     end.summary = SummaryJson(summary);
     m_observer.Add(end);
+    if (m_live)
+        m_live->End();
+    const bool recorded = m_recording.is_open();
     m_recording.close();
-    if (!m_recording)
+    if (recorded && !m_recording)
         Fail(m_options.recordFile + ": cannot be written");
 }
 
@@ -179,7 +194,7 @@ void Player::Turn() {
     if (m_finished)
         return;
     Account();
-    if (m_recording.is_open() && MonotonicMs() - m_lastFiguresMs >= kFiguresPeriodMs)
+    if ((m_recording.is_open() || m_live) && MonotonicMs() - m_lastFiguresMs >= kFiguresPeriodMs)
         RecordFigures();
     CheckFirstPicture();
     TakeSnapshots();

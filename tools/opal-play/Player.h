@@ -19,6 +19,7 @@
 #include "opal-play/Tracks.h"
 #include "opal-play/Verification.h"
 #include "opal-play/Viewing.h"
+#include "opal-report/LiveServer.h"
 
 namespace opal::play {
 
@@ -88,6 +89,7 @@ class Player {
     PullLoop m_pull;
     Observer m_observer;
     std::ofstream m_recording;
+    std::unique_ptr<report::LiveServer> m_live;
     std::unique_ptr<IStreamingController> m_controller;
     std::unique_ptr<Commands> m_commands;
 

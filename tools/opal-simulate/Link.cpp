@@ -65,7 +65,8 @@ void Link::Start(Transfer& transfer, double bytes) {
     transfer.bytesLeft = transfer.bytes = bytes;
     transfer.startMs = m_nowMs;
     transfer.active = true;
-    m_running.push_back(&transfer);
+    if (!transfer.IsDone())  // a question without a body, on a link without latency
+        m_running.push_back(&transfer);
 }
 
 void Link::Cancel(Transfer& transfer) {
