@@ -252,6 +252,9 @@ TEST_F(ProgramsTest, TellHowTheyEndedAndWithWhichCode) {
          3,
          "",
          "written"},
+        {{OPAL_REPORT, noise}, 1, "", "noise.mp4: no recording"},
+        {{OPAL_REPORT, "none.jsonl"}, 1, "", "none.jsonl"},
+        {{OPAL_REPORT, "a", "b", "c"}, 2, "", "c"},
         {{OPAL_ORIGIN, film, "--port", "70000"}, 2, "", "--port"},
         {{OPAL_ORIGIN, film, "--rate", "1k", "--rates", "0 1k"}, 2, "", "at most 1"},
         {{OPAL_ORIGIN, film, "--trace", "none.json"}, 2, "", "none.json"},
@@ -294,7 +297,7 @@ TEST_F(ProgramsTest, TheOriginPrintsItsAddressServesLogsAndStops) {
         {"url": "a.mkv", "method": "GET", "nth": 2, "hold": true, "headers": {"A": "b"}}]})");
     const std::string portFile = s_folder->File("port");
     Program program({OPAL_ORIGIN, s_folder->File("served"), "--script", script, "--port-file",
-                     portFile, "--latency", "100"});
+                     portFile, "--latency", "100", "--link-log", s_folder->File("link")});
     const std::string line = program.ReadTo("\n");
     const std::string port = line.substr(line.find("127.0.0.1:") + 10);
     ASSERT_THAT(line, testing::MatchesRegex("Serving .* at http://127.0.0.1:[0-9]+/\n"));
@@ -309,6 +312,29 @@ TEST_F(ProgramsTest, TheOriginPrintsItsAddressServesLogsAndStops) {
     program.Signal(SIGTERM);
     EXPECT_EQ(0, program.Wait());
     EXPECT_EQ(std::stoul(port), std::stoul("0" + TextOf(portFile)));
+    const std::string link = TextOf(s_folder->File("link"));
+    EXPECT_NE(link.find("8000000"), link.rfind("8000000")) << "before the script's start, and then";
+}
+
+TEST_F(ProgramsTest, TheReportOfASimulatedSessionAgreesWithTheSimulator) {
+    const std::string trace = s_folder->Write("trace.json", R"([
+        {"duration_ms": 9000, "bandwidth_kbps": 900, "latency_ms": 20}, {"duration_ms": 15000, "bandwidth_kbps": 60, "latency_ms": 20}])");
+    const std::string recording = s_folder->File("simulated.jsonl");
+    Program simulate({OPAL_SIMULATE, "--film", s_folder->File("film/presentation.json"), "--trace",
+                      trace, "--loop", "10", "--json", "--record", recording});
+    ASSERT_EQ(0, simulate.Wait()) << simulate.err;
+    Program report({OPAL_REPORT, recording, "--json", "-"});
+    ASSERT_EQ(0, report.Wait()) << report.err;
+    EXPECT_THAT(TextOf(s_folder->File("simulated.html")), StartsWith("<!DOCTYPE html>"));
+    const auto told = nlohmann::json::parse(simulate.out)["sessions"][0];
+    const auto drawn = nlohmann::json::parse(report.out)["sessions"][0]["headline"];
+    EXPECT_GT(told["stalls"], 0);
+    EXPECT_GT(told["switches"], 2);
+    EXPECT_EQ(told["stalls"], drawn["stalls"]);
+    EXPECT_EQ(told["switches"], drawn["switches"]);
+    EXPECT_NEAR(told["stall_s"].get<double>(), drawn["stalled_s"].get<double>(), 0.01);
+    EXPECT_NEAR(told["startup_ms"].get<double>() / 1000, drawn["startup_s"].get<double>(), 0.01);
+    EXPECT_NEAR(told["mean_kbps"].get<double>() * 1000, drawn["mean_bitrate_bps"].get<double>(), 1);
 }
 
 TEST_F(ProgramsTest, ASignalEndsThePlayerEvenWhileTheServerIsSilent) {

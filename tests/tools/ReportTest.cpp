@@ -36,6 +36,7 @@ std::string KnownRecording() {
 {"event":"call","t_us":110000,"kind":"set-levels","levels":[{"uri":"0","bitrate_bps":500000},{"uri":"1","bitrate_bps":1500000},{"uri":"2","bitrate_bps":3000000}]}
 {"event":"link","t_us":120000,"bps":4000000}
 {"event":"state","t_us":300000,"state":"opened","value_ms":30000,"to":0}
+{"event":"state","t_us":400000,"state":"paused"}
 {"event":"request","t_us":700000,"purpose":"cluster","stream":"video","index":0,"cluster":0,"url":"u","ranges":[[5,6],[7,8]],"wait_us":20000,"transfer_us":200000,"bytes":100000,"status":206,"end":"complete"}
 {"event":"decision","t_us":700100,"rule":"bandwidth-up","from":0,"to":1,"bandwidth_bps":4000000,"buffered_ms":2000}
 {"event":"state","t_us":700200,"state":"level","from":0,"to":1}

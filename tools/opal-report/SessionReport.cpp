@@ -27,8 +27,8 @@ std::array<Table, kTableCount> EmptyTables() {
         {"bandwidth_bps", "Estimate"},
         {"available_bps", "Without audio"},
         {"guarded_bps", "Relied on"},
-        {"target", "Target"},
-        {"candidate", "Candidate"},
+        {"target", "Level wanted"},
+        {"candidate", "Level possible"},
         {"buffered_s", "Buffered"},
         {"required_s", "Required"},
         {"guard_s", "Guard"},
@@ -341,7 +341,8 @@ void SessionReport::FollowPhase(const StateEvent& event) {
             EnterPhase("playing", event);
             break;
         case SessionState::Paused:
-            EnterPhase("paused", event);
+            if (m_phase.name != "starting")  // until it begins, a session counts as paused
+                EnterPhase("paused", event);
             break;
         case SessionState::Underflow:
             EnterPhase("stalled", event);

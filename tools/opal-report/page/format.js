@@ -40,7 +40,7 @@ function asCell(column, value) {
   if (!known(value)) return "";
   if (typeof value === "boolean") return value ? "yes" : "no";
   if (typeof value !== "number") return value;
-  if (/_bps$|^bps$|^target$|^candidate$/.test(column)) return asRate(value);
+  if (/_bps$|^bps$/.test(column)) return asRate(value);
   if (/^(time|start|end|from|until|position|value)_s$/.test(column)) return asClock(value, 0.001);
   if (/_s$/.test(column) && !/_per_s$/.test(column)) return asSeconds(value);
   return value.toLocaleString("en");

@@ -24,7 +24,9 @@ function lastValue(points, time) {
 function drawLabelled(frame, points, text, kind, step) {
   if (!points.some((point) => known(point[1]))) return;
   drawLine(frame, points, kind, step);
-  frame.label(text, lastValue(points, frame.x.domain()[1]), kind);
+  // A threshold is named as long as it holds.
+  const end = frame.x.domain()[1];
+  frame.label(text, kind === "threshold" ? valueAt(points, end) : lastValue(points, end), kind);
 }
 
 const inWindow = (frame, from, to) => to >= frame.x.domain()[0] && from <= frame.x.domain()[1];
@@ -33,7 +35,7 @@ const most = (rows, of) => d3.max(rows, (row) => (known(of(row)) ? of(row) : 0))
 function figures(row) {
   return [["Rule", row.rule], ["", kRuleTexts[row.rule]], ["Link estimate", asRate(row.bandwidth_bps)],
     ["without audio", asRate(row.available_bps)], ["relied on", asRate(row.guarded_bps)],
-    ["Target, candidate", `${asRate(row.target)}, ${asRate(row.candidate)}`],
+    ["Level wanted, possible", `${row.target}, ${row.candidate}`],
     ["Buffered", `${asSeconds(row.buffered_s)} (guard ${asSeconds(row.guard_s)}, to start ${asSeconds(row.required_s)})`],
     ["Level held for", asSeconds(row.held_s)],
     ["Last download", `${asBytes(row.download_bytes)} in ${asSeconds(row.download_s)}`], ["Mode", row.mode]];
@@ -247,7 +249,8 @@ const positionPlot = {
     frame.g.selectAll(".seek").data(seeks).join("path").attr("class", "seek")
       .attr("d", (row) => {
         const x = frame.x(row.time_s), to = frame.y(row.value_s);
-        const from = known(row.position_s) ? frame.y(row.position_s) : to;
+        const before = known(row.position_s) ? row.position_s : lastValue(points, row.time_s);
+        const from = known(before) ? frame.y(before) : to;
         return `M${x},${from}V${to}M${x - 4.5},${to}l4.5,-4.5l4.5,4.5l-4.5,4.5Z`;
       });
     drawEnd(frame);
@@ -273,7 +276,7 @@ function drawEnd(frame) {
   for (const row of marks) {
     const x = frame.x(row.time_s);
     frame.g.append("path").attr("class", row.state === "error" ? "mark error" : "mark").attr("d", `M${x},0V${frame.height}`);
-    frame.g.append("text").attr("class", row.state === "error" ? "why" : "remark").attr("x", x - 4).attr("y", 12).attr("text-anchor", "end")
+    frame.g.append("text").attr("class", row.state === "error" ? "why" : "remark").attr("x", x - 4).attr("y", frame.height - 7).attr("text-anchor", "end")
       .text(row.state === "error" ? `error ${row.code}` : "end of stream");
   }
 }

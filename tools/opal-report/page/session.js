@@ -57,11 +57,12 @@ class Session {
     return points.length ? [...points, [Math.max(this.duration, points[points.length - 1][0]), points[points.length - 1][1]]] : points;
   }
 
+  // A return from trick play says too at which level it plays.
   levelSteps() {
     const points = [];
     for (const { state, time_s, from, to } of this.rows("states")) {
       if (state === "level" && !points.length && known(from)) points.push([0, from]);
-      if ((state === "level" || (state === "opened" && !points.length)) && known(to)) points.push([time_s, to]);
+      if (known(to) && (state === "level" || state === "playing" || (state === "opened" && !points.length))) points.push([time_s, to]);
     }
     return this.extended(points);
   }
