@@ -13,6 +13,7 @@
 
 #include "Common/ConfigurationFiles.h"
 #include "Common/ObjectFactory.h"
+#include "Common/StopSignal.h"
 #include "Common/logging/LogEvent.h"
 #include "Common/logging/LogEventSender.h"
 #include "Common/logging/LogEventSerializer.h"
@@ -20,9 +21,11 @@
 #include "Common/logging/Logger.h"
 #include "Common/logging/LoggingConfig.h"
 #include "StreamSwitchingAlgorithm/AlgorithmConfig.h"
+#include "support/RecordingLogSender.h"
 #include "support/TemporaryDirectory.h"
 #include "support/VirtualClock.h"
 
+using RecordingSender = opal::test::RecordingLogSender;
 using opal::test::TemporaryDirectory;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -45,32 +48,6 @@ std::string Document(const std::vector<LogEvent*>& events, size_t maxSize = 1 <<
 std::string Action(const std::string& content) {
     return "<device-event><action><ts>0</ts>" + content + "</action></device-event>";
 }
-
-/// Keeps the documents it is given.
-class RecordingSender : public NullLogEventSender {
-  public:
-    explicit RecordingSender(OPALError initializeResult = OPAL_OK)
-        : m_initializeResult(initializeResult) {
-        m_level3 = true;
-    }
-    OPALError Initialize() override { return m_initializeResult; }
-    OPALError Send(const std::string& document) override {
-        m_documents += document;
-        return OPAL_OK;
-    }
-
-    /// Once the server has stopped.
-    const std::string& Documents() const { return m_documents; }
-    void Configure(int64_t interval, size_t size) {
-        opal::RecursiveLock lock(m_mutex);
-        m_interval = interval;
-        m_size = size;
-    }
-
-  private:
-    const OPALError m_initializeResult;
-    std::string m_documents;
-};
 
 LogServer& Server() {
     return LogServer::Instance();
@@ -200,6 +177,11 @@ TEST(LogEventSerializer, DropsEventsAtItsLimitAndSaysSo) {
         EXPECT_EQ(document.find("<error-code>-2"), std::string::npos);
     }
     serializer.AddEvent(Events().NewErrorLogEvent(-2));
+    opal::StopSignal stop;
+    stop.Raise();
+    document = "untouched";
+    serializer.Serialize(document, SIZE_MAX, &stop);
+    EXPECT_EQ(document, "untouched");
     serializer.Serialize(document, SIZE_MAX);
     EXPECT_EQ(document, Action("<error><error-code>-2</error-code></error>"));
 }
@@ -230,37 +212,26 @@ TEST(LogServer, SendsWhatIsPostedBetweenStartAndStop) {
         << "what came in between, and for the broken connection, is dropped";
 }
 
-// The service's levels count from the connection on, which the first message brings about.
-TEST(LogServer, FiltersByTheSendersOwnLevelsUntilTheConnectionStands) {
-    class LateSender : public RecordingSender {
+TEST(LogServer, ConnectsOnItsThreadAndTwiceForAnUploadThatCannotBe) {
+    class CountingSender : public RecordingSender {
       public:
         using RecordingSender::RecordingSender;
         OPALError Initialize() override {
             ++attempts;
             priority = getpriority(PRIO_PROCESS, 0);
-            {
-                opal::RecursiveLock lock(m_mutex);
-                m_level1 = false;
-                m_level2 = true;
-            }
             return RecordingSender::Initialize();
         }
         int attempts = 0;
         int priority = 0;
     };
-    LateSender sender, broken(OPAL_ERROR_SERVICE_20);
-    Server().Start(&sender);
-    EXPECT_TRUE(Server().Post(Events().NewErrorLogEvent(-1))) << "any event is taken at first";
-    Server().PostOrDestroy(Events().NewErrorLogEvent(-2));
-    Server().PostOrDestroy(Events().NewResumeLogEvent(3));
-    Server().Stop();
-    EXPECT_EQ(sender.Documents(), Action("<error><error-code>-2</error-code></error>"));
-    EXPECT_EQ(sender.attempts, 1);
-    EXPECT_EQ(sender.priority, 19);
-    Server().Start(&broken);
-    Server().Flush();
-    Server().Stop();
-    EXPECT_EQ(broken.attempts, 2) << "for the upload, and for the message";
+    for (const auto& [result, attempts] : {std::pair{OPAL_OK, 1}, {OPAL_ERROR_SERVICE_20, 2}}) {
+        CountingSender sender(result);
+        Server().Start(&sender);
+        Server().Flush();
+        Server().Stop();
+        EXPECT_EQ(sender.attempts, attempts);
+        EXPECT_EQ(sender.priority, 19);
+    }
 }
 
 TEST(LogServer, WithoutALogThreadEventsPileUpToALimit) {
@@ -370,6 +341,9 @@ TEST(LogServer, ASenderThatBlocksDisturbsNobodyAndHasABound) {
     sender.gate.set_value();
     Server().Stop();
     EXPECT_THAT(sender.Documents(), HasSubstr("<playback-time>16447<"));
+    EXPECT_THAT(sender.Documents(),
+                HasSubstr("</device-event><device-event><partial-buffer>true</partial-buffer>"))
+        << "events were refused";
 }
 
 // Two controllers at once are not meant to be, and must not bring the process down.

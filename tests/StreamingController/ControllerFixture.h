@@ -242,7 +242,7 @@ class ControllerFixture : public testing::Test {
         shape.kind = package::TrackKind::Subtitle;
         for (int i = 0; i < film.subtitleTracks; ++i)
             body += Entry("textstream", "s" + std::to_string(i), shape, "xml:lang='eng'",
-                          film.subtitleHeader);
+                          film.subtitleHeader, 50 + i);
         const std::string manifest = "<smil><body><par>" + body + "</par></body></smil>";
         server->AddFile(kFilm, manifest);
         return manifest;

@@ -2,8 +2,10 @@
 
 #include <boost/property_tree/ptree.hpp>
 #include <boost/property_tree/xml_parser.hpp>
+#include <memory>
 #include <sstream>
 
+#include "Common/StopSignal.h"
 #include "Common/logging/LogEvent.h"
 
 namespace {
@@ -20,6 +22,22 @@ void EraseDeclaration(std::string& text) {
     if (end != std::string::npos)
         text.erase(0, end + 3);
 }
+
+/// The elements of one event, as they stand in the document of all.
+std::string Write(const LogEvent& event) {
+    boost::property_tree::ptree tree;
+    event.Serialize(tree);
+    std::ostringstream stream;
+    boost::property_tree::xml_writer_settings<std::string> settings(' ', 0, "utf-8");
+    boost::property_tree::write_xml(stream, tree, settings);
+    std::string text = stream.str();
+    EraseDeclaration(text);
+    return text;
+}
+
+struct Destroyer {
+    void operator()(LogEvent* event) const { LogEventFactory::Instance().Destroy(event); }
+};
 
 /// The mark goes in front of the root element, outside the document: the service's parser takes it
 /// there, deliberately.
@@ -53,28 +71,23 @@ void LogEventSerializer::AddEvent(LogEvent* event) {
     m_bufferedSize += event->GetSize();
 }
 
-void LogEventSerializer::Serialize(std::string& out, size_t maxSize) {
+void LogEventSerializer::Serialize(std::string& out, size_t maxSize, const opal::StopSignal* stop) {
     if (m_events.empty())
         return;
-    boost::property_tree::ptree events;
+    std::string text = "<device-event>";
     if (m_overflow)
-        events.put("partial-buffer", "true");
+        text += kPartialBuffer;
     while (!m_events.empty()) {
-        LogEvent* event = m_events.front();
+        if (opal::IsRaised(stop))
+            return;
+        const std::unique_ptr<LogEvent, Destroyer> event(m_events.front());
         m_events.pop_front();
-        event->Serialize(events);
-        LogEventFactory::Instance().Destroy(event);
+        m_bufferedSize -= event->GetSize();
+        text += Write(*event);
     }
-    boost::property_tree::ptree root;
-    root.put_child("device-event", events);
-
-    std::ostringstream stream;
-    boost::property_tree::xml_writer_settings<std::string> settings(' ', 0, "utf-8");
-    boost::property_tree::write_xml(stream, root, settings);
-    out = stream.str();
-    EraseDeclaration(out);
-    CutToSize(out, maxSize, m_overflow);
-    m_bufferedSize = 0;
+    text += "</device-event>";
+    CutToSize(text, maxSize, m_overflow);
+    out = std::move(text);
     m_overflow = false;
 }
 
@@ -83,4 +96,5 @@ void LogEventSerializer::Clear() {
         LogEventFactory::Instance().Destroy(event);
     m_events.clear();
     m_bufferedSize = 0;
+    m_overflow = false;
 }

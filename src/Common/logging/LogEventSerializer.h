@@ -7,6 +7,10 @@
 
 class LogEvent;
 
+namespace opal {
+class StopSignal;
+}
+
 /// Holds the events that wait to be uploaded and turns them into one XML text a transaction.
 ///
 /// Threading: none; the log thread's.
@@ -18,8 +22,11 @@ class LogEventSerializer : boost::noncopyable {
 
     void AddEvent(LogEvent* event);
     /// Writes all queued events into `out` and destroys them. Nothing happens without events. A
-    /// text longer than `maxSize` bytes is cut at an event boundary and marked in front.
-    void Serialize(std::string& out, size_t maxSize);
+    /// text longer than `maxSize` bytes is cut at an event boundary and marked in front. A raised
+    /// signal ends the writing, which takes a while for many events; `out` is then left alone.
+    void Serialize(std::string& out, size_t maxSize, const opal::StopSignal* stop = nullptr);
+    /// An event was lost before it came here: the next document says so.
+    void MarkPartial() { m_overflow = true; }
     void Clear();
 
   private:

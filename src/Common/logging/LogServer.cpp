@@ -4,11 +4,13 @@
 
 #include <atomic>
 #include <boost/thread/thread.hpp>
+#include <chrono>
 #include <exception>
 
 #include "Common/Clock.h"
 #include "Common/LockedQueue.h"
 #include "Common/Mutex.h"
+#include "Common/StopSignal.h"
 #include "Common/logging/ILogEventSender.h"
 #include "Common/logging/LogEvent.h"
 #include "Common/logging/LogEventSerializer.h"
@@ -43,6 +45,8 @@ class LogServer::PIMPL {
     bool stopping OPAL_GUARDED_BY(mutex) = false;
     opal::Mutex wakeMutex OPAL_ACQUIRED_AFTER(mutex);
     opal::CondVar wakeup;
+    opal::CondVar threadEnded;
+    bool ended OPAL_GUARDED_BY(wakeMutex) = false;
     /// Late posts meet the next start.
     boost::posix_time::ptime startTime OPAL_GUARDED_BY(wakeMutex);
     log4cxx::LoggerPtr logger = getLogger("opal.LogServer");
@@ -52,9 +56,12 @@ class LogServer::PIMPL {
     /// The sender's switches as of the connection, so that Post need not touch the sender, which
     /// may be gone while a reader still posts.
     std::atomic<bool> levelEnabled[3] = {{false}, {false}, {false}};
+    std::atomic<bool> lost{false};  ///< an event was refused for want of room
+    opal::StopSignal hurry;         ///< who stops has waited long enough
 
     void StampStart() {
         opal::MutexLock lock(wakeMutex);
+        ended = false;
         startTime = opal::Now();
     }
 
@@ -78,6 +85,15 @@ class LogServer::PIMPL {
         while (!queue.Pop(message))
             wakeup.Wait(wakeMutex);
         return message;
+    }
+
+    /// By real time. False if the log thread is still at work then.
+    bool WaitForEnd(int64_t ms) {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+        opal::MutexLock lock(wakeMutex);
+        while (!ended && threadEnded.WaitUntil(wakeMutex, end)) {
+        }
+        return ended;
     }
 
     void Drain() {
@@ -108,8 +124,10 @@ class LogServer::PIMPL {
     void SendBufferToServer() OPAL_REQUIRES(mutex) {
         if (!connected && !stopping && !Connect())
             return;
+        if (lost.exchange(false))
+            serializer.MarkPartial();
         std::string document;
-        serializer.Serialize(document, sender->GetTransactionSize());
+        serializer.Serialize(document, sender->GetTransactionSize(), &hurry);
         if (document.empty())
             return;
         const OPALError result = sender->Send(document);
@@ -153,7 +171,7 @@ class LogServer::PIMPL {
     void Run() {
         setpriority(PRIO_PROCESS, 0, kLowestPriority);
         try {
-            while (Handle(WaitForMessage())) {
+            while (!hurry.IsRaised() && Handle(WaitForMessage())) {
                 opal::MutexLock lock(mutex);
                 if (!stopping)
                     continue;
@@ -167,12 +185,23 @@ class LogServer::PIMPL {
         }
     }
 
-    void Stop() OPAL_REQUIRES(controlMutex) {
+    void RunThread() {
+        Run();
+        opal::MutexLock lock(wakeMutex);
+        ended = true;
+        threadEnded.NotifyAll();
+    }
+
+    void Stop(int64_t patienceMs) OPAL_REQUIRES(controlMutex) {
         if (thread.joinable()) {
             Push(LogEventMessage::kStop, nullptr);
+            if (patienceMs >= 0 && !WaitForEnd(patienceMs))
+                hurry.Raise();
             thread.join();
         }
         connected = false;
+        lost = false;
+        hurry.Lower();
         Drain();
         opal::MutexLock lock(mutex);
         serializer.Clear();
@@ -196,7 +225,7 @@ void LogServer::Start(ILogEventSender* sender) {
         return;
     PIMPL& self = *m_pimpl;
     opal::MutexLock control(self.controlMutex);
-    self.Stop();
+    self.Stop(-1);
     {
         opal::MutexLock lock(self.mutex);
         self.sender = sender;
@@ -204,15 +233,19 @@ void LogServer::Start(ILogEventSender* sender) {
     }
     self.StampStart();
     self.started = true;
-    self.thread = boost::thread([&self] { self.Run(); });
+    self.thread = boost::thread([&self] { self.RunThread(); });
 }
 
 bool LogServer::Post(LogEvent* event) {
     PIMPL& self = *m_pimpl;
-    if (!event || !self.started || self.queue.Size() >= kMaxQueued)
+    if (!event || !self.started)
         return false;
     if (self.connected && !self.IsEnabled(*event))
         return false;
+    if (self.queue.Size() >= kMaxQueued) {
+        self.lost = true;
+        return false;
+    }
     event->ts = self.SecondsSinceStart();
     self.Push(LogEventMessage::kEvent, event);
     return true;
@@ -235,8 +268,8 @@ void LogServer::Flush() {
         m_pimpl->Push(LogEventMessage::kFlush, nullptr);
 }
 
-void LogServer::Stop() {
+void LogServer::Stop(int64_t patienceMs) {
     PIMPL& self = *m_pimpl;
     opal::MutexLock control(self.controlMutex);
-    self.Stop();
+    self.Stop(patienceMs);
 }

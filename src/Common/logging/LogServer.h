@@ -2,6 +2,7 @@
 
 #include <boost/noncopyable.hpp>
 #include <boost/scoped_ptr.hpp>
+#include <cstdint>
 
 class ILogEventSender;
 class LogEvent;
@@ -14,8 +15,10 @@ class LogEvent;
 /// any thread of a controller's; they wait for one another, and Stop joins the log thread. With two
 /// controllers in a process the later Start wins, and either one's Stop ends it.
 /// Ownership: the sender is not owned and must outlive Stop. An accepted event is the server's.
-/// Errors: before the first Start every event is refused. Without a log thread, after Stop or when
-/// the connection failed, events are still taken, 16448 at most; the next Start or Stop drops them.
+/// Errors: before the first Start every event is refused. Beyond 16448 events that wait, because an
+/// upload takes its time, further ones are refused, and the next document says so. Without a log
+/// thread, after Stop or when the connection failed, events are still taken, as many at most; the
+/// next Start or Stop drops them.
 class LogServer : boost::noncopyable {
   public:
     static LogServer& Instance();
@@ -29,8 +32,9 @@ class LogServer : boost::noncopyable {
     /// Posts the event, and destroys it if it is refused.
     void PostOrDestroy(LogEvent* event);
     void Flush();
-    /// Sends what is left and ends the log thread.
-    void Stop();
+    /// Sends what is left and ends the log thread. What the thread, which has the lowest priority,
+    /// has not begun to send after `patienceMs` is dropped; below 0 it has all the time it needs.
+    void Stop(int64_t patienceMs = -1);
 
   private:
     LogServer();

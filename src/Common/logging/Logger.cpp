@@ -5,6 +5,8 @@
 #include <log4cxx/helpers/pool.h>
 #include <log4cxx/propertyconfigurator.h>
 
+#include <filesystem>
+
 namespace {
 
 /// An appender that drops everything. It stands at "opal" so that log4cxx does not complain on
@@ -34,8 +36,7 @@ log4cxx::LoggerPtr getLogger(const std::string& name) {
 }
 
 void LoggerPropertyConfigure(const std::string& path) {
-    const log4cxx::File file(path);
-    log4cxx::helpers::Pool pool;
-    if (file.exists(pool))
-        log4cxx::PropertyConfigurator::configure(file);
+    std::error_code error;
+    if (std::filesystem::is_regular_file(path, error))
+        log4cxx::PropertyConfigurator::configure(log4cxx::File(path));
 }

@@ -92,6 +92,7 @@ OPALError StreamingController::RunInitialization(const std::function<OPALError()
         opal::RecursiveLock lock(m_mutex);
         m_stop.Lower();
         m_session->lastStop.Lower();
+        m_session->logStop.Lower();
         if (m_session->finalizing != 0)  // whichever of the two comes last raises the signal
             m_stop.Raise();
         try {
@@ -137,7 +138,7 @@ OPALError StreamingController::BuildFromManifest(const std::string& url, const s
     BeginInitialization("Enter StreamingController::InitializeFromSMILFile : time=",
                         ObjectFactory::kNullSender);
     (void)LoadAlgorithmConfigFile(logger);
-    m_pLogSender.reset(NewLogSender(country, language, &m_stop));
+    m_pLogSender.reset(NewLogSender(country, language, &m_session->logStop));
     LogServer::Instance().Start(m_pLogSender.get());
     Trace("After Log Init : time=");
     std::unique_ptr<ISMILParser> parser(NewSMILParser());
@@ -165,7 +166,7 @@ OPALError StreamingController::BuildFromTicket(const std::string& tixString,
     m_session->reports.Observe(opal::SessionState::Opening);  // the ticket is nobody's business
     BeginInitialization("Enter StreamingController::InitializeFromTIXString : time=",
                         ObjectFactory::kUploadSender);
-    m_pLogSender.reset(NewLogSender(country, language, &m_stop));
+    m_pLogSender.reset(NewLogSender(country, language, &m_session->logStop));
     if (!m_pProtectedContent)
         m_pProtectedContent.reset(ObjectFactory::Instance().NewProtectedContent());
     if (!m_pProtectedContent) {

@@ -80,6 +80,9 @@ struct StreamingController::Session {
     /// Raised a while after the session's own: ends the last play report, which is to get through
     /// if it can.
     opal::StopSignal lastStop;
+    /// Raised when the last events are there to be uploaded: the upload has from then on the time
+    /// that its sender allows.
+    opal::StopSignal logStop;
     /// Calls of Finalize under way.
     std::atomic<int> finalizing{0};
     /// Operations that open audio without m_mutex.

@@ -14,14 +14,14 @@
 
 namespace {
 
-/// What the last play report and the last upload have.
+/// What the last play report has, and behind it the log.
 constexpr std::chrono::milliseconds kLastWords(1000);
 constexpr int64_t kPollMs = 5;
 
 void StopLogSender(boost::scoped_ptr<ILogEventSender>& sender) {
     if (!sender)
         return;
-    LogServer::Instance().Stop();
+    LogServer::Instance().Stop(kLastWords.count());
     (void)sender->Shutdown();
     sender.reset();
 }
@@ -79,6 +79,7 @@ void StreamingController::EndLoop() {
         opal::SleepMs(kPollMs);
     m_session->ticket.Finish();
     m_session->PostPulseErrors();
+    m_session->logStop.Raise();
     StopLogSender(m_pLogSender);
 }
 
