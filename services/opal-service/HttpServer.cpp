@@ -116,6 +116,7 @@ class HttpServer::Connection {
         const size_t blank = head.find(' ');
         request.method = head.substr(0, blank);
         request.path = head.substr(blank + 1, head.find(' ', blank + 1) - blank - 1);
+        request.contentType = HeaderValue(head, "Content-Type");
         request.body = bytes.substr(headEnd + 4, size);
         return true;
     }

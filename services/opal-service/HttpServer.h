@@ -14,6 +14,7 @@ namespace opal::service {
 struct HttpRequest {
     std::string method;
     std::string path;
+    std::string contentType;
     std::string body;
 };
 

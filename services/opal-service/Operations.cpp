@@ -10,6 +10,9 @@ namespace {
 constexpr int32_t kSessionRunOut = 400015;
 constexpr int32_t kUnknownTicket = 404001;
 constexpr int kFaultStatus = 500;
+// Resume points are kept of so many tickets, of this length.
+constexpr size_t kMaxTickets = 1000;
+constexpr size_t kMaxTicket = 4096;
 
 /// The service that the description describes, for one request.
 class Service : public contentService {
@@ -112,8 +115,10 @@ class Service : public contentService {
         }
         reply.return_ = soap_new_c__saveEventResponse(soap);
         return End(*reply.return_, [&] {
-            if (request)
-                (*m_facts.resumeMs)[request->ticketString] = request->currentPlaybackTime;
+            std::map<std::string, int32_t>& points = *m_facts.resumeMs;
+            const bool fits = request && request->ticketString.size() <= kMaxTicket;
+            if (fits && (points.size() < kMaxTickets || points.count(request->ticketString) != 0))
+                points[request->ticketString] = request->currentPlaybackTime;
         });
     }
 
@@ -164,6 +169,14 @@ class Service : public contentService {
         m_call.outcome = text;
     }
 
+    /// The client's own words.
+    std::string Told() const {
+        std::string text;
+        for (const auto& field : m_call.fields)
+            text += field.first + "=" + field.second + ";";
+        return text;
+    }
+
     template <typename Fill>
     int End(c__baseResponse& answer, Fill fill) {
         const Failure* failure = m_facts.pFailure;
@@ -176,6 +189,10 @@ class Service : public contentService {
             Refuse(answer, kSessionRunOut, "The session has run out");
         else if (failure && failure->kind == Failure::Kind::Refuse)
             Refuse(answer, failure->value, "Refused on purpose");
+        else if (failure && failure->kind == Failure::Kind::Echo)
+            Refuse(answer, failure->value, "Refused: " + Told());
+        else if (failure && failure->kind == Failure::Kind::NoRecord)
+            answer.success = false;
         else
             fill();
         return SOAP_OK;

@@ -17,6 +17,10 @@ constexpr const char* kOperations[] = {
     "getPulseConfiguration", "getLogServerSettings", "saveEvent",
     "resumePlayBack"};
 constexpr size_t kMaxCalls = 100000;
+constexpr size_t kMaxKept = 64 << 20;
+constexpr const char* kEmptyEnvelope =
+    "<e:Envelope xmlns:e=\"http://schemas.xmlsoap.org/soap/envelope/\"><e:Body></e:Body>"
+    "</e:Envelope>";
 
 /// By the first element that bears an operation's name; the stub finds out the rest.
 std::string OperationOf(const HttpRequest& request) {
@@ -32,7 +36,8 @@ std::string OperationOf(const HttpRequest& request) {
     return "unknown";
 }
 
-Received ReadUpload(const std::string& body) {
+Received ReadUpload(const HttpRequest& request) {
+    const std::string& body = request.body;
     Received call;
     call.operation = kUpload;
     size_t actions = 0;
@@ -46,14 +51,22 @@ Received ReadUpload(const std::string& body) {
     } catch (const boost::property_tree::xml_parser_error& error) {
         parses = error.message();
     }
-    call.fields = {{"bytes", std::to_string(body.size())},
+    call.fields = {{"method", request.method},
+                   {"type", request.contentType},
+                   {"bytes", std::to_string(body.size())},
                    {"events", std::to_string(actions)},
                    {"parses", parses},
                    {"document", body}};
     return call;
 }
 
-HttpReply FailedReply(const Failure& failure) {
+/// The service itself tells these, in an answer of its own.
+bool IsSpoken(Failure::Kind kind) {
+    return kind == Failure::Kind::Fault || kind >= Failure::Kind::RunOut;
+}
+
+/// `reply` is what it would be without the failure.
+HttpReply FailedReply(const Failure& failure, const HttpReply& sound) {
     HttpReply reply;
     switch (failure.kind) {
         case Failure::Kind::Status:
@@ -71,6 +84,14 @@ HttpReply FailedReply(const Failure& failure) {
             reply.status = 202;
             reply.contentType.clear();
             break;
+        case Failure::Kind::EmptyBody:
+            reply.body = kEmptyEnvelope;
+            break;
+        case Failure::Kind::Namespace:
+            reply = sound;
+            for (size_t at = 0; (at = reply.body.find("urn:opal:", at)) != std::string::npos;)
+                reply.body.replace(at, 4, "urx:");
+            break;
         case Failure::Kind::Stall:
             reply.manner = HttpReply::Manner::Stall;
             break;
@@ -81,17 +102,24 @@ HttpReply FailedReply(const Failure& failure) {
     return reply;
 }
 
-const std::pair<const char*, Failure::Kind> kKinds[] = {
-    {"fault", Failure::Kind::Fault},   {"garbage", Failure::Kind::Garbage},
-    {"html", Failure::Kind::Html},     {"empty", Failure::Kind::Empty},
-    {"stall", Failure::Kind::Stall},   {"close", Failure::Kind::Close},
-    {"run-out", Failure::Kind::RunOut}};
+const std::pair<const char*, Failure::Kind> kKinds[] = {{"fault", Failure::Kind::Fault},
+                                                        {"garbage", Failure::Kind::Garbage},
+                                                        {"html", Failure::Kind::Html},
+                                                        {"empty", Failure::Kind::Empty},
+                                                        {"empty-body", Failure::Kind::EmptyBody},
+                                                        {"namespace", Failure::Kind::Namespace},
+                                                        {"stall", Failure::Kind::Stall},
+                                                        {"close", Failure::Kind::Close},
+                                                        {"run-out", Failure::Kind::RunOut},
+                                                        {"no-record", Failure::Kind::NoRecord},
+                                                        {"echo", Failure::Kind::Echo}};
 
 int ToNumber(const std::string& text, const std::string& whole) {
     if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != text.npos)
         throw std::invalid_argument("'" + whole + "': write OPERATION=503, =fault, =garbage, " +
-                                    "=html, =empty, =stall, =close, =run-out or " +
-                                    "=refuse-NUMBER, and :TIMES behind it");
+                                    "=html, =empty, =empty-body, =namespace, =stall, =close, " +
+                                    "=run-out, =no-record, =echo or =refuse-NUMBER, and :TIMES " +
+                                    "behind it");
     return std::stoi(text);
 }
 
@@ -161,11 +189,13 @@ class Simulator::Impl {
         const bool fails = Strikes(operation, failure);
         HttpReply reply;
         if (operation == kUpload) {
-            call = ReadUpload(request.body);
+            call = ReadUpload(request);
             reply.contentType = "text/html";
-            const bool refused = fails && failure.kind == Failure::Kind::Refuse;
+            const bool refused = fails && failure.kind >= Failure::Kind::NoRecord;
             reply.body = std::string("<serviceresponse><status>") +
                          (refused ? "failure" : "success") + "</status></serviceresponse>";
+            if (fails && failure.kind == Failure::Kind::Echo)
+                reply.body += request.body;
         } else {
             const std::string scheme = server.HasTls() ? "https" : "http";
             ServiceFacts facts{
@@ -179,13 +209,10 @@ class Simulator::Impl {
         }
         if (fails) {
             call.outcome = "failed on purpose";
-            const bool spoken = failure.kind == Failure::Kind::Fault ||
-                                failure.kind == Failure::Kind::RunOut ||
-                                failure.kind == Failure::Kind::Refuse;
-            if (!spoken)
-                reply = FailedReply(failure);
+            if (!IsSpoken(failure.kind))
+                reply = FailedReply(failure, reply);
         }
-        Keep(call);
+        Keep(call, request.body.size());
         return reply;
     }
 
@@ -203,12 +230,14 @@ class Simulator::Impl {
         return false;
     }
 
-    void Keep(const Received& call) {
+    void Keep(const Received& call, size_t size) {
         if (observer)
             observer(call);
         std::lock_guard<std::mutex> lock(mutex);
-        if (calls.size() < kMaxCalls)
-            calls.push_back(call);
+        if (calls.size() >= kMaxCalls || kept + size > kMaxKept)
+            return;
+        kept += size;
+        calls.push_back(call);
     }
 
     SimulatorSettings settings;
@@ -217,6 +246,7 @@ class Simulator::Impl {
     int renewals = 0;
     mutable std::mutex mutex;  ///< of the failures and the calls
     std::vector<Received> calls;
+    size_t kept = 0;  ///< bytes that the calls came in
     HttpServer server;
 };
 

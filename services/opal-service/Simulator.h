@@ -16,15 +16,19 @@ namespace opal::service {
 /// What goes wrong with an operation.
 struct Failure {
     enum class Kind {
-        Status,   ///< `value` is the HTTP status; no body
-        Fault,    ///< a SOAP fault
-        Garbage,  ///< status 200 and no XML
-        Html,     ///< status 200 and a page
-        Empty,    ///< status 202 and nothing
-        Stall,    ///< no reply
-        Close,    ///< the connection is closed without a reply
-        RunOut,   ///< the session has run out: `success` false with number 400015
-        Refuse    ///< `success` false with number `value` and a text
+        Status,     ///< `value` is the HTTP status; no body
+        Fault,      ///< a SOAP fault
+        Garbage,    ///< status 200 and no XML
+        Html,       ///< status 200 and a page
+        Empty,      ///< status 202 and nothing
+        EmptyBody,  ///< status 200 and an envelope around nothing
+        Namespace,  ///< the answer in the names of another service
+        Stall,      ///< no reply
+        Close,      ///< the connection is closed without a reply
+        RunOut,     ///< the session has run out: `success` false with number 400015
+        NoRecord,   ///< `success` false, and not a word
+        Echo,       ///< `success` false, and all that the client told of itself repeated
+        Refuse      ///< `success` false with number `value` and a text
     };
     std::string operation;  ///< "logUpload" too; "*" is any
     Kind kind = Kind::Status;
@@ -67,6 +71,8 @@ std::string ToText(const Received& call);
 std::string ToJson(const Received& call);
 
 /// The content services of a ticket start, in one process: for demonstrations and tests.
+///
+/// Keeps the first 100000 calls, and 64 MiB of them at most.
 ///
 /// Threading: threads of its own from Start to Stop; the observer is called by one at a time.
 class Simulator {

@@ -30,8 +30,8 @@ one line a call that was received, as text or, with --json, as a JSON object.
 Failures: --fail OPERATION=KIND[:TIMES]. Operations: openTicket,
 getStreamingConfiguration, getPulseConfiguration, getLogServerSettings,
 saveEvent, resumePlayBack, renewSession, logUpload, or * for any. Kinds: an HTTP
-status, fault, garbage, html, empty, stall, close, run-out (of the session),
-refuse-NUMBER.
+status, fault, garbage, html, empty, empty-body, namespace, stall, close, run-out
+(of the session), and as words of the service's no-record, echo, refuse-NUMBER.
 
 Exit codes: 0 stopped by SIGINT or SIGTERM, 1 a file or the port cannot be used,
 2 a wrong option.)";

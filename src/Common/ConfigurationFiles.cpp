@@ -1,7 +1,8 @@
 #include "Common/ConfigurationFiles.h"
 
-#include <fstream>
-#include <iterator>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace opal {
 namespace {
@@ -11,7 +12,7 @@ std::string& Directory() {
     return directory;
 }
 
-constexpr std::streamoff kMaxConfigurationSize = 1 << 20;
+constexpr size_t kMaxConfigurationSize = 1 << 20;
 
 }  // namespace
 
@@ -23,13 +24,26 @@ std::string ConfigurationPath(const std::string& name) {
     return Directory() == "." ? name : Directory() + "/" + name;
 }
 
+FileHandle OpenRegularFile(const std::string& path) {
+    // Opening a pipe would wait for its writer.
+    const int descriptor = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (descriptor < 0)
+        return nullptr;
+    struct stat status {};
+    const bool regular = fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
+    std::FILE* const file = regular ? fdopen(descriptor, "r") : nullptr;
+    if (!file)
+        close(descriptor);
+    return FileHandle(file);
+}
+
 bool ReadConfigurationFile(const std::string& name, std::string& text) {
-    std::ifstream file(ConfigurationPath(name), std::ios::binary | std::ios::ate);
-    if (!file || file.tellg() < 0 || file.tellg() > kMaxConfigurationSize)
+    const FileHandle file = OpenRegularFile(ConfigurationPath(name));
+    if (!file)
         return false;
-    file.seekg(0);
-    text.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-    return !file.bad();
+    text.resize(kMaxConfigurationSize + 1);
+    text.resize(std::fread(text.data(), 1, text.size(), file.get()));
+    return text.size() <= kMaxConfigurationSize && std::ferror(file.get()) == 0;
 }
 
 }  // namespace opal

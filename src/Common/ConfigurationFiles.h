@@ -1,8 +1,18 @@
 #pragma once
 
+#include <cstdio>
+#include <memory>
 #include <string>
 
 namespace opal {
+
+struct FileCloser {
+    void operator()(std::FILE* file) const { (void)std::fclose(file); }
+};
+using FileHandle = std::unique_ptr<std::FILE, FileCloser>;
+
+/// For reading. Null for what does not open or is no regular file; nothing is waited for.
+FileHandle OpenRegularFile(const std::string& path);
 
 /// Where the settings files are looked for; "." unless a test says otherwise.
 void SetConfigurationDirectory(const std::string& directory);

@@ -53,6 +53,7 @@ TEST_F(FinalizeTest, ReturnsWithinThreeSecondsWhateverIsUnderWay) {
         Fault silence;     ///< of the origin, unless a service falls silent
         std::string call;  ///< of a service
         bool plays;        ///< while that lasts
+        std::string besides = "none";
     } rows[] = {
         {"a manifest", Fault::HoldRequest().On("film.smil"), "", false},
         {"a header", Fault::StallAt(10).On("level0").RangeStart(0), "", false},
@@ -62,6 +63,8 @@ TEST_F(FinalizeTest, ReturnsWithinThreeSecondsWhateverIsUnderWay) {
         {"the settings of play reports", {}, "getPulseConfiguration", false},
         {"a play report", {}, "saveEvent", true},
         {"a log upload", {}, "logUpload", true},
+        {"the settings of the log", {}, "getLogServerSettings", true},
+        {"a play report, and behind it a log upload", {}, "saveEvent", true, "logUpload"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
@@ -77,7 +80,8 @@ TEST_F(FinalizeTest, ReturnsWithinThreeSecondsWhateverIsUnderWay) {
         if (row.call.empty()) {
             held = m_origin.AddFault(row.silence);
         } else {
-            m_services->SetFailures({service::Failure::FromText(row.call + "=stall")});
+            m_services->SetFailures({service::Failure::FromText(row.call + "=stall"),
+                                     service::Failure::FromText(row.besides + "=stall")});
             before = calls();
         }
         auto started = std::async(std::launch::async, [&] {

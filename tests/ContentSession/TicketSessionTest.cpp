@@ -3,8 +3,10 @@
 #include <gmock/gmock.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
+#include <future>
 #include <sstream>
 
 #include "ContentSession/ServiceFixture.h"
@@ -32,8 +34,8 @@ class TicketSession : public testing::Test {
   protected:
     static void SetUpTestSuite() {
         s_film = std::make_unique<TemporaryDirectory>();
-        ASSERT_EQ(Shell(std::string(OPAL_PACKAGE) + " --duration 6 --audio eng" +
-                        " --levels 100k:160x90,300k:320x180 --preset ultrafast -o " +
+        ASSERT_EQ(Shell(std::string(OPAL_PACKAGE) + " --duration 6 --audio eng,ger" +
+                        " --levels 100k:160x90,200k:240x136,300k:320x180 --preset ultrafast -o " +
                         s_film->File("film") + " >" + s_film->File("log") + " 2>&1"),
                   0)
             << TextOf(s_film->File("log"));
@@ -53,10 +55,12 @@ class TicketSession : public testing::Test {
     void StartServices(service::SimulatorSettings settings,
                        const std::vector<std::string>& failures = {}) {
         settings.manifest = TextOf(s_film->File("film/presentation.smil"));
-        settings.pulseSeconds = 1;
+        settings.pulseSeconds = m_pulseSeconds;
+        std::fill(settings.logLevels, settings.logLevels + 3, false);  // the local file's stand
         for (const std::string& failure : failures)
             settings.failures.push_back(service::Failure::FromText(failure));
         m_services = std::make_unique<service::Simulator>(settings);
+        m_services->SetObserver(m_observer);
         std::string error;
         ASSERT_TRUE(m_services->Start(&error)) << error;
         m_folder.Write("WNCEndPoint.cfg", m_services->EndpointFile());
@@ -69,7 +73,7 @@ class TicketSession : public testing::Test {
                        "log4j.appender.A=org.apache.log4j.FileAppender\n"
                        "log4j.appender.A.File=trace\n"
                        "log4j.appender.A.layout=org.apache.log4j.PatternLayout\n"
-                       "log4j.appender.A.layout.ConversionPattern=%c %m%n\n");
+                       "log4j.appender.A.layout.ConversionPattern=%c %p %m%n\n");
     }
     /// In the folder of the settings files; everything it prints goes to "printed".
     int Play(const std::string& options, const std::string& environment = "") {
@@ -97,6 +101,8 @@ class TicketSession : public testing::Test {
     static inline std::unique_ptr<TemporaryDirectory> s_film;
     static inline std::unique_ptr<origin::Origin> s_origin;
     TemporaryDirectory m_folder;
+    int m_pulseSeconds = 1;
+    std::function<void(const Received&)> m_observer;
     std::unique_ptr<service::Simulator> m_services;
 };
 
@@ -113,13 +119,16 @@ TEST_F(TicketSession, TellsTheServicesWhatItPlaysAndNobodyWhoItIs) {
     service::SimulatorSettings settings;
     settings.certificate = certificate;
     settings.key = m_folder.File("key.pem");
+    settings.audioAssetId = 2;
+    settings.bandwidthMode = "BandwidthProbe";
     StartServices(settings);
     ASSERT_EQ(Play("", "SSL_CERT_FILE=" + certificate), 0) << Printed();
     for (const char* operation :
          {"openTicket", "getStreamingConfiguration", "getPulseConfiguration"})
         EXPECT_EQ(Calls(operation).size(), 1u) << operation;
     const std::vector<Received> events = Calls("saveEvent");
-    ASSERT_GE(events.size(), 4u);
+    ASSERT_GE(events.size(), 6u);
+    EXPECT_EQ(events.back().Field("audio"), "2") << "the track that the service prefers";
     int last = -1;
     for (const Received& event : events) {
         EXPECT_EQ(event.Field("ticket"), "SECRET-TICKET");
@@ -137,8 +146,12 @@ TEST_F(TicketSession, TellsTheServicesWhatItPlaysAndNobodyWhoItIs) {
     for (const char* event : {"<init>", "<play>", "<algo-config>", "<algo-trace>", "<eos>"})
         EXPECT_THAT(Uploaded(), HasSubstr(event));
     const std::string trace = TextOf(m_folder.File("trace"));
-    EXPECT_THAT(trace, HasSubstr("opal.LogServer SendLog() = 0"));
-    EXPECT_THAT(trace, HasSubstr("opal.LogServer.data <device-event>"));
+    for (const char* line :
+         {"LogServer INFO SendLog() = 0", "LogServer.data TRACE <device-event>",
+          "StreamingController INFO KMT Version", "StreamingController TRACE READY TO PLAY!!!",
+          "bandwidthprobe TRACE Content length: ", "BandwidthMonitor DEBUG AddSample: size=",
+          "StreamSwitchingAlgorithm TRACE "})
+        EXPECT_THAT(trace, HasSubstr(std::string("opal.") + line));
     for (const std::string& text : {Printed(), trace}) {
         EXPECT_GT(text.size(), 1000u);
         EXPECT_THAT(text, Not(HasSubstr("SECRET")));
@@ -146,20 +159,47 @@ TEST_F(TicketSession, TellsTheServicesWhatItPlaysAndNobodyWhoItIs) {
 }
 
 TEST_F(TicketSession, PlaysOnWhenAServiceFailsAndLogsItsWords) {
-    StartServices({}, {"saveEvent=refuse-77"});
+    m_pulseSeconds = 60;
+    StartServices({}, {"saveEvent=echo:1", "saveEvent=refuse-77", "logUpload=echo:1"});
     m_folder.Write("kmt_ssa_config.xml", "<settings></settings>");
     EXPECT_EQ(Play("--at 2s:seek=4"), 0) << Printed();
+    EXPECT_TRUE(Calls("getStreamingConfiguration").empty()) << "the local file applies";
     EXPECT_GE(Calls("saveEvent").size(), 2u);
+    EXPECT_LE(Calls("saveEvent").size(), 6u) << "start, jump, end; none for time that passes";
+    EXPECT_THAT(Uploaded(), HasSubstr("session=(withheld);"));
+    EXPECT_THAT(Uploaded(), Not(HasSubstr("=SECRET")));
+    for (const std::string& text : {Printed(), TextOf(m_folder.File("trace"))})
+        EXPECT_THAT(text, Not(HasSubstr("SECRET")));
+    EXPECT_THAT(TextOf(m_folder.File("trace")), HasSubstr(" Session='(withheld)' "));
     EXPECT_THAT(Uploaded(), HasSubstr("<pulse-error><error-code>-21</error-code>"
                                       "<message>Refused on purpose</message></pulse-error>"));
     EXPECT_THAT(Uploaded(), HasSubstr("<eos>"));
 }
 
 TEST_F(TicketSession, AServiceThatFallsSilentHoldsUpNothing) {
-    StartServices({}, {"saveEvent=stall", "logUpload=stall"});
+    for (const char* failure : {"saveEvent=stall", "getLogServerSettings=503"}) {
+        StartServices({}, {failure});
+        EXPECT_EQ(Play("--at 1s:quit"), 0) << Printed();
+        EXPECT_EQ(Uploaded().find("<stop>") != std::string::npos, failure[0] == 's')
+            << "what is reported last is uploaded, if anything is";
+    }
+}
+
+TEST_F(TicketSession, AServiceThatDiesLeavesPlaybackRunning) {
+    std::promise<void> reported;
+    m_observer = [&reported, count = 0](const Received& call) mutable {
+        if (call.operation == "saveEvent" && ++count == 2)
+            reported.set_value();
+    };
+    StartServices({});
+    const auto end = std::async(std::launch::async, [&] {
+        reported.get_future().wait();
+        m_services->Stop();
+    });
     EXPECT_EQ(Play("--strict"), 0) << Printed();
-    EXPECT_GE(Calls("saveEvent").size(), 1u);
-    EXPECT_GE(Calls("logUpload").size(), 1u);
+    end.wait();
+    EXPECT_THAT(TextOf(m_folder.File("trace")),
+                testing::ContainsRegex("<pulse-error><error-code>-27</error-code>.*<eos>"));
 }
 
 TEST_F(TicketSession, SaysWhyATicketDidNotOpen) {

@@ -4,9 +4,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "Common/Assert.h"
+#include "Common/ConfigurationFiles.h"
 
 namespace {
 
@@ -74,8 +74,7 @@ void ServerConfig::SetOverrideUrl(const char* text) {
 }
 
 void ServerConfig::ReadFile(const std::string& path) {
-    const std::unique_ptr<std::FILE, decltype(&std::fclose)> file(std::fopen(path.c_str(), "r"),
-                                                                  &std::fclose);
+    const opal::FileHandle file = opal::OpenRegularFile(path);
     if (!file)
         return;
     // The tail of a longer line is a line of its own, which in general nobody understands.

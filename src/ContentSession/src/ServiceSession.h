@@ -1,9 +1,11 @@
 #pragma once
 
 #include <boost/noncopyable.hpp>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Common/Mutex.h"
 #include "StreamingReader/HTTPFile/HTTPConnection.h"
@@ -27,10 +29,7 @@ class ServiceSession : boost::noncopyable {
         return m_id;
     }
     /// After a renewal.
-    void SetId(const std::string& id) {
-        opal::MutexLock lock(m_mutex);
-        m_id = id;
-    }
+    void SetId(const std::string& id);
     std::string GetTicket() const {
         opal::MutexLock lock(m_mutex);
         return m_ticket;
@@ -39,6 +38,9 @@ class ServiceSession : boost::noncopyable {
         opal::MutexLock lock(m_mutex);
         m_ticket = ticket;
     }
+    /// What a service says, `most` bytes of it or a little more, for people and logs: a service may
+    /// repeat what it was sent.
+    std::string WithoutCredentials(const std::string& text, size_t most) const;
     std::unique_ptr<opal::IServiceConnection> NewConnection() const { return m_maker(m_timeouts); }
     const opal::ServiceTimeouts& GetTimeouts() const { return m_timeouts; }
 
@@ -47,5 +49,6 @@ class ServiceSession : boost::noncopyable {
     const ServiceConnectionMaker m_maker;
     mutable opal::Mutex m_mutex;
     std::string m_id OPAL_GUARDED_BY(m_mutex);
+    std::vector<std::string> m_former OPAL_GUARDED_BY(m_mutex);  ///< identifiers before renewals
     std::string m_ticket OPAL_GUARDED_BY(m_mutex);
 };

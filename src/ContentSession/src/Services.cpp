@@ -116,8 +116,9 @@ void CBaseService::KeepErrorRecord(const Outcome& outcome) {
     const c__errorResponse& error = *outcome.response->errorResponse;
     m_error.number = error.errorCode;
     // A person reads it, and the log keeps many; a service may send what it likes.
-    m_error.text =
-        error.errorMessage ? error.errorMessage->substr(0, kMaxErrorText) : std::string();
+    m_error.text = error.errorMessage
+                       ? m_session.WithoutCredentials(*error.errorMessage, kMaxErrorText)
+                       : std::string();
 }
 
 ServiceCode CBaseService::Judge(const Outcome& outcome) const {

@@ -1,5 +1,7 @@
 #include "ContentSession/src/WNCLogEventSender.h"
 
+#include <cstdint>
+
 #include "Common/OPALVersion.h"
 #include "Common/logging/Logger.h"
 #include "ContentSession/src/LogUpload.h"
@@ -11,19 +13,6 @@ constexpr int64_t kMinutesPerDay = 24 * 60;
 /// Leaves the end of a session, which is to be over in three seconds, time for the rest.
 constexpr int64_t kGraceMs = 800;
 constexpr size_t kMaxUrl = 2048;
-
-/// A reply may repeat what it was sent; the session is nobody's business. Ends at a NUL.
-std::string WithoutSession(const char* reply, const std::string& session) {
-    const std::string text = reply;
-    if (session.empty())
-        return text;
-    std::string result;
-    size_t at = 0;
-    for (size_t found = 0; (found = text.find(session, at)) != std::string::npos;
-         at = found + session.size())
-        result.append(text, at, found - at).append("(session)");
-    return result.append(text, at, std::string::npos);
-}
 
 }  // namespace
 
@@ -101,7 +90,8 @@ OPALError WNCLogEventSender::Send(const std::string& document) {
     if (IsLogReplySuccess(reply))
         return OPAL_OK;
     LOG4CXX_INFO(m_logger, "HTTP return data (" << reply.size() << " bytes):\n "
-                                                << WithoutSession(reply.c_str(), m_context->GetId())
+                                                << m_context->WithoutCredentials(
+                                                       reply.substr(0, reply.find('\0')), SIZE_MAX)
                                                 << "\n");
     return ToOPALError(ServiceCode::kErrorRecord);
 }

@@ -59,6 +59,7 @@ class HTTPConnection : public IServiceConnection {
     const StopSignal* m_stop = nullptr;
     std::unique_ptr<Handles> m_handles;
     int64_t m_receiveUntilMs = -1;  ///< -1: nothing was received yet
+    int m_idleWaits = 0;            ///< since something went out or came in
 };
 
 }  // namespace opal

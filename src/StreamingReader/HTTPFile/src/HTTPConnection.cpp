@@ -14,6 +14,7 @@ namespace opal {
 namespace {
 
 constexpr int64_t kMsPerSecond = 1000;
+constexpr int64_t kIdlePauseMs = 2;
 
 bool IsTlsFailure(CURLcode code) {
     switch (code) {
@@ -73,12 +74,14 @@ bool HTTPConnection::Send(const char* bytes, size_t size) {
     const int64_t untilMs = SteadyMs() + m_timeouts.sendMs;
     while (size != 0) {
         size_t sent = 0;
-        if (!m_handles || IsRaised(m_stop))
+        if (!m_handles || IsRaised(m_stop) || SteadyMs() >= untilMs)
             return false;
         const CURLcode code = curl_easy_send(m_handles->easy.get(), bytes, size, &sent);
-        if (code == CURLE_AGAIN && SteadyMs() < untilMs && WaitForSocket(POLLOUT))
-            continue;
-        if (code != CURLE_OK)
+        if (code != CURLE_OK && code != CURLE_AGAIN)
+            return false;
+        if (sent != 0)
+            m_idleWaits = 0;
+        else if (!WaitForSocket(POLLOUT))
             return false;
         bytes += sent;
         size -= sent;
@@ -92,18 +95,25 @@ size_t HTTPConnection::Receive(char* bytes, size_t size) {
     while (m_handles && !IsRaised(m_stop) && SteadyMs() < m_receiveUntilMs) {
         size_t received = 0;
         const CURLcode code = curl_easy_recv(m_handles->easy.get(), bytes, size, &received);
-        if (code != CURLE_AGAIN)
+        if (code != CURLE_AGAIN) {
+            m_idleWaits = 0;
             return code == CURLE_OK ? received : 0;
+        }
         if (!WaitForSocket(POLLIN))
             return 0;
     }
     return 0;
 }
 
-/// A slice at most: the signal is looked at in between.
+/// A slice at most: the signal is looked at in between. False when nothing more will come. The
+/// socket may be ready all the time while TLS waits for something else: hence the pause.
 bool HTTPConnection::WaitForSocket(short events) {
+    if (m_idleWaits++ != 0)
+        SleepMs(kIdlePauseMs);
     pollfd ready{m_handles->socket, events, 0};
-    return poll(&ready, 1, static_cast<int>(StopSignal::kSliceMs)) >= 0 || errno == EINTR;
+    if (poll(&ready, 1, static_cast<int>(StopSignal::kSliceMs)) < 0)
+        return errno == EINTR;
+    return ready.revents == 0 || (ready.revents & events) != 0;
 }
 
 void HTTPConnection::Close() {
