@@ -59,7 +59,7 @@ bool IsLanguage(const std::string& text) {
 
 struct Words {
     std::vector<std::string> actions;
-    std::string start, limit, snapshots, audio = "0", subtitle = "off";
+    std::string start, limit, snapshots, audio, subtitle = "off";
     bool headless = false;
     bool windowed = false;
     bool silent = false;
@@ -82,7 +82,9 @@ void Declare(CLI::App& app, Options& options, Words& words) {
         ->type_name("TIME");
     app.add_option("--frames", options.pictureLimit, "End when so many pictures were shown")
         ->check(CLI::NonNegativeNumber);
-    app.add_option("--audio-track", words.audio, "Audio track to begin with")->type_name("N");
+    app.add_option("--audio-track", words.audio,
+                   "Audio track to begin with, instead of the one preferred")
+        ->type_name("N");
     app.add_option("--subtitles,--subtitle-track", words.subtitle,
                    "Subtitles to begin with: a track's number, a language as eng, or off")
         ->type_name("TRACK");
@@ -147,7 +149,8 @@ void Complete(Options& options, const Words& words, bool display) {
                      [](const Action& a, const Action& b) { return a.atMs < b.atMs; });
     options.startMs = words.start.empty() ? 0 : ParseTime(words.start);
     options.timeLimitMs = words.limit.empty() ? 0 : ParseTime(words.limit);
-    options.audioTrack = ParseTrack(words.audio, words.audio, false);
+    if (!words.audio.empty())
+        options.audioTrack = ParseTrack(words.audio, words.audio, false);
     if (words.subtitle != "off" && IsLanguage(words.subtitle))
         options.subtitleLanguage = words.subtitle;
     else

@@ -30,7 +30,7 @@ struct Options {
     int64_t startMs = 0;
     int64_t timeLimitMs = 0;  ///< 0: none
     uint64_t pictureLimit = 0;
-    int64_t audioTrack = 0;
+    int64_t audioTrack = -1;  ///< -1: the one that the library prefers
     int64_t subtitleTrack = -1;
     std::string subtitleLanguage;  ///< if not empty: the first track of it instead
     std::vector<Action> actions;   ///< by time

@@ -291,8 +291,13 @@ void Player::HandleOpened(OPALError code) {
             notice.text = "pulling a block";
             m_listener.Post(std::move(notice));
         });
-    if (m_options.audioTrack > 0)
-        Perform({0, Action::Kind::Audio, m_options.audioTrack});
+    size_t audio = 0;
+    size_t subtitle = 0;
+    (void)m_controller->GetDefaultTracks(audio, subtitle);
+    if (m_options.audioTrack >= 0)
+        audio = static_cast<size_t>(m_options.audioTrack);
+    if (audio != 0 && m_tracks.AudioCount() != 0)
+        Perform({0, Action::Kind::Audio, static_cast<int64_t>(audio)});
     ChooseSubtitles();
 }
 
