@@ -4,6 +4,7 @@
 #include <boost/scoped_ptr.hpp>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "Common/OPALError.h"
@@ -39,6 +40,10 @@ class FreeTypeRenderer : boost::noncopyable {
 
     OPALError InitializeFromFile(const std::string& path, int pointSize);
     OPALError InitializeFromMemory(const void* data, size_t size, int pointSize);
+
+    /// Asked at every character of a text that is drawn: true gives that text up, and leaves the
+    /// pixels as far as they have come. A text may be long, and a font slow.
+    void SetStop(std::function<bool()> stop);
 
     /// Clears the whole buffer of width x height pixels and draws what fits into `rect`; of an
     /// overlong text with kBottom the last lines. An empty text or rectangle leaves the buffer as

@@ -124,6 +124,10 @@ TEST_F(SubtitleTest, ALateTextIsTriedOnceMoreAndDropped) {
     EXPECT_EQ(100, m_sleptMs - before);
     EXPECT_EQ("", Shown());
     EXPECT_EQ(2u, m_listener.told.size());
+    m_whileAsleep = [this] { (void)m_sink->SetPaused(true); };
+    EXPECT_EQ(OPAL_OK, Queue(0, 9000, "stays"));
+    EXPECT_EQ(OPAL_OK, Queue(0, 0));
+    EXPECT_EQ("+-", Shown()) << "what a dropped text finds on the screen goes";
     EXPECT_EQ(OPAL_OK, m_sink->Flush());
     EXPECT_EQ(OPAL_ERROR_NOT_YET, Queue(0, 0)) << "a flush gives one more try";
 }
@@ -168,6 +172,9 @@ TEST_F(SubtitleTest, TheSessionsEndAPauseOfTheSinkAndAFlushTakeItDown) {
     EXPECT_EQ(OPAL_OK, Queue(1000, 3600000));
     EXPECT_EQ(10, m_sleptMs - before);
     EXPECT_EQ("+-+-", Shown());
+    // Nothing is laid out any more, however long a text is.
+    EXPECT_EQ(OPAL_OK, Queue(1000, 3600000));
+    EXPECT_NE(Entries("subtitle")[2].crc32, Entries("subtitle")[4].crc32);
 }
 
 TEST_F(SubtitleTest, TheFontIsCopiedAndMustBeOne) {

@@ -130,6 +130,11 @@ TEST_F(TextTest, LinesOfDejaVu) {
         coverage.insert(sum);
     }
     EXPECT_GE(coverage.size(), 6u) << "letters look alike";
+    int asked = 0;
+    m_text.SetStop([&asked] { return ++asked > 3; });
+    EXPECT_EQ(OPAL_ERROR_TERMINATED, m_text.GetPimpl().Layout("BCDEFG", 1000));
+    EXPECT_EQ(1u, m_text.GetPimpl().glyphs.count('D'));
+    EXPECT_EQ(0u, m_text.GetPimpl().glyphs.count('E')) << "goes on although nobody wants it";
 }
 
 TEST_F(TextTest, AlignsAndCutsFromTheTop) {

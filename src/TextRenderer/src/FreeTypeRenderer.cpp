@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 #include "Common/logging/Logger.h"
 #include "TextRenderer/src/FreeTypeRendererPimpl.h"
@@ -125,7 +126,7 @@ OPALError FreeTypeRenderer::PIMPL::CacheText() {
     uint32_t previous = 0;
     for (const unsigned long character : characters) {
         const uint32_t code = static_cast<uint32_t>(character);
-        OPALError error = CacheGlyph(code);
+        OPALError error = IsStopped() ? OPAL_ERROR_TERMINATED : CacheGlyph(code);
         if (error == OPAL_OK)
             error = CacheKerning(code, previous);
         if (error == OPAL_OK && cachedBytes > 2 * kMaxCachedBytes)
@@ -243,7 +244,7 @@ void FreeTypeRenderer::PIMPL::Draw(int width, int height, const Rect& rect, uint
             x += rect.Width() - line->width;
         for (uint32_t i = 0; i < line->glyphCount; ++i, ++index) {
             stepOverEnd();
-            if (word == words.end())
+            if (word == words.end() || IsStopped())
                 return;
             const auto& [glyph, advance] = word->glyphs[index];
             if (visible && glyph && IsInt(x) && IsInt(y + glyph->top)) {
@@ -275,6 +276,10 @@ OPALError FreeTypeRenderer::InitializeFromMemory(const void* data, size_t size, 
     if (IsCompressed(data, size))
         return OPAL_ERROR_GENERAL;
     return m_pimpl->Initialize(nullptr, data, size, pointSize);
+}
+
+void FreeTypeRenderer::SetStop(std::function<bool()> stop) {
+    m_pimpl->stop = std::move(stop);
 }
 
 OPALError FreeTypeRenderer::Render(const std::string& text, int width, int height, const Rect& rect,

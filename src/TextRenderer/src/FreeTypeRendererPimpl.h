@@ -4,6 +4,7 @@
 #include <log4cxx/logger.h>
 #include FT_FREETYPE_H
 
+#include <functional>
 #include <map>
 #include <string>
 #include <utility>
@@ -65,13 +66,15 @@ struct FreeTypeRenderer::PIMPL {
     std::map<uint32_t, Glyph> glyphs;
     std::map<std::pair<uint32_t, uint32_t>, int> kerning;  ///< of a character and the one before
 
-    size_t cachedBytes = 0;  ///< what both caches hold, roughly
+    std::function<bool()> stop;  ///< may be empty
+    size_t cachedBytes = 0;      ///< what both caches hold, roughly
     Text characters;
     std::vector<Word> words;
     std::vector<Line> lines;
 
   private:
     void Release();
+    bool IsStopped() const { return stop && stop(); }
     OPALError _FTError2OPALError(FT_Error error, const char* file, int line);
     OPALError CacheText();
     OPALError CacheGlyph(uint32_t character);

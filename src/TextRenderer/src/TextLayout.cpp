@@ -65,6 +65,8 @@ OPALError FreeTypeRenderer::PIMPL::Layout(const std::string& utf8, int64_t limit
 OPALError FreeTypeRenderer::PIMPL::BuildWords() {
     unsigned long previous = 0;
     for (const unsigned long& character : characters) {
+        if (IsStopped())
+            return OPAL_ERROR_TERMINATED;
         const WordType type = TypeOf(character);
         if (words.empty() || words.back().type != type) {
             words.emplace_back();

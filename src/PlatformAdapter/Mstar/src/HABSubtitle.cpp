@@ -146,6 +146,8 @@ int HABSubtitle_Configure(HHABSUBTITLE hHABSubtitle, const std::string& /*codecI
     hHABSubtitle->font.Assign(static_cast<const unsigned char*>(fontData), fontData ? fontSize : 0,
                               0, false);
     hHABSubtitle->renderer.reset(new FreeTypeRenderer);
+    hHABSubtitle->renderer->SetStop(
+        [arch = hHABSubtitle->hArch] { return HABArch_IsClosing(arch); });
     const OPALError error = hHABSubtitle->renderer->InitializeFromMemory(
         hHABSubtitle->font.GetData(), hHABSubtitle->font.GetSize(), FontSize(g_canvasHeight));
     if (error == OPAL_OK && g_canvas)
