@@ -101,7 +101,7 @@ class SessionFixture : public testing::Test {
     [[nodiscard]] static bool Eventually(const std::function<bool()>& condition,
                                          std::chrono::seconds timeout = std::chrono::seconds(20));
     [[nodiscard]] bool WaitForPosition(int64_t ms);
-    /// Real time, milliseconds, that Finalize takes.
+    /// Milliseconds that Finalize takes, with the library's clock at the speed of real time.
     int64_t FinalizeMs();
 
     static uint32_t Crc(const uint8_t* data, size_t size);
