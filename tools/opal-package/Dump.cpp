@@ -4,6 +4,7 @@
 #include <array>
 #include <boost/scoped_ptr.hpp>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -387,6 +388,9 @@ class Dumper {
 }  // namespace
 
 int Dump(const std::string& path, std::ostream& out) {
+    if (std::filesystem::is_directory(path)) {
+        throw PackageError(Failure::InputOutput, path + ": is a folder");
+    }
     const std::string ending = kGoldenEnding;
     if (path.size() > ending.size() &&
         path.compare(path.size() - ending.size(), ending.size(), ending) == 0) {

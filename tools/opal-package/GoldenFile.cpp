@@ -67,6 +67,9 @@ int DumpGolden(const std::string& path, std::ostream& out) {
                       WordOf(record, kCrc));
         out << line;
     }
+    if (in.bad()) {
+        throw PackageError(Failure::InputOutput, path + ": cannot be read");
+    }
     if (in.gcount() > 0) {
         out << "damaged: " << in.gcount() << " bytes behind the last record of " << kRecordSize
             << "\n";
