@@ -127,7 +127,11 @@ TEST(PlayPartsTest, StrictComparesWhatWasShownWithWhatThereWas) {
     EXPECT_THAT(FindFaults(summary),
                 testing::ElementsAre(testing::StartsWith("2 of 100 pictures")));
     summary.jumped = true;
+    summary.framesDecoded = 200;  // and half of them flushed
     EXPECT_THAT(FindFaults(summary), testing::IsEmpty());
+    summary.framesDropped = 10;
+    EXPECT_THAT(FindFaults(summary), testing::SizeIs(1));
+    summary.framesDecoded = 98;
     summary.jumped = false;
     summary.videoUnits = 98;
     summary.durationMs = 4950;

@@ -2,6 +2,7 @@
 // print, and how they end.
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <png.h>
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
@@ -29,6 +30,19 @@ std::string TextOf(const std::string& file) {
     std::ostringstream text;
     text << std::ifstream(file, std::ios::binary).rdbuf();
     return text.str();
+}
+
+/// White pixels of a snapshot where subtitles stand, above the test film's own stripe.
+int WhiteLetters(const std::string& file) {
+    png_image png{};
+    png.version = PNG_IMAGE_VERSION;
+    EXPECT_NE(png_image_begin_read_from_file(&png, file.c_str()), 0) << file;
+    std::vector<uint8_t> rgb(PNG_IMAGE_SIZE(png));
+    EXPECT_NE(png_image_finish_read(&png, nullptr, rgb.data(), 0, nullptr), 0) << file;
+    int count = 0;
+    for (size_t i = png.height * 640 / 720 * png.width; i < png.height * 652 / 720 * png.width; ++i)
+        count += std::min({rgb[3 * i], rgb[3 * i + 1], rgb[3 * i + 2]}) > 250;
+    return count;
 }
 
 /// A program in a process of its own; standard output is a pipe unless it shall be a terminal.
@@ -111,14 +125,17 @@ class Program {
 
 class ProgramsTest : public testing::Test {
   protected:
-    static constexpr int64_t kFilmMs = 6000;
+    static constexpr int64_t kFilmMs = 8000;
+    static constexpr const char* kFont = "/usr/share/fonts/truetype/dejavu/DejaVuSans-Bold.ttf";
 
     static void SetUpTestSuite() {
         s_folder = std::make_unique<TemporaryDirectory>();
-        Program make({OPAL_PACKAGE, "-o", s_folder->File("film"), "--duration", "6", "--audio",
+        Program make({OPAL_PACKAGE, "-o", s_folder->File("film"), "--duration", "8", "--audio",
                       "eng", "--levels", "100k:160x90,300k:320x180", "--preset", "ultrafast",
-                      "--golden"});
+                      "--golden", "--font", kFont});
         ASSERT_EQ(0, make.Wait()) << make.err;
+        const std::string texts = TextOf(s_folder->File("film/text0-eng.mks"));
+        EXPECT_NE(std::string::npos, texts.find(TextOf(kFont)));
         EXPECT_EQ("", make.err);
         EXPECT_THAT(make.out, HasSubstr("100 %\n")) << "a pipe gets plain lines";
         origin::OriginOptions served;
@@ -160,25 +177,47 @@ class ProgramsTest : public testing::Test {
         return "file://" + copy + "/presentation.smil";
     }
 
+    /// Has the file served with a byte of a block turned over, at that place or soon behind it, by
+    /// default about 3 s into the film. The block's time.
+    static std::string Flip(const std::string& name, size_t at = 0) {
+        const std::string file = s_folder->File("film/" + name);
+        std::string bytes = TextOf(file);
+        at = at == 0 ? bytes.size() * 3 / 8 : at;
+        bytes.at(at) = static_cast<char>(bytes.at(at) ^ 1);
+        s_origin->AddFile(name, bytes);
+        Program flipped({OPAL_PACKAGE, "--dump", s_folder->Write("flipped", bytes)});
+        Program golden({OPAL_PACKAGE, "--dump", file + ".golden"});
+        EXPECT_EQ(0, golden.Wait());
+        std::istringstream lines(flipped.Wait() == 0 ? golden.out : "");
+        for (std::string line; std::getline(lines, line);) {
+            const size_t size = line.find(", ");
+            if (line.find("  block ") == 0 &&
+                flipped.out.find(line.substr(size)) == std::string::npos)
+                return line.substr(8, size - 8);
+        }
+        return Flip(name, at + 16);  // that was none of a block
+    }
+
     static inline std::unique_ptr<TemporaryDirectory> s_folder;
     static inline std::unique_ptr<origin::Origin> s_origin;
 };
 
 TEST_F(ProgramsTest, PlaysToTheEndAndTellsHowItWas) {
     const std::string pictures = s_folder->File("pictures");
-    Program play(Play({"--json", "--snapshots", pictures, "--snapshot-at", "1,3.5", "--output",
-                       s_folder->File("log"), "--log", s_folder->File("events")}));
+    Program play(
+        Play({"--json", "--snapshots", pictures, "--snapshot-at", "1,4", "--subtitles", "eng",
+              "--output", s_folder->File("log"), "--log", s_folder->File("events")}));
     ASSERT_EQ(0, play.Wait()) << play.err << play.out;
     const auto json = nlohmann::json::parse(play.out);  // nothing else is printed
     EXPECT_EQ("end of stream", json["outcome"]);
     EXPECT_EQ(kFilmMs, json["durationMs"]);
     EXPECT_GT(json["framesShown"], kFilmMs / 40 / 2);
     EXPECT_GE(json["audioPlayedMs"], kFilmMs / 2);
-    EXPECT_EQ(2u * kFilmMs / 2000, json["clusters"]);
+    EXPECT_EQ(3u * kFilmMs / 2000, json["clusters"]);
     EXPECT_GE(json["realMs"], kFilmMs);
     EXPECT_EQ("", play.err);
-    for (const char* name : {"/at-1s.png", "/at-3.5s.png"})
-        EXPECT_THAT(TextOf(pictures + name), StartsWith("\x89PNG")) << name;
+    EXPECT_LT(50, WhiteLetters(pictures + "/at-1s.png")) << "a text shows from 0.5 to 3.5 s";
+    EXPECT_EQ(0, WhiteLetters(pictures + "/at-4s.png"));
     EXPECT_THAT(TextOf(s_folder->File("log")), HasSubstr("KMT Version: "));
     const std::string events = TextOf(s_folder->File("events"));
     EXPECT_THAT(events, StartsWith("<device-event><action><ts>0</ts>"));
@@ -188,25 +227,47 @@ TEST_F(ProgramsTest, PlaysToTheEndAndTellsHowItWas) {
 }
 
 TEST_F(ProgramsTest, VerifiesEveryBlockAndFindsAFlippedByte) {
-    Program jumps(Play({"--at", "1:seek=4", "--at", "2:rate=-4x", "--at", "2.5:play", "--at",
-                        "3.5:rate=2x", "--verify"}));
-    EXPECT_EQ(0, jumps.Wait()) << jumps.err;
-    EXPECT_THAT(jumps.out, testing::ContainsRegex("verified video: [0-9][0-9]+ blocks, 0 mism"));
-    EXPECT_THAT(jumps.out, testing::ContainsRegex("verified audio: [0-9][0-9]+ blocks, 0 mism"));
+    s_origin->SetRate(5000000);
+    Program jumps(Play({"--strict", "--verify", "--subtitles", "0", "--at", "1.5:seek=7", "--at",
+                        "2.5:rate=-4x", "--at", "5:rate=2x", "--at", "7.5:rate=1x"}));
+    EXPECT_EQ(0, jumps.Wait()) << jumps.err << jumps.out;
+    s_origin->SetRate(origin::kUnlimited);
+    for (const char* kind : {"video: [0-9][0-9]+", "audio: [0-9][0-9]+", "subtitle: [1-9]"})
+        EXPECT_THAT(jumps.out, testing::ContainsRegex("verified " + std::string(kind) +
+                                                      " blocks, 0 mismatches\n"));
+    for (const char* line : {"level 1 to 2 of 2", "level 2 to 1 of 2", "back at the start"})
+        EXPECT_THAT(jumps.out, HasSubstr(line));
     EXPECT_THAT(jumps.out + jumps.err, testing::Not(HasSubstr("no golden file")));
 
-    std::string audio = TextOf(s_folder->File("film/audio0-eng.mka"));
-    audio[audio.size() / 2] = static_cast<char>(audio[audio.size() / 2] ^ 1);
-    s_origin->AddFile("audio0-eng.mka", audio);
-    origin::Fault gone = origin::Fault::Status(404).On("*1*.golden");  // of the better level
-    s_origin->AddFault(gone);
-    Program flipped(Play({"--strict", "--verify"}));
+    // That place of the film comes from one of the two levels.
+    const std::string video = Flip("level0-90p-100k.mkv") + "|" + Flip("level1-180p-300k.mkv");
+    const std::string audio = Flip("audio0-eng.mka");
+    const std::string texts = TextOf(s_folder->File("film/text0-eng.mks"));
+    const std::string text = Flip("text0-eng.mks", texts.find("ngstr") - 1);
+    const std::string one = " blocks, 1 mismatches at (";
+    s_origin->AddFault(origin::Fault::Status(404).On("trick.mkv.golden"));
+    Program flipped(Play({"--strict", "--verify", "--subtitles", "eng"}));
     EXPECT_EQ(3, flipped.Wait()) << flipped.err;
-    s_origin->RemoveFile("audio0-eng.mka");
-    EXPECT_THAT(flipped.out, testing::ContainsRegex("verified audio: [0-9]+ blocks, 1 mismatches "
-                                                    "at [23][0-9][0-9][0-9] ms"));
-    EXPECT_THAT(flipped.out, HasSubstr("no golden file for "));
+    for (const std::string& line :
+         {"video: 200" + one + video + ");", "audio: [0-9]+" + one + audio + ");",
+          "subtitle: 2" + one + text + ")\n"})
+        EXPECT_THAT(flipped.out, testing::ContainsRegex("verified " + line));
+    EXPECT_THAT(flipped.out, HasSubstr("no golden file for " + s_origin->Url("trick.mkv")));
     EXPECT_THAT(flipped.err, HasSubstr("1 audio blocks were not as their golden files say"));
+    s_origin->ClearFaults();
+    for (const char* file :
+         {"level0-90p-100k.mkv", "level1-180p-300k.mkv", "audio0-eng.mka", "text0-eng.mks"})
+        s_origin->RemoveFile(file);
+
+    const std::string trick = Flip("trick.mkv");
+    Program jump(Play({"--strict", "--verify", "--at", "0.5:rate=2x", "--at", "4:rate=1x"}));
+    EXPECT_EQ(3, jump.Wait()) << jump.err;
+    s_origin->RemoveFile("trick.mkv");
+    for (const std::string& line :
+         {"video: [0-9]+" + one + trick + "); [0-9]+ flushes failed: number 2 after the block of ",
+          std::string("audio: [0-9]+ blocks, 0 mismatches\n"), std::string("\nfailed flush at "),
+          std::string("rate 1x ends with a flush that failed\n")})
+        EXPECT_THAT(jump.out, testing::ContainsRegex(line));
 }
 
 TEST_F(ProgramsTest, AStoppedPackagerLeavesNothingBehind) {
@@ -243,6 +304,7 @@ TEST_F(ProgramsTest, TellHowTheyEndedAndWithWhichCode) {
         {{OPAL_PACKAGE, "-o", noise + "/x"}, 1, "", "noise.mp4/x"},
         {{OPAL_PACKAGE, "--dump", film + "/audio0-eng.mka"}, 0, "CodecID: A_AAC", ""},
         {{OPAL_PACKAGE, "--dump", noise}, 4, "damaged", ""},
+        {{OPAL_PACKAGE, "--dump", film}, 1, "", "is a folder"},
         {{OPAL_SIMULATE}, 2, "", "--film"},
         {{OPAL_SIMULATE, "--slice", "3/2", "--json-lines"}, 2, "", "3/2"},
         {{OPAL_SIMULATE, "--set", "nothing=1"}, 2, "", "nothing=1"},
@@ -264,6 +326,7 @@ TEST_F(ProgramsTest, TellHowTheyEndedAndWithWhichCode) {
         {{"/bin/sh", "-c", OPAL_ORIGIN " --quiet " + film + " >/dev/full"}, 1, "", "output"},
         {Play({"--fly"}), 2, "", "--fly"},
         {Play({"--frames", "-5"}), 2, "", "--frames"},
+        {Play({"--verify", "--ticket", "x"}, false), 2, "", "--verify needs the URL"},
         {Play({"--subtitles", "xx", "--frames", "1"}), 1, "audio: 0 eng; subtitles: ", "'xx'"},
         {{"/bin/sh", "-c",
           OPAL_PLAY " --headless --frames 1 " + s_origin->Url("presentation.smil") + " >/dev/full"},
@@ -271,6 +334,7 @@ TEST_F(ProgramsTest, TellHowTheyEndedAndWithWhichCode) {
          "",
          "output"},
         {Play({missing}, false), 1, "", missing + ": the server refuses (status 4xx); check"},
+        {Play({"--verify", missing}, false), 1, "no golden file is known", ""},
         {Play({"--json", missing + "\xff"}, false), 1, "nothing.smil\xEF\xBF\xBD\"", ""},
         {Play({"--strict", "--frames", "1"}), 3, "", "the end of the stream was not reached"},
         {Play({"--snapshots", "/proc/x"}), 1, "", "folder /proc/x cannot be made"},
@@ -278,7 +342,7 @@ TEST_F(ProgramsTest, TellHowTheyEndedAndWithWhichCode) {
                "--at", "6:quit", "--pass-through"}),
          0, "back at the start", ""},
         {Play({"--pull", "--blocks", blocks, "--json", "--pass-through"}), 0,
-         "\"pulledVideoBlocks\": 150,", ""},
+         "\"pulledVideoBlocks\": 200,", ""},
         {Play({"--pull", "--pass-through", DamagedFilm()}, false), 1, "", "(-"},
     };
     for (const auto& [words, code, out, err] : rows) {
@@ -353,8 +417,13 @@ TEST_F(ProgramsTest, KeysOnATerminalWhichIsLeftAsItWas) {
         return settings.c_lflag & static_cast<tcflag_t>(ICANON | ECHO);
     };
     const std::pair<std::string, std::string> rows[] = {
-        {"", "playing "},  {" ", "paused "},
-        {" ", "playing "}, {"\x1b[C", "buffering 0:06.0"},  // ten seconds on, at most the end
+        {"", "playing "},
+        {" ", "paused "},
+        {" ", "playing "},
+        {"s", "subtitle track 0"},
+        {"", "playing "},
+        {"s", "subtitles off"},
+        {"\x1b[C", "buffering 0:08.0"},  // ten seconds on, at most the end
         {"q", "quit at "},
     };
     const tcflag_t before = mode();

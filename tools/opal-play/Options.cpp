@@ -158,6 +158,9 @@ void Complete(Options& options, const Words& words, bool display) {
     options.snapshotsAtMs = ParseTimes(words.snapshots);
     if (options.url.empty() == options.ticket.empty())
         throw UsageError("give the URL of a manifest, or --ticket");
+    if (options.verify && options.url.empty())
+        throw UsageError(
+            "--verify needs the URL of a manifest: a ticket does not tell where golden files lie");
     if (!options.ticket.empty())
         options.url = "ticket";  // the ticket itself is a credential and is not printed
     const bool snapshots =

@@ -152,7 +152,7 @@ void Player::RecordFigures() {
 }
 
 OPALError Player::Open() {
-    if (m_options.verify && m_options.ticket.empty())
+    if (m_options.verify)
         m_verification.Attach(m_options.url);
     const OPALError code =
         m_options.ticket.empty()
@@ -172,6 +172,7 @@ void Player::Submit(const std::string& name, std::function<OPALError()> run, boo
 
 void Player::Close() {
     m_pull.Stop();
+    m_verification.GiveUp();
     if (m_commands) {
         // Finalize ends a command that still waits for the network; it may only be on its way
         // there.
@@ -218,13 +219,21 @@ void Player::Fail(const std::string& text) {
     m_console.Error(m_options.url + ": " + text);
 }
 
+/// A flush that fails because of a mismatch is what was asked for, and no error beside it.
+void Player::FailWith(const std::string& text, OPALError code) {
+    if (code != OPAL_ERROR_GENERAL || !m_options.verify || !m_verification.FlushFailed())
+        return Fail(text.empty() ? WhyText(code) : text + ": " + WhyText(code));
+    m_console.Line((text.empty() ? "playback" : text) + " ends with a flush that failed");
+    Finish(Outcome::FlushFailed);
+}
+
 void Player::Handle(const Notice& notice) {
     using Kind = Notice::Kind;
     switch (notice.kind) {
         case Kind::Opened:
             return HandleOpened(static_cast<OPALError>(notice.value));
         case Kind::Failed:
-            return Fail(notice.text + ": " + WhyText(static_cast<OPALError>(notice.value)));
+            return FailWith(notice.text, static_cast<OPALError>(notice.value));
         case Kind::Play:
         case Kind::Rate:
             return HandlePlaying(static_cast<OPALPlayRate>(notice.value));
@@ -240,9 +249,12 @@ void Player::Handle(const Notice& notice) {
         case Kind::AudioTrack:
             return m_console.Line("audio track " + std::to_string(notice.value));
         case Kind::SubtitleTrack:
-            return m_console.Line(notice.value < 0
-                                      ? std::string("subtitles off")
-                                      : "subtitle track " + std::to_string(notice.value));
+            m_console.Line(notice.value < 0 ? std::string("subtitles off")
+                                            : "subtitle track " + std::to_string(notice.value));
+            // Playback paused while the track was opened, and goes on without a word.
+            if (m_state == State::Paused && !m_pauseWanted)
+                HandlePlaying(m_rate);
+            return;
         case Kind::Underflow:
             ++m_underflows;
             m_state = State::Buffering;
@@ -257,7 +269,7 @@ void Player::Handle(const Notice& notice) {
             return m_console.Line("subtitle at " + TimeText(notice.value) + ": " + notice.text);
         case Kind::Error: {
             const OPALError code = static_cast<OPALError>(notice.value);
-            Fail(notice.text.empty() ? WhyText(code) : notice.text + ": " + WhyText(code));
+            FailWith(notice.text, code);
             if (code != OPAL_ERROR_AUDIO_UNSUPPORTED)
                 Finish(Outcome::Error);
             return;

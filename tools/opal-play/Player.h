@@ -73,6 +73,7 @@ class Player {
     void TellVerification(Summary& summary);
 
     void Fail(const std::string& text);
+    void FailWith(const std::string& text, OPALError code);
     std::string WhyText(OPALError code);
     std::string StateText() const;
     int64_t PositionMs() const;

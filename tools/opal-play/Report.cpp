@@ -30,6 +30,8 @@ const char* OutcomeText(Outcome outcome) {
             return "quit";
         case Outcome::Error:
             return "error";
+        case Outcome::FlushFailed:
+            return "failed flush";
         case Outcome::Signal:
             return "signal";
     }
@@ -272,15 +274,19 @@ std::vector<std::string> FindFaults(const Summary& summary) {
         faults.push_back("the end of the stream was not reached");
     if (!summary.errors.empty())
         faults.push_back("an error was reported");
-    const bool tooShortToTell = summary.pace == 0 && summary.durationMs < kShortMs;
+    const bool tooShortToTell =
+        summary.pace == 0 && (summary.jumped || summary.durationMs < kShortMs);
     if (!tooShortToTell && !(summary.pace >= kSlowest && summary.pace <= kFastest))
         faults.push_back(Format("the position moved at %.2f of real time", summary.pace));
     const double shown = static_cast<double>(summary.framesShown);
+    // A jump drops decoded pictures whose time had not come.
+    const uint64_t due =
+        summary.jumped ? summary.framesShown + summary.framesDropped : summary.framesDecoded;
     if (summary.framesDecoded == 0)
         faults.push_back("no picture was decoded");
-    else if (shown <= kLeastShown * static_cast<double>(summary.framesDecoded))
-        faults.push_back(Format("only %llu of %llu pictures were shown", Wide(summary.framesShown),
-                                Wide(summary.framesDecoded)));
+    else if (shown <= kLeastShown * static_cast<double>(due))
+        faults.push_back(
+            Format("only %llu of %llu pictures were shown", Wide(summary.framesShown), Wide(due)));
     if (summary.outcome != Outcome::EndOfStream || summary.jumped || summary.pull)
         return faults;
     const uint64_t met = summary.framesShown + summary.framesDropped;
@@ -302,7 +308,9 @@ int ExitCodeOf(const Summary& summary) {
         return kExitSignal;
     if (summary.outcome == Outcome::Error || !summary.errors.empty())
         return kExitError;
-    return summary.faults.empty() ? kExitDone : kExitStrict;
+    if (!summary.faults.empty())
+        return kExitStrict;
+    return summary.outcome == Outcome::FlushFailed ? kExitError : kExitDone;
 }
 
 }  // namespace opal::play

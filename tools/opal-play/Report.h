@@ -17,7 +17,7 @@ enum ExitCode : int {
     kExitSignal = 4
 };
 
-enum class Outcome { EndOfStream, TimeLimit, PictureLimit, Quit, Error, Signal };
+enum class Outcome { EndOfStream, TimeLimit, PictureLimit, Quit, Error, FlushFailed, Signal };
 
 struct Level {
     uint32_t bitrate = 0;

@@ -17,6 +17,7 @@ constexpr const char* kGoldenEnding = ".golden";
 constexpr size_t kMostManifestBytes = 8 << 20;
 constexpr long kMostSeconds = 20;
 constexpr size_t kMostTimes = 20;
+constexpr const char* kNoStreams = "no golden file is known: the manifest could not be read again";
 
 constexpr std::pair<OPALStreamType, const char*> kKinds[] = {
     {OPAL_STREAM_VIDEO, "video"}, {OPAL_STREAM_AUDIO, "audio"}, {OPAL_STREAM_SUBTITLE, "subtitle"}};
@@ -29,8 +30,12 @@ size_t Receive(char* data, size_t size, size_t count, void* target) {
     return size * count;
 }
 
+int EndIfRaised(void* stop, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    return IsRaised(static_cast<const StopSignal*>(stop)) ? 1 : 0;
+}
+
 /// Empty if there is none to be had.
-std::string Fetch(const std::string& url) {
+std::string Fetch(const std::string& url, StopSignal& stop) {
     std::string text;
     const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl(curl_easy_init(),
                                                                    &curl_easy_cleanup);
@@ -45,6 +50,9 @@ std::string Fetch(const std::string& url) {
     curl_easy_setopt(curl.get(), CURLOPT_FAILONERROR, 1L);
     curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT, kMostSeconds);
+    curl_easy_setopt(curl.get(), CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(curl.get(), CURLOPT_XFERINFOFUNCTION, &EndIfRaised);
+    curl_easy_setopt(curl.get(), CURLOPT_XFERINFODATA, &stop);
     curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, &Receive);
     curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &text);
     return curl_easy_perform(curl.get()) == CURLE_OK ? text : std::string();
@@ -59,10 +67,18 @@ Verification::~Verification() {
 
 void Verification::Attach(const std::string& manifestUrl) {
     m_attached = true;
-    for (const MediaFile& file : FindMediaFiles(Fetch(manifestUrl))) {
-        if (!GoldenFiles_Attach(file.type, file.url + kGoldenEnding))
+    const std::vector<MediaFile> files = FindMediaFiles(Fetch(manifestUrl, m_stop));
+    m_noStreams = files.empty() && !m_stop.IsRaised();
+    for (const MediaFile& file : files) {
+        if (!GoldenFiles_Attach(file.type, file.url + kGoldenEnding, &m_stop) && !m_stop.IsRaised())
             m_missing.push_back(file.url);
     }
+}
+
+bool Verification::FlushFailed() {
+    return std::any_of(std::begin(kKinds), std::end(kKinds), [](const auto& kind) {
+        return GoldenFiles_GetVerification(kind.first).flushes > 0;
+    });
 }
 
 std::vector<std::string> Verification::Report() const {
@@ -77,8 +93,15 @@ std::vector<std::string> Verification::Report() const {
             line += " and later";
         if (result.flushes > 0)
             line += "; " + std::to_string(result.flushes) + " flushes failed";
+        for (size_t i = 0; i < std::min(result.failedFlushes.size(), kMostTimes); ++i) {
+            const GoldenFlush& flush = result.failedFlushes[i];
+            line += (i == 0 ? ": number " : ", number ") + std::to_string(flush.number) +
+                    " after the block of " + std::to_string(flush.after) + " ms";
+        }
         lines.push_back(line);
     }
+    if (m_noStreams)
+        lines.emplace_back(kNoStreams);
     for (const std::string& url : m_missing)
         lines.push_back("no golden file for " + url);
     return lines;
@@ -94,6 +117,8 @@ std::vector<std::string> Verification::Faults() const {
             faults.push_back(std::to_string(result.mismatches) + " " + name +
                              " blocks were not as their golden files say");
     }
+    if (m_noStreams)
+        faults.emplace_back(kNoStreams);
     if (blocks == 0)
         faults.push_back("no block was verified");
     if (!m_missing.empty())

@@ -21,7 +21,7 @@ uint32_t ReverseBits(uint32_t value, int bits) {
     return reversed;
 }
 
-constexpr size_t kMostTimes = 1000;
+constexpr size_t kMostNoted = 1000;
 
 // What people who know the set's logs look for.
 struct Messages {
@@ -54,6 +54,7 @@ struct Kind {
     Mutex mutex;
     GoldenFileList files OPAL_GUARDED_BY(mutex);
     GoldenVerification verification OPAL_GUARDED_BY(mutex);
+    GoldenFlush latest OPAL_GUARDED_BY(mutex);  // flushes and the last block so far
 };
 
 Kind& KindOf(OPALStreamType type) {
@@ -154,27 +155,33 @@ void NoteVerified(OPALStreamType type, const BlockNode& block, bool passed) {
     Kind& kind = KindOf(type);
     MutexLock lock(kind.mutex);
     ++kind.verification.blocks;
+    kind.latest.after = block.timecode;
     if (passed)
         return;
     ++kind.verification.mismatches;
-    if (kind.verification.mismatchedAt.size() < kMostTimes)
+    if (kind.verification.mismatchedAt.size() < kMostNoted)
         kind.verification.mismatchedAt.push_back(block.timecode);
 }
 
 int VerifiedFlushResult(OPALStreamType type) {
     Kind& kind = KindOf(type);
-    if (kind.errors == 0)
+    if (!kind.verified && kind.errors == 0)
         return HAB_OK;
     MutexLock lock(kind.mutex);
+    ++kind.latest.number;
+    if (kind.errors == 0)
+        return HAB_OK;
     ++kind.verification.flushes;
+    if (kind.verification.failedFlushes.size() < kMostNoted)
+        kind.verification.failedFlushes.push_back(kind.latest);
     return HAB_FAIL;
 }
 
 }  // namespace opal
 
-bool GoldenFiles_Attach(OPALStreamType type, const std::string& url) {
+bool GoldenFiles_Attach(OPALStreamType type, const std::string& url, const opal::StopSignal* stop) {
     const auto file = boost::make_shared<GoldenFileParser>();
-    if (!file->Load(url))
+    if (!file->Load(url, stop))
         return false;
     opal::Kind& kind = opal::KindOf(type);
     opal::MutexLock lock(kind.mutex);
@@ -196,6 +203,7 @@ void GoldenFiles_DetachAll() {
         kind.verified = false;
         kind.files.clear();
         kind.verification = GoldenVerification();
+        kind.latest = GoldenFlush();
         kind.errors = 0;
     }
 }

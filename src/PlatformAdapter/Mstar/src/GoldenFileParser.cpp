@@ -23,14 +23,17 @@ uint32_t WordAt(const unsigned char* bytes) {
 
 }  // namespace
 
-bool GoldenFileParser::Load(const std::string& url) {
+bool GoldenFileParser::Load(const std::string& url, const opal::StopSignal* stop) {
     m_index = 0;
     m_size = 0;
     m_file.Resize(0, false);
     const std::unique_ptr<IHTTPFile> file(ObjectFactory::Instance().NewHTTPFile(false));
     int64_t size = 0;
     HTTPRequest request;
-    if (!file || file->Open(url) != OPAL_OK || file->GetSize(size) != OPAL_OK || size < 1 ||
+    if (!file)
+        return false;
+    file->SetStopSignal(stop);
+    if (file->Open(url) != OPAL_OK || file->GetSize(size) != OPAL_OK || size < 1 ||
         size > kMostBytes)
         return false;
     if (file->RequestRange(0, size, nullptr) != OPAL_OK ||
