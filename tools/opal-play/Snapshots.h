@@ -9,8 +9,8 @@
 
 namespace opal::play {
 
-/// Pictures of the screen at given media times, and the longest time without one. The set tells of
-/// each picture it shows; one that is due wakes the main loop, which writes the file.
+/// Pictures of the screen at given media times, and the longest time without one. The television
+/// tells of each picture it shows; one that is due wakes the main loop, which writes the file.
 class Snapshots {
   public:
     /// Makes the folder. Throws std::runtime_error if that fails.
@@ -19,7 +19,7 @@ class Snapshots {
     Snapshots(const Snapshots&) = delete;
     Snapshots& operator=(const Snapshots&) = delete;
 
-    /// Whether the set's picture times are media times: at 1x, once a jump is over.
+    /// Whether the television's picture times are media times: at 1x, once a jump is over.
     void SetLive(bool live) { m_live = live; }
     /// Takes the ones that are due; false with the reason if a file cannot be written.
     bool TakeDue(std::string& error);
