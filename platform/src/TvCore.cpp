@@ -45,9 +45,8 @@ TvCore::~TvCore() {
 
 int TvCore::Connect() {
     const opal::MutexLock lock(m_mutex);
-    if (m_connected) {
+    if (m_connected)
         return 0;
-    }
     try {
         m_decoder = m_options.decoding == Decoding::Libav ? NewLibavVideoDecoder()
                                                           : NewPassThroughVideoDecoder();
@@ -59,9 +58,8 @@ int TvCore::Connect() {
                              error.c_str());
             }
         }
-        if (!m_videoOut) {
+        if (!m_videoOut)
             m_videoOut = std::make_unique<NullVideoOut>();
-        }
         m_stop = false;
         m_presenter.Reset();
         m_events.Start();
@@ -85,9 +83,8 @@ int TvCore::Disconnect() {
     std::vector<std::thread> ending;
     {
         opal::MutexLock lock(m_mutex);
-        if (m_events.OnOwnThread()) {
+        if (m_events.OnOwnThread())
             return kFailed;
-        }
         m_stop = true;
         m_connected = false;
         m_playing = m_paused = false;
@@ -96,9 +93,8 @@ int TvCore::Disconnect() {
     }
     m_wakeups.Wake();
     m_events.Stop();
-    for (std::thread& thread : ending) {
+    for (std::thread& thread : ending)
         thread.join();
-    }
     opal::MutexLock lock(m_mutex);
     DropAll();
     m_decoder.reset();
@@ -112,18 +108,17 @@ int TvCore::CreateItem(const ST_MEDIA_INFO& info, unsigned long* item) {
     unsigned long made = 0;
     {
         const opal::MutexLock lock(m_mutex);
-        if (!m_connected || m_item != 0 || item == nullptr) {
+        if (!m_connected || m_item != 0 || item == nullptr)
             return kFailed;
-        }
         made = ++m_lastItem;
         m_item = made;
         m_itemIsNew = true;
         m_playing = m_paused = false;
         m_hasPicture = false;
-        m_audioRate = Word(info.bytes + 124);
-        m_audioChannels = 0;
-        m_openAudio = true;
-        m_resetDecoder = true;
+        m_sound.rate = Word(info.bytes + 124);
+        m_sound.channels = 0;
+        m_sound.open = true;
+        m_video.resetDecoder = true;
         m_presenter.Reset();
         Refresh();
     }
@@ -145,9 +140,8 @@ int TvCore::CreateItem(const ST_MEDIA_INFO& info, unsigned long* item) {
 int TvCore::DeleteItem(unsigned long item) {
     {
         opal::MutexLock lock(m_mutex);
-        if (!IsItem(item)) {
+        if (!IsItem(item))
             return kFailed;
-        }
         m_item = 0;
         m_playing = m_paused = false;
         DropAll();
@@ -160,9 +154,8 @@ int TvCore::DeleteItem(unsigned long item) {
 int TvCore::Play(unsigned long item) {
     {
         const opal::MutexLock lock(m_mutex);
-        if (!IsItem(item)) {
+        if (!IsItem(item))
             return kFailed;
-        }
         m_playing = true;
         m_paused = false;
         Refresh();
@@ -175,9 +168,8 @@ int TvCore::Play(unsigned long item) {
 int TvCore::Stop(unsigned long item) {
     {
         opal::MutexLock lock(m_mutex);
-        if (!IsItem(item)) {
+        if (!IsItem(item))
             return kFailed;
-        }
         m_playing = m_paused = false;
         DropAll();
     }
@@ -189,9 +181,8 @@ int TvCore::Stop(unsigned long item) {
 int TvCore::SetTrickMode(unsigned long item, const ST_TRICK_INFO& info) {
     {
         const opal::MutexLock lock(m_mutex);
-        if (!IsItem(item) || info.u32Mode > 1) {
+        if (!IsItem(item) || info.u32Mode > 1)
             return kFailed;
-        }
         m_paused = info.u32Mode == 1;
         Refresh();
     }
@@ -202,9 +193,8 @@ int TvCore::SetTrickMode(unsigned long item, const ST_TRICK_INFO& info) {
 int TvCore::SetRectangle(unsigned long item, const ST_RECT& rect) {
     {
         const opal::MutexLock lock(m_mutex);
-        if (!IsItem(item)) {
+        if (!IsItem(item))
             return kFailed;
-        }
         m_rect = rect;
         m_outputChanged = true;
     }
@@ -214,18 +204,16 @@ int TvCore::SetRectangle(unsigned long item, const ST_RECT& rect) {
 
 int TvCore::Push(unsigned long item, const ST_MMPLAYER_DATA_INFO& data) {
     const bool video = data.u32StreamType == 1;
-    if (data.u32StreamType > 1 || data.pData == nullptr || data.u32Size == 0) {
+    if (data.u32StreamType > 1 || data.pData == nullptr || data.u32Size == 0)
         return kFailed;
-    }
     Unit unit;
     unit.size = data.u32Size;
     unit.pts = data.u32Pts;
     const bool fits = unit.size <= (video ? kVideoFull : kAudioLimit);
     if (fits) {
         auto* copy = new (std::nothrow) uint8_t[unit.size + kPadding];
-        if (copy == nullptr) {
+        if (copy == nullptr)
             return kFull;
-        }
         unit.data.reset(copy);
         std::memcpy(copy, data.pData, unit.size);
         std::memset(copy + unit.size, 0, kPadding);
@@ -234,9 +222,8 @@ int TvCore::Push(unsigned long item, const ST_MMPLAYER_DATA_INFO& data) {
     bool first = false;
     {
         const opal::MutexLock lock(m_mutex);
-        if (item != 0 && !IsItem(item)) {
+        if (item != 0 && !IsItem(item))
             return kFailed;
-        }
         const bool forItem = item != 0;
         if (Control::Get().TakeRefusal(video)) {
             ++m_statistics.payloadsRefused;
@@ -259,7 +246,7 @@ int TvCore::Push(unsigned long item, const ST_MMPLAYER_DATA_INFO& data) {
 }
 
 int TvCore::PushVideo(Unit unit, bool forItem) {
-    const size_t after = m_videoBytes + unit.Cost();
+    const size_t after = m_video.bytes + unit.Cost();
     if (after > kVideoFull && forItem && Running()) {
         ++m_statistics.payloadsRefused;
         return kFull;
@@ -268,26 +255,25 @@ int TvCore::PushVideo(Unit unit, bool forItem) {
         ++m_statistics.unitsDiscarded;
         return 0;
     }
-    m_videoBytes = after;
-    m_pushedPts = unit.pts;
-    m_pictureStale |= m_flushed;
-    if (m_flushed || !m_pictureStale || unit.pts < m_highestPts) {
+    m_video.bytes = after;
+    m_video.lastPts = unit.pts;
+    m_video.screenIsStale |= m_video.flushed;
+    if (m_video.flushed || !m_video.screenIsStale || unit.pts < m_highestPts)
         m_highestPts = unit.pts;
-    }
-    m_flushed = false;
-    m_video.push_back(std::move(unit));
+    m_video.flushed = false;
+    m_video.units.push_back(std::move(unit));
     ++m_statistics.videoUnitsPushed;
     Refresh();
     return 0;
 }
 
 int TvCore::PushAudio(Unit unit) {
-    m_audioBytes += unit.Cost();
-    m_audio.push_back(std::move(unit));
+    m_sound.bytes += unit.Cost();
+    m_sound.units.push_back(std::move(unit));
     ++m_statistics.audioUnitsPushed;
-    while (m_audioBytes > kAudioLimit) {
-        m_audioBytes -= m_audio.front().Cost();
-        m_audio.pop_front();
+    while (m_sound.bytes > kAudioLimit) {
+        m_sound.bytes -= m_sound.units.front().Cost();
+        m_sound.units.pop_front();
         ++m_statistics.unitsDiscarded;
     }
     return 0;
@@ -296,9 +282,8 @@ int TvCore::PushAudio(Unit unit) {
 int TvCore::Flush(unsigned long item) {
     {
         opal::MutexLock lock(m_mutex);
-        if (!IsItem(item)) {
+        if (!IsItem(item))
             return kFailed;
-        }
         DropAll();
     }
     m_wakeups.Wake();
@@ -308,13 +293,12 @@ int TvCore::Flush(unsigned long item) {
 int TvCore::SwitchAudio(unsigned long item, uint32_t sampleRate, uint32_t channels) {
     {
         const opal::MutexLock lock(m_mutex);
-        if (!IsItem(item)) {
+        if (!IsItem(item))
             return kFailed;
-        }
         DropAudio();
-        m_audioRate = sampleRate;
-        m_audioChannels = channels;
-        m_openAudio = true;
+        m_sound.rate = sampleRate;
+        m_sound.channels = channels;
+        m_sound.open = true;
     }
     m_wakeups.Wake();
     return 0;
@@ -352,7 +336,7 @@ void TvCore::PictureSize(int& width, int& height) const {
 Statistics TvCore::GetStatistics() const {
     const opal::MutexLock lock(m_mutex);
     Statistics statistics = m_statistics;
-    statistics.audioPlayedMs = static_cast<uint64_t>(m_audioPlayedUs / 1000);
+    statistics.audioPlayedMs = static_cast<uint64_t>(m_sound.playedUs / 1000);
     statistics.shownPts = m_shownPts;
     return statistics;
 }
@@ -376,42 +360,40 @@ bool TvCore::Running() const {
 }
 
 bool TvCore::Starved() const {
-    return Running() && m_video.empty() && !m_decoding && !HasPicture();
+    return Running() && m_video.units.empty() && !m_video.decoding && !HasPicture();
 }
 
 void TvCore::Refresh() {
     const int64_t now = m_wakeups.NowMs();
     m_presenter.SetRunning(Running(), now);
-    if (!Starved()) {
-        m_starvedSince = -1;
-    } else if (m_starvedSince < 0) {
-        m_starvedSince = now;
-    }
+    if (!Starved())
+        m_video.starvedSince = -1;
+    else if (m_video.starvedSince < 0)
+        m_video.starvedSince = now;
 }
 
 void TvCore::DropAll() {
-    m_video.clear();
+    m_video.units.clear();
     m_pictures.clear();
-    m_videoBytes = 0;
-    ++m_generation;
-    m_resetDecoder = true;
-    m_decoderHolds = false;
-    m_starvedSince = -1;
-    m_flushed = true;
+    m_video.bytes = 0;
+    ++m_video.generation;
+    m_video.resetDecoder = true;
+    m_video.decoderHolds = false;
+    m_video.starvedSince = -1;
+    m_video.flushed = true;
     DropAudio();
-    while (m_showing) {
+    while (m_showing)
         m_shownOne.Wait(m_mutex);
-    }
     m_presenter.Reset();
     Refresh();
 }
 
 void TvCore::DropAudio() {
-    m_audio.clear();
-    m_audioBytes = 0;
-    ++m_audioGeneration;
-    m_soundEndPts = 0;
-    m_flushAudio = true;
+    m_sound.units.clear();
+    m_sound.bytes = 0;
+    ++m_sound.generation;
+    m_sound.endPts = 0;
+    m_sound.flush = true;
 }
 
 }  // namespace tvset

@@ -95,6 +95,34 @@ class TvCore {
     int PushVideo(Unit unit, bool forItem) OPAL_REQUIRES(m_mutex);
     int PushAudio(Unit unit) OPAL_REQUIRES(m_mutex);
 
+    /// What is pushed of the picture, until it is decoded.
+    struct VideoQueue {
+        std::deque<Unit> units;  ///< without an item: staged for the next
+        size_t bytes = 0;        ///< of `units`, and of what passes through undecoded in m_pictures
+        uint64_t generation = 0;  ///< counts flushes: what was decoded before one is not kept
+        bool resetDecoder = false;
+        bool decoding = false;
+        bool decoderHolds = false;  ///< pictures that only more units, or draining it, bring out
+        int64_t starvedSince = -1;
+        uint32_t lastPts = 0;
+        bool flushed = false;        ///< no unit came since the last flush
+        bool screenIsStale = false;  ///< units came since, and none of them is on the screen yet
+    };
+    /// What is pushed of the sound, until it is played.
+    struct SoundQueue {
+        std::deque<Unit> units;
+        size_t bytes = 0;
+        uint64_t generation = 0;
+        bool open = false;   ///< the output is to be opened
+        bool flush = false;  ///< the output is to be flushed
+        uint32_t rate = 0;
+        uint32_t channels = 0;
+        bool runs = false;
+        int64_t playedUs = 0;
+        int64_t lastMs = 0;  ///< of the last unit
+        int64_t endPts = 0;  ///< of what went to the output
+    };
+
     const Options m_options;
     const size_t m_keptBack;  ///< pictures that wait for the next before they are shown
     Wakeups m_wakeups;
@@ -117,34 +145,9 @@ class TvCore {
     bool m_playing OPAL_GUARDED_BY(m_mutex) = false;
     bool m_paused OPAL_GUARDED_BY(m_mutex) = false;
 
-    std::deque<Unit> m_video
-        OPAL_GUARDED_BY(m_mutex);  ///< not yet decoded; without an item: staged for the next
-    size_t m_videoBytes OPAL_GUARDED_BY(m_mutex) =
-        0;  ///< of m_video, and of what passes through undecoded in m_pictures
+    VideoQueue m_video OPAL_GUARDED_BY(m_mutex);
     std::deque<Picture> m_pictures OPAL_GUARDED_BY(m_mutex);
-    uint64_t m_generation OPAL_GUARDED_BY(m_mutex) =
-        0;  ///< counts flushes: what was decoded before one is not kept
-    bool m_resetDecoder OPAL_GUARDED_BY(m_mutex) = false;
-    bool m_decoding OPAL_GUARDED_BY(m_mutex) = false;
-    bool m_decoderHolds OPAL_GUARDED_BY(m_mutex) =
-        false;  ///< pictures that only more units, or draining it, bring out
-    int64_t m_starvedSince OPAL_GUARDED_BY(m_mutex) = -1;
-    uint32_t m_pushedPts OPAL_GUARDED_BY(m_mutex) = 0;  ///< of the last video unit
-    bool m_flushed OPAL_GUARDED_BY(m_mutex) = false;    ///< no video unit came since the last flush
-    bool m_pictureStale OPAL_GUARDED_BY(m_mutex) =
-        false;  ///< units came since, and none of them is on the screen yet
-
-    std::deque<Unit> m_audio OPAL_GUARDED_BY(m_mutex);
-    size_t m_audioBytes OPAL_GUARDED_BY(m_mutex) = 0;
-    uint64_t m_audioGeneration OPAL_GUARDED_BY(m_mutex) = 0;
-    bool m_openAudio OPAL_GUARDED_BY(m_mutex) = false;
-    bool m_flushAudio OPAL_GUARDED_BY(m_mutex) = false;
-    uint32_t m_audioRate OPAL_GUARDED_BY(m_mutex) = 0;
-    uint32_t m_audioChannels OPAL_GUARDED_BY(m_mutex) = 0;
-    bool m_soundRuns OPAL_GUARDED_BY(m_mutex) = false;
-    int64_t m_audioPlayedUs OPAL_GUARDED_BY(m_mutex) = 0;
-    int64_t m_soundMs OPAL_GUARDED_BY(m_mutex) = 0;      ///< of the last unit
-    int64_t m_soundEndPts OPAL_GUARDED_BY(m_mutex) = 0;  ///< of what went to the output
+    SoundQueue m_sound OPAL_GUARDED_BY(m_mutex);
 
     Presenter m_presenter OPAL_GUARDED_BY(m_mutex);
     Picture m_screen OPAL_GUARDED_BY(m_mutex);

@@ -22,9 +22,8 @@ constexpr int64_t kAudioEarlyMs = 10000;
 
 void Scale(std::vector<int16_t>& samples, unsigned percent) {
     if (percent < 100) {
-        for (int16_t& sample : samples) {
+        for (int16_t& sample : samples)
             sample = static_cast<int16_t>(sample * static_cast<int>(percent) / 100);
-        }
     }
 }
 
@@ -37,38 +36,34 @@ void TvCore::DecodeLoop() {
     while (!m_stop) {
         const uint64_t ticket = m_wakeups.Ticket();
         int64_t nextMs = kNever;
-        if (!DecodeStep(nextMs)) {
+        if (!DecodeStep(nextMs))
             m_wakeups.Sleep(Sleeper::Decode, m_mutex, nextMs, ticket);
-        }
     }
     lock.Unlock();
     m_wakeups.End(Sleeper::Decode);
 }
 
 bool TvCore::DecodeStep(int64_t& nextMs) {
-    if (m_resetDecoder) {
-        m_resetDecoder = false;
+    if (m_video.resetDecoder) {
+        m_video.resetDecoder = false;
         m_mutex.Unlock();
         m_decoder->Reset();
         m_mutex.Lock();
         return true;
     }
-    if (m_item == 0) {
+    if (m_item == 0)
         return false;
-    }
-    if (!m_video.empty()) {
-        if (m_pictures.size() >= m_decoder->MaxWaiting() + m_keptBack) {
+    if (!m_video.units.empty()) {
+        if (m_pictures.size() >= m_decoder->MaxWaiting() + m_keptBack)
             return false;
-        }
         DecodeUnit();
         return true;
     }
     Refresh();
-    if (m_starvedSince < 0 || m_decoder->Held() == 0) {
+    if (m_video.starvedSince < 0 || m_decoder->Held() == 0)
         return false;
-    }
     const int64_t drainMs =
-        m_starvedSince + (m_presenter.Stalled() ? kDrainForScreenMs : kDrainAfterMs);
+        m_video.starvedSince + (m_presenter.Stalled() ? kDrainForScreenMs : kDrainAfterMs);
     if (m_wakeups.NowMs() < drainMs) {
         nextMs = drainMs;
         return false;
@@ -78,11 +73,11 @@ bool TvCore::DecodeStep(int64_t& nextMs) {
 }
 
 void TvCore::DecodeUnit() {
-    const Unit unit = std::move(m_video.front());
-    m_video.pop_front();
-    m_videoBytes -= unit.Cost();
-    const uint64_t generation = m_generation;
-    m_decoding = true;
+    const Unit unit = std::move(m_video.units.front());
+    m_video.units.pop_front();
+    m_video.bytes -= unit.Cost();
+    const uint64_t generation = m_video.generation;
+    m_video.decoding = true;
     m_mutex.Unlock();
     std::vector<Picture> pictures;
     const unsigned errors = m_decoder->Decode(unit, pictures);
@@ -92,8 +87,8 @@ void TvCore::DecodeUnit() {
 }
 
 void TvCore::DrainDecoder() {
-    const uint64_t generation = m_generation;
-    m_decoding = true;
+    const uint64_t generation = m_video.generation;
+    m_video.decoding = true;
     m_mutex.Unlock();
     std::vector<Picture> pictures;
     m_decoder->Drain(pictures);
@@ -102,18 +97,17 @@ void TvCore::DrainDecoder() {
 }
 
 void TvCore::KeepPictures(std::vector<Picture>& pictures, uint64_t generation) {
-    m_decoding = false;
-    if (generation == m_generation) {
-        m_decoderHolds = m_decoder->Held() != 0;
+    m_video.decoding = false;
+    if (generation == m_video.generation) {
+        m_video.decoderHolds = m_decoder->Held() != 0;
         const int64_t now = m_wakeups.NowMs();
         for (Picture& picture : pictures) {
             picture.readyMs = now;
-            m_videoBytes += picture.cost;
+            m_video.bytes += picture.cost;
             auto place = m_pictures.end();
             while (!m_decoder->InOrder() && place != m_pictures.begin() &&
-                   std::prev(place)->pts > picture.pts) {
+                   std::prev(place)->pts > picture.pts)
                 --place;
-            }
             m_pictures.insert(place, std::move(picture));
             ++m_statistics.framesDecoded;
         }
@@ -129,9 +123,8 @@ void TvCore::DisplayLoop() {
     while (!m_stop) {
         const uint64_t ticket = m_wakeups.Ticket();
         int64_t nextMs = kNever;
-        if (!DisplayStep(nextMs)) {
+        if (!DisplayStep(nextMs))
             m_wakeups.Sleep(Sleeper::Display, m_mutex, nextMs, ticket);
-        }
     }
     lock.Unlock();
     m_wakeups.End(Sleeper::Display);
@@ -153,7 +146,7 @@ bool TvCore::DisplayStep(int64_t& nextMs) {
         candidate = {m_pictures.front().pts, m_pictures.front().readyMs,
                      m_pictures.front().frame != nullptr};
     }
-    const bool pipeEmpty = m_video.empty() && !m_decoding;
+    const bool pipeEmpty = m_video.units.empty() && !m_video.decoding;
     const bool ticking = m_presenter.Ticking();
     const Presenter::Decision decision = m_presenter.Next(HasPicture() ? &candidate : nullptr,
                                                           pipeEmpty, SoundEnd(), m_wakeups.NowMs());
@@ -177,7 +170,7 @@ bool TvCore::DisplayStep(int64_t& nextMs) {
 }
 
 void TvCore::PopPicture() {
-    m_videoBytes -= m_pictures.front().cost;
+    m_video.bytes -= m_pictures.front().cost;
     m_pictures.pop_front();
     Refresh();
 }
@@ -185,7 +178,7 @@ void TvCore::PopPicture() {
 void TvCore::ShowFront() {
     const Picture picture = m_pictures.front();
     PopPicture();
-    const uint64_t generation = m_generation;
+    const uint64_t generation = m_video.generation;
     m_showing = true;
     m_screen = picture;
     m_mutex.Unlock();
@@ -201,16 +194,15 @@ void TvCore::ShowFront() {
         m_statistics.pictureWidth = picture.frame->width;
         m_statistics.pictureHeight = picture.frame->height;
     }
-    if (m_statistics.firstPictureMs < 0) {
+    if (m_statistics.firstPictureMs < 0)
         m_statistics.firstPictureMs = now;
-    }
     ++m_statistics.framesShown;
     // The gauge moves last: who sees it changed must also see the new PTS, or a jump forward would
     // be taken for a decoder that has run dry behind a full queue.
     m_shownPts = picture.pts;
-    if (generation == m_generation) {
-        m_pictureStale = false;
-        m_highestPts = m_pushedPts;
+    if (generation == m_video.generation) {
+        m_video.screenIsStale = false;
+        m_highestPts = m_video.lastPts;
     }
     m_hasPicture = true;
     ++m_gauge;
@@ -233,9 +225,8 @@ void TvCore::AudioLoop() {
     while (!m_stop) {
         const uint64_t ticket = m_wakeups.Ticket();
         int64_t nextMs = kNever;
-        if (!AudioStep(nextMs)) {
+        if (!AudioStep(nextMs))
             m_wakeups.Sleep(Sleeper::Audio, m_mutex, nextMs, ticket);
-        }
     }
     lock.Unlock();
     m_audioOut.reset();
@@ -245,43 +236,37 @@ void TvCore::AudioLoop() {
 
 bool TvCore::PrepareSound() {
     const bool running = Running() && m_presenter.Ticking();
-    if (!m_openAudio && !m_flushAudio && running == m_soundRuns) {
+    if (!m_sound.open && !m_sound.flush && running == m_sound.runs)
         return false;
-    }
-    const bool open = m_openAudio;
-    const bool flush = m_flushAudio;
-    const uint32_t rate = m_audioRate;
-    const uint32_t channels = m_audioChannels;
-    m_openAudio = m_flushAudio = false;
-    m_soundRuns = running;
+    const bool open = m_sound.open;
+    const bool flush = m_sound.flush;
+    const uint32_t rate = m_sound.rate;
+    const uint32_t channels = m_sound.channels;
+    m_sound.open = m_sound.flush = false;
+    m_sound.runs = running;
     m_mutex.Unlock();
-    if (flush || open) {
+    if (flush || open)
         m_placer.Restart();
-    }
-    if (flush) {
+    if (flush)
         m_audioOut->Flush();
-    }
-    if (open) {
+    if (open)
         m_audioDecoder->Open(rate, channels);
-    }
     m_audioOut->Pause(!running);
     m_mutex.Lock();
     return true;
 }
 
 bool TvCore::AudioStep(int64_t& nextMs) {
-    if (PrepareSound()) {
+    if (PrepareSound())
         return true;
-    }
-    if (!Running() || !m_presenter.Anchored() || m_audio.empty()) {
+    if (!Running() || !m_presenter.Anchored() || m_sound.units.empty())
         return false;
-    }
-    const int64_t pts = m_audio.front().pts;
+    const int64_t pts = m_sound.units.front().pts;
     const int64_t now = m_wakeups.NowMs();
     const int64_t aheadMs = pts - m_presenter.MediaTime(now);
     if (aheadMs < -kAudioLateMs || aheadMs > kAudioEarlyMs) {
-        m_audioBytes -= m_audio.front().Cost();
-        m_audio.pop_front();
+        m_sound.bytes -= m_sound.units.front().Cost();
+        m_sound.units.pop_front();
         return true;
     }
     if (aheadMs > m_audioOut->LeadMs()) {
@@ -293,32 +278,31 @@ bool TvCore::AudioStep(int64_t& nextMs) {
 }
 
 int64_t TvCore::SoundEnd() const {
-    if (m_decoderHolds) {
+    if (m_video.decoderHolds) {
         return 0;  // pictures first
     }
-    return m_audio.empty() ? m_soundEndPts : m_audio.back().pts + m_soundMs;
+    return m_sound.units.empty() ? m_sound.endPts : m_sound.units.back().pts + m_sound.lastMs;
 }
 
 void TvCore::PlaySound() {
-    const Unit unit = std::move(m_audio.front());
-    m_audio.pop_front();
-    m_audioBytes -= unit.Cost();
-    const uint64_t generation = m_audioGeneration;
+    const Unit unit = std::move(m_sound.units.front());
+    m_sound.units.pop_front();
+    m_sound.bytes -= unit.Cost();
+    const uint64_t generation = m_sound.generation;
     m_mutex.Unlock();
     Sound sound;
     const bool decoded = m_audioDecoder->Decode(unit, m_audioOut->WantsSamples(), sound);
     Scale(sound.samples, m_volume);
     m_mutex.Lock();
-    if (!decoded) {
+    if (!decoded)
         ++m_statistics.decodeErrors;
-    } else if (generation == m_audioGeneration) {
+    else if (generation == m_sound.generation)
         Hear(unit.pts, sound);
-    }
 }
 
 void TvCore::Hear(uint32_t pts, Sound& sound) {
-    m_soundMs = sound.durationUs / 1000;
-    m_soundEndPts = pts + m_soundMs;
+    m_sound.lastMs = sound.durationUs / 1000;
+    m_sound.endPts = pts + m_sound.lastMs;
     const int64_t now = m_wakeups.NowMs();
     const int64_t dueMs = now + (pts - m_presenter.MediaTime(now));
     m_mutex.Unlock();
@@ -343,7 +327,7 @@ void TvCore::Hear(uint32_t pts, Sound& sound) {
     m_mutex.Lock();
     // What a device that lags behind makes necessary counts all the same.
     const int64_t lateUs = std::max<int64_t>(measuredMs - dueMs, 0) * 1000;
-    m_audioPlayedUs += sound.durationUs - std::min(place.skipUs, lateUs);
+    m_sound.playedUs += sound.durationUs - std::min(place.skipUs, lateUs);
 }
 
 }  // namespace tvset

@@ -31,4 +31,11 @@ void SleepMs(int64_t ms);
 /// difference with "not a time" in it).
 int64_t ToMilliseconds(const boost::posix_time::time_duration& duration);
 
+/// Whether more than `ms` have passed since `time`. The wall clock may be set back meanwhile: a
+/// time that has not come yet counts as long past, or nothing would happen until it comes again.
+inline bool IsOver(const boost::posix_time::ptime& time, int64_t ms) {
+    const int64_t since = ToMilliseconds(Now() - time);
+    return since > ms || since < 0;
+}
+
 }  // namespace opal

@@ -156,9 +156,6 @@ class StreamingController : public IStreamingController {
         size_t reportedPercent = kNone;
         /// What the handler of this turn's message wants reported to the content session.
         int playStateToReport = kNoPlayState;
-        boost::posix_time::ptime lastBuffersTold;  ///< to the observer ...
-        boost::posix_time::ptime lastSinksTold;
-        bool playingTold = false;
     };
 
     /// One turn of the loop, without its sleep.
@@ -239,7 +236,6 @@ class StreamingController : public IStreamingController {
     OPALError HandleTrickStarted(LoopState& state) OPAL_REQUIRES(m_mutex);
     OPALError HandleVideoCluster(LoopState& state) OPAL_REQUIRES(m_mutex);
     bool WatchBuffer(LoopState& state);
-    void ObserveBuffers(LoopState& state);
     OPALError IsReadyToStart() OPAL_REQUIRES(m_mutex);
     OPALError ReportPlayState(int playState);
 

@@ -17,29 +17,16 @@
 
 namespace {
 
+using opal::IsOver;
 using opal::PlayReport;
 
 constexpr int64_t kPositionPeriodMs = 999;
 constexpr int64_t kStartAgainMs = 999;
-// How often the session's observer is told of buffers and sinks.
-constexpr int64_t kBuffersPeriodMs = 199;
-constexpr int64_t kSinksPeriodMs = 999;
-
-/// Whether more than `ms` have passed since `time`. The wall clock may be set back meanwhile: a
-/// time that has not come yet counts as long past, or nothing would happen until it comes again.
-bool IsOver(const boost::posix_time::ptime& time, int64_t ms) {
-    const int64_t since = opal::ToMilliseconds(opal::Now() - time);
-    return since > ms || since < 0;
-}
 
 }  // namespace
 
 StreamingController::LoopState::LoopState()
-    : lastPositionReport(opal::Now()),
-      lastStart(opal::Now()),
-      lastLogFlush(opal::Now()),
-      lastBuffersTold(opal::Now()),
-      lastSinksTold(opal::Now()) {}
+    : lastPositionReport(opal::Now()), lastStart(opal::Now()), lastLogFlush(opal::Now()) {}
 
 // Nothing may leave the thread; least of all an exception of the listener's. Without memory even a
 // line of the log may throw.
@@ -93,11 +80,11 @@ void StreamingController::RunTurn(LoopState& state) {
             m_session->reports.BufferingProgress(state.bufferingPercent);
         }
     }
-    if (opal::SessionEventStream::IsObserved())
-        ObserveBuffers(state);
     bool writersPaused = false;
     {
         opal::RecursiveLock lock(m_mutex);
+        if (opal::SessionEventStream::IsObserved())
+            m_session->ObserveBuffers(state.playing);
         writersPaused = m_writersPaused;
     }
     const OPALError reported =
@@ -430,18 +417,6 @@ bool StreamingController::WatchBuffer(LoopState& state) {
     m_session->reports.Underflow(m_session->video.CurrentIndex());
     m_session->objects.ArmBuffering(OPAL_STREAM_VIDEO);
     return true;
-}
-
-void StreamingController::ObserveBuffers(LoopState& state) {
-    if (state.playing == state.playingTold && !IsOver(state.lastBuffersTold, kBuffersPeriodMs))
-        return;
-    opal::RecursiveLock lock(m_mutex);
-    const bool sinks = IsOver(state.lastSinksTold, kSinksPeriodMs);
-    m_session->ObserveBuffers(state.playing, sinks);
-    state.playingTold = state.playing;
-    state.lastBuffersTold = opal::Now();
-    if (sinks)
-        state.lastSinksTold = state.lastBuffersTold;
 }
 
 OPALError StreamingController::IsReadyToStart() {

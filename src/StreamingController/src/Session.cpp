@@ -21,6 +21,9 @@
 namespace {
 
 const boost::posix_time::ptime kEpoch(boost::gregorian::date(1970, 1, 1));
+// How often the session's observer is told of buffers and sinks.
+constexpr int64_t kBuffersPeriodMs = 199;
+constexpr int64_t kSinksPeriodMs = 999;
 
 }  // namespace
 
@@ -66,6 +69,7 @@ void StreamingController::Session::Reset() {
     positionAtStart = 0;
     abandonRule.Reset();
     jumpStarting = false;
+    m_told = Told();
 }
 
 /// An operation that starts playback was accepted: a stop from before it no longer holds.
@@ -254,7 +258,11 @@ OPALError StreamingController::Session::GetBufferingProgress(size_t& percent) {
     return objects.buffering.GetPercent(percent);
 }
 
-void StreamingController::Session::ObserveBuffers(bool playing, bool sinks) {
+void StreamingController::Session::ObserveBuffers(bool playing) {
+    if (playing == m_told.playing && !opal::IsOver(m_told.buffers, kBuffersPeriodMs))
+        return;
+    const bool sinks = opal::IsOver(m_told.sinks, kSinksPeriodMs);
+    m_told = {opal::Now(), sinks ? opal::Now() : m_told.sinks, playing};
     opal::BufferEvent event;
     int64_t position = 0;
     if (video.Sink() && GetPosition(position) == OPAL_OK)

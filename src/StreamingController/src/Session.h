@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "Common/Clock.h"
 #include "StreamSwitchingAlgorithm/AbandonRule.h"
 #include "StreamingController/StreamingController.h"
 #include "StreamingController/src/AudioRoad.h"
@@ -63,8 +64,8 @@ struct StreamingController::Session {
     /// jump leads.
     OPALError GetPosition(int64_t& ms);
     OPALError GetBufferingProgress(size_t& percent);
-    /// Tells the observer what is buffered, and with `sinks` what the sinks have taken.
-    void ObserveBuffers(bool playing, bool sinks);
+    /// Tells the observer now and then what is buffered and what the sinks have taken.
+    void ObserveBuffers(bool playing);
     /// Empties the streams for a jump. `position` is where playback was.
     OPALError EmptyStreams(bool subtitlesFirst, int64_t& position);
 
@@ -109,8 +110,17 @@ struct StreamingController::Session {
     std::atomic<size_t> trickEpoch{0};
 
   private:
+    /// When the observer was told what, last.
+    struct Told {
+        boost::posix_time::ptime buffers = opal::Now();
+        boost::posix_time::ptime sinks = opal::Now();
+        bool playing = false;
+    };
+
     OPALError GoToLevel(size_t level);
     OPALError EndSlowTransfer();
     bool DescribeTransfer(opal::playback::AbandonRule::Transfer& transfer,
                           std::vector<int64_t>& clusterBytes);
+
+    Told m_told;
 };
