@@ -119,10 +119,10 @@ class IStreamingController {
     //    of every key frame, and nothing else tells them. AAC: what
     //    AudioTrackInfo::codecPrivate describes, without headers of its own. Subtitles: a text
     //    in UTF-8.
-    //  - The application paces. The television takes what is at most two seconds ahead of its
-    //    position and passes over the rest, which the answer does not tell. Who pulls with the
-    //    film, a second ahead, has all of it shown; who pulls faster gets each block all the
-    //    same.
+    //  - The application paces. The television takes pictures at most two seconds ahead of its
+    //    position, and sound at most one second ahead of the pictures that it has; the rest it
+    //    passes over, which the answer does not tell. Who pulls with the film, a second ahead,
+    //    has all of it shown; who pulls faster gets each block all the same.
     //  - Sound and subtitles need not be pulled: the picture goes on without them. A text whose
     //    time has come is drawn, and PullSubtitleBlock returns when it is gone, which wants a
     //    thread of its own; a text that is pulled earlier is not drawn.
