@@ -143,10 +143,11 @@ int Serve(const Arguments& arguments) {
         const std::string scheme = arguments.settings.certificate.empty() ? "http" : "https";
         std::printf("Serving tickets at %s://%s:%u/\n", scheme.c_str(),
                     arguments.settings.address.c_str(), static_cast<unsigned>(simulator.Port()));
-        std::fflush(stdout);
+        if (std::fflush(stdout) != 0)
+            error = "standard output cannot be written";
     }
     funlockfile(stdout);
-    if (!started)
+    if (!error.empty())
         throw std::runtime_error(error);
     WriteFile(arguments.endpointFile, simulator.EndpointFile());
     WriteFile(arguments.portFile, std::to_string(simulator.Port()) + "\n");

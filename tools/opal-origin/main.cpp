@@ -91,7 +91,7 @@ void Declare(CLI::App* pApp, Arguments* pArguments) {
         ->type_name("FILE");
     pRates->require_option(0, 1);
     pApp->add_option("--latency", pArguments->latencyMs, "Milliseconds before each reply")
-        ->check(CLI::NonNegativeNumber);
+        ->check(CLI::Range(0, 3600000));
     pApp->add_option("--link-log", pArguments->linkLog,
                      "Write the link's rate over time, for opal-report --link")
         ->type_name("FILE");
