@@ -246,6 +246,30 @@ TEST_F(PlaybackTest, TrickPlayTakesKeyFramesAndComesBack) {
     EXPECT_THAT(listener.Lines(), ElementsAre("OnPlay 1 0 -1"));
 }
 
+TEST_F(PlaybackTest, TrickPlayMayComeFirstAndWhatFollowsASeekGoesToItsTarget) {
+    FilmShape film;
+    film.trick = true;
+    film.audioTracks = 2;
+    Start(film);
+    ASSERT_EQ(OPAL_OK, controller->SetPlayRate(OPAL_PLAYRATE_TWOXFF));
+    ASSERT_TRUE(UntilEvent("OnPlayRateChanged 2"));
+    ASSERT_EQ(OPAL_OK, controller->SetPlayRate(OPAL_PLAYRATE_ONEX));
+    ASSERT_TRUE(UntilEvent("OnPlay 1 0 -1")) << "with the first audio track";
+    controller->video->SetPositionMs(2500);  // and there it stays
+    int64_t position = 21000;
+    ASSERT_EQ(OPAL_OK, controller->Seek(position));
+    Forget();
+    ASSERT_TRUE(UntilEvent("OnPlay 1 0 -1"));
+    ASSERT_EQ(OPAL_OK, controller->SetAudioTrack(1));
+    ASSERT_TRUE(Until([&] { return ClusterReads("a1") > 0; }));
+    EXPECT_TRUE(HasRead("a1", 10));
+    ASSERT_EQ(OPAL_OK, controller->SetPlayRate(OPAL_PLAYRATE_TWOXFF));
+    const size_t before = controller->video->BlockCount();
+    ASSERT_TRUE(UntilEvent("OnPlayRateChanged 2"));
+    ASSERT_TRUE(Until([&] { return controller->video->BlockCount() > before; }));
+    EXPECT_LE(18000, Times(*controller->video).back());
+}
+
 TEST_F(PlaybackTest, ASeekInTrickPlayGoesOnAtTheRate) {
     FilmShape film;
     film.trick = true;
@@ -372,6 +396,9 @@ TEST_F(PlaybackTest, PositionComesOnceASecondAndNotForZero) {
     clock.Advance(1);
     Turns(1);
     EXPECT_EQ(2u, listener.Positions().size());
+    clock.Advance(-3600000);  // a wall clock may be set back
+    Turns(1);
+    EXPECT_EQ(3u, listener.Positions().size());
     controller.reset();  // its threads sleep by the clock
 }
 
