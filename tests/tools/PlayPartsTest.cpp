@@ -113,6 +113,8 @@ TEST(PlayPartsTest, AFailureNamesItsMediaFile) {
         << "another failure";
     EXPECT_THAT(ErrorText(OPAL_ERROR_HTTP_CLIENT, {"http://h:1/b.mkv", -12, false}),
                 testing::StartsWith("http://h:1/b.mkv: the server refuses"));
+    EXPECT_THAT(ErrorText(OPAL_ERROR_GENERAL, {"http://h:1/b.mkv", -12, false}),
+                testing::HasSubstr("; http://h:1/b.mkv: the server refuses"));
 }
 
 TEST(PlayPartsTest, StrictComparesWhatWasShownWithWhatThereWas) {
@@ -132,6 +134,13 @@ TEST(PlayPartsTest, StrictComparesWhatWasShownWithWhatThereWas) {
     summary.videoUnits = 98;
     summary.durationMs = 4950;
     EXPECT_THAT(FindFaults(summary), testing::SizeIs(2));
+    summary.durationMs = 4000;
+    summary.decodeErrors = 1;
+    summary.longestGapMs = 1400;
+    summary.gapEndMs = 3400;
+    EXPECT_THAT(FindFaults(summary),
+                testing::ElementsAre(testing::StartsWith("1 decoding errors"),
+                                     "no picture came between 0:02.0 and 0:03.4"));
 }
 
 }  // namespace

@@ -228,6 +228,9 @@ TEST_F(ProgramsTest, TellHowTheyEndedAndWithWhichCode) {
     const std::string missing = s_origin->Url("nothing.smil");
     const std::string bad = s_folder->File("bad");
     const std::string blocks = s_folder->File("blocks");
+    std::string gone = TextOf(film + "/presentation.smil");
+    gone.replace(gone.find("/level0"), 7, "/gone00");
+    s_folder->Write("film/gone.smil", gone);
     using Row = std::tuple<std::vector<std::string>, int, std::string, std::string>;
     const Row rows[] = {
         {{OPAL_PACKAGE, "--help"}, 0, "Exit codes", ""},
@@ -269,6 +272,8 @@ TEST_F(ProgramsTest, TellHowTheyEndedAndWithWhichCode) {
          "output"},
         {Play({missing}, false), 1, "", missing + ": the server refuses (status 4xx); check"},
         {Play({"--json", missing + "\xff"}, false), 1, "nothing.smil\xEF\xBF\xBD\"", ""},
+        {Play({s_origin->Url("gone.smil")}, false), 1, "", ".mkv: the server refuses"},
+        {Play({"--log", "/dev/full", "--frames", "1"}), 1, "", "/dev/full cannot be written"},
         {Play({"--strict", "--frames", "1"}), 3, "", "the end of the stream was not reached"},
         {Play({"--snapshots", "/proc/x"}), 1, "", "folder /proc/x cannot be made"},
         {Play({"--start", "1", "--at", "0.5:seek=2", "--at", "1:rate=-4x", "--at", "5.5:pause",
@@ -294,10 +299,10 @@ TEST_F(ProgramsTest, TheOriginPrintsItsAddressServesLogsAndStops) {
         {"url": "a.mkv", "method": "GET", "nth": 2, "hold": true, "headers": {"A": "b"}}]})");
     const std::string portFile = s_folder->File("port");
     Program program({OPAL_ORIGIN, s_folder->File("served"), "--script", script, "--port-file",
-                     portFile, "--latency", "100"});
+                     portFile, "--latency", "100", "--bind", "localhost"});
     const std::string line = program.ReadTo("\n");
-    const std::string port = line.substr(line.find("127.0.0.1:") + 10);
-    ASSERT_THAT(line, testing::MatchesRegex("Serving .* at http://127.0.0.1:[0-9]+/\n"));
+    const std::string port = line.substr(line.find("localhost:") + 10);
+    ASSERT_THAT(line, testing::MatchesRegex("Serving .* at http://localhost:[0-9]+/\n"));
     OriginClient client(static_cast<uint16_t>(std::stoul(port)));
     EXPECT_EQ("234", client.Ask("GET", "/a.mkv", "2-4").body);
     EXPECT_THAT(program.ReadTo("\n"), HasSubstr(" #1 GET /a.mkv 2-4 206 3 "));
@@ -319,6 +324,20 @@ TEST_F(ProgramsTest, ASignalEndsThePlayerEvenWhileTheServerIsSilent) {
     EXPECT_EQ(4, play.Wait());
 }
 
+TEST_F(ProgramsTest, APauseWhilePlaybackStarvesHoldsAndAFailedClusterIsNamed) {
+    s_origin->AddFault(origin::Fault::Delay(3000).On("level*").Nth(6));  // the second cluster
+    Program play(Play({"--pass-through", "--json", "--at", "2:pause", "--at", "5:quit"}));
+    ASSERT_EQ(0, play.Wait()) << play.err;
+    const auto json = nlohmann::json::parse(play.out);
+    EXPECT_EQ(1, json["underflows"]);
+    EXPECT_LT(json["positionMs"], 2000);
+    s_origin->ClearFaults();
+    s_origin->AddFault(origin::Fault::Status(503).On("level*").Nth(6));
+    Program failed(Play({"--pass-through"}));
+    EXPECT_EQ(1, failed.Wait());
+    EXPECT_THAT(failed.err, testing::ContainsRegex("level.*mkv: the server failed"));
+}
+
 TEST_F(ProgramsTest, KeysOnATerminalWhichIsLeftAsItWas) {
     Program play(Play({"--pass-through"}), true);
     const auto mode = [&play] {
@@ -327,8 +346,9 @@ TEST_F(ProgramsTest, KeysOnATerminalWhichIsLeftAsItWas) {
         return settings.c_lflag & static_cast<tcflag_t>(ICANON | ECHO);
     };
     const std::pair<std::string, std::string> rows[] = {
-        {"", "playing "},  {" ", "paused "},
-        {" ", "playing "}, {"\x1b[C", "buffering 0:06.0"},  // ten seconds on, at most the end
+        {"", "playing "},       {" ", "paused "},
+        {" ", "playing "},      {"s", "subtitle track 0"},
+        {"s", "subtitles off"}, {"\x1b[C", "buffering 0:06.0"},  // ten seconds on, at most the end
         {"q", "quit at "},
     };
     const tcflag_t before = mode();

@@ -42,4 +42,9 @@ void WriteLogsTo(const std::string& path) {
     KMTArrangeLogSender([]() -> ILogEventSender* { return new FileLogSender; });
 }
 
+bool EndLog() {
+    File().close();
+    return !File().fail();
+}
+
 }  // namespace opal::play

@@ -8,4 +8,7 @@ namespace opal::play {
 /// would be uploaded becomes a line. Throws std::runtime_error if the file cannot be written.
 void WriteLogsTo(const std::string& path);
 
+/// After the last session: closes the file. False if it was not written whole.
+bool EndLog();
+
 }  // namespace opal::play

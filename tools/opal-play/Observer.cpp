@@ -86,6 +86,8 @@ void Observer::OnRequest(const RequestEvent& event) {
             m_live.lastBitsPerSecond = event.bytes * 8 * 1000000 / us;
             m_live.lastWaitMs = event.waitUs / 1000;
         }
+        if (event.purpose == RequestPurpose::Cluster && event.end == RequestEnd::Failed)
+            m_failure = {event.url, event.result, false};
     }
     Write(event);
 }

@@ -81,7 +81,7 @@ void Declare(CLI::App& app, Options& options, Words& words) {
     app.add_option("--time-limit", words.limit, "End after TIME from the program's start")
         ->type_name("TIME");
     app.add_option("--frames", options.pictureLimit, "End when so many pictures were shown")
-        ->check(CLI::NonNegativeNumber);
+        ->check(CLI::Range(0, 1000000000));
     app.add_option("--audio-track", words.audio, "Audio track to begin with")->type_name("N");
     app.add_option("--subtitles,--subtitle-track", words.subtitle,
                    "Subtitles to begin with: a track's number, a language as eng, or off")
@@ -106,8 +106,8 @@ void Declare(CLI::App& app, Options& options, Words& words) {
     app.add_flag(
         "--strict", options.strict,
         "Fail unless the end was reached in real time, with more than 95 % of the pictures "
-        "shown and no error; where nothing jumped, also unless all that came was met and "
-        "picture and sound went on to the end");
+        "shown and no error; where nothing jumped, also unless all that came was met and decoded, "
+        "no second was without a picture, and picture and sound went on to the end");
     app.add_flag("--verify", options.verify,
                  "Compare every block with the golden file beside its media file; with --strict a "
                  "mismatch, or a stream without one, is a fault");

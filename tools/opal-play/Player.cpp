@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <stdexcept>
 #include <utility>
 
 #include "TvSet.h"
@@ -13,7 +14,6 @@ namespace opal::play {
 namespace {
 
 constexpr int kTurnMs = 20;
-constexpr int64_t kFiguresPeriodMs = 1000;
 constexpr int64_t kKeyJumpMs = 10000;
 // The listener hears of the end up to half a second before the last picture.
 constexpr int64_t kTailQuietMs = 500;
@@ -47,7 +47,11 @@ Player::~Player() {
 int Player::Run() {
     CatchSignals(m_wake);
     SetUpTheSet(m_options);
-    StartRecording();
+    m_recording.Start(m_options.recordFile, m_options.livePort, m_options.url);
+    if (!m_recording.LiveUrl().empty())
+        m_console.Line("live report: " + m_recording.LiveUrl());
+    if (SetSessionObserver(&m_observer) != OPAL_OK)
+        throw std::runtime_error("no memory to observe the session");
     if (!m_options.logFile.empty())
         WriteLogsTo(m_options.logFile);
     m_controller.reset(NewStreamingController());
@@ -75,7 +79,10 @@ int Player::Run() {
         summary.faults = FindFaults(summary);
     if (m_options.verify)
         TellVerification(summary);
-    EndRecording(summary);
+    CheckFile(m_options.blocksFile, m_pull.IsWritten(), summary);
+    CheckFile(m_options.logFile, m_options.logFile.empty() || EndLog(), summary);
+    CheckFile(m_options.recordFile, m_recording.End(ExitCodeOf(summary), SummaryJson(summary)),
+              summary);
     m_console.Print(m_options.json ? SummaryJson(summary) : SummaryText(summary));
     for (const std::string& fault : summary.faults)
         m_console.Error(m_options.url + ": " + fault);
@@ -83,6 +90,13 @@ int Player::Run() {
         return ExitCodeOf(summary);
     m_console.Error("standard output cannot be written");
     return kExitError;
+}
+
+void Player::CheckFile(const std::string& file, bool written, Summary& summary) {
+    if (written)
+        return;
+    summary.errors.push_back(file + " cannot be written");
+    m_console.Error(summary.errors.back());
 }
 
 /// To standard error where the summary is to be read by a program.
@@ -97,58 +111,6 @@ void Player::TellVerification(Summary& summary) {
         return;
     for (const std::string& fault : m_verification.Faults())
         summary.faults.push_back(fault);
-}
-
-void Player::StartRecording() {
-    if (!m_options.recordFile.empty()) {
-        m_recording.open(m_options.recordFile, std::ios::binary | std::ios::trunc);
-        if (!m_recording)
-            throw std::runtime_error(m_options.recordFile + ": cannot be written");
-    }
-    if (m_options.livePort >= 0) {
-        std::string error;
-        m_live = std::make_unique<report::LiveServer>();
-        if (!m_live->Start(static_cast<uint16_t>(m_options.livePort), &error))
-            throw std::runtime_error("--live: " + error);
-        m_console.Line("live report: " + m_live->Url());
-    }
-    if (m_recording.is_open() || m_live)
-        m_observer.Record(m_options.url, [this](const std::string& line) {
-            if (m_recording.is_open())
-                m_recording << line << std::endl;
-            if (m_live)
-                m_live->Append(line);
-        });
-    if (SetSessionObserver(&m_observer) != OPAL_OK)
-        throw std::runtime_error("no memory to observe the session");
-}
-
-void Player::EndRecording(const Summary& summary) {
-    if (!m_recording.is_open() && !m_live)
-        return;
-    RecordFigures();
-    recording::EndEvent end;
-    end.exitCode = ExitCodeOf(summary);
-    end.summary = SummaryJson(summary);
-    m_observer.Add(end);
-    if (m_live)
-        m_live->End();
-    const bool recorded = m_recording.is_open();
-    m_recording.close();
-    if (recorded && !m_recording)
-        Fail(m_options.recordFile + ": cannot be written");
-}
-
-void Player::RecordFigures() {
-    const tvset::Statistics set = tvset::GetStatistics();
-    recording::PlayerEvent event;
-    event.shown = static_cast<int64_t>(set.framesShown);
-    event.dropped = static_cast<int64_t>(set.framesDropped);
-    event.decoded = static_cast<int64_t>(set.framesDecoded);
-    event.errors = static_cast<int64_t>(set.decodeErrors);
-    event.audioMs = static_cast<int64_t>(set.audioPlayedMs);
-    m_observer.Add(event);
-    m_lastFiguresMs = MonotonicMs();
 }
 
 OPALError Player::Open() {
@@ -194,8 +156,7 @@ void Player::Turn() {
     if (m_finished)
         return;
     Account();
-    if ((m_recording.is_open() || m_live) && MonotonicMs() - m_lastFiguresMs >= kFiguresPeriodMs)
-        RecordFigures();
+    m_recording.AddFiguresWhenDue();
     CheckFirstPicture();
     TakeSnapshots();
     PerformDueActions();
@@ -610,6 +571,8 @@ Summary Player::Summarise() const {
     summary.framesShown = set.framesShown;
     summary.framesDropped = set.framesDropped;
     summary.decodeErrors = set.decodeErrors;
+    summary.longestGapMs = m_snapshots.LongestGapMs();
+    summary.gapEndMs = m_snapshots.GapEndMs();
     summary.audioPlayedMs = set.audioPlayedMs;
     summary.underflows = m_underflows;
     summary.levelChanges = m_levelChanges;

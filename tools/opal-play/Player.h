@@ -1,6 +1,5 @@
 #pragma once
 
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -15,11 +14,11 @@
 #include "opal-play/Pace.h"
 #include "opal-play/PullLoop.h"
 #include "opal-play/Report.h"
+#include "opal-play/SessionRecording.h"
 #include "opal-play/Snapshots.h"
 #include "opal-play/Tracks.h"
 #include "opal-play/Verification.h"
 #include "opal-play/Viewing.h"
-#include "opal-report/LiveServer.h"
 
 namespace opal::play {
 
@@ -41,9 +40,6 @@ class Player {
   private:
     enum class State { Opening, Buffering, Playing, Trick, Paused, Stopped, Ending };
 
-    void StartRecording();
-    void EndRecording(const Summary& summary);
-    void RecordFigures();
     OPALError Open();
     void Submit(const std::string& name, std::function<OPALError()> run, bool replaces = false);
     void Close();
@@ -71,6 +67,7 @@ class Player {
     void TakeSnapshots();
     void Account();
     void TellVerification(Summary& summary);
+    void CheckFile(const std::string& file, bool written, Summary& summary);
 
     void Fail(const std::string& text);
     std::string WhyText(OPALError code);
@@ -88,8 +85,7 @@ class Player {
     Verification m_verification;
     PullLoop m_pull;
     Observer m_observer;
-    std::ofstream m_recording;
-    std::unique_ptr<report::LiveServer> m_live;
+    SessionRecording m_recording{m_observer};
     std::unique_ptr<IStreamingController> m_controller;
     std::unique_ptr<Commands> m_commands;
 
@@ -121,7 +117,6 @@ class Player {
     uint64_t m_underflows = 0;
     bool m_firstPictureTold = false;
     int64_t m_lastProgressMs = 0;
-    int64_t m_lastFiguresMs = 0;
     bool m_statsRefused = false;
     uint64_t m_tailPictures = 0;
     int64_t m_tailSinceMs = 0;

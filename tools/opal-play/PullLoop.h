@@ -25,6 +25,8 @@ class PullLoop {
     /// `failed` is called on the thread, at most once, with a code that no further pull can mend.
     void Start(IStreamingController& controller, std::function<void(OPALError)> failed);
     void Stop();
+    /// Once it is stopped: whether the file has every line.
+    bool IsWritten() const { return !m_blocks.is_open() || m_blocks.good(); }
     void SetSpeed(int speed) { m_speed = speed; }
     uint64_t VideoBlocks() const { return m_videoBlocks; }
     uint64_t AudioBlocks() const { return m_audioBlocks; }

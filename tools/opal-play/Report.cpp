@@ -14,8 +14,8 @@ constexpr double kSlowest = 0.9;
 constexpr double kFastest = 1.1;
 constexpr int64_t kShortMs = 5000;
 /// From so many clusters on, a link without an estimate is one that cannot be measured.
-constexpr uint64_t kTellingClusters = 3;
-/// Picture and sound of a film may end this far apart.
+constexpr uint64_t kTellingClusters = 8;
+/// Picture and sound of a film may end this far apart, and two pictures may be.
 constexpr int64_t kEndMs = 1000;
 
 const char* OutcomeText(Outcome outcome) {
@@ -130,6 +130,9 @@ std::string ErrorText(OPALError code) {
 }
 
 std::string ErrorText(OPALError code, const MediaFailure& failure) {
+    // A start without a usable stream has this code whatever the reason.
+    if (code == OPAL_ERROR_GENERAL && failure.code != code && failure.code != OPAL_OK)
+        return ErrorText(code) + "; " + ErrorText(static_cast<OPALError>(failure.code), failure);
     if (failure.code != code || code == OPAL_OK)
         return ErrorText(code);
     if (!failure.found)
@@ -240,6 +243,7 @@ std::string SummaryJson(const Summary& summary) {
     json["framesShown"] = summary.framesShown;
     json["framesDropped"] = summary.framesDropped;
     json["decodeErrors"] = summary.decodeErrors;
+    json["longestGapMs"] = summary.longestGapMs;
     json["audioPlayedMs"] = summary.audioPlayedMs;
     json["underflows"] = summary.underflows;
     json["levelChanges"] = summary.levelChanges;
@@ -287,6 +291,13 @@ std::vector<std::string> FindFaults(const Summary& summary) {
     if (met < summary.videoUnits)
         faults.push_back(Format("%llu of %llu pictures never reached the screen",
                                 Wide(summary.videoUnits - met), Wide(summary.videoUnits)));
+    if (summary.decodeErrors > 0)
+        faults.push_back(Format("%llu decoding errors: blocks are damaged or missing",
+                                Wide(summary.decodeErrors)));
+    if (summary.longestGapMs > kEndMs)
+        faults.push_back("no picture came between " +
+                         TimeText(summary.gapEndMs - summary.longestGapMs) + " and " +
+                         TimeText(summary.gapEndMs));
     if (summary.lastShownMs + kEndMs < summary.durationMs)
         faults.push_back("the last picture was that of " + TimeText(summary.lastShownMs) + " of " +
                          TimeText(summary.durationMs));

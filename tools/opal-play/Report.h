@@ -65,6 +65,8 @@ struct Summary {
     uint64_t framesShown = 0;
     uint64_t framesDropped = 0;
     uint64_t decodeErrors = 0;
+    int64_t longestGapMs = 0;  ///< media time between two pictures shown one after the other ...
+    int64_t gapEndMs = 0;      ///< ... and the time of the second
     uint64_t audioPlayedMs = 0;
     uint64_t underflows = 0;
     uint64_t levelChanges = 0;

@@ -25,8 +25,7 @@ Snapshots::Snapshots(const Wake& wake, const std::string& folder, std::vector<in
     std::error_code error;
     if (!folder.empty() && !std::filesystem::create_directories(folder, error) && error)
         throw std::runtime_error("folder " + folder + " cannot be made: " + error.message());
-    if (!m_due.empty())
-        tvset::SetPictureListener([this](uint32_t ptsMs) { OnPicture(ptsMs); });
+    tvset::SetPictureListener([this](uint32_t ptsMs) { OnPicture(ptsMs); });
 }
 
 Snapshots::~Snapshots() {
@@ -34,6 +33,11 @@ Snapshots::~Snapshots() {
 }
 
 void Snapshots::OnPicture(uint32_t ptsMs) {
+    if (m_lastMs >= 0 && ptsMs - m_lastMs > m_longestGapMs) {
+        m_longestGapMs = ptsMs - m_lastMs;
+        m_gapEndMs = ptsMs;
+    }
+    m_lastMs = ptsMs;
     if (!m_live)
         return;
     m_shownMs = ptsMs;

@@ -9,8 +9,8 @@
 
 namespace opal::play {
 
-/// Pictures of the screen at given media times. The set tells of each picture it shows; one that is
-/// due wakes the main loop, which writes the file.
+/// Pictures of the screen at given media times, and the longest time without one. The set tells of
+/// each picture it shows; one that is due wakes the main loop, which writes the file.
 class Snapshots {
   public:
     /// Makes the folder. Throws std::runtime_error if that fails.
@@ -28,6 +28,10 @@ class Snapshots {
     const std::vector<Snapshot>& Taken() const { return m_taken; }
     /// Times that were never shown.
     std::vector<int64_t> Missing() const;
+    /// Media time between two pictures that were shown one after the other, at most; and the time
+    /// of the second. Says something of what is played straight through.
+    int64_t LongestGapMs() const { return m_longestGapMs; }
+    int64_t GapEndMs() const { return m_gapEndMs; }
 
   private:
     void OnPicture(uint32_t ptsMs);
@@ -40,6 +44,9 @@ class Snapshots {
     std::atomic<bool> m_live{false};
     std::atomic<int64_t> m_nextMs;
     std::atomic<int64_t> m_shownMs{-1};  ///< of a picture shown while live
+    int64_t m_lastMs = -1;               ///< of the last picture; the set's display thread's
+    std::atomic<int64_t> m_longestGapMs{0};
+    std::atomic<int64_t> m_gapEndMs{0};
 };
 
 }  // namespace opal::play

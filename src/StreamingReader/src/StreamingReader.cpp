@@ -267,8 +267,10 @@ OPALError StreamingReader::DownloadNext(OPALPlayRate rate) {
     for (const ByteRange& range : ranges) {
         // An index out of order gives sizes that are no sizes; a negative length would read to the
         // end of the file.
-        if (range.length <= 0)
+        if (range.length <= 0) {
+            TellFailure(OPAL_ERROR_INVALID_ARGUMENT, true);
             return OPAL_ERROR_INVALID_ARGUMENT;
+        }
         needed += std::min<uint64_t>(static_cast<uint64_t>(range.length),
                                      std::numeric_limits<uint64_t>::max() - needed);
     }
