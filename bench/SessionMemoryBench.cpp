@@ -1,12 +1,13 @@
 // Memory that a session at 6 Mbit/s takes while its buffers are full: the peak resident set of a
-// process that plays, less what the same process had with the set loaded and no session.
+// process that plays, less what the same process had with the television loaded and no session.
 //
 //   bench_session_memory FOLDER MANIFEST_URL    FOLDER: what is served there, of one level
 //
-// The set passes access units through undecoded and keeps no bytes of them. Each session plays in
-// a process of its own, all at once. The bound is what the buffers may hold (12 MiB of video and
-// 384,000 bytes of audio), a cluster in flight for each of the two readers, one in the parser, and
-// 16 MiB for everything else. Exit code: 0; 1 if the bound is missed; 2 if a session fails.
+// The television passes access units through undecoded and keeps no bytes of them. Each session
+// plays in a process of its own, all at once. The bound is what the buffers may hold (12 MiB of
+// video and 384,000 bytes of audio), a cluster in flight for each of the two readers, one in the
+// parser, and 16 MiB for everything else. Exit code: 0; 1 if the bound is missed; 2 if a session
+// fails.
 
 #include <poll.h>
 #include <signal.h>

@@ -4,8 +4,8 @@
 //   bench_startup OPAL_PLAY MANIFEST_URL LEVEL_URL
 //
 // opal-play's time ends with the line in which it tells of the first picture: what comes behind is
-// the end of a session, for which the set is given a second and a half. mpv's ends with the line in
-// which it opens its output, ffmpeg's with its end. Wall time, in turn. A peer that is not
+// the end of a session, for which the television is given a second and a half. mpv's ends with the
+// line in which it opens its output, ffmpeg's with its end. Wall time, in turn. A peer that is not
 // installed is left out. Exit code: 0; 2 if a player fails.
 
 #include <fcntl.h>

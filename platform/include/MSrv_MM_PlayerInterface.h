@@ -5,9 +5,9 @@
 
 #pragma GCC visibility push(default)
 
-/// The set's media player service, under the chip vendor's names. libOPAL's player bridge is the
-/// only user. A set maker puts the vendor's library in the place of the software set that is built
-/// here; the records therefore keep the vendor's shapes, spare bytes included.
+/// The television's media player service, under the chip vendor's names. libOPAL's player bridge is
+/// the only user. A television's maker puts the vendor's library in the place of the software that
+/// is built here; the records therefore keep the vendor's shapes, spare bytes included.
 
 /// Describes a media item to create. 192 bytes of which only some have a known meaning; the bridge
 /// writes them by offset. Offset 32: file length (64 bit, all ones for a live stream); 40: media

@@ -4,12 +4,12 @@
 
 #pragma GCC visibility push(default)
 
-/// The set's system services, under the chip vendor's names. All operations may be repeated.
+/// The television's system services, under the chip vendor's names. All operations may be repeated.
 class MSystem {
   public:
     static bool Initialize(int argc, char** argv, unsigned char flag);
-    /// Readies DirectFB, with arguments of the set's own. When DFBARGS names no system: X11 for a
-    /// set with a window, otherwise one without a screen, which has no layer 1.
+    /// Readies DirectFB, with arguments of the television's own. When DFBARGS names no system: X11
+    /// for a television with a window, otherwise one without a screen, which has no layer 1.
     static bool InitializeDFBLayer();
     static unsigned char bEnableInitialResLoading;
 };

@@ -9,12 +9,12 @@
 
 #pragma GCC visibility push(default)
 
-/// Control of the software television set: everything that is not part of the vendor's interface
-/// and that only someone who owns the set can do: choose its outputs, look at its screen, read its
-/// counters, and, for tests, make it misbehave and read what it was asked to do.
+/// Control of the software television: everything that is not part of the vendor's interface
+/// and that only someone who owns the television can do: choose its outputs, look at its screen,
+/// read its counters, and, for tests, make it misbehave and read what it was asked to do.
 namespace tvset {
 
-/// Time as the set sees it. Implementations are safe for use from several threads.
+/// Time as the television sees it. Implementations are safe for use from several threads.
 class Clock {
   public:
     virtual ~Clock() = default;
@@ -81,10 +81,10 @@ struct Statistics {
     uint64_t framesDecoded = 0;
     uint64_t framesShown = 0;
     uint64_t framesDropped = 0;   ///< decoded, but too late to be shown
-    uint64_t unitsDiscarded = 0;  ///< taken, but thrown away because a bound of the set was reached
+    uint64_t unitsDiscarded = 0;  ///< taken, but thrown away because a bound was reached
     uint64_t decodeErrors = 0;
     uint64_t audioPlayedMs = 0;
-    int64_t firstPictureMs = -1;  ///< set clock when the first picture was shown, -1 before
+    int64_t firstPictureMs = -1;  ///< its clock when the first picture was shown, -1 before
     int pictureWidth = 0;
     int pictureHeight = 0;
     uint32_t shownPts = 0;
@@ -97,15 +97,16 @@ Statistics GetStatistics();
 /// cannot be written.
 bool WriteSnapshot(const std::string& path, std::string* error = nullptr);
 
-/// Lines of plain text in the upper left corner of the pictures shown from now on, in the window and
-/// in snapshots; empty: none. False where there is no font for it (DejaVu Sans Mono). Any thread.
+/// Lines of plain text in the upper left corner of the pictures shown from now on, in the window
+/// and in snapshots; empty: none. False where there is no font for it (DejaVu Sans Mono). Any
+/// thread.
 bool SetStatusText(const std::string& text);
 
-/// Called on the set's display thread for each picture shown. Must not block. Empty: none. Returns
-/// only when a running call of the former listener is over; a listener must not call this.
+/// Called on the television's display thread for each picture shown. Must not block. Empty: none.
+/// Returns only when a running call of the former listener is over; a listener must not call this.
 void SetPictureListener(std::function<void(uint32_t ptsMs)> listener);
 
-/// What a test can do to the set. All of it is forgotten by `Reset()`.
+/// What a test can do to the television. All of it is forgotten by `Reset()`.
 namespace control {
 
 enum class Operation {
@@ -129,15 +130,17 @@ void Fail(Operation operation, size_t count = 1);
 /// Events of the vendor's number `event` are kept back until released, or thrown away.
 void HoldEvent(uint32_t event, bool hold);
 void DropEvent(uint32_t event, bool drop);
-/// E_EVENT_INIT_OK is delivered before the handle is written: a fault some sets have.
+/// E_EVENT_INIT_OK is delivered before the handle is written: a fault that some televisions have.
 void DeliverInitBeforeHandle(bool on);
 /// The display stops taking pictures, as if the decoder hung.
 void Freeze(bool on);
 
-/// One thing the set was asked, or did. Queries (PTS, gauge, position, size) are not recorded.
+/// One thing the television was asked, or did. Queries (PTS, gauge, position, size) are not
+/// recorded.
 struct JournalEntry {
-    /// Vendor's name of the operation, or what the set did: "event", "shown", "subtitle", "heard".
-    /// The latter's time is when its sound begins to be heard, unless a pause comes between.
+    /// Vendor's name of the operation, or what the television did: "event", "shown", "subtitle",
+    /// "heard". The latter's time is when its sound begins to be heard, unless a pause comes
+    /// between.
     std::string call;
     unsigned long item = 0;
     uint64_t value = 0;       ///< event number, PTS, data type, subtitle shown or not: by the call
@@ -151,8 +154,8 @@ struct JournalEntry {
     uint64_t thread = 0;
     int64_t timeMs = 0;
 };
-/// Waits until the set has nothing to do before its clock moves or it is asked something. False
-/// when that took more than `timeoutMs` of real time, or no player exists.
+/// Waits until the television has nothing to do before its clock moves or it is asked something.
+/// False when that took more than `timeoutMs` of real time, or no player exists.
 bool WaitIdle(int timeoutMs = 10000);
 
 /// Starts or stops recording; the journal is bounded to one million entries, the oldest kept.

@@ -2,8 +2,8 @@
 
 #include <stdint.h>
 
-/// What the television is told of the subtitle window, in C since a set maker's library stands here
-/// as well: where layer 1 already blends its windows, all three may be empty.
+/// What the television is told of the subtitle window, in C since a maker's library
+/// stands here as well: where layer 1 already blends its windows, all three may be empty.
 ///
 /// A window as `IDirectFBDisplayLayer::CreateWindow` makes it is opaque, and its LUT8 surface has a
 /// palette of colours in which half covered pixels are red. And where DirectFB's system has no

@@ -22,7 +22,7 @@ struct Unit {
 /// A decoded picture on its way to the screen.
 struct Picture {
     uint32_t pts = 0;
-    int64_t readyMs = 0;             ///< set clock when the decoder was done
+    int64_t readyMs = 0;             ///< the television's clock when the decoder was done
     size_t cost = 0;                 ///< of the unit, if that counts as queued until it is shown
     std::shared_ptr<AVFrame> frame;  ///< null: not really decoded
 };

@@ -4,13 +4,14 @@
 
 namespace tvset {
 
-/// Decides when pictures are shown, and with it runs the set's media clock, which audio follows.
+/// Decides when pictures are shown, and with it runs the television's media clock, which audio
+/// follows.
 ///
-/// The clock is anchored at the first picture after a start or flush and then ticks with the set's
-/// time. It stands while the set does not run. When the decoder has nothing left it goes on to the
-/// end of the picture on the screen, and of sound that ends little later, and waits there, so that
-/// what comes late after a starvation is shown and not thrown away. A picture that the decoder
-/// itself finished too late is dropped.
+/// The clock is anchored at the first picture after a start or flush and then ticks with the
+/// television's time. It stands while the television does not run. When the decoder has nothing
+/// left it goes on to the end of the picture on the screen, and of sound that ends little later,
+/// and waits there, so that what comes late after a starvation is shown and not thrown away. A
+/// picture that the decoder itself finished too late is dropped.
 ///
 /// Threading: none of its own; guarded by its owner. Units: milliseconds.
 class Presenter {
@@ -40,7 +41,7 @@ class Presenter {
     bool Stalled() const { return m_stalled; }
     /// Media time; only when anchored.
     int64_t MediaTime(int64_t nowMs) const;
-    /// Set time at which the media time is `pts`; never while the clock stands.
+    /// The time at which the media time is `pts`; never while the clock stands.
     int64_t WhenDue(int64_t pts) const;
 
   private:

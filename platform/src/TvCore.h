@@ -20,8 +20,8 @@
 
 namespace tvset {
 
-/// The set behind the player service: queues of access units, a thread each for decoding, display
-/// and sound, and the media clock between them.
+/// The television behind the player service: queues of access units, a thread each for decoding,
+/// display and sound, and the media clock between them.
 ///
 /// Threading: any thread may call any operation. One mutex guards all state; no decoder, output,
 /// listener or recipient is called with it held. `Flush`, `Stop` and `DeleteItem` wait for a

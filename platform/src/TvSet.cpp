@@ -95,7 +95,7 @@ Statistics GetStatistics() {
 }
 
 bool WriteSnapshot(const std::string& path, std::string* error) {
-    std::string reason = "the set is off";
+    std::string reason = "the television is off";
     bool done = false;
     if (const std::shared_ptr<TvCore> core = Registry::Get().Current()) {
         bool black = false;

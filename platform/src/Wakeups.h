@@ -11,11 +11,11 @@ namespace tvset {
 
 constexpr int64_t kNever = INT64_MAX;
 
-/// The set's threads; each sleeps in its own place.
+/// The television's threads; each sleeps in its own place.
 enum class Sleeper { Events, Decode, Display, Audio, Count };
 
-/// How the set's threads sleep on its clock, and the view of all of them that tells a test whether
-/// the set has come to rest.
+/// How the television's threads sleep on its clock, and the view of all of them that tells a test
+/// whether the television has come to rest.
 ///
 /// Threading: any thread. A leaf: it calls nothing but the clock.
 class Wakeups {

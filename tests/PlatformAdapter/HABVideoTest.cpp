@@ -83,7 +83,7 @@ TEST_F(HABVideoTest, ReversePlayMapsTimesThereAndBack) {
     m_session.QueueAll({58000, 30000, 0});
     EXPECT_THAT(Pushed(1), ElementsAre(60000, 60125, 61875, 63750, 63750));
     EXPECT_THAT(TakePrinted(), HasSubstr("RW to Final Frame \nPush Final data to ES "));
-    Settle();  // the set's clock stands still until it has looked at all of them
+    Settle();  // the television's clock stands still until it has looked at all of them
     // At the anchor itself the position stays.
     for (const auto& [ms, position] : {std::pair{60, 0}, {70, 58000}, {1800, 30000}, {2000, 0}}) {
         Advance(ms);

@@ -7,7 +7,7 @@ namespace {
 
 class PlatformSinkTest : public PlayerTest {
   protected:
-    /// A whole session, and what the set was asked in it.
+    /// A whole session, and what the television was asked in it.
     std::vector<std::string> PlayOnce() {
         control::HoldEvent(E_EVENT_INIT_OK, true);
         const size_t before = control::Journal().size();

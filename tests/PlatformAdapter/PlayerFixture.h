@@ -30,8 +30,8 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using Bytes = std::vector<uint8_t>;
 
-/// The set without decoding, on a clock that only the test and the library's sleeps move, with its
-/// journal on.
+/// The television without decoding, on a clock that only the test and the library's sleeps move,
+/// with its journal on.
 class PlayerTest : public testing::Test, private opal::Clock {
   protected:
     PlayerTest() {
@@ -50,7 +50,7 @@ class PlayerTest : public testing::Test, private opal::Clock {
         control::Reset();
     }
 
-    /// Moves the set's clock in steps small enough for every picture to come at its time.
+    /// Moves the television's clock in steps small enough for every picture to come at its time.
     void Advance(int64_t ms) {
         for (; ms > 0; ms -= 10) {
             m_clock->Advance(ms < 10 ? ms : 10);
@@ -79,7 +79,8 @@ class PlayerTest : public testing::Test, private opal::Clock {
         }
         return found;
     }
-    /// Decoder times of the payloads of one kind (1 video, 0 audio) that the set took, or refused.
+    /// Decoder times of the payloads of one kind (1 video, 0 audio) that the television took, or
+    /// refused.
     static std::vector<uint64_t> Pushed(uint32_t streamType, bool taken = true) {
         std::vector<uint64_t> times;
         for (const auto& entry : Entries("MM_PushPayload")) {
@@ -88,7 +89,7 @@ class PlayerTest : public testing::Test, private opal::Clock {
         }
         return times;
     }
-    /// The word at `offset` of a record that the set was given.
+    /// The word at `offset` of a record that the television was given.
     static uint32_t Word(const Bytes& record, size_t offset) {
         uint32_t word = 0;
         std::memcpy(&word, &record[offset], sizeof(word));

@@ -148,7 +148,7 @@ TEST_F(InitializationTest, OperationsWithoutASessionAreNotReady) {
     EXPECT_EQ(kNone, controller->GetCurrentVideoLevel());
     EXPECT_EQ(OPAL_OK, controller->GetBufferedDuration(OPAL_STREAM_VIDEO, ms));
     EXPECT_EQ(0, ms);
-    HABPreferences preferences;  // those of the set, which need no session
+    HABPreferences preferences;  // those of the television, which need no session
     EXPECT_EQ(OPAL_OK, controller->GetPlatformPreferences(preferences));
     EXPECT_EQ("english", preferences.audioLanguage);
 }

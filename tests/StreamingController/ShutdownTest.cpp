@@ -68,7 +68,7 @@ TEST_F(ShutdownTest, FinalizeDoesNotWaitForTheNetwork) {
     }
 }
 
-// As a set does that takes no more payloads, or a text that waits for a picture.
+// As a television does that takes no more payloads, or a text that waits for a picture.
 TEST_F(ShutdownTest, FinalizeEndsAWaitInsideASink) {
     Serve({});
     ASSERT_EQ(OPAL_OK, Initialize());

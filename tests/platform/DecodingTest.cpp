@@ -1,4 +1,4 @@
-// What is on the screen when the set really decodes.
+// What is on the screen when the television really decodes.
 
 #include <png.h>
 
@@ -133,7 +133,7 @@ TEST_F(Decoding, GarbageIsCountedAndForgottenWithAFlush) {
 TEST_F(Decoding, SoundOfAnyRateAndLayoutGoesToADeviceWhereThereIsOne) {
     tvset::Options options;
     options.audio = tvset::AudioOutput::Device;
-    // Rate and channels, the rate that the set is told, the driver, and what is played after
+    // Rate and channels, the rate that the television is told, the driver, and what is played after
     // 500 ms: a device is handed it 100 ms ahead.
     const std::tuple<int, int, uint32_t, const char*, double> rows[] = {
         {44100, 2, 44100, "dummy", 600},          {48000, 2, 0, "no-such-driver", 500},

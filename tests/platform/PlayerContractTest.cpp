@@ -1,4 +1,4 @@
-// What the layers above count on, whichever way the set decodes.
+// What the layers above count on, whichever way the television decodes.
 
 #include <atomic>
 #include <future>
@@ -411,7 +411,7 @@ TEST_P(PlayerContract, WrongUseIsAnsweredNotObeyed) {
     ASSERT_EQ(m_player->MM_DeleteMediaItem(m_item), 0);
     EXPECT_NE(PushVideo({1}, 0), 0);
 
-    info.bytes[80] = 9;  // no codec of this set
+    info.bytes[80] = 9;  // no codec of this television
     ASSERT_EQ(m_player->MM_CreateMediaItem(info, &m_item), 0);
     Settle();
     EXPECT_EQ(Events().back(), uint64_t{E_EVENT_INIT_FAIL});

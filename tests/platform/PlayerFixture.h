@@ -14,7 +14,7 @@
 
 using Values = std::vector<uint64_t>;
 
-/// A player on a set whose clock the test moves.
+/// A player on a television whose clock the test moves.
 class PlayerFixture : public testing::Test {
   protected:
     void Open(tvset::Options options) {
@@ -47,7 +47,7 @@ class PlayerFixture : public testing::Test {
         Run(60);
         ASSERT_EQ(Events(), (Values{E_EVENT_INIT_OK, E_EVENT_PLAYING_OK}));
     }
-    /// Values of what the set did of one kind, from an entry of the journal on.
+    /// Values of what the television did of one kind, from an entry of the journal on.
     static Values Done(const char* what, size_t from = 0) {
         Values values;
         const auto journal = tvset::control::Journal();
@@ -65,7 +65,7 @@ class PlayerFixture : public testing::Test {
 
     int PushTo(unsigned long item, const std::vector<uint8_t>& bytes, uint32_t pts,
                uint32_t streamType) {
-        std::vector<uint8_t> own = bytes;  // overwritten after the call: the set must have copied
+        std::vector<uint8_t> own = bytes;  // overwritten after the call: it must have been copied
         ST_MMPLAYER_DATA_INFO data{own.data(), static_cast<uint32_t>(own.size()), pts, streamType};
         const int result = m_player->MM_PushPayload(item, &data);
         std::fill(own.begin(), own.end(), uint8_t{0xFF});
@@ -91,7 +91,7 @@ class PlayerFixture : public testing::Test {
     }
 
     void Settle() { ASSERT_TRUE(tvset::control::WaitIdle()); }
-    /// Lets the set's time pass in steps of a few milliseconds, as it would by itself.
+    /// Lets the television's time pass in steps of a few milliseconds, as it would by itself.
     void Run(int64_t ms) {
         Settle();
         for (int64_t at = 0; at < ms; at += 20) {

@@ -27,7 +27,7 @@ TEST(System, PicksDirectFBsSystemForAWindowUnlessTheEnvironmentDoes) {
     ::unsetenv("DFBARGS");
     EXPECT_THAT(picked(":77", window), x11);
     EXPECT_THAT(picked("", window), dummy);
-    EXPECT_THAT(picked(":77", window), x11) << "kept what the set itself had picked";
+    EXPECT_THAT(picked(":77", window), x11) << "kept what the television itself had picked";
     EXPECT_THAT(picked(":77", tvset::VideoOutput::Headless), dummy) << "would open a window";
     ::unsetenv("DFBARGS");
     ::unsetenv("DISPLAY");

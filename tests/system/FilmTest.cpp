@@ -71,7 +71,7 @@ class FilmTest : public SessionFixture {
                                          static_cast<int>(png.height), code) ||
             before != tvset::GetStatistics().shownPts)
             return {};
-        // The set names its picture a moment after it shows it. Trick times it gets scaled.
+        // The television names its picture a moment after it shows it. Trick times it gets scaled.
         if (code.level != opal::package::kTrickLevel && code.timeMs != before)
             return {};
         return code;
@@ -117,7 +117,7 @@ class FilmTest : public SessionFixture {
     std::vector<int64_t> m_shown;
 };
 
-/// NAL units behind start codes in place of their lengths, as the set gets them.
+/// NAL units behind start codes in place of their lengths, as the television gets them.
 std::vector<uint8_t> WithStartCodes(std::vector<uint8_t> unit) {
     for (size_t at = 0; at + 4 <= unit.size();) {
         const size_t length = static_cast<size_t>(unit[at]) << 24 |

@@ -105,7 +105,7 @@ TEST_F(PlaybackTest, SeeksBeyondTheEndsAndDuringAStalledTransfer) {
     EXPECT_EQ(m_listener.Count("OnError -2 ''"), 0u);
 }
 
-// All that is left to play is with the set before it says that it is ready.
+// All that is left to play is with the television before it says that it is ready.
 TEST_F(PlaybackTest, AFilmOfOneClusterAndASeekToTheLastOneAtTheStart) {
     for (const int clusters : {1, 15}) {
         Presentation film;

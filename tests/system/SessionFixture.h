@@ -22,14 +22,14 @@
 
 namespace opal::test {
 
-/// How much faster than real time sessions run here: the library's clock and the set's.
+/// How much faster than real time sessions run here: the library's clock and the television's.
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 constexpr int kSpeed = 5;
 #else
 constexpr int kSpeed = 10;
 #endif
 
-/// Stream types in the journal of the set.
+/// Stream types in the journal of the television.
 constexpr uint32_t kAudio = 0;
 constexpr uint32_t kVideo = 1;
 
@@ -77,7 +77,7 @@ class SwitchingObserver : public ISessionObserver {
     std::vector<recording::Record> m_records;
 };
 
-/// The whole library over a loopback origin, on the set in pass-through mode.
+/// The whole library over a loopback origin, on the television in pass-through mode.
 class SessionFixture : public testing::Test {
   protected:
     explicit SessionFixture(int speed = kSpeed,
@@ -105,9 +105,10 @@ class SessionFixture : public testing::Test {
     int64_t FinalizeMs();
 
     static uint32_t Crc(const uint8_t* data, size_t size);
-    /// Access units that reached the set since the journal began, as the journal has them.
+    /// Access units that reached the television since the journal began, as the journal has them.
     static std::vector<SeenBlock> Pushed(uint32_t streamType);
-    /// What the set must get of a file: blocks with start codes in place of lengths for video.
+    /// What the television must get of a file: blocks with start codes in place of lengths for
+    /// video.
     std::vector<SeenBlock> ExpectedBlocks(const std::string& file) const;
     /// Ranges of clusters asked for, in order: "level1/3" for cluster 3 of level 1.
     std::vector<std::string> ClusterRequests() const;

@@ -184,7 +184,7 @@ class Work : public FilmSink {
     void PlanSounds() {
         std::vector<FilmSound> sounds = m_film->Info().sounds;
         if (sounds.empty()) {
-            // A set starts its picture together with the sound, so there must be one.
+            // A television starts its picture together with the sound, so there must be one.
             Note("the source has no sound; a silent track is added");
             sounds.push_back({"und", 48000});
         }

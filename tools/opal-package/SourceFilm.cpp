@@ -35,7 +35,7 @@ std::string Language(const AVStream& stream) {
     return usable ? language : "und";
 }
 
-/// Rates that sets play; anything else is converted to 48 kHz.
+/// Rates that televisions play; anything else is converted to 48 kHz.
 int OutputRate(int sourceRate) {
     return sourceRate == 32000 || sourceRate == 44100 ? sourceRate : 48000;
 }
@@ -199,7 +199,7 @@ class SourceFilm : public Film {
         if (m_options.copy && (!properties.turn.empty() || properties.highDynamicRange)) {
             Refuse(std::string("its pictures are ") +
                    (properties.highDynamicRange ? "of high dynamic range" : "to be turned") +
-                   ", which sets do not do; leave out --copy");
+                   ", which televisions do not do; leave out --copy");
         }
         if (properties.sideways) {
             std::swap(m_info.width, m_info.height);
@@ -228,7 +228,7 @@ class SourceFilm : public Film {
         const AVCodecParameters& parameters = *stream.codecpar;
         if (parameters.codec_id != AV_CODEC_ID_H264) {
             Refuse(std::string("its video is ") + avcodec_get_name(parameters.codec_id) +
-                   ", which sets do not decode; leave out --copy, or convert it with: " +
+                   ", which televisions do not decode; leave out --copy, or convert it with: " +
                    MendingCommand(m_options.input));
         }
         const bool plain =

@@ -97,7 +97,7 @@ void Declare(CLI::App& app, Options& options, Words& words) {
     app.add_flag("--headless", words.headless, "No window and no sound");
     app.add_flag("--silent", words.silent, "No sound");
     app.add_flag("--pass-through", options.passThrough,
-                 "The set takes access units for pictures and decodes nothing");
+                 "The television takes access units for pictures and decodes nothing");
     app.add_option("--snapshots", options.snapshotFolder, "Folder for pictures of the screen")
         ->type_name("FOLDER");
     app.add_option("--snapshot-at", words.snapshots, "Media TIMEs of snapshots, as 5,15,25")

@@ -26,7 +26,7 @@ struct Options {
     std::string blocksFile;  ///< pull model: a line for each block goes here
     bool window = false;
     bool sound = false;
-    bool passThrough = false;  ///< the set decodes nothing
+    bool passThrough = false;  ///< the television decodes nothing
     int64_t startMs = 0;
     int64_t timeLimitMs = 0;  ///< 0: none
     uint64_t pictureLimit = 0;

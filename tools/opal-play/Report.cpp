@@ -120,7 +120,8 @@ std::string ErrorText(OPALError code) {
         {OPAL_ERROR_CONNECT, "no connection, or no such file; is the server running?"},
         {OPAL_ERROR_LINK_DOWN, "the network link is down"},
         {OPAL_ERROR_LINK_UNKNOWN, "no connection, and the network link's state is not known"},
-        {OPAL_ERROR_AUDIO_UNSUPPORTED, "the set does not take this audio track; use another"},
+        {OPAL_ERROR_AUDIO_UNSUPPORTED,
+         "the television does not take this audio track; use another"},
     };
     for (const Row& row : kRows) {
         if (row.code == code)

@@ -58,7 +58,7 @@ struct Summary {
     int64_t stalledMs = 0;
     std::vector<Level> levels;
     std::vector<int64_t> watchedMs;  ///< by level, as far as there was any
-    uint64_t videoUnits = 0;         ///< that the set was given
+    uint64_t videoUnits = 0;         ///< that the television was given
     uint64_t audioUnits = 0;
     int64_t lastShownMs = 0;
     uint64_t framesDecoded = 0;

@@ -19,9 +19,9 @@ class StopSignal;
 
 int HABArch_New(HABArch** phHABArch);
 int HABArch_Delete(HHABARCH hHABArch);
-/// Does nothing, deliberately: this set has nothing to suspend.
+/// Does nothing, deliberately: this television has nothing to suspend.
 int HABArch_suspendExecution(HHABARCH hHABArch, uint32_t ms);
-/// Fixed values: this set asks nobody.
+/// Fixed values: this television asks nobody.
 int HABArch_GetPreferences(HHABARCH hHABArch, HABPreferences& prefs);
 /// The session's signal, which outlives the record; null for none. Everything that waits inside the
 /// sinks (a refused payload, a text on the screen, a flush) looks at the signal and ends its wait

@@ -29,5 +29,5 @@ int HABSubtitle_Queue(HHABSUBTITLE hHABSubtitle, void* pSubtitleData, size_t dat
                       uint32_t timestamp, uint64_t duration);
 int HABSubtitle_Flush(HHABSUBTITLE hHABSubtitle);
 int HABSubtitle_Pause(HHABSUBTITLE hHABSubtitle, uint8_t paused);
-/// Does nothing, deliberately: this set keeps what it shows.
+/// Does nothing, deliberately: this television keeps what it shows.
 int HABSubtitle_Refresh(HHABSUBTITLE hHABSubtitle);

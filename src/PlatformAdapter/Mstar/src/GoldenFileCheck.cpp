@@ -23,7 +23,7 @@ uint32_t ReverseBits(uint32_t value, int bits) {
 
 constexpr size_t kMostTimes = 1000;
 
-// What people who know the set's logs look for.
+// What people who know the television's logs look for.
 struct Messages {
     const char* before;  // each line
     const char* notFound;

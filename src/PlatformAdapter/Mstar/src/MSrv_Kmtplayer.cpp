@@ -26,7 +26,7 @@ constexpr ST_TRICK_INFO g_trickInfo = {0, 1};
 std::atomic<bool> g_paused{false};  // set with the lock held shared
 bool g_systemReady OPAL_GUARDED_BY(g_playerMutex) = false;
 ST_RECT g_displayRect OPAL_GUARDED_BY(g_playerMutex) = {};
-// Nothing here sets it, deliberately: the picture fills the screen. A set that wants another
+// Nothing here sets it, deliberately: the picture fills the screen. A television that wants another
 // rectangle begins here.
 bool g_displayRectSet OPAL_GUARDED_BY(g_playerMutex) = false;
 bool g_mutexReady OPAL_GUARDED_BY(g_playerMutex) = false;

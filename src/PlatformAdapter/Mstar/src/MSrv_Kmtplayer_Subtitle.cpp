@@ -211,7 +211,7 @@ void MSrv_Kmtplayer_Subtitle::CreateOnScreenWindow() {
         description.flags = DFDESC_HEIGHT;
         description.height = kFontHeight;
         description.width = kFontWidth;
-        // Many sets have no such file; only DrawText needs it.
+        // Many televisions have no such file; only DrawText needs it.
         if (DFB_DO(m_pDFB->CreateFont(m_pDFB, kFontFile, &description, &window.pFont)))
             (void)DFB_DO(window.m_pSurface->SetFont(window.m_pSurface, window.pFont));
         else
