@@ -92,15 +92,13 @@ class LibavAudioDecoder : public AudioDecoder {
         context->extradata_size = static_cast<int>(config.size());
         context->thread_count = 1;
         context->log_level_offset = AV_LOG_TRACE;
-        if (avcodec_open2(context.get(), codec, nullptr) >= 0) {
+        if (avcodec_open2(context.get(), codec, nullptr) >= 0)
             m_context = std::move(context);
-        }
     }
 
     bool Try(const Unit& unit, bool wantSamples, Sound& out) {
-        if (!m_context || !m_packet || !m_frame) {
+        if (!m_context || !m_packet || !m_frame)
             return false;
-        }
         m_packet->data = unit.data.get();
         m_packet->size = static_cast<int>(unit.size);
         const int sent = avcodec_send_packet(m_context.get(), m_packet.get());
@@ -113,9 +111,8 @@ class LibavAudioDecoder : public AudioDecoder {
                 out.durationUs +=
                     int64_t{m_frame->nb_samples} * 1000000 / int64_t{m_frame->sample_rate};
             }
-            if (wantSamples) {
+            if (wantSamples)
                 Resample(out.samples);
-            }
             av_frame_unref(m_frame.get());
         }
         return any;
@@ -138,9 +135,8 @@ class LibavAudioDecoder : public AudioDecoder {
             m_resamplerChannels = m_frame->ch_layout.nb_channels;
         }
         const int room = swr_get_out_samples(m_resampler.get(), m_frame->nb_samples);
-        if (room <= 0) {
+        if (room <= 0)
             return;
-        }
         const size_t before = out.size();
         out.resize(before + static_cast<size_t>(room) * AudioOut::kChannels);
         auto* target = reinterpret_cast<uint8_t*>(out.data() + before);

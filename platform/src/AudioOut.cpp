@@ -45,9 +45,8 @@ class SdlAudioOut : public AudioOut {
   public:
     static std::unique_ptr<AudioOut> Open() {
         SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
-        if (SDL_InitSubSystem(SDL_INIT_AUDIO) != 0) {
+        if (SDL_InitSubSystem(SDL_INIT_AUDIO) != 0)
             return nullptr;
-        }
         SDL_AudioSpec wanted{};
         wanted.freq = kRate;
         wanted.format = AUDIO_S16SYS;
@@ -100,17 +99,15 @@ class SdlAudioOut : public AudioOut {
 
 std::unique_ptr<AudioOut> NewAudioOut(AudioOutput kind, std::shared_ptr<Clock> clock) {
     std::unique_ptr<AudioOut> out;
-    if (kind == AudioOutput::Device) {
+    if (kind == AudioOutput::Device)
         out = SdlAudioOut::Open();
-    }
     return out ? std::move(out) : std::make_unique<SilentAudioOut>(std::move(clock));
 }
 
 SoundPlacer::Place SoundPlacer::Next(int64_t aheadUs, int64_t queuedUs, int64_t durationUs) {
     const int64_t lateUs = queuedUs - aheadUs;
-    if (m_placed && std::abs(lateUs) <= kToleranceUs) {
+    if (m_placed && std::abs(lateUs) <= kToleranceUs)
         return {0, 0};
-    }
     const int64_t skipUs = std::clamp<int64_t>(lateUs, 0, durationUs);
     m_placed = skipUs < durationUs;
     return {m_placed ? std::max<int64_t>(-lateUs, 0) : 0, skipUs};

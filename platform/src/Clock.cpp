@@ -27,9 +27,8 @@ class RealClock : public Clock {
         opal::MutexLock lock(m_mutex);
         while (m_interrupts == seen) {
             const int64_t rest = ms - NowMs();
-            if (rest <= 0) {
+            if (rest <= 0)
                 return;
-            }
             // An hour at a time: no deadline is too far for the arithmetic.
             const double real = std::min(static_cast<double>(rest) / m_speed, 3.6e6);
             (void)m_changed.WaitFor(m_mutex, std::chrono::duration<double, std::milli>(real));
@@ -70,9 +69,8 @@ class StandingClock : public ManualClock {
 
     void SleepUntil(int64_t ms, uint64_t seen) override {
         opal::MutexLock lock(m_mutex);
-        while (m_interrupts == seen && m_now < ms) {
+        while (m_interrupts == seen && m_now < ms)
             m_changed.Wait(m_mutex);
-        }
     }
 
     void Interrupt() override {

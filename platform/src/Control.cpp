@@ -11,12 +11,10 @@ namespace {
 constexpr size_t kJournalLimit = 1000000;
 
 bool TakeOne(size_t& count) {
-    if (count == 0) {
+    if (count == 0)
         return false;
-    }
-    if (count != SIZE_MAX) {
+    if (count != SIZE_MAX)
         --count;
-    }
     return true;
 }
 
@@ -24,9 +22,8 @@ std::array<uint32_t, 256> MakeCrcTable() {
     std::array<uint32_t, 256> table{};
     for (uint32_t i = 0; i < 256; ++i) {
         uint32_t value = i;
-        for (int bit = 0; bit < 8; ++bit) {
+        for (int bit = 0; bit < 8; ++bit)
             value = (value & 1) != 0 ? (value >> 1) ^ 0xEDB88320u : value >> 1;
-        }
         table[i] = value;
     }
     return table;
@@ -38,9 +35,8 @@ uint32_t Crc32(const void* data, size_t size) {
     static const std::array<uint32_t, 256> table = MakeCrcTable();
     const auto* bytes = static_cast<const uint8_t*>(data);
     uint32_t crc = 0xFFFFFFFFu;
-    for (size_t i = 0; i < size; ++i) {
+    for (size_t i = 0; i < size; ++i)
         crc = table[(crc ^ bytes[i]) & 0xFF] ^ (crc >> 8);
-    }
     return ~crc;
 }
 
@@ -78,20 +74,18 @@ void Control::Fail(control::Operation operation, size_t count) {
 
 void Control::HoldEvent(uint32_t event, bool hold) {
     const opal::MutexLock lock(m_mutex);
-    if (hold) {
+    if (hold)
         m_held.insert(event);
-    } else {
+    else
         m_held.erase(event);
-    }
 }
 
 void Control::DropEvent(uint32_t event, bool drop) {
     const opal::MutexLock lock(m_mutex);
-    if (drop) {
+    if (drop)
         m_dropped.insert(event);
-    } else {
+    else
         m_dropped.erase(event);
-    }
 }
 
 bool Control::TakeFailure(control::Operation operation) {
@@ -116,14 +110,12 @@ bool Control::IsDropped(uint32_t event) const {
 }
 
 size_t Control::Append(control::JournalEntry entry, int64_t laterMs) {
-    if (!m_recording) {
+    if (!m_recording)
         return SIZE_MAX;
-    }
     entry.thread = ThreadNumber();
     const opal::MutexLock lock(m_mutex);
-    if (m_journal.size() >= kJournalLimit) {
+    if (m_journal.size() >= kJournalLimit)
         return SIZE_MAX;
-    }
     entry.timeMs = m_clock ? m_clock->NowMs() + laterMs : 0;
     m_journal.push_back(std::move(entry));
     return m_journal.size() - 1;
@@ -131,9 +123,8 @@ size_t Control::Append(control::JournalEntry entry, int64_t laterMs) {
 
 void Control::SetResult(size_t index, int result) {
     const opal::MutexLock lock(m_mutex);
-    if (index < m_journal.size()) {
+    if (index < m_journal.size())
         m_journal[index].result = result;
-    }
 }
 
 std::vector<control::JournalEntry> Control::Journal() const {

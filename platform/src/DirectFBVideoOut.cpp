@@ -33,17 +33,14 @@ class DirectFBVideoOut : public VideoOut {
     DFBResult Open() {
         DFBResult result = MSystem::InitializeDFBLayer() ? DFB_OK : DFB_INIT;
         IDirectFB* directFB = nullptr;
-        if (result == DFB_OK) {
+        if (result == DFB_OK)
             result = DirectFBCreate(&directFB);
-        }
-        if (result == DFB_OK) {
+        if (result == DFB_OK)
             KeepUntilExit(*directFB);
-        }
         m_directFB.reset(directFB);
         IDirectFBDisplayLayer* layer = nullptr;
-        if (result == DFB_OK) {
+        if (result == DFB_OK)
             result = directFB->GetDisplayLayer(directFB, kLayer, &layer);
-        }
         m_layer.reset(layer);
         return result == DFB_OK ? OpenWindow() : result;
     }
@@ -88,9 +85,8 @@ class DirectFBVideoOut : public VideoOut {
         IDirectFBWindow* window = nullptr;
         DFBResult result = m_layer->CreateWindow(m_layer.get(), &description, &window);
         m_window.reset(window);
-        if (result != DFB_OK) {
+        if (result != DFB_OK)
             return result;
-        }
         IDirectFBSurface* surface = nullptr;
         result = window->GetSurface(window, &surface);
         m_surface.reset(surface);
@@ -111,18 +107,16 @@ class DirectFBVideoOut : public VideoOut {
             m_cleared = true;
         }
         m_drawn = fit;
-        if (picture) {
+        if (picture)
             DrawPicture(*m_picture.frame, fit);
-        }
         (void)m_surface->Flip(m_surface.get(), nullptr, DSFLIP_NONE);
     }
 
     void DrawPicture(const AVFrame& frame, const Area& fit) {
         void* pixels = nullptr;
         int pitch = 0;
-        if (m_surface->Lock(m_surface.get(), DSLF_WRITE, &pixels, &pitch) != DFB_OK) {
+        if (m_surface->Lock(m_surface.get(), DSLF_WRITE, &pixels, &pitch) != DFB_OK)
             return;
-        }
         auto* target = static_cast<uint8_t*>(pixels) + static_cast<ptrdiff_t>(fit.y) * pitch +
                        static_cast<ptrdiff_t>(fit.x) * 4;
         (void)m_converter.Convert(frame, AV_PIX_FMT_BGRA, fit.width, fit.height, target, pitch);

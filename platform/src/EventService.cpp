@@ -48,18 +48,16 @@ bool EventService::Remove(MSRV_MM_EVENT_RECIPIENT recipient) {
     const auto end = std::remove(m_recipients.begin(), m_recipients.end(), recipient);
     const bool found = end != m_recipients.end();
     m_recipients.erase(end, m_recipients.end());
-    while (std::this_thread::get_id() != m_threadId && m_running == recipient) {
+    while (std::this_thread::get_id() != m_threadId && m_running == recipient)
         m_delivered.Wait(m_mutex);
-    }
     return found;
 }
 
 void EventService::Post(EN_PLAYER_EVENT event, unsigned long item, int64_t delayMs) {
     {
         const opal::MutexLock lock(m_mutex);
-        if (m_stop) {
+        if (m_stop)
             return;
-        }
         m_queue.push_back({event, item, m_wakeups.NowMs() + delayMs});
     }
     m_wakeups.Wake();
@@ -93,14 +91,11 @@ bool EventService::TakeDue(Pending& pending, int64_t& nextMs) {
     nextMs = kNever;
     auto best = m_queue.end();
     for (auto it = m_queue.begin(); it != m_queue.end(); ++it) {
-        if (!Control::Get().IsHeld(it->event) &&
-            (best == m_queue.end() || it->dueMs < best->dueMs)) {
+        if (!Control::Get().IsHeld(it->event) && (best == m_queue.end() || it->dueMs < best->dueMs))
             best = it;
-        }
     }
-    if (best == m_queue.end()) {
+    if (best == m_queue.end())
         return false;
-    }
     if (best->dueMs > m_wakeups.NowMs()) {
         nextMs = best->dueMs;
         return false;

@@ -55,24 +55,21 @@ class LibavVideoDecoder : public VideoDecoder {
     LibavVideoDecoder() : m_packet(av_packet_alloc()) {
         const AVCodec* codec = avcodec_find_decoder(AV_CODEC_ID_H264);
         m_context.reset(codec != nullptr ? avcodec_alloc_context3(codec) : nullptr);
-        if (!m_context || !m_packet) {
+        if (!m_context || !m_packet)
             throw std::runtime_error("no H.264 decoder in libavcodec");
-        }
         m_context->thread_count = 1;
         m_context->pkt_timebase = {1, 1000};
         m_context->max_pixels = kMaxPixels;
         // Errors are counted, not printed.
         m_context->log_level_offset = AV_LOG_TRACE;
-        if (avcodec_open2(m_context.get(), codec, nullptr) < 0) {
+        if (avcodec_open2(m_context.get(), codec, nullptr) < 0)
             throw std::runtime_error("libavcodec's H.264 decoder does not open");
-        }
     }
 
     unsigned Decode(const Unit& unit, std::vector<Picture>& out) override {
         const bool key = IsKey(unit);
-        if (m_drained && !key) {
+        if (m_drained && !key)
             DecodeAgain(out);
-        }
         m_drained = false;
         Keep(unit, key);
         std::vector<Picture> pictures;
@@ -88,9 +85,8 @@ class LibavVideoDecoder : public VideoDecoder {
 
     void Drain(std::vector<Picture>& out) override {
         std::vector<Picture> pictures;
-        if (avcodec_send_packet(m_context.get(), nullptr) >= 0) {
+        if (avcodec_send_packet(m_context.get(), nullptr) >= 0)
             (void)Receive(pictures);
-        }
         avcodec_flush_buffers(m_context.get());
         Take(pictures, out);
         m_again.clear();
@@ -119,17 +115,15 @@ class LibavVideoDecoder : public VideoDecoder {
         }
         m_groupBytes += unit.Cost();
         m_groupKept = m_groupKept && m_groupBytes <= kGroupLimit;
-        if (m_groupKept) {
+        if (m_groupKept)
             m_group.push_back(unit);
-        } else {
+        else
             m_group.clear();
-        }
     }
 
     void DecodeAgain(std::vector<Picture>& out) {
-        for (const Unit& unit : m_group) {
+        for (const Unit& unit : m_group)
             m_again.insert(unit.pts);
-        }
         std::vector<Picture> pictures;
         for (const Unit& unit : m_group) {
             (void)Send(unit, pictures);  // its errors were counted the first time
@@ -160,12 +154,10 @@ class LibavVideoDecoder : public VideoDecoder {
             std::shared_ptr<AVFrame> frame(av_frame_alloc(), [](AVFrame* f) { av_frame_free(&f); });
             const int result =
                 frame ? avcodec_receive_frame(m_context.get(), frame.get()) : AVERROR(ENOMEM);
-            if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) {
+            if (result == AVERROR(EAGAIN) || result == AVERROR_EOF)
                 return errors;
-            }
-            if (result < 0) {
+            if (result < 0)
                 return errors + 1;
-            }
             errors += frame->decode_error_flags != 0 ? 1 : 0;
             Picture picture;
             picture.pts = static_cast<uint32_t>(frame->pts);

@@ -44,9 +44,8 @@ class Call {
 
     template <size_t size>
     Call& Bytes(const unsigned char (&bytes)[size]) {
-        if (m_recording) {
+        if (m_recording)
             m_entry.record.assign(bytes, bytes + size);
-        }
         return *this;
     }
 
@@ -61,9 +60,8 @@ class Call {
             m_recording ? Control::Get().Append(std::move(m_entry)) : static_cast<size_t>(-1);
         const std::shared_ptr<TvCore> core = Registry::Get().CoreOf(m_player);
         const int result = core && !m_fails ? action(*core) : kFailed;
-        if (m_recording) {
+        if (m_recording)
             Control::Get().SetResult(index, result);
-        }
         return result;
     }
 
@@ -104,9 +102,8 @@ int MSrv_MM_PlayerInterface::MM_Finalize() {
 
 int MSrv_MM_PlayerInterface::AddEventRecipient(MSRV_MM_EVENT_RECIPIENT recipient) {
     return Call(this, "AddEventRecipient").Run([&](TvCore& core) {
-        if (recipient == nullptr) {
+        if (recipient == nullptr)
             return kFailed;
-        }
         core.Events().Add(recipient);
         return 0;
     });
@@ -156,9 +153,8 @@ int MSrv_MM_PlayerInterface::MM_SetDisplayRectangle(unsigned long item, const ST
 }
 
 int MSrv_MM_PlayerInterface::MM_PushPayload(unsigned long item, ST_MMPLAYER_DATA_INFO* data) {
-    if (data == nullptr) {
+    if (data == nullptr)
         return kFailed;
-    }
     return Call(this, "MM_PushPayload", item, data->u32Pts).Payload(*data).Run([&](TvCore& core) {
         return core.Push(item, *data);
     });
@@ -184,9 +180,8 @@ int MSrv_MM_PlayerInterface::MM_GetVideoDataBufferInfo(unsigned long,
                                                        EN_PLAYER_VIDEO_BUFFER_INFO what,
                                                        unsigned long* value) {
     const std::shared_ptr<TvCore> core = Registry::Get().CoreOf(this);
-    if (!core || value == nullptr || what != EN_PLAYER_VIDEO_BUFFER_LEVEL) {
+    if (!core || value == nullptr || what != EN_PLAYER_VIDEO_BUFFER_LEVEL)
         return kFailed;
-    }
     *value = core->Gauge();
     return 0;
 }
@@ -205,9 +200,8 @@ int MSrv_MM_PlayerInterface::MM_GetMetaData(unsigned long, EN_PLAYER_METADATA wh
                                             unsigned char* value, unsigned long size) {
     const std::shared_ptr<TvCore> core = Registry::Get().CoreOf(this);
     if (!core || value == nullptr || size < sizeof(uint16_t) ||
-        (what != EN_PLAYER_METADATA_WIDTH && what != EN_PLAYER_METADATA_HEIGHT)) {
+        (what != EN_PLAYER_METADATA_WIDTH && what != EN_PLAYER_METADATA_HEIGHT))
         return kFailed;
-    }
     int width = 0;
     int height = 0;
     core->PictureSize(width, height);
@@ -218,9 +212,8 @@ int MSrv_MM_PlayerInterface::MM_GetMetaData(unsigned long, EN_PLAYER_METADATA wh
 
 int MSrv_MM_PlayerInterface::MM_GetPlayPosition(unsigned long, unsigned long* ms) {
     const std::shared_ptr<TvCore> core = Registry::Get().CoreOf(this);
-    if (!core || ms == nullptr) {
+    if (!core || ms == nullptr)
         return kFailed;
-    }
     *ms = core->VideoPts();
     return 0;
 }

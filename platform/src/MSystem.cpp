@@ -33,9 +33,8 @@ bool ServerHasGlx() {
     using QueryExtension = int (*)(void*, const char*, int*, int*, int*);
     using CloseDisplay = int (*)(void*);
     void* library = dlopen("libX11.so.6", RTLD_NOW | RTLD_LOCAL);
-    if (library == nullptr) {
+    if (library == nullptr)
         return false;
-    }
     const auto open = reinterpret_cast<OpenDisplay>(dlsym(library, "XOpenDisplay"));
     const auto query = reinterpret_cast<QueryExtension>(dlsym(library, "XQueryExtension"));
     const auto close = reinterpret_cast<CloseDisplay>(dlsym(library, "XCloseDisplay"));
@@ -65,12 +64,10 @@ std::string& OwnArguments() OPAL_REQUIRES(g_directFBMutex) {
 const char* PickSystem(bool tell) {
     const char* display = std::getenv("DISPLAY");
     if (tvset::Registry::Get().Output() == tvset::VideoOutput::Headless || display == nullptr ||
-        *display == '\0') {
+        *display == '\0')
         return kNoSystem;
-    }
-    if (!ServerHasGlx()) {
+    if (!ServerHasGlx())
         return "x11";
-    }
     if (tell) {
         std::fprintf(stderr,
                      "television set: the X server %s offers GLX, with which DirectFB crashes; "
@@ -96,29 +93,25 @@ bool MSystem::InitializeDFBLayer() {
     const char* system = PickSystem(own);
     if (own) {
         OwnArguments() = std::string("system=") + system + ",mode=" + kMode;
-        for (const char* option : kSwitches) {
+        for (const char* option : kSwitches)
             OwnArguments() += std::string(",") + option;
-        }
-        if (setenv("DFBARGS", OwnArguments().c_str(), 1) != 0) {
+        if (setenv("DFBARGS", OwnArguments().c_str(), 1) != 0)
             return false;
-        }
     }
     // Arguments of its own, or DirectFB reads the application's, prints them and obeys "--dfb:".
     std::string name = "television";
     char* arguments[] = {name.data(), nullptr};
     int count = 1;
     char** list = arguments;
-    if (DirectFBInit(&count, &list) != DFB_OK) {
+    if (DirectFBInit(&count, &list) != DFB_OK)
         return false;
-    }
     if (own) {
         // It reads the environment once a process, and a later player may want another system. Once
         // DirectFB runs it stays as it is.
         (void)DirectFBSetOption("system", system);
         (void)DirectFBSetOption("mode", kMode);
-        for (const char* option : kSwitches) {
+        for (const char* option : kSwitches)
             (void)DirectFBSetOption(option, nullptr);
-        }
     }
     return true;
 }
@@ -148,9 +141,8 @@ namespace tvset {
 bool FindMutexHolder(const void* mutex, MutexHolder& holder) {
     const opal::MutexLock lock(g_holdersMutex);
     const auto found = Holders().find(mutex);
-    if (found == Holders().end()) {
+    if (found == Holders().end())
         return false;
-    }
     holder = found->second;
     return true;
 }

@@ -62,24 +62,20 @@ void Presenter::SetRunning(bool running, int64_t nowMs) {
 
 Presenter::Decision Presenter::Next(const Candidate* front, bool pipeEmpty, int64_t soundEnd,
                                     int64_t nowMs) {
-    if (!m_running) {
+    if (!m_running)
         return {Action::Wait, kNever};
-    }
-    if (front != nullptr) {
+    if (front != nullptr)
         return WithPicture(*front, nowMs);
-    }
-    if (!m_anchored || m_stalled || !pipeEmpty) {
+    if (!m_anchored || m_stalled || !pipeEmpty)
         return {Action::Wait, kNever};
-    }
     return WithoutPicture(soundEnd, nowMs);
 }
 
 Presenter::Decision Presenter::WithoutPicture(int64_t soundEnd, int64_t nowMs) {
     const int64_t pictureEnd = m_shownPts + m_frameMs;
     const int64_t end = std::clamp(soundEnd, pictureEnd, pictureEnd + kSoundTailMs);
-    if (MediaTime(nowMs) < end) {
+    if (MediaTime(nowMs) < end)
         return {Action::Wait, WhenDue(end)};
-    }
     m_stalled = true;
     m_ticking = false;
     m_basePts = end;
@@ -99,26 +95,21 @@ Presenter::Decision Presenter::WithPicture(const Candidate& front, int64_t nowMs
         Anchor(front.pts, nowMs);
         return {Action::Show, 0};
     }
-    if (ahead > 0) {
+    if (ahead > 0)
         return {Action::Wait, WhenDue(front.pts)};
-    }
-    if (m_hasShown && front.pts < m_shownPts) {
+    if (m_hasShown && front.pts < m_shownPts)
         return {Action::Drop, 0};
-    }
     const bool late = front.droppable && front.readyMs - WhenDue(front.pts) > kLateMs;
-    if (late && !afterStall && nowMs - m_shownMs < kShowAtLeastEveryMs) {
+    if (late && !afterStall && nowMs - m_shownMs < kShowAtLeastEveryMs)
         return {Action::Drop, 0};
-    }
-    if (late || afterStall) {
+    if (late || afterStall)
         Anchor(front.pts, nowMs);
-    }
     return {Action::Show, 0};
 }
 
 void Presenter::Shown(int64_t pts, int64_t nowMs) {
-    if (m_hasShown && pts > m_shownPts) {
+    if (m_hasShown && pts > m_shownPts)
         m_frameMs = std::clamp(pts - m_shownPts, kShortestFrameMs, kLongestFrameMs);
-    }
     m_hasShown = true;
     m_shownPts = pts;
     m_shownMs = nowMs;

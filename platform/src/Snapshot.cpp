@@ -45,9 +45,8 @@ struct Canvas {
 /// How much the text covers the canvas' pixel, between the text's own pixels in proportion.
 unsigned Coverage(const Overlay& text, const Canvas& canvas, int x, int y) {
     if (static_cast<int>(text.width) == canvas.width &&
-        static_cast<int>(text.height) == canvas.height) {
+        static_cast<int>(text.height) == canvas.height)
         return text.coverage[static_cast<size_t>(y) * text.width + static_cast<size_t>(x)];
-    }
     constexpr uint64_t kOne = 256;
     const auto place = [](int at, int size, unsigned from, uint64_t& part) {
         const uint64_t scaled =
@@ -75,9 +74,8 @@ void Blend(const Overlay& text, Canvas& canvas) {
         for (int x = 0; x < canvas.width; ++x) {
             const unsigned cover = Coverage(text, canvas, x, y);
             uint8_t* pixel = canvas.At(x, y);
-            for (int i = 0; cover != 0 && i < 3; ++i) {
+            for (int i = 0; cover != 0 && i < 3; ++i)
                 pixel[i] = static_cast<uint8_t>((pixel[i] * (255 - cover) + 255 * cover) / 255);
-            }
         }
     }
 }
@@ -103,9 +101,8 @@ bool Converter::Convert(const AVFrame& frame, int format, int width, int height,
     m_context = sws_getCachedContext(
         m_context, frame.width, frame.height, static_cast<AVPixelFormat>(frame.format), width,
         height, static_cast<AVPixelFormat>(format), SWS_BILINEAR, nullptr, nullptr, nullptr);
-    if (m_context == nullptr) {
+    if (m_context == nullptr)
         return false;
-    }
     const bool full = frame.color_range == AVCOL_RANGE_JPEG || frame.format == AV_PIX_FMT_YUVJ420P;
     const int* coefficients = sws_getCoefficients(ColourSpace(frame));
     (void)sws_setColorspaceDetails(m_context, coefficients, full ? 1 : 0,
@@ -122,9 +119,8 @@ bool Converter::Convert(const AVFrame& frame, int format, int width, int height,
     uint8_t* const planes[4] = {target, nullptr, nullptr, nullptr};
     const int pitches[4] = {targetPitch, 0, 0, 0};
     if (sws_scale(m_context, frame.data, frame.linesize, 0, frame.height, planes, pitches) !=
-        height) {
+        height)
         return false;
-    }
     if (spills) {
         const int bytes = av_image_get_linesize(static_cast<AVPixelFormat>(format), width, 0);
         av_image_copy_plane(pixels, pitch, target, targetPitch, bytes, height);
@@ -134,9 +130,8 @@ bool Converter::Convert(const AVFrame& frame, int format, int width, int height,
 
 int DisplayWidth(const AVFrame& frame) {
     const AVRational aspect = frame.sample_aspect_ratio;
-    if (aspect.num <= 0 || aspect.den <= 0) {
+    if (aspect.num <= 0 || aspect.den <= 0)
         return frame.width;
-    }
     const int64_t width = int64_t{frame.width} * aspect.num / aspect.den;
     return static_cast<int>(std::clamp<int64_t>(width, 1, 16384));
 }
@@ -145,11 +140,10 @@ Area Fit(const AVFrame& frame, const Area& area) {
     const int64_t width = DisplayWidth(frame);
     const int64_t height = frame.height;
     Area fit = area;
-    if (width * area.height > height * area.width) {
+    if (width * area.height > height * area.width)
         fit.height = std::max(static_cast<int>(height * area.width / width), 1);
-    } else {
+    else
         fit.width = std::max(static_cast<int>(width * area.height / height), 1);
-    }
     fit.x += (area.width - fit.width) / 2;
     fit.y += (area.height - fit.height) / 2;
     return fit;
@@ -170,9 +164,8 @@ bool WritePng(const Picture& picture, bool black, const Overlay* text, const std
             return false;
         }
     }
-    if (text != nullptr) {
+    if (text != nullptr)
         Blend(*text, canvas);
-    }
     DrawStatusText({canvas.pixels.data(), canvas.width * 3, 3, canvas.width, canvas.height});
     png_image image{};
     image.version = PNG_IMAGE_VERSION;

@@ -40,19 +40,16 @@ class Font {
 
   private:
     Font() {
-        if (FT_Init_FreeType(&m_library) != 0) {
+        if (FT_Init_FreeType(&m_library) != 0)
             return;
-        }
         for (const char* file : kFonts) {
-            if (m_face == nullptr && FT_New_Face(m_library, file, 0, &m_face) != 0) {
+            if (m_face == nullptr && FT_New_Face(m_library, file, 0, &m_face) != 0)
                 m_face = nullptr;
-            }
         }
     }
     ~Font() {
-        if (m_library != nullptr) {
+        if (m_library != nullptr)
             (void)FT_Done_FreeType(m_library);
-        }
     }
 
     FT_Library m_library = nullptr;
@@ -71,9 +68,8 @@ void Darken(const Pixels& pixels, int width, int height) {
     for (int y = 0; y < std::min(height, pixels.height); ++y) {
         for (int x = 0; x < std::min(width, pixels.width); ++x) {
             uint8_t* pixel = At(pixels, x, y);
-            for (int i = 0; i < 3; ++i) {
+            for (int i = 0; i < 3; ++i)
                 pixel[i] = static_cast<uint8_t>(pixel[i] * kGround / 255);
-            }
         }
     }
 }
@@ -83,14 +79,12 @@ void Blend(const Pixels& pixels, const FT_Bitmap& glyph, int left, int top) {
         for (int column = 0; column < static_cast<int>(glyph.width); ++column) {
             const int x = left + column;
             const int y = top + row;
-            if (x < 0 || y < 0 || x >= pixels.width || y >= pixels.height) {
+            if (x < 0 || y < 0 || x >= pixels.width || y >= pixels.height)
                 continue;
-            }
             const unsigned cover = glyph.buffer[static_cast<ptrdiff_t>(row) * glyph.pitch + column];
             uint8_t* pixel = At(pixels, x, y);
-            for (int i = 0; i < 3; ++i) {
+            for (int i = 0; i < 3; ++i)
                 pixel[i] = static_cast<uint8_t>((pixel[i] * (255 - cover) + 255 * cover) / 255);
-            }
         }
     }
 }
@@ -100,9 +94,8 @@ void Blend(const Pixels& pixels, const FT_Bitmap& glyph, int left, int top) {
 void DrawStatusText(const Pixels& pixels) {
     const opal::MutexLock lock(g_mutex);
     Font& font = Font::Get();
-    if (g_text.empty() || !font.IsOpen()) {
+    if (g_text.empty() || !font.IsOpen())
         return;
-    }
     const int line = std::max(pixels.height / kRowsOfPicture, kSmallestSize + 2);
     font.SetSize(std::max(line * 4 / 5, kSmallestSize));
     const FT_GlyphSlot zero = font.Glyph('0');
@@ -124,9 +117,8 @@ void DrawStatusText(const Pixels& pixels) {
             baseline += line;
             continue;
         }
-        if (const FT_GlyphSlot glyph = c == ' ' ? nullptr : font.Glyph(c)) {
+        if (const FT_GlyphSlot glyph = c == ' ' ? nullptr : font.Glyph(c))
             Blend(pixels, glyph->bitmap, x + glyph->bitmap_left, baseline - glyph->bitmap_top);
-        }
         x += advance;
     }
 }

@@ -58,18 +58,15 @@ void ForgetOverlay() {
 }  // namespace tvset
 
 int TvSubtitles_Prepare(IDirectFBWindow* window, IDirectFBSurface* surface) {
-    if (window == nullptr || surface == nullptr) {
+    if (window == nullptr || surface == nullptr)
         return 0;
-    }
     tvset::KeepDirectFB();
     IDirectFBPalette* palette = nullptr;
-    if (surface->GetPalette(surface, &palette) != DFB_OK) {
+    if (surface->GetPalette(surface, &palette) != DFB_OK)
         return 0;
-    }
     std::array<DFBColor, 256> colours{};
-    for (size_t i = 0; i < colours.size(); ++i) {
+    for (size_t i = 0; i < colours.size(); ++i)
         colours[i] = {static_cast<u8>(i), 0xFF, 0xFF, 0xFF};
-    }
     const DFBResult painted = palette->SetEntries(palette, colours.data(), colours.size(), 0);
     palette->Release(palette);
     DFBWindowOptions options = DWOP_NONE;
@@ -81,9 +78,8 @@ int TvSubtitles_Prepare(IDirectFBWindow* window, IDirectFBSurface* surface) {
 
 void TvSubtitles_Show(const uint8_t* coverage, unsigned width, unsigned height) {
     if (coverage == nullptr || width == 0 || height == 0 || width > tvset::kLargestSide ||
-        height > tvset::kLargestSide) {
+        height > tvset::kLargestSide)
         return;
-    }
     try {
         auto overlay = std::make_shared<tvset::Overlay>();
         overlay->width = width;
@@ -97,8 +93,7 @@ void TvSubtitles_Show(const uint8_t* coverage, unsigned width, unsigned height) 
 }
 
 void TvSubtitles_Hide(void) {
-    if (tvset::CurrentOverlay()) {
+    if (tvset::CurrentOverlay())
         tvset::Note(0, nullptr);
-    }
     tvset::ForgetOverlay();
 }

@@ -15,9 +15,8 @@ Registry& Registry::Get() {
 
 bool Registry::Configure(const Options& options) {
     const opal::MutexLock lock(m_mutex);
-    if (m_core) {
+    if (m_core)
         return false;
-    }
     m_options = options;
     m_output = options.video;
     return true;
@@ -25,13 +24,11 @@ bool Registry::Configure(const Options& options) {
 
 void Registry::Create(void* player) {
     const opal::MutexLock lock(m_mutex);
-    if (m_core) {
+    if (m_core)
         return;
-    }
     Options options = m_options;
-    if (!options.clock) {
+    if (!options.clock)
         options.clock = NewRealClock();
-    }
     Control::Get().SetClock(options.clock);
     m_core = std::make_shared<TvCore>(options, player);
     m_player = player;
@@ -43,9 +40,8 @@ void Registry::Destroy(const void* player) {
     std::shared_ptr<TvCore> core;
     {
         const opal::MutexLock lock(m_mutex);
-        if (m_player != player) {
+        if (m_player != player)
             return;
-        }
         core = m_core;
     }
     (void)core->Disconnect();
@@ -77,9 +73,8 @@ void Registry::SetListener(std::function<void(uint32_t)> listener) {
 
 void Registry::TellListener(uint32_t ptsMs) {
     const opal::MutexLock lock(m_listenerMutex);
-    if (m_listener) {
+    if (m_listener)
         m_listener(ptsMs);
-    }
 }
 
 void TellPictureListener(uint32_t ptsMs) {
@@ -102,9 +97,8 @@ bool WriteSnapshot(const std::string& path, std::string* error) {
         const Picture picture = core->Screen(black);
         done = WritePng(picture, black, CurrentOverlay().get(), path, reason);
     }
-    if (!done && error != nullptr) {
+    if (!done && error != nullptr)
         *error = reason;
-    }
     return done;
 }
 
@@ -116,9 +110,8 @@ namespace control {
 namespace {
 
 void TellCore() {
-    if (const std::shared_ptr<TvCore> core = Registry::Get().Current()) {
+    if (const std::shared_ptr<TvCore> core = Registry::Get().Current())
         core->ControlChanged();
-    }
 }
 
 }  // namespace

@@ -45,9 +45,8 @@ bool Wakeups::WaitIdle(int timeoutMs) {
     opal::MutexLock lock(m_mutex);
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     while (!Idle()) {
-        if (!m_changed.WaitUntil(m_mutex, end)) {
+        if (!m_changed.WaitUntil(m_mutex, end))
             return Idle();
-        }
     }
     return true;
 }

@@ -52,9 +52,8 @@ TEST_F(Decoding, TheSnapshotIsThePictureOfItsTimeAlsoOfAKeyPictureAlone) {
     ExpectPicture(0);
     PushFilm(1, 75);
     for (const int n : {4, 8, 30, 60, 72}) {
-        while (Position() < static_cast<uint32_t>(n * film::kFrameMs)) {
+        while (Position() < static_cast<uint32_t>(n * film::kFrameMs))
             Run(20);
-        }
         SCOPED_TRACE(n);
         ExpectPicture(n);
     }
@@ -167,9 +166,8 @@ TEST_F(Decoding, TheSnapshotHasTheSubtitleAlsoWithoutALayerForIt) {
     image[middle + 1] = 128;
     StartPlaying();
     PushFilm(0, 25);
-    while (Position() < 400) {
+    while (Position() < 400)
         Run(20);
-    }
     const int grey = film::GreyOf(10);
     TvSubtitles_Show(image.data(), 1280, 720);
     const std::vector<uint8_t> rgb = Screen(1280, 720);

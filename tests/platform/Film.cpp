@@ -19,16 +19,14 @@ namespace {
 const Stream& Make(const std::string& arguments) {
     static std::map<std::string, Stream> made;
     Stream& stream = made[arguments];
-    if (!stream.empty()) {
+    if (!stream.empty())
         return stream;
-    }
     const opal::test::TemporaryDirectory folder;
     const std::string file = folder.File("film.nut");
     AVFormatContext* input = nullptr;
     if (std::system(("ffmpeg -v error -f lavfi -i " + arguments + ' ' + file).c_str()) != 0 ||
-        avformat_open_input(&input, file.c_str(), nullptr, nullptr) < 0) {
+        avformat_open_input(&input, file.c_str(), nullptr, nullptr) < 0)
         throw std::runtime_error("no film from ffmpeg " + arguments);
-    }
     AVPacket* packet = av_packet_alloc();
     int64_t first = AV_NOPTS_VALUE;
     for (; av_read_frame(input, packet) >= 0; av_packet_unref(packet)) {

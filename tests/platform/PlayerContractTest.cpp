@@ -73,9 +73,8 @@ TEST_P(PlayerContract, PicturesAppearInOrderAtTheirTimeAndTheGaugeNeverMovesFirs
     std::thread watcher([&] {
         while (!stop) {
             const unsigned long gauge = Gauge();
-            if (gauge > 0 && Position() < 10000 + (gauge - 1) * film::kFrameMs) {
+            if (gauge > 0 && Position() < 10000 + (gauge - 1) * film::kFrameMs)
                 ++wrong;
-            }
         }
     });
     PushFilm(0, 50, 10000);
@@ -178,9 +177,8 @@ TEST_P(PlayerContract, VideoIsRefusedOnlyWhileThePlayerConsumesAndSoundNever) {
     StartPlaying();
     PushFilm(0, 12);
     int taken = 0;
-    while (taken < 64 && PushVideo(m_megabyte, 500) == 0) {
+    while (taken < 64 && PushVideo(m_megabyte, 500) == 0)
         ++taken;
-    }
     EXPECT_GE(taken, 30);
     EXPECT_LE(taken, 32);
     for (uint32_t i = 0; i < 20; ++i) {
@@ -302,22 +300,19 @@ TEST_P(PlayerContract, SoundIsHeardWithItsPictureAfterEveryKindOfJump) {
         const auto journal = tvset::control::Journal();
         std::vector<int64_t> off;
         for (size_t i = from; i < journal.size(); ++i) {
-            if (journal[i].call != "heard") {
+            if (journal[i].call != "heard")
                 continue;
-            }
             // By the picture before it and the one after: a pause may lie between it and one of
             // them. The journal's order is not that of the times.
             const tvset::control::JournalEntry* before = nullptr;
             const tvset::control::JournalEntry* after = nullptr;
             for (const auto& entry : journal) {
-                if (entry.call != "shown") {
+                if (entry.call != "shown")
                     continue;
-                }
-                if (entry.timeMs <= journal[i].timeMs) {
+                if (entry.timeMs <= journal[i].timeMs)
                     before = &entry;
-                } else if (after == nullptr) {
+                else if (after == nullptr)
                     after = &entry;
-                }
             }
             int64_t nearest = INT64_MAX;
             for (const tvset::control::JournalEntry* shown : {before, after}) {
@@ -353,9 +348,8 @@ TEST_P(PlayerContract, KeyPicturesOfTrickPlayAllAppearUnlessTheSetHoldsOneBack) 
             ASSERT_TRUE(unit.key);
             ASSERT_EQ(PushVideo(unit.bytes, 60000 + i * 250), 0);
         };
-        for (uint32_t i = 0; i < 4; ++i) {
+        for (uint32_t i = 0; i < 4; ++i)
             pushKey(i);
-        }
         Run(2000);
         EXPECT_EQ(Shown().size(), hold ? 3u : 4u);
         if (hold) {

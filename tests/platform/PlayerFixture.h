@@ -52,9 +52,8 @@ class PlayerFixture : public testing::Test {
         Values values;
         const auto journal = tvset::control::Journal();
         for (size_t i = from; i < journal.size(); ++i) {
-            if (journal[i].call == what) {
+            if (journal[i].call == what)
                 values.push_back(journal[i].value);
-            }
         }
         return values;
     }
@@ -117,9 +116,8 @@ class PlayerFixture : public testing::Test {
     /// PTS of `count` pictures from `first` on.
     static Values Pictures(uint64_t first, size_t count) {
         Values all;
-        for (uint64_t i = 0; i < count; ++i) {
+        for (uint64_t i = 0; i < count; ++i)
             all.push_back(first + i * film::kFrameMs);
-        }
         return all;
     }
 

@@ -49,9 +49,8 @@ bool CoverUpperHalf() {
         window->SetStackingClass(window, DWSC_LOWER) != DFB_OK ||
         window->GetSurface(window, &surface) != DFB_OK ||
         TvSubtitles_Prepare(window, surface) == 0 ||
-        surface->Lock(surface, DSLF_WRITE, &pixels, &pitch) != DFB_OK) {
+        surface->Lock(surface, DSLF_WRITE, &pixels, &pitch) != DFB_OK)
         return false;
-    }
     std::memset(pixels, 0, static_cast<size_t>(pitch) * kHeight);
     std::memset(pixels, 255, static_cast<size_t>(pitch) * (kHeight / 2 - 40));
     std::memset(static_cast<char*>(pixels) + pitch * (kHeight / 2 - 40), 128,

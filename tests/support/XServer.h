@@ -47,9 +47,8 @@ class XServer {
             const uint32_t pixel = Pixel(x, y);
             if (std::abs(static_cast<int>(pixel & 255) - grey) <= 3 &&
                 std::abs(static_cast<int>(pixel >> 8 & 255) - grey) <= 3 &&
-                std::abs(static_cast<int>(pixel >> 16) - grey) <= 3) {
+                std::abs(static_cast<int>(pixel >> 16) - grey) <= 3)
                 return true;
-            }
             ::poll(nullptr, 0, 20);
         }
         return false;

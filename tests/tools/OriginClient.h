@@ -90,11 +90,10 @@ class OriginClient {
     bool Receive(std::string* pEnd) {
         char buffer[65536];
         const ssize_t n = recv(m_socket, buffer, sizeof buffer, 0);
-        if (n > 0) {
+        if (n > 0)
             m_input.append(buffer, static_cast<size_t>(n));
-        } else {
+        else
             *pEnd = n == 0 ? "closed" : errno == EAGAIN ? "silent" : "reset";
-        }
         return n > 0;
     }
 

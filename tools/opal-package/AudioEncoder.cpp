@@ -26,9 +26,8 @@ AudioEncoder::AudioEncoder(int sampleRate, int bitrate, Output output)
       m_packet(av_packet_alloc()),
       m_rate(sampleRate) {
     const AVCodec* codec = avcodec_find_encoder_by_name("aac");
-    if (codec == nullptr) {
+    if (codec == nullptr)
         throw PackageError(Failure::InputOutput, "this FFmpeg has no AAC encoder");
-    }
     m_context.reset(avcodec_alloc_context3(codec));
     AVCodecContext& context = *m_context;
     context.sample_fmt = AV_SAMPLE_FMT_FLTP;
@@ -40,17 +39,15 @@ AudioEncoder::AudioEncoder(int sampleRate, int bitrate, Output output)
     context.flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     av_channel_layout_default(&context.ch_layout, 2);
     const int code = avcodec_open2(&context, codec, nullptr);
-    if (code < 0) {
+    if (code < 0)
         Fail(std::to_string(sampleRate) + " Hz at " + std::to_string(bitrate) + " bit/s", code);
-    }
     m_frame->format = context.sample_fmt;
     m_frame->sample_rate = sampleRate;
     m_frame->nb_samples = kFrameSamples;
     if (context.frame_size != kFrameSamples ||
         av_channel_layout_copy(&m_frame->ch_layout, &context.ch_layout) < 0 ||
-        av_frame_get_buffer(m_frame.get(), 0) < 0) {
+        av_frame_get_buffer(m_frame.get(), 0) < 0)
         Fail("frame", AVERROR(ENOMEM));
-    }
 }
 
 void AudioEncoder::Encode(int64_t timeMs, const float* const* samples, int count) {
@@ -58,27 +55,23 @@ void AudioEncoder::Encode(int64_t timeMs, const float* const* samples, int count
     // The first piece follows nothing: it is placed exactly.
     const int64_t tolerance = m_taken == 0 ? 0 : kToleranceMs;
     int64_t skip = 0;
-    if (ahead > tolerance) {
+    if (ahead > tolerance)
         Silence(timeMs * m_rate / 1000 - m_taken);
-    } else if (ahead < -tolerance) {
+    else if (ahead < -tolerance)
         skip = std::min<int64_t>(count, m_taken - timeMs * m_rate / 1000);
-    }
     const float* const rest[2] = {samples[0] + skip, samples[1] + skip};
     Append(rest, count - skip);
 }
 
 void AudioEncoder::Finish(int64_t durationMs) {
     const int64_t end = durationMs * m_rate / 1000;
-    if (end > m_taken) {
+    if (end > m_taken)
         Silence(end - m_taken);
-    }
-    if (m_filled > 0) {
+    if (m_filled > 0)
         Silence(kFrameSamples - m_filled);
-    }
     const int code = avcodec_send_frame(m_context.get(), nullptr);
-    if (code < 0 && code != AVERROR_EOF) {
+    if (code < 0 && code != AVERROR_EOF)
         Fail("end of the film", code);
-    }
     Receive();
 }
 
@@ -100,32 +93,28 @@ void AudioEncoder::Append(const float* const* samples, int64_t count) {
         m_filled += static_cast<int>(part);
         m_taken += part;
         done += part;
-        if (m_filled == kFrameSamples) {
+        if (m_filled == kFrameSamples)
             SendFrame();
-        }
     }
 }
 
 void AudioEncoder::Silence(int64_t count) {
     static const float kZeros[kFrameSamples] = {};
     static const float* const kChannels[2] = {kZeros, kZeros};
-    for (; count > 0; count -= kFrameSamples) {
+    for (; count > 0; count -= kFrameSamples)
         Append(kChannels, std::min<int64_t>(count, kFrameSamples));
-    }
 }
 
 void AudioEncoder::SendFrame() {
     m_frame->pts = m_taken - kFrameSamples;
     int code = avcodec_send_frame(m_context.get(), m_frame.get());
-    if (code < 0) {
+    if (code < 0)
         Fail("frame at " + std::to_string(FrameTimeMs(m_frame->pts)) + " ms", code);
-    }
     Receive();
     m_filled = 0;
     code = av_frame_make_writable(m_frame.get());
-    if (code < 0) {
+    if (code < 0)
         Fail("frame", code);
-    }
 }
 
 void AudioEncoder::Receive() {
@@ -141,9 +130,8 @@ void AudioEncoder::Receive() {
         }
         av_packet_unref(m_packet.get());
     }
-    if (code != AVERROR(EAGAIN) && code != AVERROR_EOF) {
+    if (code != AVERROR(EAGAIN) && code != AVERROR_EOF)
         Fail("frame", code);
-    }
 }
 
 int64_t AudioEncoder::FrameTimeMs(int64_t firstSample) const {

@@ -43,9 +43,8 @@ inline AvPtr<AVFrame> NewPicture(int width, int height) {
         frame->format = AV_PIX_FMT_YUV420P;
         frame->width = width;
         frame->height = height;
-        if (av_frame_get_buffer(frame.get(), 0) < 0) {
+        if (av_frame_get_buffer(frame.get(), 0) < 0)
             frame.reset();
-        }
     }
     return frame;
 }

@@ -21,9 +21,8 @@ unsigned TypeOf(const NalUnit& unit) {
 /// First byte of the next 00 00 01 at or behind `from`, or `size`.
 size_t FindStartCode(const uint8_t* data, size_t size, size_t from) {
     for (size_t i = from; i + 3 <= size; ++i) {
-        if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1) {
+        if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1)
             return i;
-        }
     }
     return size;
 }
@@ -48,14 +47,12 @@ void PutSets(std::vector<uint8_t>& out, const std::vector<NalUnit>& sets) {
 bool TakeSets(const uint8_t* data, size_t size, size_t& at, size_t count,
               std::vector<NalUnit>& sets) {
     for (size_t i = 0; i < count; ++i) {
-        if (size - at < 2) {
+        if (size - at < 2)
             return false;
-        }
         const size_t length = size_t{data[at]} << 8 | data[at + 1];
         at += 2;
-        if (length == 0 || size - at < length) {
+        if (length == 0 || size - at < length)
             return false;
-        }
         sets.emplace_back(data + at, data + at + length);
         at += length;
     }
@@ -74,9 +71,8 @@ std::vector<NalUnit> SplitAnnexB(const uint8_t* data, size_t size) {
         while (end > begin && data[end - 1] == 0) {
             --end;  // the zero byte of a long start code, or padding behind the unit
         }
-        if (end > begin) {
+        if (end > begin)
             units.emplace_back(data + begin, data + end);
-        }
     }
     return units;
 }
@@ -86,20 +82,16 @@ bool SplitLengthPrefixed(const uint8_t* data, size_t size, unsigned lengthSize,
     units.clear();
     size_t at = 0;
     while (at < size) {
-        if (size - at < lengthSize) {
+        if (size - at < lengthSize)
             return false;
-        }
         size_t length = 0;
-        for (unsigned i = 0; i < lengthSize; ++i) {
+        for (unsigned i = 0; i < lengthSize; ++i)
             length = length << 8 | data[at + i];
-        }
         at += lengthSize;
-        if (size - at < length) {
+        if (size - at < length)
             return false;
-        }
-        if (length > 0) {
+        if (length > 0)
             units.emplace_back(data + at, data + at + length);
-        }
         at += length;
     }
     return !units.empty();
@@ -107,22 +99,19 @@ bool SplitLengthPrefixed(const uint8_t* data, size_t size, unsigned lengthSize,
 
 bool ParseConfiguration(const uint8_t* data, size_t size, ParameterSets& sets,
                         unsigned& lengthSize) {
-    if (size < 7 || data[0] != 1) {
+    if (size < 7 || data[0] != 1)
         return false;
-    }
     lengthSize = (data[4] & 3u) + 1;
     size_t at = 6;
-    if (!TakeSets(data, size, at, data[5] & 0x1F, sets.sps) || at >= size) {
+    if (!TakeSets(data, size, at, data[5] & 0x1F, sets.sps) || at >= size)
         return false;
-    }
     const size_t ppsCount = data[at++];
     return TakeSets(data, size, at, ppsCount, sets.pps) && !sets.sps.empty() && !sets.pps.empty();
 }
 
 std::vector<uint8_t> MakeConfiguration(const ParameterSets& sets) {
-    if (sets.sps.empty() || sets.sps[0].size() < 4) {
+    if (sets.sps.empty() || sets.sps[0].size() < 4)
         return {};
-    }
     const NalUnit& sps = sets.sps[0];
     std::vector<uint8_t> out = {1, sps[1], sps[2], sps[3], 0xFF};
     out.push_back(static_cast<uint8_t>(0xE0 | sets.sps.size()));
@@ -140,18 +129,15 @@ std::vector<uint8_t> MakeConfiguration(const ParameterSets& sets) {
 void CollectParameterSets(const std::vector<NalUnit>& units, ParameterSets& sets) {
     ParameterSets found;
     for (const NalUnit& unit : units) {
-        if (unit.size() > kLargestSet) {
+        if (unit.size() > kLargestSet)
             continue;
-        }
-        if (TypeOf(unit) == kSps && found.sps.size() < kMostSps) {
+        if (TypeOf(unit) == kSps && found.sps.size() < kMostSps)
             found.sps.push_back(unit);
-        } else if (TypeOf(unit) == kPps && found.pps.size() < kMostPps) {
+        else if (TypeOf(unit) == kPps && found.pps.size() < kMostPps)
             found.pps.push_back(unit);
-        }
     }
-    if (!found.sps.empty() && !found.pps.empty()) {
+    if (!found.sps.empty() && !found.pps.empty())
         sets = std::move(found);
-    }
 }
 
 std::vector<uint8_t> MakeAccessUnit(const std::vector<NalUnit>& units, bool key,
@@ -163,15 +149,13 @@ std::vector<uint8_t> MakeAccessUnit(const std::vector<NalUnit>& units, bool key,
     std::vector<uint8_t> out;
     if (key && !(holds(kSps) && holds(kPps))) {
         for (const auto* list : {&sets.sps, &sets.pps}) {
-            for (const NalUnit& set : *list) {
+            for (const NalUnit& set : *list)
                 PutUnit(out, set);
-            }
         }
     }
     for (const NalUnit& unit : units) {
-        if (TypeOf(unit) != kDelimiter) {
+        if (TypeOf(unit) != kDelimiter)
             PutUnit(out, unit);
-        }
     }
     return out;
 }

@@ -18,9 +18,8 @@ std::string ReadFile(const std::string& path, const std::string& advice) {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream content;
     content << in.rdbuf();
-    if (!in) {
+    if (!in)
         throw PackageError(Failure::InputOutput, path + ": cannot be read; " + advice);
-    }
     return content.str();
 }
 
@@ -43,9 +42,8 @@ Attachment LoadFont(std::string path) {
     const std::string data = ReadFile(path, "name a TrueType file with --font");
     const bool trueType = data.compare(0, 4, std::string("\0\1\0\0", 4)) == 0 ||
                           data.compare(0, 4, "true") == 0 || data.compare(0, 4, "OTTO") == 0;
-    if (!trueType) {
+    if (!trueType)
         throw PackageError(Failure::Refused, path + ": is no TrueType font");
-    }
     if (data.size() + 1024 > kLongestSubtitleHeader) {
         throw PackageError(Failure::Refused,
                            path + ": " + std::to_string(data.size()) +

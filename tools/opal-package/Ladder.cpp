@@ -29,9 +29,8 @@ int ParseSide(const std::string& text, const std::string& part) {
     int value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (error != std::errc() || end != text.data() + text.size() || value < kSmallestSide ||
-        value > kLargestSide || value % 2 != 0) {
+        value > kLargestSide || value % 2 != 0)
         Reject("level with a width or height that is not an even number from 16 to 4096:", part);
-    }
     return value;
 }
 
@@ -48,9 +47,8 @@ int ParseBitrate(const std::string& text) {
     const std::string unit = text.substr(used);
     value *= unit == "k" || unit == "K" ? 1e3 : unit == "m" || unit == "M" ? 1e6 : 1;
     const bool unitKnown = unit.empty() || unit.find_first_not_of("kKmM") == std::string::npos;
-    if (unit.size() > 1 || !unitKnown || !(value >= 1000 && value <= kLargestBitrate)) {
+    if (unit.size() > 1 || !unitKnown || !(value >= 1000 && value <= kLargestBitrate))
         Reject("not a bit rate from 1k to 100M:", text);
-    }
     return static_cast<int>(std::lround(value));
 }
 
@@ -62,9 +60,8 @@ std::vector<Rung> ParseLadder(const std::string& text) {
         const std::string part = text.substr(begin, end - begin);
         const size_t colon = part.find(':');
         const size_t cross = part.find('x', colon == std::string::npos ? 0 : colon);
-        if (colon == std::string::npos || cross == std::string::npos) {
+        if (colon == std::string::npos || cross == std::string::npos)
             Reject("levels are written RATE:WIDTHxHEIGHT, separated by commas, not", part);
-        }
         Rung rung;
         rung.bitrate = ParseBitrate(part.substr(0, colon));
         rung.width = ParseSide(part.substr(colon + 1, cross - colon - 1), part);
@@ -87,9 +84,8 @@ std::vector<Rung> DefaultLadder(int sourceWidth, int sourceHeight, double frames
         if (!fits && !ladder.empty() && ladder.back().height == source.height) {
             rung.bitrate = ladder.back().bitrate / 2 * 3;
             const double pixelsPerSecond = rung.width * 1.0 * rung.height * framesPerSecond;
-            if (rung.bitrate > kUsefulBitsPerPixel * pixelsPerSecond) {
+            if (rung.bitrate > kUsefulBitsPerPixel * pixelsPerSecond)
                 break;
-            }
         }
         ladder.push_back(rung);
     }

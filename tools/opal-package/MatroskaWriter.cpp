@@ -28,9 +28,8 @@ void Append(Bytes& to, const Bytes& from) {
 }
 
 void PutBigEndian(Bytes& to, uint64_t value, unsigned length) {
-    for (unsigned i = length; i-- > 0;) {
+    for (unsigned i = length; i-- > 0;)
         to.push_back(static_cast<uint8_t>(value >> (8 * i)));
-    }
 }
 
 void PutId(Bytes& to, uint32_t id) {
@@ -41,9 +40,8 @@ void PutId(Bytes& to, uint32_t id) {
 void PutSize(Bytes& to, uint64_t size) {
     unsigned length = 1;
     // All ones means "unknown size", so the largest value of each length is left out.
-    while (length < 8 && size >= (uint64_t{1} << (7 * length)) - 1) {
+    while (length < 8 && size >= (uint64_t{1} << (7 * length)) - 1)
         ++length;
-    }
     PutBigEndian(to, size | (uint64_t{1} << (7 * length)), length);
 }
 
@@ -65,9 +63,8 @@ void PutUIntSized(Bytes& to, uint32_t id, uint64_t value, unsigned length) {
 
 void PutUInt(Bytes& to, uint32_t id, uint64_t value) {
     unsigned length = 1;
-    while (length < 8 && (value >> (8 * length)) != 0) {
+    while (length < 8 && (value >> (8 * length)) != 0)
         ++length;
-    }
     PutUIntSized(to, id, value, length);
 }
 
@@ -77,9 +74,8 @@ void PutInt(Bytes& to, uint32_t id, int64_t value) {
     unsigned length = 1;
     while (length < 8) {
         const int64_t limit = int64_t{1} << (8 * length - 1);
-        if (value >= -limit && value < limit) {
+        if (value >= -limit && value < limit)
             break;
-        }
         ++length;
     }
     PutUIntSized(to, id, static_cast<uint64_t>(value), length);
@@ -137,12 +133,10 @@ Bytes TracksElement(const TrackDescription& track) {
     PutUInt(entry, 0x9C, 0);  // FlagLacing
     PutString(entry, 0x22B59C, track.language);
     PutString(entry, 0x86, track.codecId);
-    if (!track.codecPrivate.empty()) {
+    if (!track.codecPrivate.empty())
         PutBinary(entry, 0x63A2, track.codecPrivate);
-    }
-    if (track.defaultDurationNs > 0) {
+    if (track.defaultDurationNs > 0)
         PutUInt(entry, 0x23E383, track.defaultDurationNs);
-    }
     Bytes format;
     if (track.kind == TrackKind::Video) {
         PutUInt(format, 0xB0, track.width);
@@ -151,9 +145,8 @@ Bytes TracksElement(const TrackDescription& track) {
             PutUInt(format, 0x54B0, track.displayWidth);
             PutUInt(format, 0x54BA, track.displayHeight);
         }
-        if (track.colour) {
+        if (track.colour)
             PutBinary(format, 0x55B0, ColourElement(*track.colour));
-        }
         PutBinary(entry, 0xE0, format);
     } else if (track.kind == TrackKind::Audio) {
         PutFloat(format, 0xB5, track.samplingFrequency);
@@ -202,9 +195,8 @@ Bytes BlockGroupElement(const Block& block, int64_t clusterTimeMs, int64_t previ
                                     " ms is too far from its cluster at " +
                                     std::to_string(clusterTimeMs) + " ms");
     }
-    if (block.data.empty()) {
+    if (block.data.empty())
         throw std::invalid_argument("block at " + std::to_string(block.timeMs) + " ms is empty");
-    }
     Bytes group;
     PutId(group, 0xA1);
     PutSize(group, block.data.size() + 4);
@@ -212,12 +204,10 @@ Bytes BlockGroupElement(const Block& block, int64_t clusterTimeMs, int64_t previ
     PutBigEndian(group, static_cast<uint16_t>(relative), 2);
     group.push_back(0);  // flags: visible, no lacing
     Append(group, block.data);
-    if (block.durationMs > 0) {
+    if (block.durationMs > 0)
         PutInt(group, 0x9B, block.durationMs);
-    }
-    if (!block.key) {
+    if (!block.key)
         PutInt(group, 0xFB, previousTimeMs - block.timeMs);
-    }
     Bytes out;
     PutBinary(out, 0xA0, group);
     return out;
@@ -234,16 +224,14 @@ MatroskaWriter::MatroskaWriter(std::ostream& out, const TrackDescription& track)
     const Bytes attachments = track.attachment ? AttachmentsElement(*track.attachment) : Bytes();
 
     std::vector<std::pair<uint32_t, uint64_t>> targets = {{kInfo, 0}, {kTracks, 0}};
-    if (track.attachment) {
+    if (track.attachment)
         targets.emplace_back(kAttachments, 0);
-    }
     targets.emplace_back(kCues, 0);
     const uint64_t seekSize = SeekHeadElement(targets).size();
     targets[0].second = seekSize;
     targets[1].second = seekSize + info.size();
-    if (track.attachment) {
+    if (track.attachment)
         targets[2].second = seekSize + info.size() + tracks.size();
-    }
 
     m_segmentSizeOffset = ebml.size() + 4;
     m_layout.segmentDataOffset = ebml.size() + kSegmentHeaderSize;
@@ -274,9 +262,8 @@ void MatroskaWriter::WriteCluster(const Cluster& cluster) {
     int64_t previous = cluster.timeMs;
     for (const Block& block : cluster.blocks) {
         places.push_back(payload.size());
-        if (block.key) {
+        if (block.key)
             keyFrames.push_back(payload.size());
-        }
         Append(payload, BlockGroupElement(block, cluster.timeMs, previous));
         previous = block.timeMs;
     }
@@ -288,12 +275,10 @@ void MatroskaWriter::WriteCluster(const Cluster& cluster) {
     layout.timeMs = cluster.timeMs;
     layout.offset = m_position;
     layout.size = out.size();
-    for (uint64_t place : places) {
+    for (uint64_t place : places)
         layout.frameOffsets.push_back(m_position + headerSize + place);
-    }
-    for (uint64_t& place : keyFrames) {
+    for (uint64_t& place : keyFrames)
         place += headerSize;
-    }
     m_layout.clusters.push_back(std::move(layout));
     m_keyFrames.push_back(std::move(keyFrames));
     Put(out);
@@ -308,9 +293,8 @@ FileLayout MatroskaWriter::Finish(int64_t durationMs) {
         PutUInt(positions, 0xF1, cluster.offset - m_layout.segmentDataOffset);
         if (m_frameLists) {
             Bytes frames;
-            for (uint64_t place : m_keyFrames[i]) {
+            for (uint64_t place : m_keyFrames[i])
                 PutUInt(frames, 0xF9, place);
-            }
             PutBinary(positions, 0xF8, frames);
         }
         Bytes point;
@@ -336,18 +320,16 @@ FileLayout MatroskaWriter::Finish(int64_t durationMs) {
     Patch(m_cuesPositionOffset, cuesPosition);
     m_out.seekp(static_cast<std::streamoff>(m_position));
     m_out.flush();
-    if (!m_out) {
+    if (!m_out)
         throw std::runtime_error("the file could not be completed");
-    }
     return m_layout;
 }
 
 void MatroskaWriter::Put(const Bytes& bytes) {
     m_out.write(reinterpret_cast<const char*>(bytes.data()),
                 static_cast<std::streamsize>(bytes.size()));
-    if (!m_out) {
+    if (!m_out)
         throw std::runtime_error("the file could not be written");
-    }
     m_position += bytes.size();
 }
 
@@ -361,9 +343,8 @@ BuiltFile BuildFile(const TrackDescription& track, const std::vector<Cluster>& c
                     int64_t durationMs) {
     std::ostringstream out(std::ios::binary);
     MatroskaWriter writer(out, track);
-    for (const Cluster& cluster : clusters) {
+    for (const Cluster& cluster : clusters)
         writer.WriteCluster(cluster);
-    }
     BuiltFile file;
     file.layout = writer.Finish(durationMs);
     const std::string text = out.str();

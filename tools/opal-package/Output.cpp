@@ -35,9 +35,8 @@ TrackDescription VideoTrack(const Entry& entry, const ParameterSets& sets, const
     track.codecPrivate = MakeConfiguration(sets);
     track.width = static_cast<uint32_t>(entry.width);
     track.height = static_cast<uint32_t>(entry.height);
-    if (IsKnown(colour)) {
+    if (IsKnown(colour))
         track.colour = CodesOf(colour);
-    }
     return track;
 }
 
@@ -47,9 +46,8 @@ uint64_t FrameDurationNs(AVRational rate) {
 
 int MeanBitrate(const Entry& entry, int64_t durationMs) {
     uint64_t bytes = 0;
-    for (uint64_t size : entry.clusterSizes) {
+    for (uint64_t size : entry.clusterSizes)
         bytes += size;
-    }
     const uint64_t rate = bytes * 8000 / static_cast<uint64_t>(std::max<int64_t>(durationMs, 1));
     return static_cast<int>(std::clamp<uint64_t>(rate, 1, 1000000000));
 }
@@ -80,9 +78,8 @@ class FileOutput : public Output {
     virtual void Complete(int64_t /*durationMs*/) {}
 
     void Note(const std::string& text) const {
-        if (m_options.note) {
+        if (m_options.note)
             m_options.note(text);
-        }
     }
 
     OutputOptions m_options;
@@ -140,9 +137,8 @@ class CopyOutput : public FileOutput {
         } else if (block.timeMs >= clusterEnd + FrameMs()) {
             Refuse(clusterEnd, "no key frame");
         }
-        if (!m_file.IsDescribed()) {
+        if (!m_file.IsDescribed())
             Describe(block);
-        }
         m_file.Add(std::move(block));
     }
 
@@ -167,9 +163,8 @@ class CopyOutput : public FileOutput {
 
     void TestStart(const Block& block) const {
         const int64_t due = block.timeMs / kClusterMs * kClusterMs;
-        if (!block.key || block.timeMs >= due + FrameMs()) {
+        if (!block.key || block.timeMs >= due + FrameMs())
             Refuse(due, "no key frame");
-        }
     }
 
     [[noreturn]] void Refuse(int64_t timeMs, const std::string& what) const {
@@ -263,9 +258,8 @@ class SoundOutput : public FileOutput {
 
   private:
     void WriteBefore(int64_t timeMs) {
-        for (; !m_waiting.empty() && m_waiting.front().timeMs < timeMs; m_waiting.pop_front()) {
+        for (; !m_waiting.empty() && m_waiting.front().timeMs < timeMs; m_waiting.pop_front())
             m_file.Add(std::move(m_waiting.front()));
-        }
     }
 
     void Drain(int64_t durationMs) override {
@@ -304,9 +298,8 @@ class SubtitleOutput : public FileOutput {
   private:
     void Drain(int64_t durationMs) override {
         Arrange(m_texts);
-        for (const Cluster& cluster : SubtitleClusters(m_texts, durationMs)) {
+        for (const Cluster& cluster : SubtitleClusters(m_texts, durationMs))
             m_file.AddCluster(cluster);
-        }
         const auto late = std::count_if(
             m_texts.begin(), m_texts.end(),
             [durationMs](const SubtitleText& text) { return text.startMs >= durationMs; });

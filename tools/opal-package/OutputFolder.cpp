@@ -38,9 +38,8 @@ std::set<std::string> MediaOf(const std::string& folder) {
         const std::string text{std::istreambuf_iterator<char>(in), {}};
         for (const Entry& entry : ParseSidecar(text).entries) {
             // A name with a path in it would lead out of the folder.
-            if (entry.file == fs::path(entry.file).filename().string()) {
+            if (entry.file == fs::path(entry.file).filename().string())
                 names.insert({entry.file, entry.file + kGoldenEnding});
-            }
         }
     } catch (const std::exception&) {  // no sidecar, or none of ours
         return {};
@@ -53,9 +52,8 @@ std::set<std::string> MediaOf(const std::string& folder) {
 OutputFolder::OutputFolder(const std::string& folder) {
     std::error_code error;
     fs::path path = fs::weakly_canonical(fs::absolute(folder), error);
-    if (error) {
+    if (error)
         Fail(folder + ": cannot be created", error);
-    }
     if (!path.has_filename()) {
         path = path.parent_path();  // a slash at the end
     }
@@ -78,15 +76,13 @@ void OutputFolder::Begin() {
         error = std::make_error_code(std::errc::not_a_directory);
         fs::remove(m_working);
     }
-    if (error) {
+    if (error)
         Fail(m_folder + ": cannot be created", error);
-    }
     const int lock = open(m_working.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (lock < 0 || flock(lock, LOCK_EX | LOCK_NB) != 0) {
         error.assign(errno, std::generic_category());
-        if (lock >= 0) {
+        if (lock >= 0)
             close(lock);
-        }
         Fail(m_working + ": cannot be used; is another opal-package making this folder?", error);
     }
     try {
@@ -109,9 +105,8 @@ void OutputFolder::ClearLeftover() const {
                                    " in it is no file of a presentation; move the folder away");
         }
     }
-    for (const auto& file : files) {
+    for (const auto& file : files)
         fs::remove(file.path(), error);
-    }
 }
 
 void OutputFolder::Move(const std::string& name) const {
@@ -122,32 +117,28 @@ void OutputFolder::Move(const std::string& name) const {
     if (error == std::errc::cross_device_link) {  // the folder is a file system of its own
         fs::copy_file(from, to, fs::copy_options::overwrite_existing, error);
     }
-    if (error) {
+    if (error)
         Fail(to + ": cannot be put in place", error);
-    }
 }
 
 void OutputFolder::Commit() {
     std::error_code error;
     if (!fs::exists(m_folder)) {
         fs::rename(m_working, m_folder, error);
-        if (error) {
+        if (error)
             Fail(m_folder + ": cannot be put in place", error);
-        }
     } else {
         std::set<std::string> former = MediaOf(m_folder);
         // From here on until the new manifest is there, the folder is not to be played.
         fs::remove(m_folder + "/" + kManifestName, error);
         for (const auto& file : fs::directory_iterator(m_working)) {
             const std::string name = file.path().filename().string();
-            if (name != kManifestName) {
+            if (name != kManifestName)
                 Move(name);
-            }
             former.erase(name);
         }
-        for (const std::string& name : former) {
+        for (const std::string& name : former)
             fs::remove(m_folder + "/" + name, error);
-        }
         Move(kManifestName);
         fs::remove_all(m_working, error);
     }

@@ -31,15 +31,13 @@ class Work : public FilmSink {
         m_film = OpenFilm();
         PlanFiles();
         while (m_film->Step(*this)) {
-            if (m_events.stopped && m_events.stopped()) {
+            if (m_events.stopped && m_events.stopped())
                 throw PackageError(Failure::Stopped, m_options.folder + ": not made, as asked");
-            }
         }
         Presentation presentation;
         presentation.durationMs = m_film->DurationMs();
-        for (const auto& output : m_outputs) {
+        for (const auto& output : m_outputs)
             presentation.entries.push_back(output->Finish(presentation.durationMs));
-        }
         WritePresentation(m_folder.Working(), presentation, m_options.baseUrl);
         m_outputs.clear();
         m_folder.Commit();
@@ -50,12 +48,10 @@ class Work : public FilmSink {
     void OnPicture(int64_t timeMs, FilmPicture& picture) override {
         // The same question for all levels, so that their clusters begin with the same picture.
         const bool key = timeMs >= m_nextKeyMs;
-        if (key) {
+        if (key)
             m_nextKeyMs = (timeMs / kClusterMs + 1) * kClusterMs;
-        }
-        for (const auto& output : m_outputs) {
+        for (const auto& output : m_outputs)
             output->OnPicture(timeMs, key, picture);
-        }
         Progress(timeMs, m_film->Info().durationMs);
     }
 
@@ -79,15 +75,13 @@ class Work : public FilmSink {
 
   private:
     void Note(const std::string& text) const {
-        if (m_events.note) {
+        if (m_events.note)
             m_events.note(text);
-        }
     }
 
     void Progress(int64_t doneMs, int64_t allMs) const {
-        if (m_events.progress) {
+        if (m_events.progress)
             m_events.progress(doneMs, allMs);
-        }
     }
 
     std::unique_ptr<Film> OpenFilm() {
@@ -106,28 +100,23 @@ class Work : public FilmSink {
     void PlanFiles() {
         // Whatever the command line names is read before anything is encoded.
         std::vector<std::vector<SubtitleText>> texts;
-        for (const SubtitleSource& source : m_options.subtitles) {
+        for (const SubtitleSource& source : m_options.subtitles)
             texts.push_back(ReadSubtitleFile(source.file));
-        }
         Attachment font;
-        if (!texts.empty() || !m_film->Info().texts.empty()) {
+        if (!texts.empty() || !m_film->Info().texts.empty())
             font = LoadFont(m_options.font);
-        }
         m_folder.Begin();
         m_common = {m_folder.Working(), m_options.preset, m_options.golden, m_events.note};
-        if (m_options.copy) {
+        if (m_options.copy)
             PlanCopy();
-        } else {
+        else
             PlanLevels();
-        }
         PlanTrick();
         PlanSounds();
-        for (size_t i = 0; i < texts.size(); ++i) {
+        for (size_t i = 0; i < texts.size(); ++i)
             PlanSubtitle(m_options.subtitles[i].language, std::move(texts[i]), font);
-        }
-        for (const std::string& language : m_film->Info().texts) {
+        for (const std::string& language : m_film->Info().texts)
             m_texts.push_back(&PlanSubtitle(language, {}, font));
-        }
     }
 
     void PlanLevels() {
@@ -167,9 +156,8 @@ class Work : public FilmSink {
     }
 
     void PlanTrick() {
-        if (m_options.trickIntervalMs == 0) {
+        if (m_options.trickIntervalMs == 0)
             return;
-        }
         const FilmInfo& info = m_film->Info();
         Entry entry;
         entry.kind = EntryKind::Trick;
@@ -232,37 +220,31 @@ class Work : public FilmSink {
 
 void Check(const PackageOptions& options) {
     const auto refuse = [](const std::string& text) { throw PackageError(Failure::Usage, text); };
-    if (options.folder.empty()) {
+    if (options.folder.empty())
         refuse("name the folder to be made with -o");
-    }
-    if (options.copy && (options.input.empty() || !options.ladder.empty())) {
+    if (options.copy && (options.input.empty() || !options.ladder.empty()))
         refuse("--copy needs an INPUT, and makes one level, so it does not go with --levels");
-    }
     if (options.trickIntervalMs != 0 &&
         (options.trickIntervalMs < 40 || kTrickClusterMs % options.trickIntervalMs != 0)) {
         refuse("--trick-interval must divide " + std::to_string(kTrickClusterMs) +
                " ms and be at least 40, or be 0 for no trick track");
     }
     std::vector<std::string> languages;
-    for (const SubtitleSource& source : options.subtitles) {
+    for (const SubtitleSource& source : options.subtitles)
         languages.push_back(source.language);
-    }
-    for (const auto* list : {&options.testFilm.languages, &options.testFilm.texts}) {
+    for (const auto* list : {&options.testFilm.languages, &options.testFilm.texts})
         languages.insert(languages.end(), list->begin(), list->end());
-    }
     for (const std::string& language : languages) {
         // It becomes part of a file's name.
         const bool letters = std::all_of(language.begin(), language.end(),
                                          [](char c) { return c >= 'a' && c <= 'z'; });
-        if (language.size() != 3 || !letters) {
+        if (language.size() != 3 || !letters)
             refuse("'" + language + "' is no language code of three small letters");
-        }
     }
     if (options.input.empty() &&
         (options.testFilm.durationMs < 1 || options.testFilm.framesPerSecond < 2 ||
-         options.testFilm.framesPerSecond > 120)) {
+         options.testFilm.framesPerSecond > 120))
         refuse("the test film needs a duration above 0 and 2 to 120 frames a second");
-    }
 }
 
 }  // namespace

@@ -74,9 +74,8 @@ PictureProperties PropertiesOf(const AVStream& stream) {
     PictureProperties properties;
     size_t size = 0;
     const uint8_t* matrix = av_stream_get_side_data(&stream, AV_PKT_DATA_DISPLAYMATRIX, &size);
-    if (matrix != nullptr && size >= 9 * sizeof(int32_t)) {
+    if (matrix != nullptr && size >= 9 * sizeof(int32_t))
         ReadOrientation(reinterpret_cast<const int32_t*>(matrix), properties);
-    }
     const AVCodecParameters& parameters = *stream.codecpar;
     Colour& colour = properties.colour;
     colour = {parameters.color_primaries, parameters.color_trc, parameters.color_space,
@@ -89,12 +88,10 @@ PictureProperties PropertiesOf(const AVStream& stream) {
                         : hd                        ? AVCOL_SPC_BT709
                                                     : AVCOL_SPC_SMPTE170M;
     }
-    if (properties.highDynamicRange && colour.primaries == AVCOL_PRI_UNSPECIFIED) {
+    if (properties.highDynamicRange && colour.primaries == AVCOL_PRI_UNSPECIFIED)
         colour.primaries = AVCOL_PRI_BT2020;
-    }
-    if (colour.range == AVCOL_RANGE_UNSPECIFIED) {
+    if (colour.range == AVCOL_RANGE_UNSPECIFIED)
         colour.range = AVCOL_RANGE_MPEG;
-    }
     return properties;
 }
 
@@ -108,27 +105,23 @@ AVFilterContext* PictureFilter::AddFilter(const char* name, const std::string& a
     const int code = avfilter_graph_create_filter(&context, avfilter_get_by_name(name), name,
                                                   arguments.empty() ? nullptr : arguments.c_str(),
                                                   nullptr, m_graph.get());
-    if (code < 0) {
+    if (code < 0)
         Fail(name, code);
-    }
     return context;
 }
 
 Colour PictureFilter::OutputColour() const {
     Colour colour;  // BT.709 throughout
     const Colour& source = m_properties.colour;
-    if (m_properties.highDynamicRange || IsWide(source.primaries)) {
+    if (m_properties.highDynamicRange || IsWide(source.primaries))
         return colour;
-    }
     // Matrix and range are converted; the rest of an ordinary picture is kept and said.
     if (source.primaries != AVCOL_PRI_UNSPECIFIED && source.primaries != AVCOL_PRI_RESERVED &&
-        source.primaries != AVCOL_PRI_RESERVED0) {
+        source.primaries != AVCOL_PRI_RESERVED0)
         colour.primaries = source.primaries;
-    }
     if (source.transfer != AVCOL_TRC_UNSPECIFIED && source.transfer != AVCOL_TRC_RESERVED &&
-        source.transfer != AVCOL_TRC_RESERVED0) {
+        source.transfer != AVCOL_TRC_RESERVED0)
         colour.transfer = source.transfer;
-    }
     return colour;
 }
 
@@ -161,16 +154,13 @@ std::string PictureFilter::ColourChain(const Shape& shape) const {
         }
         return chain + ",format=yuv420p";
     }
-    if (IsRgb(shape.format)) {
+    if (IsRgb(shape.format))
         return "scale=out_color_matrix=bt709:out_range=limited,format=yuv420p";
-    }
     std::string matrix = MatrixName(colour.matrix);
-    if (matrix.empty()) {
+    if (matrix.empty())
         matrix = "auto";
-    }
-    if (matrix == "bt709" && !full) {
+    if (matrix == "bt709" && !full)
         return shape.format == AV_PIX_FMT_YUV420P ? "" : "format=yuv420p";
-    }
     return "scale=in_color_matrix=" + matrix + ":in_range=" + (full ? "full" : "limited") +
            ":out_color_matrix=bt709:out_range=limited,format=yuv420p";
 }
@@ -178,9 +168,8 @@ std::string PictureFilter::ColourChain(const Shape& shape) const {
 std::string PictureFilter::Chain(const Shape& shape) const {
     std::string chain;
     const auto add = [&chain](const std::string& filter) {
-        if (!filter.empty()) {
+        if (!filter.empty())
             chain += (chain.empty() ? "" : ",") + filter;
-        }
     };
     // Lines of two moments must be parted before anything mixes them.
     add(shape.interlaced ? "bwdif=mode=send_frame:deint=interlaced" : "");
@@ -193,13 +182,11 @@ void PictureFilter::Build(const AVFrame& picture, const Shape& shape) {
     m_graph.reset();
     m_shape = shape;
     const std::string chain = Chain(shape);
-    if (chain.empty()) {
+    if (chain.empty())
         return;
-    }
     m_graph.reset(avfilter_graph_alloc());
-    if (!m_graph) {
+    if (!m_graph)
         Fail("filter", AVERROR(ENOMEM));
-    }
     m_graph->nb_threads = kFilterThreads;
     const AVRational aspect = picture.sample_aspect_ratio;
     m_source = AddFilter("buffer", "width=" + std::to_string(shape.width) +
@@ -211,9 +198,8 @@ void PictureFilter::Build(const AVFrame& picture, const Shape& shape) {
     AVFilterInOut* inputs = nullptr;
     AVFilterInOut* outputs = nullptr;
     int code = avfilter_graph_parse2(m_graph.get(), chain.c_str(), &inputs, &outputs);
-    if (code >= 0 && (inputs == nullptr || outputs == nullptr)) {
+    if (code >= 0 && (inputs == nullptr || outputs == nullptr))
         code = AVERROR_BUG;
-    }
     if (code >= 0) {
         code =
             avfilter_link(m_source, 0, inputs->filter_ctx, static_cast<unsigned>(inputs->pad_idx));
@@ -225,9 +211,8 @@ void PictureFilter::Build(const AVFrame& picture, const Shape& shape) {
     avfilter_inout_free(&inputs);
     avfilter_inout_free(&outputs);
     code = code < 0 ? code : avfilter_graph_config(m_graph.get(), nullptr);
-    if (code < 0) {
+    if (code < 0)
         Fail(chain, code);
-    }
 }
 
 void PictureFilter::Push(AVFrame& picture, const Take& take) {
@@ -244,18 +229,16 @@ void PictureFilter::Push(AVFrame& picture, const Take& take) {
         return;
     }
     const int code = av_buffersrc_add_frame_flags(m_source, &picture, AV_BUFFERSRC_FLAG_KEEP_REF);
-    if (code < 0) {
+    if (code < 0)
         Fail("picture at " + std::to_string(picture.pts) + " ms", code);
-    }
     Pull(take);
 }
 
 void PictureFilter::Finish(const Take& take) {
     if (m_graph) {
         const int code = av_buffersrc_add_frame_flags(m_source, nullptr, 0);
-        if (code < 0) {
+        if (code < 0)
             Fail("last picture", code);
-        }
         Pull(take);
         m_graph.reset();
     }
@@ -270,9 +253,8 @@ void PictureFilter::Pull(const Take& take) {
         take(*picture);
         av_frame_unref(picture.get());
     }
-    if (code != AVERROR(EAGAIN) && code != AVERROR_EOF) {
+    if (code != AVERROR(EAGAIN) && code != AVERROR_EOF)
         Fail("picture", code);
-    }
 }
 
 }  // namespace opal::package

@@ -20,18 +20,16 @@ constexpr std::pair<EntryKind, const char*> kKindNames[] = {{EntryKind::Level, "
 
 std::string KindName(EntryKind kind) {
     for (const auto& [value, name] : kKindNames) {
-        if (value == kind) {
+        if (value == kind)
             return name;
-        }
     }
     return "";
 }
 
 EntryKind KindOf(const std::string& text) {
     for (const auto& [value, name] : kKindNames) {
-        if (text == name) {
+        if (text == name)
             return value;
-        }
     }
     throw PackageError(Failure::Refused, "unknown kind of file '" + text + "'");
 }
@@ -62,16 +60,14 @@ std::string Escaped(const std::string& text) {
 class ManifestWriter {
   public:
     explicit ManifestWriter(const std::string& baseUrl) : m_base(baseUrl) {
-        while (!m_base.empty() && m_base.back() == '/') {
+        while (!m_base.empty() && m_base.back() == '/')
             m_base.pop_back();
-        }
     }
 
     void Video(const Entry& entry) {
         m_out << "        <video src=\"" << Url(entry) << "\"";
-        if (entry.kind == EntryKind::Trick) {
+        if (entry.kind == EntryKind::Trick)
             m_out << " systemProfile=\"TavoPlusTrickTrack\"";
-        }
         m_out << " systemBitrate=\"" << entry.bitrate << "\" width=\"" << entry.width
               << "\" height=\"" << entry.height << "\">\n";
         Param("header-request", entry.headerRequest);
@@ -112,9 +108,8 @@ void WriteTextFile(const std::string& path, const std::string& text) {
     out << text;
     out.close();
     std::error_code error;
-    if (out) {
+    if (out)
         std::filesystem::rename(whole, path, error);
-    }
     if (!out || error) {
         std::error_code ignored;
         std::filesystem::remove(whole, ignored);
@@ -126,9 +121,8 @@ void WriteTextFile(const std::string& path, const std::string& text) {
 /// A file that is not the one described would fail in the middle of a film.
 void TestFile(const std::string& path, const Entry& entry) {
     uint64_t least = entry.headerRequest;
-    for (const uint64_t size : entry.clusterSizes) {
+    for (const uint64_t size : entry.clusterSizes)
         least += size;
-    }
     std::error_code error;
     const uint64_t size = std::filesystem::file_size(path, error);
     if (error || size < least) {
@@ -157,14 +151,12 @@ std::string ManifestText(const Presentation& presentation, const std::string& ba
     ManifestWriter writer(baseUrl);
     const auto group = [&](const char* element, EntryKind kind, auto write) {
         const auto matches = [kind](const Entry& entry) { return entry.kind == kind; };
-        if (std::none_of(presentation.entries.begin(), presentation.entries.end(), matches)) {
+        if (std::none_of(presentation.entries.begin(), presentation.entries.end(), matches))
             return;
-        }
         writer.Out() << "      <" << element << ">\n";
         for (const Entry& entry : presentation.entries) {
-            if (matches(entry)) {
+            if (matches(entry))
                 write(entry);
-            }
         }
         writer.Out() << "      </" << element << ">\n";
     };
@@ -214,9 +206,8 @@ std::string SidecarText(const Presentation& presentation) {
     for (size_t row = 0; row < rows; ++row) {
         json sizes = json::array();
         for (const Entry& entry : presentation.entries) {
-            if (entry.kind == EntryKind::Level) {
+            if (entry.kind == EntryKind::Level)
                 sizes.push_back(row < entry.clusterSizes.size() ? entry.clusterSizes[row] * 8 : 0);
-            }
         }
         out["segment_sizes_bits"].push_back(sizes);
     }
@@ -268,14 +259,12 @@ void RewriteManifest(const std::string& folder, const std::string& baseUrl) {
     }
     try {
         const Presentation presentation = ParseSidecar(text.str());
-        for (const Entry& entry : presentation.entries) {
+        for (const Entry& entry : presentation.entries)
             TestFile(folder + "/" + entry.file, entry);
-        }
         WriteTextFile(folder + "/" + kManifestName, ManifestText(presentation, baseUrl));
     } catch (const PackageError& error) {
-        if (error.GetFailure() != Failure::Refused) {
+        if (error.GetFailure() != Failure::Refused)
             throw;
-        }
         throw PackageError(Failure::Refused, path + ": is no description of a presentation (" +
                                                  error.what() + "); make the presentation again");
     }

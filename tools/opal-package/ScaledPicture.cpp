@@ -13,12 +13,10 @@ namespace opal::package {
 AVFrame& ScaledPicture::At(int width, int height, unsigned) {
     Size& size = m_sizes[{width, height}];
     bool& done = m_upToDate[{width, height}];
-    if (!size.frame) {
+    if (!size.frame)
         size.frame = NewPicture(width, height);
-    }
-    if (!size.frame || av_frame_make_writable(size.frame.get()) < 0) {
+    if (!size.frame || av_frame_make_writable(size.frame.get()) < 0)
         throw PackageError(Failure::InputOutput, "no memory for a picture");
-    }
     if (!done) {
         Scale(size);
         done = true;

@@ -69,9 +69,8 @@ class SourceFilm : public Film {
           m_shown(av_frame_alloc()) {
         OpenInput();
         OpenVideo();
-        for (unsigned i = 0; i < m_input->nb_streams; ++i) {
+        for (unsigned i = 0; i < m_input->nb_streams; ++i)
             OpenOther(*m_input->streams[i]);
-        }
         for (unsigned i = 0; i < m_input->nb_streams; ++i) {
             const int index = static_cast<int>(i);
             const bool wanted = index == m_video.index || FindAudio(index) != nullptr ||
@@ -96,9 +95,8 @@ class SourceFilm : public Film {
                                                      AvErrorText(code) + "; is the file whole?");
         }
         if (m_packet->stream_index == m_video.index) {
-            if (m_options.copy) {
+            if (m_options.copy)
                 CopyPacket(sink);
-            }
             Decode(m_video, m_packet.get(), sink);
         } else if (Decoder* audio = FindAudio(m_packet->stream_index)) {
             Decode(*audio, m_packet.get(), sink);
@@ -115,9 +113,8 @@ class SourceFilm : public Film {
     }
 
     void ThrowIfStopped() const {
-        if (m_options.stopped && m_options.stopped()) {
+        if (m_options.stopped && m_options.stopped())
             throw PackageError(Failure::Stopped, m_options.input + ": not read on, as asked");
-        }
     }
 
     static int IsStopped(void* film) {
@@ -127,9 +124,8 @@ class SourceFilm : public Film {
 
     void OpenInput() {
         AVFormatContext* context = avformat_alloc_context();
-        if (context == nullptr) {
+        if (context == nullptr)
             throw PackageError(Failure::InputOutput, "no memory for " + m_options.input);
-        }
         context->interrupt_callback = {&SourceFilm::IsStopped, this};
         int code = avformat_open_input(&context, m_options.input.c_str(), nullptr, nullptr);
         ThrowIfStopped();
@@ -141,18 +137,16 @@ class SourceFilm : public Film {
         }
         m_input.reset(context);
         code = avformat_find_stream_info(context, nullptr);
-        if (code < 0) {
+        if (code < 0)
             Refuse("its streams cannot be told apart: " + AvErrorText(code));
-        }
         m_info.name = m_options.input;
     }
 
     void OpenVideo() {
         const int index =
             av_find_best_stream(m_input.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-        if (index < 0) {
+        if (index < 0)
             Refuse("holds no video stream; a presentation needs one");
-        }
         AVStream& stream = *m_input->streams[index];
         const int code = OpenDecoder(m_video, stream);
         if (code < 0) {
@@ -167,9 +161,8 @@ class SourceFilm : public Film {
                    std::to_string(parameters.height) + " cannot be packaged; from 16 to 8192 can");
         }
         AVRational aspect = av_guess_sample_aspect_ratio(m_input.get(), &stream, nullptr);
-        if (aspect.num <= 0 || aspect.den <= 0) {
+        if (aspect.num <= 0 || aspect.den <= 0)
             aspect = {1, 1};
-        }
         m_info.width = std::clamp(static_cast<int>(std::lround(parameters.width * av_q2d(aspect))),
                                   kSmallestSide, kLargestSide);
         m_info.height = parameters.height;
@@ -178,18 +171,15 @@ class SourceFilm : public Film {
                               parameters.color_space, parameters.color_range};
         PrepareFilter(stream);
         const AVRational rate = av_guess_frame_rate(m_input.get(), &stream, nullptr);
-        if (rate.num > 0 && rate.den > 0 && av_q2d(rate) <= 240) {
+        if (rate.num > 0 && rate.den > 0 && av_q2d(rate) <= 240)
             m_info.frameRate = rate;
-        }
-        if (m_input->duration > 0) {
+        if (m_input->duration > 0)
             m_info.durationMs = av_rescale(m_input->duration, 1000, AV_TIME_BASE);
-        }
         m_startMs = stream.start_time == AV_NOPTS_VALUE
                         ? 0
                         : av_rescale_q(stream.start_time, stream.time_base, kMilliseconds);
-        if (m_options.copy) {
+        if (m_options.copy)
             PrepareCopy(stream);
-        }
     }
 
     void PrepareFilter(const AVStream& stream) {
@@ -201,12 +191,10 @@ class SourceFilm : public Film {
                    (properties.highDynamicRange ? "of high dynamic range" : "to be turned") +
                    ", which televisions do not do; leave out --copy");
         }
-        if (properties.sideways) {
+        if (properties.sideways)
             std::swap(m_info.width, m_info.height);
-        }
-        if (properties.highDynamicRange) {
+        if (properties.highDynamicRange)
             Warn("its pictures of high dynamic range are mapped to the usual range of BT.709");
-        }
     }
 
     void OpenText(const AVStream& stream) {
@@ -246,9 +234,8 @@ class SourceFilm : public Film {
             Refuse("its H.264 configuration record is damaged; mend it with: " +
                    MendingCommand(m_options.input));
         }
-        if (m_lengthSize == 0 && size > 0) {
+        if (m_lengthSize == 0 && size > 0)
             CollectParameterSets(SplitAnnexB(parameters.extradata, size), m_sets);
-        }
     }
 
     /// Any stream but the film's pictures.
@@ -288,13 +275,11 @@ class SourceFilm : public Film {
         decoder.index = stream.index;
         decoder.timeBase = stream.time_base;
         const AVCodec* codec = avcodec_find_decoder(stream.codecpar->codec_id);
-        if (codec == nullptr) {
+        if (codec == nullptr)
             return AVERROR_DECODER_NOT_FOUND;
-        }
         decoder.context.reset(avcodec_alloc_context3(codec));
-        if (!decoder.context) {
+        if (!decoder.context)
             return AVERROR(ENOMEM);
-        }
         decoder.context->thread_count = kDecoderThreads;
         decoder.context->pkt_timebase = stream.time_base;
         const int code = avcodec_parameters_to_context(decoder.context.get(), stream.codecpar);
@@ -303,9 +288,8 @@ class SourceFilm : public Film {
 
     Decoder* FindAudio(int index) {
         for (Decoder& audio : m_audio) {
-            if (audio.index == index) {
+            if (audio.index == index)
                 return &audio;
-            }
         }
         return nullptr;
     }
@@ -326,16 +310,14 @@ class SourceFilm : public Film {
         for (SubtitleText& text : texts) {
             text.startMs = std::max<int64_t>(0, text.startMs - m_startMs);
             text.endMs -= m_startMs;
-            if (text.endMs > text.startMs) {
+            if (text.endMs > text.startMs)
                 sink.OnText(track, std::move(text));
-            }
         }
     }
 
     void Warn(const std::string& text) const {
-        if (m_options.warn) {
+        if (m_options.warn)
             m_options.warn(m_options.input + ": " + text);
-        }
     }
 
     /// `packet` null: sends what the decoder holds back.
@@ -350,11 +332,10 @@ class SourceFilm : public Film {
             return;
         }
         while (avcodec_receive_frame(decoder.context.get(), m_frame.get()) >= 0) {
-            if (decoder.outputRate > 0) {
+            if (decoder.outputRate > 0)
                 PassSound(decoder, sink);
-            } else {
+            else
                 PassPicture(sink);
-            }
             av_frame_unref(m_frame.get());
         }
     }
@@ -381,9 +362,8 @@ class SourceFilm : public Film {
         const int64_t saidMs = av_rescale_q(m_frame->pkt_duration, m_video.timeBase, kMilliseconds);
         const double frameMs = 1000.0 / av_q2d(m_info.frameRate);
         m_video.nextTimeMs = timeMs + std::max<int64_t>(1, std::llround(frameMs));
-        if (saidMs > kLongestHoldMs && saidMs <= kLongestPauseMs) {
+        if (saidMs > kLongestHoldMs && saidMs <= kLongestPauseMs)
             m_video.nextTimeMs = timeMs + saidMs;
-        }
         m_frame->pts = timeMs;
         m_filter->Push(*m_frame, [&](AVFrame& picture) { ShowPicture(picture, sink); });
     }
@@ -391,13 +371,11 @@ class SourceFilm : public Film {
     void ShowPicture(AVFrame& picture, FilmSink& sink) {
         const int64_t timeMs = picture.pts;
         const bool first = m_shown->data[0] == nullptr;
-        if (!first) {
+        if (!first)
             RepeatUntil(timeMs, sink);
-        }
         av_frame_unref(m_shown.get());
-        if (av_frame_ref(m_shown.get(), &picture) < 0) {
+        if (av_frame_ref(m_shown.get(), &picture) < 0)
             throw PackageError(Failure::InputOutput, "no memory for a picture");
-        }
         m_picture.Set(*m_shown);
         if (first && timeMs > kLongestHoldMs) {
             m_shownMs = 0;
@@ -422,9 +400,8 @@ class SourceFilm : public Film {
     int64_t EndMs() const {
         int64_t endMs = m_video.nextTimeMs;
         int64_t soundMs = 0;
-        for (const Decoder& audio : m_audio) {
+        for (const Decoder& audio : m_audio)
             soundMs = std::max(soundMs, audio.nextTimeMs);
-        }
         const bool standing = !m_options.copy && soundMs > endMs + kLongestHoldMs &&
                               soundMs <= endMs + kLongestPauseMs;
         return standing ? soundMs : endMs;
@@ -434,15 +411,13 @@ class SourceFilm : public Film {
     void PrepareResampler(Decoder& audio, const AVFrame& frame) const {
         const int channels = frame.ch_layout.nb_channels;
         if (audio.resampler && audio.format == frame.format && audio.rate == frame.sample_rate &&
-            audio.channels == channels) {
+            audio.channels == channels)
             return;
-        }
         AVChannelLayout stereo;
         av_channel_layout_default(&stereo, 2);
         AVChannelLayout from = frame.ch_layout;
-        if (from.order == AV_CHANNEL_ORDER_UNSPEC) {
+        if (from.order == AV_CHANNEL_ORDER_UNSPEC)
             av_channel_layout_default(&from, channels);
-        }
         SwrContext* context = nullptr;
         int code = swr_alloc_set_opts2(&context, &stereo, AV_SAMPLE_FMT_FLTP, audio.outputRate,
                                        &from, static_cast<AVSampleFormat>(frame.format),
@@ -490,9 +465,8 @@ class SourceFilm : public Film {
         const AVPacket& packet = *m_packet;
         std::vector<NalUnit> units;
         const auto size = static_cast<size_t>(packet.size);
-        if (m_lengthSize == 0) {
+        if (m_lengthSize == 0)
             units = SplitAnnexB(packet.data, size);
-        }
         const int64_t timeMs = TimeMs(m_video, packet.pts);
         if ((m_lengthSize > 0 && !SplitLengthPrefixed(packet.data, size, m_lengthSize, units)) ||
             units.empty() || packet.pts == AV_NOPTS_VALUE) {
@@ -509,19 +483,16 @@ class SourceFilm : public Film {
     void Finish(FilmSink& sink) {
         Decode(m_video, nullptr, sink);
         m_filter->Finish([&](AVFrame& picture) { ShowPicture(picture, sink); });
-        for (Decoder& audio : m_audio) {
+        for (Decoder& audio : m_audio)
             Decode(audio, nullptr, sink);
-        }
         if (m_pictures > 0) {
             m_video.nextTimeMs = EndMs();
             RepeatUntil(m_video.nextTimeMs, sink);
         }
-        if (m_damaged > 1) {
+        if (m_damaged > 1)
             Warn(std::to_string(m_damaged) + " pieces could not be decoded");
-        }
-        if (m_pictures == 0) {
+        if (m_pictures == 0)
             Refuse("yields no picture: its duration is zero or nothing in it can be decoded");
-        }
     }
 
     SourceFilmOptions m_options;

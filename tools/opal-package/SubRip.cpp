@@ -18,13 +18,11 @@ bool IsUtf8(const std::string& text) {
                             : (lead >> 4) == 0xE  ? 2
                             : (lead >> 3) == 0x1E ? 3
                                                   : text.size();
-        if (more >= text.size() - i) {
+        if (more >= text.size() - i)
             return false;
-        }
         for (size_t k = 1; k <= more; ++k) {
-            if ((static_cast<uint8_t>(text[i + k]) & 0xC0) != 0x80) {
+            if ((static_cast<uint8_t>(text[i + k]) & 0xC0) != 0x80)
                 return false;
-            }
         }
         i += more + 1;
     }
@@ -52,22 +50,19 @@ std::string WithoutTags(const std::string& text) {
                            (text[i + 1] == '/' || std::isalpha(static_cast<uint8_t>(text[i + 1])));
         const bool brace = text[i] == '{' && i + 1 < text.size() && text[i + 1] == '\\';
         const size_t end = angle || brace ? text.find(angle ? '>' : '}', i) : std::string::npos;
-        if (end == std::string::npos) {
+        if (end == std::string::npos)
             out += text[i];
-        } else {
+        else
             i = end;
-        }
     }
     return out;
 }
 
 bool ReadLine(std::istream& in, std::string& line) {
-    if (!std::getline(in, line)) {
+    if (!std::getline(in, line))
         return false;
-    }
-    if (!line.empty() && line.back() == '\r') {
+    if (!line.empty() && line.back() == '\r')
         line.pop_back();
-    }
     return true;
 }
 
@@ -87,9 +82,8 @@ std::vector<SubtitleText> ParseSubRip(const std::string& content, const std::str
     for (size_t number = 1; ReadLine(in, line); ++number) {
         const bool counter =
             !line.empty() && line.find_first_not_of("0123456789 ") == std::string::npos;
-        if (line.empty() || counter) {
+        if (line.empty() || counter)
             continue;
-        }
         SubtitleText entry;
         if (!ParseTimes(line, entry.startMs, entry.endMs)) {
             throw PackageError(Failure::Refused,
@@ -103,13 +97,11 @@ std::vector<SubtitleText> ParseSubRip(const std::string& content, const std::str
         }
         ++number;
         entry.text = WithoutTags(entry.text);
-        if (!entry.text.empty()) {
+        if (!entry.text.empty())
             texts.push_back(std::move(entry));
-        }
     }
-    if (texts.empty()) {
+    if (texts.empty())
         throw PackageError(Failure::Refused, fileName + ": holds no subtitle text");
-    }
     Arrange(texts);
     return texts;
 }

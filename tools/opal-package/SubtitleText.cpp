@@ -22,9 +22,8 @@ std::string ContentOf(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream content;
     content << in.rdbuf();
-    if (!in || content.bad()) {
+    if (!in || content.bad())
         throw PackageError(Failure::InputOutput, path + ": cannot be read; is the name right?");
-    }
     return content.str();
 }
 
@@ -38,22 +37,19 @@ bool IsSubRip(const std::string& path) {
 /// The file's first stream of texts.
 std::vector<SubtitleText> ReadWithLibav(const std::string& path) {
     AVFormatContext* opened = nullptr;
-    if (avformat_open_input(&opened, path.c_str(), nullptr, nullptr) < 0) {
+    if (avformat_open_input(&opened, path.c_str(), nullptr, nullptr) < 0)
         Refuse(path, "is no subtitle file; SubRip and WebVTT are taken");
-    }
     const AvPtr<AVFormatContext> input(opened);
     (void)avformat_find_stream_info(opened, nullptr);  // texts can be read without
     TextDecoder decoder;
     int index = -1;
     for (unsigned i = 0; index < 0 && i < opened->nb_streams; ++i) {
         const AVStream& stream = *opened->streams[i];
-        if (TextDecoder::IsText(stream) && decoder.Open(stream) >= 0) {
+        if (TextDecoder::IsText(stream) && decoder.Open(stream) >= 0)
             index = stream.index;
-        }
     }
-    if (index < 0) {
+    if (index < 0)
         Refuse(path, "holds no subtitle texts; SubRip and WebVTT are taken");
-    }
     std::vector<SubtitleText> texts;
     const AvPtr<AVPacket> packet(av_packet_alloc());
     while (packet && av_read_frame(opened, packet.get()) >= 0) {
@@ -75,13 +71,11 @@ std::vector<SubtitleText> ReadWithLibav(const std::string& path) {
 std::vector<SubtitleText> ReadSubtitleFile(const std::string& path) {
     const std::string content = ContentOf(path);
     // Of a file that people write by hand, a mistake is worth its line; libavformat passes over it.
-    if (IsSubRip(path)) {
+    if (IsSubRip(path))
         return ParseSubRip(content, path);
-    }
     std::vector<SubtitleText> texts = ReadWithLibav(path);
-    if (texts.empty()) {
+    if (texts.empty())
         Refuse(path, "holds no subtitle text");
-    }
     Arrange(texts);
     return texts;
 }

@@ -46,15 +46,13 @@ class Painter {
         }
         std::mt19937 random(kNoiseSeed);
         m_noise.resize(kNoiseBytes);
-        for (uint8_t& value : m_noise) {
+        for (uint8_t& value : m_noise)
             value = static_cast<uint8_t>(112 + random() % 32);
-        }
     }
 
     AVFrame& Paint(int64_t timeMs, unsigned level) {
-        if (av_frame_make_writable(m_frame.get()) < 0) {
+        if (av_frame_make_writable(m_frame.get()) < 0)
             throw PackageError(Failure::InputOutput, "no memory for a picture");
-        }
         AVFrame& frame = *m_frame;
         const PictureView view = {{frame.data[0], frame.data[1], frame.data[2]},
                                   {frame.linesize[0], frame.linesize[1], frame.linesize[2]},
@@ -117,11 +115,10 @@ class Painter {
         const int scale = std::max(1, view.width * 3 / 4 / TextWidth(text, 1));
         const int top = view.height * 2 / 5;
         DrawText(view, text, (view.width - TextWidth(text, scale)) / 2, top, scale);
-        if (level == kTrickLevel) {
+        if (level == kTrickLevel)
             std::snprintf(text, sizeof text, "TRICK");
-        } else {
+        else
             std::snprintf(text, sizeof text, "LEVEL %u  %dP", level, view.height);
-        }
         const int small = std::max(1, scale / 2);
         DrawText(view, text, (view.width - TextWidth(text, small)) / 2, top + 11 * scale, small);
     }
@@ -139,9 +136,8 @@ class TestFilm : public Film, private FilmPicture {
         m_info.height = options.height;
         m_info.frameRate = {options.framesPerSecond, 1};
         m_info.durationMs = options.durationMs;
-        for (const std::string& language : options.languages) {
+        for (const std::string& language : options.languages)
             m_info.sounds.push_back({language, kSampleRate});
-        }
         m_info.texts = options.texts;
     }
 
@@ -152,15 +148,13 @@ class TestFilm : public Film, private FilmPicture {
     bool Step(FilmSink& sink) override {
         const int64_t rate = m_info.frameRate.num;
         m_timeMs = m_pictures * 1000 / rate;
-        if (m_timeMs >= m_info.durationMs) {
+        if (m_timeMs >= m_info.durationMs)
             return false;
-        }
         sink.OnPicture(m_timeMs, *this);
         ++m_pictures;
         if (TestText(0, m_texts).startMs <= m_timeMs) {
-            for (size_t track = 0; track < m_info.texts.size(); ++track) {
+            for (size_t track = 0; track < m_info.texts.size(); ++track)
                 sink.OnText(track, TestText(track, m_texts));
-            }
             ++m_texts;
         }
         const int64_t endMs = std::min(m_pictures * 1000 / rate, m_info.durationMs);
@@ -177,9 +171,8 @@ class TestFilm : public Film, private FilmPicture {
   private:
     AVFrame& At(int width, int height, unsigned level) override {
         auto& painter = m_painters[{width, height}];
-        if (!painter) {
+        if (!painter)
             painter = std::make_unique<Painter>(width, height);
-        }
         return painter->Paint(m_timeMs, level);
     }
 

@@ -13,9 +13,8 @@ constexpr int64_t kUnsaidMs = 4000;
 /// Reads a block of overrides, "{\i1\p1}": whether a drawing begins or ends in it.
 void ReadOverrides(const std::string& block, bool& drawing) {
     for (size_t at = block.find("\\p"); at != std::string::npos; at = block.find("\\p", at + 2)) {
-        if (at + 2 < block.size() && block[at + 2] >= '0' && block[at + 2] <= '9') {
+        if (at + 2 < block.size() && block[at + 2] >= '0' && block[at + 2] <= '9')
             drawing = block[at + 2] != '0';
-        }
     }
 }
 
@@ -32,9 +31,8 @@ std::string PlainText(const std::string& dialogue, bool comments) {
     size_t at = 0;
     for (int field = 0; field < kFieldsBeforeText; ++field) {
         at = dialogue.find(',', at);
-        if (at == std::string::npos) {
+        if (at == std::string::npos)
             return {};
-        }
         ++at;
     }
     std::string text;
@@ -65,13 +63,11 @@ bool TextDecoder::IsText(const AVStream& stream) {
 
 int TextDecoder::Open(const AVStream& stream) {
     const AVCodec* codec = avcodec_find_decoder(stream.codecpar->codec_id);
-    if (codec == nullptr) {
+    if (codec == nullptr)
         return AVERROR_DECODER_NOT_FOUND;
-    }
     m_context.reset(avcodec_alloc_context3(codec));
-    if (!m_context) {
+    if (!m_context)
         return AVERROR(ENOMEM);
-    }
     const int code = avcodec_parameters_to_context(m_context.get(), stream.codecpar);
     m_context->pkt_timebase = stream.time_base;
     return code < 0 ? code : avcodec_open2(m_context.get(), codec, nullptr);
@@ -81,9 +77,8 @@ int TextDecoder::Decode(AVPacket& packet, std::vector<SubtitleText>& texts) {
     AVSubtitle subtitle = {};
     int there = 0;
     const int code = avcodec_decode_subtitle2(m_context.get(), &subtitle, &there, &packet);
-    if (code < 0 || there == 0) {
+    if (code < 0 || there == 0)
         return code;
-    }
     const AVCodecID format = m_context->codec_id;
     const bool comments = format == AV_CODEC_ID_ASS || format == AV_CODEC_ID_SSA;
     SubtitleText text;

@@ -65,9 +65,8 @@ void Fill(const PictureView& picture, int x, int y, int width, int height, uint8
 
 unsigned CheckSum(uint32_t value) {
     unsigned ones = 0;
-    for (; value != 0; value >>= 1) {
+    for (; value != 0; value >>= 1)
         ones += value & 1;
-    }
     return ones % 4;
 }
 
@@ -91,9 +90,8 @@ void DrawTimeCode(const PictureView& picture, const TimeCode& code) {
 
 bool ReadTimeCode(const uint8_t* pixels, int stride, int step, int width, int height,
                   TimeCode& code) {
-    if (width < kSquares || height < 12) {
+    if (width < kSquares || height < 12)
         return false;
-    }
     const int row = (StripTop(height) + height) / 2;
     uint8_t squares[kSquares];
     for (int i = 0; i < kSquares; ++i) {
@@ -101,13 +99,11 @@ bool ReadTimeCode(const uint8_t* pixels, int stride, int step, int width, int he
         squares[i] = pixels[row * stride + column * step];
     }
     const int threshold = (squares[0] + squares[1]) / 2;
-    if (squares[0] < squares[1] + 64) {
+    if (squares[0] < squares[1] + 64)
         return false;
-    }
     uint32_t bits = 0;
-    for (uint8_t square : squares) {
+    for (uint8_t square : squares)
         bits = bits << 1 | (square > threshold ? 1 : 0);
-    }
     const uint32_t value = bits >> 2 & 0xFFFFFFF;
     code.timeMs = value >> 4;
     code.level = value & 15;
@@ -121,9 +117,8 @@ void DrawText(const PictureView& picture, const char* text, int x, int y, int sc
     for (int position = x + scale; *text != 0; ++text, position += (kGlyphWidth + 1) * scale) {
         const auto glyph = std::find_if(std::begin(kGlyphs), std::end(kGlyphs),
                                         [text](const Glyph& g) { return g.letter == *text; });
-        if (glyph == std::end(kGlyphs)) {
+        if (glyph == std::end(kGlyphs))
             continue;
-        }
         for (int row = 0; row < kGlyphHeight; ++row) {
             for (int column = 0; column < kGlyphWidth; ++column) {
                 if ((glyph->rows[row] >> (kGlyphWidth - 1 - column) & 1) != 0) {

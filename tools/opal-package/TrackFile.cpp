@@ -38,9 +38,8 @@ void TrackFile::Describe(const TrackDescription& track) {
 
 void TrackFile::Add(Block block) {
     if (block.key && block.timeMs >= m_nextClusterMs) {
-        if (!m_cluster.blocks.empty()) {
+        if (!m_cluster.blocks.empty())
             AddCluster(m_cluster);
-        }
         m_cluster = Cluster{block.timeMs, {}};
         m_nextClusterMs = (block.timeMs / m_clusterMs + 1) * m_clusterMs;
     }
@@ -50,25 +49,21 @@ void TrackFile::Add(Block block) {
 void TrackFile::AddCluster(const Cluster& cluster) {
     Guarded([&] { m_writer->WriteCluster(cluster); });
     for (const Block& block : cluster.blocks) {
-        if (m_golden) {
+        if (m_golden)
             WriteGoldenRecord(*m_golden, block);
-        }
     }
 }
 
 FileLayout TrackFile::Finish(int64_t durationMs) {
-    if (!m_cluster.blocks.empty()) {
+    if (!m_cluster.blocks.empty())
         AddCluster(m_cluster);
-    }
     return Guarded([&] {
         FileLayout layout = m_writer->Finish(durationMs);
         m_out.close();
-        if (m_golden) {
+        if (m_golden)
             m_golden->close();
-        }
-        if (!m_out || (m_golden && !*m_golden)) {
+        if (!m_out || (m_golden && !*m_golden))
             throw std::runtime_error("the file could not be completed");
-        }
         return layout;
     });
 }

@@ -69,17 +69,15 @@ void VideoEncoder::Encode(AVFrame& picture, int64_t timeMs, bool key) {
     picture.pts = timeMs;
     picture.pict_type = key ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
     const int code = avcodec_send_frame(m_context.get(), &picture);
-    if (code < 0) {
+    if (code < 0)
         Fail("picture at " + std::to_string(timeMs) + " ms", code);
-    }
     Receive();
 }
 
 void VideoEncoder::Drain() {
     const int code = avcodec_send_frame(m_context.get(), nullptr);
-    if (code < 0 && code != AVERROR_EOF) {
+    if (code < 0 && code != AVERROR_EOF)
         Fail("end of the film", code);
-    }
     Receive();
 }
 
@@ -95,9 +93,8 @@ void VideoEncoder::Receive() {
         av_packet_unref(m_packet.get());
         m_output(std::move(block));
     }
-    if (code != AVERROR(EAGAIN) && code != AVERROR_EOF) {
+    if (code != AVERROR(EAGAIN) && code != AVERROR_EOF)
         Fail("access unit", code);
-    }
 }
 
 }  // namespace opal::package

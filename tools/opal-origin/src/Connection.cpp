@@ -42,9 +42,8 @@ void Connection::Start() {
 void Connection::After(int64_t milliseconds, std::function<void()> action) {
     m_timer.expires_after(std::chrono::milliseconds(milliseconds));
     m_timer.async_wait([self = shared_from_this(), action = std::move(action)](Error error) {
-        if (!error && !self->m_closed) {
+        if (!error && !self->m_closed)
             action();
-        }
     });
 }
 
@@ -57,9 +56,8 @@ void Connection::ReadRequest() {
 }
 
 void Connection::OnRead(const Error& error) {
-    if (m_closed) {
+    if (m_closed)
         return;
-    }
     m_timer.cancel();
     RequestInfo request;
     if (error == http::error::end_of_stream) {
@@ -75,13 +73,11 @@ void Connection::OnRead(const Error& error) {
         std::string rangeText = Text(message[http::field::range]);
         request.method = Text(message.method_string());
         request.keepAlive = message.keep_alive();
-        if (!DecodeTarget(target, &request.path)) {
+        if (!DecodeTarget(target, &request.path))
             request.path.clear();
-        }
         // There are no validators, so a conditional range never holds.
-        if (message.find(http::field::if_range) == message.end()) {
+        if (message.find(http::field::if_range) == message.end())
             request.ranges = ParseRanges(rangeText);
-        }
         Answer(request, target, rangeText.substr(rangeText.find('=') + 1));
     }
 }
@@ -105,11 +101,10 @@ void Connection::Answer(const RequestInfo& request, const std::string& target,
     m_answering = true;
     WatchForClose();
     const int64_t delayMs = latencyMs + std::max<int64_t>(m_fault.delayMs, 0);
-    if (delayMs > 0) {
+    if (delayMs > 0)
         After(delayMs, [this] { Advance(); });
-    } else {
+    else
         Advance();
-    }
 }
 
 // One step of the reply: what the fault has in store at this position, else the next chunk.
@@ -124,11 +119,10 @@ void Connection::Advance() {
     } else if (m_position == m_reply.BodyLength()) {
         const bool keepAlive = m_reply.KeepAlive();
         Finish(true);
-        if (keepAlive) {
+        if (keepAlive)
             ReadRequest();
-        } else {
+        else
             CloseGently();
-        }
     } else if (!SendChunk(m_position)) {
         Abort();
     }
@@ -141,9 +135,8 @@ void Connection::Stall() {
         return;
     }
     m_stalled = true;
-    if (m_fault.stallMs >= 0) {
+    if (m_fault.stallMs >= 0)
         After(m_fault.stallMs, [this] { Resume(0); });
-    }
 }
 
 void Connection::Resume(uint64_t faultId) {
@@ -160,9 +153,8 @@ int64_t Connection::BytesToNextEvent(int64_t position) const {
     int64_t distance = std::numeric_limits<int64_t>::max();
     for (const int64_t at :
          {m_stallOver ? kNever : m_fault.stallAt, m_fault.resetAt, m_fault.closeAt}) {
-        if (at >= position) {
+        if (at >= position)
             distance = std::min(distance, at - position);
-        }
     }
     return distance;
 }
@@ -179,9 +171,8 @@ bool Connection::SendChunk(int64_t position) {
     }
     const int64_t room = std::max<int64_t>(quantum - static_cast<int64_t>(m_chunk.size()), 0);
     const int64_t body = std::min(room, BytesToNextEvent(position));
-    if (!m_reply.Append(static_cast<size_t>(body), &m_chunk)) {
+    if (!m_reply.Append(static_cast<size_t>(body), &m_chunk))
         return false;
-    }
     m_server.AskLink(m_id, static_cast<int64_t>(m_chunk.size()), m_continuing);
     return true;
 }
@@ -199,9 +190,8 @@ void Connection::OnGranted() {
 }
 
 void Connection::OnWritten(const Error& error, int64_t position) {
-    if (m_closed) {
+    if (m_closed)
         return;
-    }
     if (error) {
         Abort();
         return;
@@ -235,31 +225,27 @@ void Connection::Discard() {
     m_chunk.resize(4096);
     m_socket.async_read_some(asio::buffer(m_chunk),
                              [self = shared_from_this()](Error error, size_t) {
-                                 if (self->m_closed) {
+                                 if (self->m_closed)
                                      return;
-                                 }
-                                 if (error) {
+                                 if (error)
                                      self->Abort();
-                                 } else {
+                                 else
                                      self->Discard();
-                                 }
                              });
 }
 
 // A reset overtakes what the kernel has not delivered yet, so it waits for that.
 void Connection::ResetOnceDelivered(int checksLeft) {
     int unsent = 0;
-    if (checksLeft > 0 && ioctl(m_socket.native_handle(), SIOCOUTQ, &unsent) == 0 && unsent > 0) {
+    if (checksLeft > 0 && ioctl(m_socket.native_handle(), SIOCOUTQ, &unsent) == 0 && unsent > 0)
         After(1, [this, checksLeft] { ResetOnceDelivered(checksLeft - 1); });
-    } else {
+    else
         Abort();
-    }
 }
 
 void Connection::Abort() {
-    if (m_closed) {
+    if (m_closed)
         return;
-    }
     const auto self = shared_from_this();
     m_closed = true;
     Finish(false);
@@ -273,20 +259,17 @@ void Connection::Abort() {
 // A client that goes away while its reply is held back would otherwise be noticed only by the
 // next write. One that merely shuts its sending side down is taken for gone too.
 void Connection::WatchForClose() {
-    if (m_watching) {
+    if (m_watching)
         return;
-    }
     m_watching = true;
     m_socket.async_wait(asio::ip::tcp::socket::wait_read, [self = shared_from_this()](Error error) {
         self->m_watching = false;
-        if (error || self->m_closed || !self->m_answering) {
+        if (error || self->m_closed || !self->m_answering)
             return;
-        }
         char byte = 0;
         const ssize_t n = recv(self->m_socket.native_handle(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
-        if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) {
+        if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR))
             self->Abort();
-        }
     });
 }
 

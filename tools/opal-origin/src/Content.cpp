@@ -19,9 +19,8 @@ class Descriptor {
   public:
     explicit Descriptor(int fd) : m_fd(fd) {}
     ~Descriptor() {
-        if (m_fd >= 0) {
+        if (m_fd >= 0)
             close(m_fd);
-        }
     }
     Descriptor(Descriptor&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
     Descriptor& operator=(Descriptor&& other) noexcept {
@@ -43,12 +42,10 @@ class FileSource : public Source {
         while (done < length) {
             const ssize_t n = pread(m_file.Get(), pBuffer + done, length - done,
                                     offset + static_cast<int64_t>(done));
-            if (n < 0 && errno == EINTR) {
+            if (n < 0 && errno == EINTR)
                 continue;
-            }
-            if (n <= 0) {
+            if (n <= 0)
                 break;
-            }
             done += static_cast<size_t>(n);
         }
         return done;
@@ -81,9 +78,8 @@ class GeneratedSource : public Source {
             const int64_t at = offset + static_cast<int64_t>(i);
             const int upper = Origin::GeneratedByte(at & ~int64_t{255});
             const size_t end = std::min(length, i + 256 - static_cast<size_t>(at & 255));
-            for (int low = static_cast<int>(at & 255); i < end; ++i, ++low) {
+            for (int low = static_cast<int>(at & 255); i < end; ++i, ++low)
                 pBuffer[i] = static_cast<char>(upper ^ low);
-            }
         }
         return length;
     }
@@ -93,12 +89,10 @@ class GeneratedSource : public Source {
 };
 
 int HexDigit(char c) {
-    if (c >= '0' && c <= '9') {
+    if (c >= '0' && c <= '9')
         return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
+    if (c >= 'a' && c <= 'f')
         return c - 'a' + 10;
-    }
     return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
 }
 
@@ -107,15 +101,13 @@ bool DecodePercent(const std::string& text, std::string* pResult) {
     for (size_t i = 0; i < text.size(); ++i) {
         char c = text[i];
         if (c == '%') {
-            if (i + 2 >= text.size() || HexDigit(text[i + 1]) < 0 || HexDigit(text[i + 2]) < 0) {
+            if (i + 2 >= text.size() || HexDigit(text[i + 1]) < 0 || HexDigit(text[i + 2]) < 0)
                 return false;
-            }
             c = static_cast<char>(HexDigit(text[i + 1]) * 16 + HexDigit(text[i + 2]));
             i += 2;
         }
-        if (c == '\0') {
+        if (c == '\0')
             return false;
-        }
         pResult->push_back(c);
     }
     return true;
@@ -124,19 +116,16 @@ bool DecodePercent(const std::string& text, std::string* pResult) {
 }  // namespace
 
 Content::~Content() {
-    if (m_folder >= 0) {
+    if (m_folder >= 0)
         close(m_folder);
-    }
 }
 
 bool Content::OpenFolder(const std::string& folder, std::string* pError) {
-    if (folder.empty() || m_folder >= 0) {
+    if (folder.empty() || m_folder >= 0)
         return true;
-    }
     m_folder = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (m_folder < 0) {
+    if (m_folder < 0)
         *pError = folder + ": " + std::strerror(errno);
-    }
     return m_folder >= 0;
 }
 
@@ -154,9 +143,8 @@ std::shared_ptr<const Source> Content::Find(const std::string& path) const {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         const auto found = m_added.find(path);
-        if (found != m_added.end()) {
+        if (found != m_added.end())
             return found->second;
-        }
     }
     return m_folder >= 0 ? FindInFolder(path) : nullptr;
 }
@@ -169,24 +157,21 @@ std::shared_ptr<const Source> Content::FindInFolder(const std::string& path) con
         const size_t end = std::min(path.find('/', start), path.size());
         const std::string name = path.substr(start, end - start);
         const bool last = end == path.size();
-        if (name == "." || name == ".." || (last && name.empty())) {
+        if (name == "." || name == ".." || (last && name.empty()))
             return nullptr;
-        }
         if (!name.empty()) {
             const int parent = folder.Get() >= 0 ? folder.Get() : m_folder;
             const int flags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
             Descriptor next(openat(parent, name.c_str(), last ? flags : flags | O_DIRECTORY));
-            if (next.Get() < 0) {
+            if (next.Get() < 0)
                 return nullptr;
-            }
             folder = std::move(next);
         }
         start = end + 1;
     }
     struct stat status {};
-    if (folder.Get() < 0 || fstat(folder.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    if (folder.Get() < 0 || fstat(folder.Get(), &status) != 0 || !S_ISREG(status.st_mode))
         return nullptr;
-    }
     return std::make_shared<FileSource>(std::move(folder), status.st_size);
 }
 
@@ -218,9 +203,8 @@ std::string ContentType(const std::string& path) {
     for (const auto& [extension, type] : types) {
         const size_t length = std::strlen(extension);
         if (path.size() > length &&
-            boost::beast::iequals(path.substr(path.size() - length), extension)) {
+            boost::beast::iequals(path.substr(path.size() - length), extension))
             return type;
-        }
     }
     return "application/octet-stream";
 }
@@ -228,16 +212,14 @@ std::string ContentType(const std::string& path) {
 bool DecodeTarget(const std::string& target, std::string* pPath) {
     std::string raw = target.substr(0, target.find_first_of("?#"));
     const size_t scheme = raw.find("://");
-    if (raw.empty() || (raw.front() != '/' && scheme == std::string::npos)) {
+    if (raw.empty() || (raw.front() != '/' && scheme == std::string::npos))
         return false;
-    }
     if (raw.front() != '/') {  // the form that proxies get: "http://host/path"
         const size_t slash = raw.find('/', scheme + 3);
         raw = slash == std::string::npos ? "/" : raw.substr(slash);
     }
-    if (!DecodePercent(raw, pPath)) {
+    if (!DecodePercent(raw, pPath))
         return false;
-    }
     const std::string closed = *pPath + "/";
     return closed.find("/./") == std::string::npos && closed.find("/../") == std::string::npos;
 }

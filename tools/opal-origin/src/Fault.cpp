@@ -41,9 +41,8 @@ Fault With(Fault fault, Value Fault::*member, const Value& value) {
 }  // namespace
 
 bool MatchesPattern(const std::string& pattern, const std::string& path) {
-    if (pattern.empty()) {
+    if (pattern.empty())
         return true;
-    }
     const bool anyFolder = pattern.front() != '/' && pattern.front() != '*';
     return MatchesGlob(anyFolder ? "*/" + pattern : pattern, path);
 }

@@ -34,13 +34,11 @@ RateScript Sane(const RateScript& script) {
     for (RateScript::Step step : script.steps) {
         step.atMs = sane.steps.empty() ? 0 : step.atMs;
         step.latencyMs = std::max<int64_t>(step.latencyMs, 0);
-        if (sane.steps.empty() || step.atMs > sane.steps.back().atMs) {
+        if (sane.steps.empty() || step.atMs > sane.steps.back().atMs)
             sane.steps.push_back(step);
-        }
     }
-    if (sane.steps.empty()) {
+    if (sane.steps.empty())
         return RateScript::Constant(kUnlimited);
-    }
     sane.loopMs = script.loopMs > sane.steps.back().atMs ? script.loopMs : 0;
     return sane;
 }
@@ -49,9 +47,8 @@ double BytesPerLoop(const RateScript& script) {
     double bytes = 0;
     for (size_t i = 0; i < script.steps.size() && script.loopMs > 0; ++i) {
         const RateScript::Step& step = script.steps[i];
-        if (step.bitsPerSecond < 0) {
+        if (step.bitsPerSecond < 0)
             return std::numeric_limits<double>::infinity();
-        }
         const int64_t endMs =
             i + 1 < script.steps.size() ? script.steps[i + 1].atMs : script.loopMs;
         bytes += Bytes(milliseconds(endMs - step.atMs), step.bitsPerSecond);
@@ -87,16 +84,14 @@ int64_t Link::Quantum(Time now) const {
 }
 
 void Link::Ask(uint64_t connection, int64_t bytes, bool continuing, Time now) {
-    if (m_queue.empty()) {
+    if (m_queue.empty())
         m_start = continuing ? std::max(m_start, now - m_lateness - kMaxWriteTime) : now;
-    }
     m_queue.push_back({connection, static_cast<double>(bytes)});
 }
 
 void Link::Drop(uint64_t connection, Time now) {
-    if (!m_queue.empty() && m_queue.front().connection == connection) {
+    if (!m_queue.empty() && m_queue.front().connection == connection)
         m_start = now;
-    }
     m_queue.erase(
         std::remove_if(m_queue.begin(), m_queue.end(),
                        [connection](const Slot& slot) { return slot.connection == connection; }),
@@ -109,9 +104,8 @@ Link::Time Link::Due() const {
 
 bool Link::Take(Time now, uint64_t* pConnection) {
     const Time due = Due();
-    if (due > now) {
+    if (due > now)
         return false;
-    }
     *pConnection = m_queue.front().connection;
     m_queue.pop_front();
     m_start = due;
@@ -121,9 +115,8 @@ bool Link::Take(Time now, uint64_t* pConnection) {
 
 Link::Piece Link::PieceAt(Time time) const {
     const auto& steps = m_script.steps;
-    if (!m_scriptRuns) {
+    if (!m_scriptRuns)
         return {&steps.front(), kNoTime};
-    }
     const Time elapsed = std::max(time - m_scriptStart, Time(0));
     const Time loop = milliseconds(m_script.loopMs);
     const Time loopStart = loop.count() > 0 ? elapsed - elapsed % loop : Time(0);
@@ -131,11 +124,10 @@ Link::Piece Link::PieceAt(Time time) const {
         steps.begin() + 1, steps.end(), elapsed - loopStart,
         [](Time at, const RateScript::Step& step) { return at < milliseconds(step.atMs); });
     Time end = kNoTime;
-    if (next != steps.end()) {
+    if (next != steps.end())
         end = m_scriptStart + loopStart + milliseconds(next->atMs);
-    } else if (loop.count() > 0) {
+    else if (loop.count() > 0)
         end = m_scriptStart + loopStart + loop;
-    }
     return {&*(next - 1), end};
 }
 
@@ -144,9 +136,8 @@ Link::Time Link::FinishTime(Time start, double bytes) const {
     if (m_scriptRuns && m_script.loopMs > 0) {
         const double loops = m_bytesPerLoop > 0 ? std::floor(bytes / m_bytesPerLoop) : 0;
         const Time loop = milliseconds(m_script.loopMs);
-        if (m_bytesPerLoop <= 0 || loops * static_cast<double>(loop.count()) > kMaxNanoseconds) {
+        if (m_bytesPerLoop <= 0 || loops * static_cast<double>(loop.count()) > kMaxNanoseconds)
             return kNoTime;
-        }
         if (loops >= 1) {
             time += static_cast<int64_t>(loops) * loop;
             bytes -= loops * m_bytesPerLoop;
@@ -155,19 +146,16 @@ Link::Time Link::FinishTime(Time start, double bytes) const {
     while (bytes > 0) {
         const Piece piece = PieceAt(time);
         const int64_t rate = piece.pStep->bitsPerSecond;
-        if (rate < 0) {
+        if (rate < 0)
             break;
-        }
         if (piece.end == kNoTime) {
-            if (rate == 0 || Nanoseconds(bytes, rate) > kMaxNanoseconds) {
+            if (rate == 0 || Nanoseconds(bytes, rate) > kMaxNanoseconds)
                 return kNoTime;
-            }
             return time + Time(static_cast<int64_t>(Nanoseconds(bytes, rate)));
         }
         const double fits = Bytes(piece.end - time, rate);
-        if (fits >= bytes) {
+        if (fits >= bytes)
             return time + Time(static_cast<int64_t>(Nanoseconds(bytes, rate)));
-        }
         bytes -= fits;
         time = piece.end;
     }
@@ -176,9 +164,8 @@ Link::Time Link::FinishTime(Time start, double bytes) const {
 
 // Brings the front's remaining bytes up to date, so that the script may change.
 void Link::Account(Time now) {
-    if (m_queue.empty()) {
+    if (m_queue.empty())
         return;
-    }
     double& bytes = m_queue.front().bytes;
     while (m_start < now && bytes > 0) {
         const Piece piece = PieceAt(m_start);

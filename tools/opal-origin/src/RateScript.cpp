@@ -14,18 +14,16 @@ constexpr const char* kBlanks = " \t\r\n";
 
 std::string_view Trim(std::string_view text) {
     const size_t first = text.find_first_not_of(kBlanks);
-    if (first == std::string_view::npos) {
+    if (first == std::string_view::npos)
         return {};
-    }
     return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
 }
 
 // A finite number >= 0 at the beginning of the text, which is then cut off.
 bool TakeNumber(std::string_view* pText, double* pValue) {
     const auto result = std::from_chars(pText->data(), pText->data() + pText->size(), *pValue);
-    if (result.ec != std::errc() || !std::isfinite(*pValue) || *pValue < 0) {
+    if (result.ec != std::errc() || !std::isfinite(*pValue) || *pValue < 0)
         return false;
-    }
     pText->remove_prefix(static_cast<size_t>(result.ptr - pText->data()));
     return true;
 }
@@ -34,9 +32,8 @@ bool ParseStep(std::string_view text, RateScript::Step* pStep) {
     double seconds = 0;
     text = Trim(text);
     if (!TakeNumber(&text, &seconds) || seconds * 1000 > kMaxScriptMs || text.empty() ||
-        std::string_view(kBlanks).find(text.front()) == std::string_view::npos) {
+        std::string_view(kBlanks).find(text.front()) == std::string_view::npos)
         return false;
-    }
     pStep->atMs = std::llround(seconds * 1000);
     return ParseRate(std::string(Trim(text)), &pStep->bitsPerSecond);
 }
@@ -50,9 +47,8 @@ bool ParseRate(const std::string& text, int64_t* pBitsPerSecond) {
     }
     std::string_view rest = text;
     double value = 0;
-    if (!TakeNumber(&rest, &value) || rest.size() > 1) {
+    if (!TakeNumber(&rest, &value) || rest.size() > 1)
         return false;
-    }
     if (!rest.empty()) {
         switch (rest.front()) {
             case 'k':
@@ -71,9 +67,8 @@ bool ParseRate(const std::string& text, int64_t* pBitsPerSecond) {
                 return false;
         }
     }
-    if (value > kMaxRate) {
+    if (value > kMaxRate)
         return false;
-    }
     *pBitsPerSecond = std::llround(value);
     return true;
 }
@@ -127,9 +122,8 @@ bool RateScript::FromTrace(const std::string& json, RateScript* pScript, std::st
             }
             const Step step{std::llround(atMs), std::llround(rate), std::llround(latencyMs)};
             atMs += durationMs;
-            if (std::llround(atMs) > step.atMs) {
+            if (std::llround(atMs) > step.atMs)
                 script.steps.push_back(step);
-            }
         }
         script.loopMs = std::llround(atMs);
         if (script.steps.empty()) {

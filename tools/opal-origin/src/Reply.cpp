@@ -41,12 +41,10 @@ bool Has(const Headers& headers, const std::string& name) {
 
 // The status that the request gets without a fault and before its ranges are looked at.
 int PlainStatus(const RequestInfo& request, bool found) {
-    if (request.path.empty()) {
+    if (request.path.empty())
         return 400;
-    }
-    if (request.method != "GET" && request.method != "HEAD") {
+    if (request.method != "GET" && request.method != "HEAD")
         return 405;
-    }
     return found ? 200 : 404;
 }
 
@@ -60,9 +58,8 @@ Reply::Reply(const RequestInfo& request, std::shared_ptr<const Source> source, c
     const int redirect = fault.location.empty() ? 0 : 302;
     const int forced = fault.status != 0 ? fault.status : redirect;
     const bool isFile = m_status == 200;
-    if (m_status == 405) {
+    if (m_status == 405)
         headers.emplace_back("Allow", "GET, HEAD");
-    }
     if (forced != 0 || !isFile || fault.body) {
         m_status = forced != 0 ? forced : m_status;
         headers.emplace_back("Content-Type", "text/plain");
@@ -74,14 +71,12 @@ Reply::Reply(const RequestInfo& request, std::shared_ptr<const Source> source, c
         }
         FileBody(asked, source, boundary, &headers);
     }
-    if (!fault.location.empty()) {
+    if (!fault.location.empty())
         headers.emplace_back("Location", fault.location);
-    }
     headers.emplace_back("Content-Length", std::to_string(m_bodyLength));
     headers.emplace_back("Connection", m_keepAlive ? "keep-alive" : "close");
-    if (fault.extraBytes > 0) {
+    if (fault.extraBytes > 0)
         Part(MakeGeneratedSource(fault.extraBytes), 0, fault.extraBytes);
-    }
     if (request.method == "HEAD" || m_status == 204 || m_status == 304) {
         m_segments.clear();
         m_bodyLength = 0;
@@ -138,19 +133,16 @@ void Reply::FileBody(const RequestInfo& request, const std::shared_ptr<const Sou
 
 void Reply::WriteHead(const Headers& planned, const Fault& fault) {
     Headers headers = planned;
-    for (const auto& [name, value] : fault.setHeaders) {
+    for (const auto& [name, value] : fault.setHeaders)
         Erase(&headers, name);
-    }
     headers.insert(headers.end(), fault.setHeaders.begin(), fault.setHeaders.end());
-    for (const std::string& name : fault.dropHeaders) {
+    for (const std::string& name : fault.dropHeaders)
         Erase(&headers, name);
-    }
     // Without a length the end of the connection is the end of the body.
     m_keepAlive = m_keepAlive && (m_bodyLength == 0 || Has(headers, "Content-Length"));
     m_head = "HTTP/1.1 " + std::to_string(m_status) + " " + Reason(m_status) + "\r\n";
-    for (const auto& [name, value] : headers) {
+    for (const auto& [name, value] : headers)
         m_head += name + ": " + value + "\r\n";
-    }
     m_head += "\r\n";
 }
 
@@ -166,9 +158,8 @@ bool Reply::Append(size_t maxBytes, std::vector<char>* pChunk) {
             const size_t old = pChunk->size();
             pChunk->resize(old + length);
             if (segment.source->Read(segment.offset + m_segmentDone, pChunk->data() + old,
-                                     length) != length) {
+                                     length) != length)
                 return false;
-            }
         }
         maxBytes -= length;
         m_segmentDone += static_cast<int64_t>(length);

@@ -21,9 +21,8 @@ int64_t Number(const json& value, int64_t least,
                int64_t most = std::numeric_limits<int64_t>::max()) {
     if (!value.is_number_integer() || value.get<int64_t>() < least || value.get<int64_t>() > most ||
         (value.is_number_unsigned() &&
-         value.get<uint64_t>() > static_cast<uint64_t>(std::numeric_limits<int64_t>::max()))) {
+         value.get<uint64_t>() > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())))
         Refuse(value.dump() + " is not a whole number from " + std::to_string(least) + " on");
-    }
     return value.get<int64_t>();
 }
 
@@ -48,19 +47,17 @@ Setter FlagTo(bool Fault::*member) {
 }
 
 void SetMethod(const json& value, Fault* pFault) {
-    if (value == "GET") {
+    if (value == "GET")
         pFault->method = Method::Get;
-    } else if (value == "HEAD") {
+    else if (value == "HEAD")
         pFault->method = Method::Head;
-    } else {
+    else
         Refuse(value.dump() + " is neither \"GET\" nor \"HEAD\"");
-    }
 }
 
 void SetHeaders(const json& value, Fault* pFault) {
-    for (const auto& [name, text] : value.items()) {
+    for (const auto& [name, text] : value.items())
         pFault->setHeaders.emplace_back(name, text.get<std::string>());
-    }
 }
 
 const std::map<std::string, Setter>& FaultKeys() {
@@ -99,14 +96,12 @@ const std::map<std::string, Setter>& FaultKeys() {
 
 Fault ParseFault(const json& value) {
     Fault fault;
-    if (!value.is_object()) {
+    if (!value.is_object())
         Refuse("is not an object");
-    }
     for (const auto& [key, setting] : value.items()) {
         const auto found = FaultKeys().find(key);
-        if (found == FaultKeys().end()) {
+        if (found == FaultKeys().end())
             Refuse("has an unknown key \"" + key + "\"");
-        }
         try {
             found->second(setting, &fault);
         } catch (const std::exception& error) {
@@ -117,9 +112,8 @@ Fault ParseFault(const json& value) {
 }
 
 void ParseFaults(const json& value, std::vector<Fault>* pFaults) {
-    if (!value.is_array()) {
+    if (!value.is_array())
         Refuse("\"faults\" is not an array");
-    }
     for (const json& item : value) {
         try {
             pFaults->push_back(ParseFault(item));
@@ -131,15 +125,13 @@ void ParseFaults(const json& value, std::vector<Fault>* pFaults) {
 
 void ParseRates(const std::string& key, const json& value, Script* pScript) {
     std::string error;
-    if (pScript->hasRates) {
+    if (pScript->hasRates)
         Refuse("\"" + key + "\" stands beside another rate");
-    }
     pScript->hasRates = true;
     if (key == "rate") {
         int64_t rate = 0;
-        if (!ParseRate(value.get<std::string>(), &rate)) {
+        if (!ParseRate(value.get<std::string>(), &rate))
             Refuse("\"rate\": " + value.dump() + " is not a rate such as \"6000k\"");
-        }
         pScript->rates = RateScript::Constant(rate);
     } else if (key == "rates"
                    ? !RateScript::FromText(value.get<std::string>(), &pScript->rates, &error)
@@ -154,19 +146,17 @@ bool Script::FromJson(const std::string& text, Script* pScript, std::string* pEr
     try {
         const json root = json::parse(text);
         Script script;
-        if (!root.is_object()) {
+        if (!root.is_object())
             Refuse("a script is a JSON object");
-        }
         for (const auto& [key, value] : root.items()) {
-            if (key == "rate" || key == "rates" || key == "trace") {
+            if (key == "rate" || key == "rates" || key == "trace")
                 ParseRates(key, value, &script);
-            } else if (key == "latency_ms") {
+            else if (key == "latency_ms")
                 script.latencyMs = Number(value, 0);
-            } else if (key == "faults") {
+            else if (key == "faults")
                 ParseFaults(value, &script.faults);
-            } else {
+            else
                 Refuse("unknown key \"" + key + "\"");
-            }
         }
         *pScript = script;
         return true;
@@ -177,13 +167,11 @@ bool Script::FromJson(const std::string& text, Script* pScript, std::string* pEr
 }
 
 void Script::ApplyTo(Origin* pOrigin) const {
-    if (hasRates) {
+    if (hasRates)
         pOrigin->SetRateScript(rates);
-    }
     pOrigin->SetLatency(latencyMs);
-    for (const Fault& fault : faults) {
+    for (const Fault& fault : faults)
         pOrigin->AddFault(fault);
-    }
 }
 
 }  // namespace opal::origin

@@ -31,9 +31,8 @@ class ScriptedServer::Impl {
         : m_replies(std::move(replies)),
           m_acceptor(m_io, asio::ip::tcp::endpoint(asio::ip::address_v4::loopback(), 0)),
           m_port(m_acceptor.local_endpoint().port()) {
-        if (m_replies.empty()) {
+        if (m_replies.empty())
             m_replies.emplace_back();
-        }
         Accept();
         m_thread = std::thread([this] { m_io.run(); });
     }
@@ -62,9 +61,8 @@ class ScriptedServer::Impl {
 
     void Accept() {
         m_acceptor.async_accept([this](error_code error, asio::ip::tcp::socket socket) {
-            if (error == asio::error::operation_aborted) {
+            if (error == asio::error::operation_aborted)
                 return;
-            }
             if (!error) {
                 ++m_accepted;
                 StartSession(std::move(socket));
@@ -106,9 +104,8 @@ class ScriptedServer::Impl::Session : public std::enable_shared_from_this<Sessio
     void ReadRequest() {
         asio::async_read_until(m_socket, asio::dynamic_buffer(m_input, kMaxHead), "\r\n\r\n",
                                [self = shared_from_this()](error_code error, size_t length) {
-                                   if (!error) {
+                                   if (!error)
                                        self->OnRequest(length);
-                                   }
                                });
     }
 
@@ -125,9 +122,8 @@ class ScriptedServer::Impl::Session : public std::enable_shared_from_this<Sessio
         const size_t length = m_pReply->pieceSize > 0 ? std::min(left, m_pReply->pieceSize) : left;
         asio::async_write(m_socket, asio::buffer(m_pReply->bytes.data() + m_sent, length),
                           [self = shared_from_this()](error_code error, size_t written) {
-                              if (!error) {
+                              if (!error)
                                   self->OnSent(written);
-                              }
                           });
     }
 
@@ -139,9 +135,8 @@ class ScriptedServer::Impl::Session : public std::enable_shared_from_this<Sessio
         }
         m_timer.expires_after(kBetweenPieces);
         m_timer.async_wait([self = shared_from_this()](error_code error) {
-            if (!error) {
+            if (!error)
                 self->SendPiece();
-            }
         });
     }
 
@@ -170,9 +165,8 @@ class ScriptedServer::Impl::Session : public std::enable_shared_from_this<Sessio
         m_input.resize(4096);
         m_socket.async_read_some(asio::buffer(m_input),
                                  [self = shared_from_this()](error_code error, size_t) {
-                                     if (!error) {
+                                     if (!error)
                                          self->Discard();
-                                     }
                                  });
     }
 

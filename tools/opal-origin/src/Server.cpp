@@ -64,15 +64,13 @@ void Server::Post(std::function<void()> action) {
 
 void Server::Accept() {
     m_acceptor.async_accept([this](error_code error, asio::ip::tcp::socket socket) {
-        if (error == asio::error::operation_aborted) {
+        if (error == asio::error::operation_aborted)
             return;
-        }
         if (error) {  // no descriptors left, most likely: one may come free
             m_acceptTimer.expires_after(kAcceptRetry);
             m_acceptTimer.async_wait([this](error_code waitError) {
-                if (!waitError) {
+                if (!waitError)
                     Accept();
-                }
             });
             return;
         }
@@ -86,9 +84,8 @@ void Server::Accept() {
 }
 
 void Server::OnClosed(uint64_t connection) {
-    if (m_connections.erase(connection) > 0) {
+    if (m_connections.erase(connection) > 0)
         --m_state.connectionsOpen;
-    }
     m_state.Drop(connection);
     PumpLink();
 }
@@ -103,12 +100,10 @@ std::string Server::Boundary() {
 
 void Server::ForEach(const std::function<void(Connection&)>& action) {
     std::vector<std::shared_ptr<Connection>> connections;
-    for (const auto& item : m_connections) {
+    for (const auto& item : m_connections)
         connections.push_back(item.second);
-    }
-    for (const auto& connection : connections) {
+    for (const auto& connection : connections)
         action(*connection);
-    }
 }
 
 void Server::Resume(uint64_t faultId) {
@@ -128,14 +123,12 @@ void Server::PumpLink() {
     uint64_t id = 0;
     while (m_state.Take(&id)) {
         const auto found = m_connections.find(id);
-        if (found != m_connections.end()) {
+        if (found != m_connections.end())
             found->second->OnGranted();
-        }
     }
     const State::Time due = m_state.Due();
-    if (due == m_linkTimerDue) {
+    if (due == m_linkTimerDue)
         return;
-    }
     m_linkTimerDue = due;
     if (due == Link::kNoTime) {
         m_linkTimer.cancel();
