@@ -44,7 +44,7 @@ class Snapshots {
     std::atomic<bool> m_live{false};
     std::atomic<int64_t> m_nextMs;
     std::atomic<int64_t> m_shownMs{-1};  ///< of a picture shown while live
-    int64_t m_lastMs = -1;               ///< of the last picture; the set's display thread's
+    int64_t m_lastMs = -1;               ///< of the last picture; the television's display thread's
     std::atomic<int64_t> m_longestGapMs{0};
     std::atomic<int64_t> m_gapEndMs{0};
 };
