@@ -85,19 +85,21 @@ function thin(points, from, to, pixels) {
   const first = Math.max(0, by.left(points, from) - 1);
   const last = Math.min(points.length, by.right(points, to) + 1);
   if (last - first <= 4 * pixels) return points.slice(first, last);
-  const kept = new Set([first, last - 1]);
+  const kept = [];
   const bucketOf = (i) => Math.floor(((points[i][0] - from) / (to - from)) * pixels);
-  for (let i = first; i < last;) {
+  for (let i = first, next; i < last; i = next) {
     const bucket = bucketOf(i);
-    let least = i, most = i, end = i;
-    for (; end < last && bucketOf(end) === bucket; ++end) {
-      if (points[end][1] < points[least][1]) least = end;
-      if (points[end][1] > points[most][1]) most = end;
+    let least = i, most = i;
+    for (next = i; next < last && bucketOf(next) === bucket; ++next) {
+      if (points[next][1] < points[least][1]) least = next;
+      if (points[next][1] > points[most][1]) most = next;
     }
-    [i, least, most, end - 1].forEach((kind) => kept.add(kind));
-    i = end;
+    kept.push(i);
+    for (const kind of [Math.min(least, most), Math.max(least, most), next - 1]) {
+      if (kind > kept[kept.length - 1]) kept.push(kind);
+    }
   }
-  return [...kept].sort((a, b) => a - b).map((i) => points[i]);
+  return kept.map((i) => points[i]);
 }
 
 function valueAt(points, time) {
