@@ -115,9 +115,9 @@ TEST_F(AlgorithmConfigTest, TheSampleFileIsWholeAndRight) {
     ASSERT_TRUE(Load(text.str()));
     EXPECT_EQ(Config().GetInitialBandwidthDecision(), InitialBandwidthMode_BandwidthProbe);
     EXPECT_LT(Config().GetMaxBuffer(), 1) << "no limit";
-    EXPECT_EQ(Config().GetMinBufferedToEnterAgile(), 40000);
-    EXPECT_EQ(Config().GetUpperGuardTrigger(), 5);
-    EXPECT_EQ(Config().GetMinPeriodUpSwitch(AlgorithmConfig::kSteady), 4000);
+    EXPECT_EQ(Config().GetMinBufferedToEnterAgile(), 30000);
+    EXPECT_EQ(Config().GetUpperGuardTrigger(), 0);
+    EXPECT_EQ(Config().GetMinPeriodDownSwitch(AlgorithmConfig::kSteady), 4000);
     EXPECT_EQ(Config().GetBandwidthMonitorGapOrder(), 1);
     EXPECT_TRUE(Config().GetAbandonTransfers());
 }
