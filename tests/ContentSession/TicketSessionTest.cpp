@@ -149,7 +149,7 @@ TEST_F(TicketSession, TellsTheServicesWhatItPlaysAndNobodyWhoItIs) {
     for (const char* line :
          {"LogServer INFO SendLog() = 0", "LogServer.data TRACE <device-event>",
           "StreamingController INFO KMT Version", "StreamingController TRACE READY TO PLAY!!!",
-          "bandwidthprobe TRACE Content length: ", "BandwidthMonitor DEBUG AddSample: size=",
+          "bandwidthprobe TRACE Content length: ", "BandwidthMonitor DEBUG GetBandwidth: ",
           "StreamSwitchingAlgorithm TRACE "})
         EXPECT_THAT(trace, HasSubstr(std::string("opal.") + line));
     for (const std::string& text : {Printed(), trace}) {

@@ -228,8 +228,9 @@ TEST_F(ProgramsTest, PlaysToTheEndAndTellsHowItWas) {
 
 TEST_F(ProgramsTest, VerifiesEveryBlockAndFindsAFlippedByte) {
     s_origin->SetRate(5000000);
-    Program jumps(Play({"--strict", "--verify", "--subtitles", "0", "--at", "1.5:seek=7", "--at",
-                        "2.5:rate=-4x", "--at", "5:rate=2x", "--at", "7.5:rate=1x"}));
+    // Backwards to the start, where it goes on forwards by itself, and a text comes.
+    Program jumps(Play({"--strict", "--verify", "--subtitles", "0", "--at", "1.5:seek=3", "--at",
+                        "5:rate=-4x", "--at", "13:rate=2x", "--at", "15.5:rate=1x"}));
     EXPECT_EQ(0, jumps.Wait()) << jumps.err << jumps.out;
     s_origin->SetRate(origin::kUnlimited);
     for (const char* kind : {"video: [0-9][0-9]+", "audio: [0-9][0-9]+", "subtitle: [1-9]"})

@@ -260,7 +260,7 @@ TEST_F(LiveServerTest, TellsTheRowsThatHaveComeSince) {
     EXPECT_THAT(Ask("/").body, HasSubstr("\"live\":true"));
     std::istringstream lines(KnownRecording());
     std::string line;
-    for (int i = 0; i < 8 && std::getline(lines, line); ++i)
+    for (int i = 0; i < 9 && std::getline(lines, line); ++i)
         server.Append(line);
     json first = json::parse(Ask("/rows.json?from=").body);
     EXPECT_EQ(first["headline"]["switches"], 1);

@@ -83,7 +83,7 @@ void Declare(CLI::App& app, Options& options, Words& words) {
     app.add_option("--frames", options.pictureLimit, "End when so many pictures were shown")
         ->check(CLI::Range(0, 1000000000));
     app.add_option("--audio-track", words.audio,
-                   "Audio track to begin with, instead of the one preferred")
+                   "Audio track to begin with; else the preferred one")
         ->type_name("N");
     app.add_option("--subtitles,--subtitle-track", words.subtitle,
                    "Subtitles to begin with: a track's number, a language as eng, or off")
