@@ -102,7 +102,7 @@ class SessionFixture : public testing::Test {
                                          std::chrono::seconds timeout = std::chrono::seconds(20));
     [[nodiscard]] bool WaitForPosition(int64_t ms);
     /// Milliseconds that Finalize takes, with the library's clock at the speed of real time.
-    int64_t FinalizeMs();
+    int64_t FinalizeMs(const std::vector<OPALError>& answers = {OPAL_OK});
 
     static uint32_t Crc(const uint8_t* data, size_t size);
     /// Access units that reached the television since the journal began, as the journal has them.

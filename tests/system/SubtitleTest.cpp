@@ -229,5 +229,6 @@ TEST_F(SubtitleTest, AServerThatStallsOrDies) {
     m_origin.AddFault(Fault::StallAt(10).On("text0"));
     ASSERT_EQ(m_player->SetSubtitleTrack(0), OPAL_OK);
     EXPECT_TRUE(m_origin.WaitForRequest("text0", 1, 5000));
-    EXPECT_LT(FinalizeMs(), 3000) << "while the header stalls";
+    // Where the sink is there and not configured yet, its flush answers -1, and so does Finalize.
+    EXPECT_LT(FinalizeMs({OPAL_OK, OPAL_ERROR_GENERAL}), 3000) << "while the header stalls";
 }
