@@ -169,7 +169,7 @@ void Player::Turn() {
 void Player::Finish(Outcome outcome) {
     if (m_finished)
         return;
-    m_positionMs = PositionMs();
+    m_place.positionMs = PositionMs();
     m_endedMs = MonotonicMs();
     m_finished = true;
     m_outcome = outcome;
@@ -291,15 +291,15 @@ void Player::HandlePlaying(OPALPlayRate rate) {
         Submit("pause", [this] { return m_controller->Pause(); });
     m_rate = rate;
     m_starved = false;
-    m_positionTold = false;
+    m_place.told = false;
     m_state = rate == OPAL_PLAYRATE_ONEX ? State::Playing : State::Trick;
     m_snapshots.SetLive(m_state == State::Playing);
     m_pull.SetSpeed(RateSpeed(rate));
     m_pace.Interrupt();
-    m_positionAtMs = MonotonicMs();
-    m_picturesBefore = tvset::GetStatistics().framesShown;
+    m_place.atMs = MonotonicMs();
+    m_place.picturesBefore = tvset::GetStatistics().framesShown;
     if (m_playedSinceMs < 0)
-        m_playedSinceMs = m_positionAtMs;
+        m_playedSinceMs = m_place.atMs;
 }
 
 void Player::HandleLevel(const Notice& notice) {
@@ -317,13 +317,13 @@ void Player::HandleLevel(const Notice& notice) {
 void Player::HandlePosition(const Notice& notice) {
     if (m_state != State::Playing && m_state != State::Trick)
         return;  // of before a jump
-    m_positionMs = notice.value;
-    m_positionAtMs = MonotonicMs();
-    m_positionTold = true;
+    m_place.positionMs = notice.value;
+    m_place.atMs = MonotonicMs();
+    m_place.told = true;
     if (notice.level < m_levels.size())
         m_level = notice.level;
     if (m_state == State::Playing)
-        m_pace.Report(m_positionMs, m_positionAtMs);
+        m_pace.Report(m_place.positionMs, m_place.atMs);
 }
 
 void Player::HandleEndOfStream() {
@@ -333,8 +333,8 @@ void Player::HandleEndOfStream() {
         return SetRate(OPAL_PLAYRATE_ONEX);
     }
     m_state = State::Ending;
-    m_tailSinceMs = MonotonicMs();
-    m_endedMs = m_tailSinceMs;
+    m_tail.sinceMs = MonotonicMs();
+    m_endedMs = m_tail.sinceMs;
 }
 
 void Player::HandleKey(const KeyPress& press) {
@@ -431,8 +431,8 @@ void Player::Jumped(int64_t positionMs, State state) {
     m_pauseWanted = false;
     m_starved = false;
     m_state = state;
-    m_positionMs = positionMs;
-    m_positionAtMs = MonotonicMs();
+    m_place.positionMs = positionMs;
+    m_place.atMs = MonotonicMs();
     m_pace.Interrupt();
 }
 
@@ -470,12 +470,12 @@ void Player::CheckTail() {
         return;
     const int64_t now = MonotonicMs();
     const tvset::Statistics set = tvset::GetStatistics();
-    if (set.framesShown != m_tailPictures) {
-        m_tailPictures = set.framesShown;
-        m_tailSinceMs = now;
-        m_positionMs = std::max<int64_t>(m_positionMs, set.shownPts);
+    if (set.framesShown != m_tail.pictures) {
+        m_tail.pictures = set.framesShown;
+        m_tail.sinceMs = now;
+        m_place.positionMs = std::max<int64_t>(m_place.positionMs, set.shownPts);
     }
-    const bool quiet = set.firstPictureMs >= 0 && now - m_tailSinceMs >= kTailQuietMs;
+    const bool quiet = set.firstPictureMs >= 0 && now - m_tail.sinceMs >= kTailQuietMs;
     if ((quiet || now - m_endedMs >= kTailLimitMs) && m_nextAction >= m_options.actions.size())
         Finish(Outcome::EndOfStream);
 }
@@ -524,13 +524,14 @@ std::string Player::StateText() const {
 int64_t Player::PositionMs() const {
     if (m_state == State::Playing) {
         const tvset::Statistics set = tvset::GetStatistics();
-        if (set.framesShown > m_picturesBefore)
+        if (set.framesShown > m_place.picturesBefore)
             return set.shownPts;
     }
-    if (!m_positionTold || (m_state != State::Playing && m_state != State::Trick))
-        return m_positionMs;
-    const int64_t moved = (MonotonicMs() - m_positionAtMs) * RateSpeed(m_rate);
-    return std::clamp<int64_t>(m_positionMs + moved, 0, std::max(m_durationMs, m_positionMs));
+    if (!m_place.told || (m_state != State::Playing && m_state != State::Trick))
+        return m_place.positionMs;
+    const int64_t moved = (MonotonicMs() - m_place.atMs) * RateSpeed(m_rate);
+    return std::clamp<int64_t>(m_place.positionMs + moved, 0,
+                               std::max(m_durationMs, m_place.positionMs));
 }
 
 void Player::ShowProgress() {
@@ -573,7 +574,7 @@ Summary Player::Summarise() const {
     summary.outcome = m_outcome;
     summary.errors = m_errors;
     summary.startupMs = set.firstPictureMs < 0 ? -1 : set.firstPictureMs - m_startedMs;
-    summary.positionMs = m_positionMs;
+    summary.positionMs = m_place.positionMs;
     summary.durationMs = m_durationMs;
     summary.realMs = m_endedMs - m_startedMs;
     summary.pace = m_pace.Value();

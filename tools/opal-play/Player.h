@@ -38,6 +38,18 @@ class Player {
     int Run();
 
   private:
+    /// Where playback is.
+    struct Place {
+        int64_t positionMs = 0;       ///< last known ...
+        int64_t atMs = 0;             ///< ... at this time
+        bool told = false;            ///< by the library, since playback last started
+        uint64_t picturesBefore = 0;  ///< shown before playback last started
+    };
+    /// Behind the end: pictures shown, and since when none came.
+    struct Tail {
+        uint64_t pictures = 0;
+        int64_t sinceMs = 0;
+    };
     enum class State { Opening, Buffering, Playing, Trick, Paused, Stopped, Ending };
 
     OPALError Open();
@@ -100,10 +112,7 @@ class Player {
     int64_t m_playedSinceMs = -1;  ///< when playback first started
     int64_t m_endedMs = -1;        ///< when playback was over
     int64_t m_durationMs = 0;
-    int64_t m_positionMs = 0;       ///< last known ...
-    int64_t m_positionAtMs = 0;     ///< ... at this time
-    bool m_positionTold = false;    ///< by the library, since playback last started
-    uint64_t m_picturesBefore = 0;  ///< shown before playback last started
+    Place m_place;
     Pace m_pace;
     Viewing m_viewing;
     bool m_pauseWanted = false;  ///< the user's last word was to pause
@@ -119,8 +128,7 @@ class Player {
     bool m_firstPictureTold = false;
     int64_t m_lastProgressMs = 0;
     bool m_statsRefused = false;
-    uint64_t m_tailPictures = 0;
-    int64_t m_tailSinceMs = 0;
+    Tail m_tail;
 };
 
 }  // namespace opal::play
