@@ -93,9 +93,9 @@ void Blend(const Pixels& pixels, const FT_Bitmap& glyph, int left, int top) {
 
 void DrawStatusText(const Pixels& pixels) {
     const opal::MutexLock lock(g_mutex);
-    Font& font = Font::Get();
-    if (g_text.empty() || !font.IsOpen())
+    if (g_text.empty() || !Font::Get().IsOpen())
         return;
+    Font& font = Font::Get();
     const int line = std::max(pixels.height / kRowsOfPicture, kSmallestSize + 2);
     font.SetSize(std::max(line * 4 / 5, kSmallestSize));
     const FT_GlyphSlot zero = font.Glyph('0');

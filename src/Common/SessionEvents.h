@@ -51,7 +51,7 @@ struct RequestLabel {
 struct RequestEvent : SessionEvent, RequestLabel {
     std::string url;
     std::vector<std::pair<int64_t, int64_t>> ranges;  ///< offset and length of each; none: no body
-    int64_t waitUs = 0;      ///< to the first byte of the reply's body, connecting included
+    int64_t waitUs = 0;      ///< to the first byte of the reply, connecting included
     int64_t transferUs = 0;  ///< from then on
     int64_t bytes = 0;       ///< of the body that arrived
     int status = 0;          ///< of HTTP; 0: no reply
@@ -147,7 +147,7 @@ struct LevelIndexEvent : SessionEvent {
     std::vector<int64_t> clusterBytes;
 };
 
-/// What is buffered, at least five times a second and around each change of state.
+/// What is buffered, about five times a second, and whenever playback starts or stops.
 struct BufferEvent : SessionEvent {
     int64_t positionMs = -1;  ///< -1: nowhere yet
     int64_t videoMs = 0;

@@ -35,6 +35,7 @@ class ISessionObserver {
 /// before is delivered first, and no call of it is under way when this returns. Without an observer
 /// a place that could tell something costs one load.
 ///
-/// Threading: any thread but the observer's own. Errors: -1 from within a callback, -5 without
-/// memory or threads; then nothing has changed.
+/// Threading: any thread but the observer's own, and not from within a callback of the listener's,
+/// which holds locks that a callback of the observer's may wait for. Errors: -1 from within a
+/// callback, -5 without memory or threads; then nothing has changed.
 OPAL_EXPORT OPALError SetSessionObserver(ISessionObserver* observer);

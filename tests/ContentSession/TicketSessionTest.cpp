@@ -192,12 +192,13 @@ TEST_F(TicketSession, AServiceThatDiesLeavesPlaybackRunning) {
             reported.set_value();
     };
     StartServices({});
-    const auto end = std::async(std::launch::async, [&] {
-        reported.get_future().wait();
+    auto end = std::async(std::launch::async, [&] {
+        const auto second = reported.get_future().wait_for(std::chrono::seconds(20));
         m_services->Stop();
+        return second;
     });
     EXPECT_EQ(Play("--strict"), 0) << Printed();
-    end.wait();
+    EXPECT_EQ(end.get(), std::future_status::ready);
     EXPECT_THAT(TextOf(m_folder.File("trace")),
                 testing::ContainsRegex("<pulse-error><error-code>-27</error-code>.*<eos>"));
 }

@@ -374,7 +374,7 @@ void SessionReport::EnterPhase(const std::string& name, const StateEvent& event)
     if (m_phase.name == name && name != "trick play")
         return;
     EndPhase(timeS);
-    m_phase = {name, "", timeS, event.positionMs};
+    m_phase = {name, "", timeS, event.positionMs >= 0 ? event.positionMs : m_positionMs};
     m_headline.stalls += name == "stalled";
 }
 

@@ -151,7 +151,7 @@ const char* Write(const PlayerEvent& in, Object& out) {
 }
 
 const char* Write(const LinkEvent& in, Object& out) {
-    out["bps"] = in.bitsPerSecond;
+    out["bps"] = in.bitsPerSecond < 0 ? Object() : Object(in.bitsPerSecond);
     return "link";
 }
 

@@ -96,5 +96,9 @@ void LogEventSerializer::Clear() {
         LogEventFactory::Instance().Destroy(event);
     m_events.clear();
     m_bufferedSize = 0;
+}
+
+void LogEventSerializer::Forget() {
+    Clear();
     m_overflow = false;
 }

@@ -28,6 +28,8 @@ class LogEventSerializer : boost::noncopyable {
     /// An event was lost before it came here: the next document says so.
     void MarkPartial() { m_overflow = true; }
     void Clear();
+    /// Clear, and whatever was lost is forgotten too: another session begins.
+    void Forget();
 
   private:
     std::deque<LogEvent*> m_events;

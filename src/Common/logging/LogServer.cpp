@@ -204,7 +204,7 @@ class LogServer::PIMPL {
         hurry.Lower();
         Drain();
         opal::MutexLock lock(mutex);
-        serializer.Clear();
+        serializer.Forget();
         sender = nullptr;
     }
 };

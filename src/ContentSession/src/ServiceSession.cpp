@@ -18,6 +18,9 @@ void ServiceSession::SetId(const std::string& id) {
     m_id = id;
 }
 
+/// Shorter ones are no credentials, and stand in many a word.
+static constexpr size_t kLeastSecret = 3;
+
 std::string ServiceSession::WithoutCredentials(const std::string& text, size_t most) const {
     std::vector<std::string> secrets;
     {
@@ -33,7 +36,8 @@ std::string ServiceSession::WithoutCredentials(const std::string& text, size_t m
     for (size_t at = 0; at < text.size() && result.size() < most;) {
         const auto found =
             std::find_if(secrets.begin(), secrets.end(), [&](const std::string& secret) {
-                return !secret.empty() && text.compare(at, secret.size(), secret) == 0;
+                return secret.size() >= kLeastSecret &&
+                       text.compare(at, secret.size(), secret) == 0;
             });
         if (found == secrets.end()) {
             result += text[at++];

@@ -18,6 +18,8 @@ class IVideoLevel;
 /// Threading: none; under the switching controller's lock.
 class SwitchingCalls {
   public:
+    SwitchingCalls() { m_lastAnswers.fill(kNoAnswer); }
+
     using Event = opal::SwitchingCallEvent;
     using Kind = Event::Kind;
     using Levels = std::vector<boost::shared_ptr<IVideoLevel>>;

@@ -6,6 +6,7 @@
 #include "Common/Clock.h"
 #include "Common/CodecIDs.h"
 #include "Common/ObjectFactory.h"
+#include "Common/SessionEventStream.h"
 #include "Common/StreamingTuning.h"
 #include "Common/logging/ILogEventSender.h"
 #include "Common/logging/LogEvent.h"
@@ -99,11 +100,12 @@ OPALError StreamingController::RunInitialization(const std::function<OPALError()
             if (!m_pSwitching)
                 m_pSwitching.reset(NewSwitchingController());
             const OPALError code = m_pSwitching ? build() : OPAL_ERROR_NO_MEMORY;
-            if (code != OPAL_OK)
+            if (code != OPAL_OK && !m_stop.IsRaised())
                 m_session->reports.ObserveFailure(code);
             return code;
         } catch (const std::exception& e) {
             LOG4CXX_ERROR(logger, "Initialisation failed: " << e.what());
+            m_session->reports.ObserveFailure(OPAL_ERROR_GENERAL);
             throw;
         }
     });
@@ -132,9 +134,11 @@ void StreamingController::BeginInitialization(const char* trace, int senderKind)
 OPALError StreamingController::BuildFromManifest(const std::string& url, const std::string& country,
                                                  const std::string& language,
                                                  OPALWriterModel model) {
-    opal::StateEvent opening;
-    opening.text = url;
-    m_session->reports.Observe(std::move(opening));
+    if (opal::SessionEventStream::IsObserved()) {
+        opal::StateEvent opening;
+        opening.text = url;
+        m_session->reports.Observe(std::move(opening));
+    }
     BeginInitialization("Enter StreamingController::InitializeFromSMILFile : time=",
                         ObjectFactory::kNullSender);
     (void)LoadAlgorithmConfigFile(logger);

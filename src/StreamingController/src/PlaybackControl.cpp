@@ -106,7 +106,8 @@ OPALError StreamingController::Resume(int64_t positionMs) {
             code = m_pReaders->BeginVideoStream(m_session->objects.LevelFromSwitching());
         JumpGuard guard(m_session->jumpPending);
         int64_t position = positionMs;
-        m_session->reports.Observe(opal::SessionState::Seek, positionMs);
+        if (code == OPAL_OK)
+            m_session->reports.Observe(opal::SessionState::Seek, positionMs);
         if (code == OPAL_OK)
             code = SeekInternal(position);
         if (code == OPAL_OK)
@@ -134,7 +135,8 @@ OPALError StreamingController::Seek(int64_t& positionMs) {
             return OPAL_ERROR_INVALID_ARGUMENT;
         code = PrepareAudio();
         JumpGuard guard(m_session->jumpPending);
-        m_session->reports.Observe(opal::SessionState::Seek, positionMs);
+        if (code == OPAL_OK)
+            m_session->reports.Observe(opal::SessionState::Seek, positionMs);
         if (code == OPAL_OK)
             code = SeekInternal(positionMs);
         if (code != OPAL_OK)

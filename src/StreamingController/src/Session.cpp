@@ -162,8 +162,10 @@ OPALError StreamingController::Session::EndSlowTransfer() {
         if (!DescribeTransfer(running, clusterBytes))
             return OPAL_OK;
         if (running.cluster != levelSwitch.cluster) {
-            levelSwitch.EndWaiting();  // it has come to its end after all, and this is the next
-            return OPAL_OK;
+            // It has come to its end after all: this is the next, or the last one's very end,
+            // behind which something may have stopped the reader meanwhile.
+            levelSwitch.EndWaiting();
+            return video.ReaderState() == STREAMING_READER_STOPPED ? video.StartReader() : OPAL_OK;
         }
         (void)objects.readers->StopVideo();  // something may have started the level anew
         return objects.readers->CancelSlowVideo();
@@ -278,7 +280,8 @@ void StreamingController::Session::ObserveBuffers(bool playing) {
     event.requiredAudioMs = required;
     event.maxVideoMs = std::max<int64_t>(objects.switching->GetMaxBuffer(), 0);
     event.bandwidth = objects.switching->GetBandwidth();
-    event.level = video.CurrentIndex();
+    if (video.CurrentIndex() < objects.parser->GetVideoLevelCount())  // else a trick track
+        event.level = video.CurrentIndex();
     event.playing = playing;
     opal::SessionEventStream::Tell(std::move(event));
     for (opal::StreamPipe* pipe : {&video, &audio, &subtitle}) {

@@ -5,6 +5,7 @@
 #include "Common/SessionEventStream.h"
 #include "Common/logging/Logger.h"
 #include "StreamingController/ISessionObserver.h"
+#include "StreamingController/src/NoThrow.h"
 
 namespace opal {
 namespace {
@@ -41,7 +42,7 @@ class ObserverQueue : public SessionEventSink {
             ++m_dropped;
             return;
         }
-        m_events.push_back(std::move(event));
+        m_events.push_back({std::move(event), m_dropped});
         m_wakeup.NotifyOne();
     }
 
@@ -82,6 +83,11 @@ class ObserverQueue : public SessionEventSink {
     }
 
   private:
+    struct Entry {
+        AnySessionEvent event;
+        uint64_t droppedBefore = 0;
+    };
+
     void Run(ISessionObserver& observer, uint64_t generation) {
         t_delivering = true;
         uint64_t told = 0;
@@ -91,16 +97,21 @@ class ObserverQueue : public SessionEventSink {
         for (;;) {
             while (m_events.empty() && m_open)
                 m_wakeup.Wait(m_mutex);
-            if (m_events.empty())
+            const bool last = m_events.empty();
+            if (last && m_dropped == told)
                 return;
-            const AnySessionEvent event = std::move(m_events.front());
-            m_events.pop_front();
-            const uint64_t dropped = m_dropped;
+            Entry entry;
+            entry.droppedBefore = m_dropped;
+            if (!last) {
+                entry = std::move(m_events.front());
+                m_events.pop_front();
+            }
             const MutexUnlock unlocked(m_mutex);
             try {
-                if (dropped != told)
-                    observer.OnDropped(told = dropped);
-                std::visit(Deliver{observer}, event);
+                if (entry.droppedBefore != told)
+                    observer.OnDropped(told = entry.droppedBefore);
+                if (!last)
+                    std::visit(Deliver{observer}, entry.event);
             } catch (...) {
                 // The observer's own affair.
             }
@@ -113,7 +124,7 @@ class ObserverQueue : public SessionEventSink {
     std::thread m_thread OPAL_GUARDED_BY(m_controlMutex);
     Mutex m_mutex;
     CondVar m_wakeup;
-    std::deque<AnySessionEvent> m_events OPAL_GUARDED_BY(m_mutex);
+    std::deque<Entry> m_events OPAL_GUARDED_BY(m_mutex);
     uint64_t m_dropped OPAL_GUARDED_BY(m_mutex) = 0;
     uint64_t m_generation OPAL_GUARDED_BY(m_mutex) = 0;  ///< counts the observers
     bool m_open OPAL_GUARDED_BY(m_mutex) = false;
@@ -123,5 +134,5 @@ class ObserverQueue : public SessionEventSink {
 }  // namespace opal
 
 OPALError SetSessionObserver(ISessionObserver* observer) {
-    return opal::ObserverQueue::Instance().Observe(observer);
+    return opal::NoThrow([&] { return opal::ObserverQueue::Instance().Observe(observer); });
 }

@@ -120,16 +120,21 @@ void SessionReports::Error(OPALError code, const std::string& text) const {
 }
 
 void SessionReports::ContentError(OPALError code, const std::string& text) const {
-    StateEvent event;
-    event.state = SessionState::Error;
-    event.code = code;
-    event.text = text;
-    Observe(std::move(event));
+    if (SessionEventStream::IsObserved()) {
+        StateEvent event;
+        event.state = SessionState::Error;
+        event.code = code;
+        event.text = text;
+        Observe(std::move(event));
+    }
     Tell([&](Listener& listener) { listener.OnError(code, text.c_str()); });
 }
 
 void SessionReports::UnsupportedAudio() const {
-    ObserveFailure(OPAL_ERROR_AUDIO_UNSUPPORTED);
+    StateEvent event;
+    event.state = SessionState::Error;
+    event.code = OPAL_ERROR_AUDIO_UNSUPPORTED;
+    Observe(std::move(event));
     Tell([](Listener& listener) { listener.OnError(OPAL_ERROR_AUDIO_UNSUPPORTED, nullptr); });
 }
 
@@ -151,6 +156,8 @@ void SessionReports::Observe(StateEvent event) const {
 }
 
 void SessionReports::ObserveFailure(OPALError code) const {
+    if (m_observed == SessionState::Error)
+        return;  // it was told with the service's words
     StateEvent event;
     event.state = SessionState::Error;
     event.code = code;

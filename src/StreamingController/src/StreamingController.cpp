@@ -9,6 +9,7 @@
 #include "Common/Clock.h"
 #include "Common/CodecIDs.h"
 #include "Common/OPALVersion.h"
+#include "Common/SessionEventStream.h"
 #include "Common/logging/ILogEventSender.h"
 #include "ContentSession/IProtectedContent.h"
 #include "PlatformAdapter/Mstar/HABArch.h"
@@ -325,12 +326,14 @@ void StreamingController::SubtitleNotify::OnSubtitle(int64_t msStart, int64_t ms
                                                      const std::string& text) {
     if (!controller)
         return;
-    opal::StateEvent event;
-    event.state = opal::SessionState::Subtitle;
-    event.valueMs = msStart;
-    event.endMs = msEnd;
-    event.text = text;
-    controller->m_session->reports.Observe(std::move(event));
+    if (opal::SessionEventStream::IsObserved()) {
+        opal::StateEvent event;
+        event.state = opal::SessionState::Subtitle;
+        event.valueMs = msStart;
+        event.endMs = msEnd;
+        event.text = text;
+        controller->m_session->reports.Observe(std::move(event));
+    }
     controller->m_session->reports.Tell(
         [&](IStreamingControllerNotify& listener) { listener.OnSubtitle(msStart, msEnd, text); });
 }

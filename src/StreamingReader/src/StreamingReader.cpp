@@ -108,7 +108,7 @@ OPALError StreamingReader::Open() {
 }
 
 void StreamingReader::TellFailure(OPALError code, bool found) const {
-    if (!opal::SessionEventStream::IsObserved())
+    if (!opal::SessionEventStream::IsObserved() || m_stop.IsRaised())
         return;
     opal::StateEvent event;
     event.state = opal::SessionState::MediaFailed;
