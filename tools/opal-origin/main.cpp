@@ -109,9 +109,8 @@ int Fail(ExitCode code, const std::string& text) {
 bool ReadFile(const std::string& path, std::string* pText, std::string* pError) {
     std::ifstream file(path, std::ios::binary);
     pText->assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-    if (!file.good() && !file.eof()) {
+    if (!file.good() && !file.eof())
         *pError = "cannot be read";
-    }
     return pError->empty();
 }
 
@@ -144,9 +143,8 @@ bool MakeScript(const Arguments& arguments, Script* pScript, std::string* pError
         }
     }
     pScript->hasRates = true;  // without any rate the script is empty, and that is no limit
-    if (arguments.latencyMs >= 0) {
+    if (arguments.latencyMs >= 0)
         pScript->latencyMs = arguments.latencyMs;
-    }
     return true;
 }
 
@@ -157,9 +155,8 @@ bool WritePortFile(const std::string& path, uint16_t port) {
         std::ofstream file(unfinished);
         file << port << "\n";
         file.close();
-        if (!file) {
+        if (!file)
             return false;
-        }
     }
     return std::rename(unfinished.c_str(), path.c_str()) == 0;
 }
@@ -174,9 +171,8 @@ int NextSignal(const sigset_t& signals, const Origin& origin, LinkLog* pLog) {
     const timespec pollTime{0, 100'000'000};
     int received = -1;
     while (received < 0 && (received = sigtimedwait(&signals, nullptr, &pollTime)) < 0) {
-        if (errno != EAGAIN && errno != EINTR) {
+        if (errno != EAGAIN && errno != EINTR)
             return -1;
-        }
         pLog->Follow(origin.RateScriptTime());
     }
     pLog->Follow(origin.RateScriptTime());
@@ -195,19 +191,16 @@ int Serve(const Arguments& arguments, const Script& script) {
     Origin origin(arguments.options);
     script.ApplyTo(&origin);
     LinkLog linkLog(script.rates);
-    if (!arguments.linkLog.empty() && !linkLog.Open(arguments.linkLog)) {
+    if (!arguments.linkLog.empty() && !linkLog.Open(arguments.linkLog))
         return Fail(kCannotServe, arguments.linkLog + ": cannot be written");
-    }
     std::string error;
-    if (!origin.Start(&error)) {
+    if (!origin.Start(&error))
         return Fail(kCannotServe, error);
-    }
     // Who finds the port, in the file or in the first line, finds everything in place; and no
     // request is logged above that line.
     flockfile(stdout);
-    if (!arguments.quiet) {
+    if (!arguments.quiet)
         origin.SetObserver(PrintRecord);
-    }
     const bool portFileWritten =
         arguments.portFile.empty() || WritePortFile(arguments.portFile, origin.Port());
     bool told = true;
@@ -217,19 +210,16 @@ int Serve(const Arguments& arguments, const Script& script) {
         told = std::fflush(stdout) == 0;
     }
     funlockfile(stdout);
-    if (!portFileWritten) {
+    if (!portFileWritten)
         return Fail(kCannotServe, arguments.portFile + ": cannot be written");
-    }
-    if (!told) {
+    if (!told)
         return Fail(kCannotServe, "standard output cannot be written");
-    }
     int received = 0;
     do {
         received = arguments.linkLog.empty() ? sigwaitinfo(&signals, nullptr)
                                              : NextSignal(signals, origin, &linkLog);
-        if (received == SIGUSR1) {
+        if (received == SIGUSR1)
             origin.Resume(0);
-        }
     } while (received == SIGUSR1 || (received < 0 && errno == EINTR));
     origin.Stop();
     return kStopped;
@@ -250,9 +240,8 @@ int main(int argc, char** argv) {
         }
         Script script;
         std::string error;
-        if (!MakeScript(arguments, &script, &error)) {
+        if (!MakeScript(arguments, &script, &error))
             return Fail(kBadArguments, error);
-        }
         return Serve(arguments, script);
     } catch (const std::exception& error) {
         return Fail(kCannotServe, error.what());

@@ -115,9 +115,8 @@ std::string Hex(const uint8_t* data, size_t size) {
 /// What the terminal can show of bytes that should be text.
 std::string Printable(const uint8_t* data, size_t size) {
     std::string text;
-    for (size_t i = 0; i < std::min(size, kLongestText); ++i) {
+    for (size_t i = 0; i < std::min(size, kLongestText); ++i)
         text += data[i] >= 0x20 && data[i] != 0x7F ? static_cast<char>(data[i]) : '?';
-    }
     return text + (size > kLongestText ? "..." : "");
 }
 
@@ -127,14 +126,12 @@ class Dumper {
         : m_path(path), m_in(path, std::ios::binary), m_out(out) {
         m_in.seekg(0, std::ios::end);
         const auto end = m_in.tellg();
-        if (!m_in || end < 0) {
+        if (!m_in || end < 0)
             throw PackageError(Failure::InputOutput, path + ": cannot be read");
-        }
         m_size = static_cast<uint64_t>(end);
         for (const Name& name : kNames) {
-            if (name.kind == Kind::Container) {
+            if (name.kind == Kind::Container)
                 m_schema.AddContainer(name.id);
-            }
         }
     }
 
@@ -174,9 +171,8 @@ class Dumper {
         const auto bytes = Read(offset, head.size());
         std::copy(bytes.begin(), bytes.end(), head.begin());
         header = ReadHeader(head.data(), static_cast<int64_t>(bytes.size()));
-        if (header.data == nullptr) {
+        if (header.data == nullptr)
             return false;
-        }
         headerSize = static_cast<uint64_t>(header.data - head.data());
         header.data = nullptr;  // pointed into the bytes just read
         end = offset + headerSize + header.size;
@@ -289,9 +285,8 @@ class Dumper {
                 break;
             default:
                 m_out << size << " bytes";
-                if (size <= kLongestText) {
+                if (size <= kLongestText)
                     m_out << " " << Hex(data, size);
-                }
         }
         m_out << "\n";
     }
@@ -304,14 +299,12 @@ class Dumper {
         const auto bytes = Read(m_cues, m_cuesSize);
         boost::scoped_ptr<IClusterIndex> index(
             NewClusterIndex(static_cast<int64_t>(m_cues), static_cast<int64_t>(m_segmentData)));
-        if (index->Parse(bytes.data(), static_cast<int64_t>(bytes.size())) != OPAL_OK) {
+        if (index->Parse(bytes.data(), static_cast<int64_t>(bytes.size())) != OPAL_OK)
             Damage("the Cues at " + std::to_string(m_cues) + " cannot be read");
-        }
         m_out << "index: " << index->GetCount() << " clusters, Cues at " << m_cues << ", "
               << m_cuesSize << " bytes\n";
-        for (size_t i = 0; i < index->GetCount(); ++i) {
+        for (size_t i = 0; i < index->GetCount(); ++i)
             PrintCluster(*index, i);
-        }
     }
 
     void PrintCluster(const IClusterIndex& index, size_t i) {
@@ -346,9 +339,8 @@ class Dumper {
         for (size_t frame = 0; frame < index.GetFrameCount(i); ++frame) {
             int64_t offset = 0;
             uint32_t size = 0;
-            if (index.GetFrame(i, frame, offset, size) == OPAL_OK) {
+            if (index.GetFrame(i, frame, offset, size) == OPAL_OK)
                 m_out << "  key frame " << frame << " at " << offset << ", " << size << " bytes\n";
-            }
         }
     }
 
@@ -363,14 +355,12 @@ class Dumper {
                           (block.flags & BlockNode::kKeyFrame) != 0 ? " key" : "",
                           block.data.GetSize(), crc);
             m_out << line;
-            if (block.duration != 0) {
+            if (block.duration != 0)
                 m_out << ", lasts " << block.duration << " ms";
-            }
             m_out << "\n";
         }
-        if (error != OPAL_ERROR_END_OF_DATA) {
+        if (error != OPAL_ERROR_END_OF_DATA)
             Damage("a block of cluster " + std::to_string(cluster) + " cannot be read");
-        }
     }
 
     std::string m_path;
@@ -388,9 +378,8 @@ class Dumper {
 }  // namespace
 
 int Dump(const std::string& path, std::ostream& out) {
-    if (std::filesystem::is_directory(path)) {
+    if (std::filesystem::is_directory(path))
         throw PackageError(Failure::InputOutput, path + ": is a folder");
-    }
     const std::string ending = kGoldenEnding;
     if (path.size() > ending.size() &&
         path.compare(path.size() - ending.size(), ending.size(), ending) == 0) {

@@ -23,16 +23,14 @@ constexpr uint64_t kUnitsPerMs = 10000;
 using Record = std::array<uint8_t, kRecordSize>;
 
 void PutWord(Record& record, size_t at, uint64_t value) {
-    for (size_t i = 0; i < 4; ++i) {
+    for (size_t i = 0; i < 4; ++i)
         record[at + i] = static_cast<uint8_t>(value >> (8 * i));
-    }
 }
 
 uint32_t WordOf(const Record& record, size_t at) {
     uint32_t value = 0;
-    for (size_t i = 4; i-- > 0;) {
+    for (size_t i = 4; i-- > 0;)
         value = value << 8 | record[at + i];
-    }
     return value;
 }
 
@@ -54,9 +52,8 @@ void WriteGoldenRecord(std::ostream& out, const Block& block) {
 
 int DumpGolden(const std::string& path, std::ostream& out) {
     std::ifstream in(path, std::ios::binary);
-    if (!in) {
+    if (!in)
         throw PackageError(Failure::InputOutput, path + ": cannot be read");
-    }
     out << path << ": golden file\n";
     Record record{};
     while (in.read(reinterpret_cast<char*>(record.data()), kRecordSize)) {
@@ -67,9 +64,8 @@ int DumpGolden(const std::string& path, std::ostream& out) {
                       WordOf(record, kCrc));
         out << line;
     }
-    if (in.bad()) {
+    if (in.bad())
         throw PackageError(Failure::InputOutput, path + ": cannot be read");
-    }
     if (in.gcount() > 0) {
         out << "damaged: " << in.gcount() << " bytes behind the last record of " << kRecordSize
             << "\n";

@@ -71,9 +71,8 @@ class ProgressLine {
     void ShowBar(int percent, int64_t doneMs, int64_t allMs) {
         constexpr int kWidth = 40;
         const int state = allMs > 0 ? 1 + percent : static_cast<int>(1 + doneMs / 1000);
-        if (state == m_shown) {
+        if (state == m_shown)
             return;
-        }
         m_shown = state;
         const std::string bar(static_cast<size_t>(percent * kWidth / 100), '#');
         std::printf("\r[%-*s] %3d %%  %.1f s", kWidth, bar.c_str(), percent,
@@ -150,23 +149,19 @@ void Declare(CLI::App& app, CommandLine& line) {
 std::vector<std::string> Split(const std::string& text, char separator) {
     std::vector<std::string> parts;
     std::istringstream in(text);
-    for (std::string part; std::getline(in, part, separator);) {
+    for (std::string part; std::getline(in, part, separator);)
         parts.push_back(part);
-    }
     return parts;
 }
 
 void Complete(CommandLine& line) {
     auto& options = line.package;
-    if (line.testFilm && !options.input.empty()) {
+    if (line.testFilm && !options.input.empty())
         throw PackageError(Failure::Usage, "--test-film and an INPUT do not go together");
-    }
-    if (!line.levels.empty()) {
+    if (!line.levels.empty())
         options.ladder = opal::package::ParseLadder(line.levels);
-    }
-    if (!(line.duration > 0 && line.duration <= 24 * 3600)) {
+    if (!(line.duration > 0 && line.duration <= 24 * 3600))
         throw PackageError(Failure::Usage, "--duration is from above 0 to 86400 seconds");
-    }
     options.testFilm.durationMs = static_cast<int64_t>(line.duration * 1000);
     options.testFilm.texts = Split(line.textLanguages, ',');
     options.testFilm.languages = Split(line.audioLanguages, ',');
@@ -182,9 +177,8 @@ void Complete(CommandLine& line) {
 }
 
 int Run(CommandLine& line) {
-    if (!line.dumpFile.empty()) {
+    if (!line.dumpFile.empty())
         return opal::package::Dump(line.dumpFile, std::cout);
-    }
     if (!line.manifestFolder.empty()) {
         opal::package::RewriteManifest(line.manifestFolder, line.package.baseUrl);
         std::printf("%s/%s now points to %s\n", line.manifestFolder.c_str(),
@@ -233,9 +227,8 @@ int main(int argc, char** argv) {
     }
     try {
         const int code = Run(line);
-        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0 || !std::cout.flush()) {
+        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0 || !std::cout.flush())
             throw PackageError(Failure::InputOutput, "standard output cannot be written");
-        }
         return code;
     } catch (const PackageError& error) {
         std::fprintf(stderr, "opal-package: %s\n", error.what());

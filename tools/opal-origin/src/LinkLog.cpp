@@ -29,9 +29,8 @@ bool LinkLog::Open(const std::string& path) {
 }
 
 void LinkLog::Follow(std::chrono::nanoseconds scriptTime) {
-    if (scriptTime.count() < 0) {
+    if (scriptTime.count() < 0)
         return;
-    }
     if (m_scriptStartUs < 0) {
         const auto start = std::chrono::steady_clock::now() - m_start - scriptTime;
         m_scriptStartUs = std::max<int64_t>(duration_cast<microseconds>(start).count(), 0);

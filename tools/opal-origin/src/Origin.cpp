@@ -46,9 +46,8 @@ Origin::~Origin() {
 bool Origin::Start(std::string* pError) {
     std::string error;
     std::lock_guard<std::mutex> lock(m_impl->mutex);
-    if (m_impl->server) {
+    if (m_impl->server)
         return true;
-    }
     if (m_impl->content.OpenFolder(m_impl->options.folder, &error)) {
         try {
             m_impl->state.SetEpoch();
@@ -61,9 +60,8 @@ bool Origin::Start(std::string* pError) {
                     exception.what();
         }
     }
-    if (pError != nullptr) {
+    if (pError != nullptr)
         *pError = error;
-    }
     return false;
 }
 

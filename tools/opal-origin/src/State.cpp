@@ -40,9 +40,8 @@ uint64_t State::Arrived(RequestRecord record, Fault* pFault, uint64_t* pFaultId,
     m_link.OnRequest(now);
     *pLatencyMs = m_latencyMs + m_link.LatencyMs(now);
     m_log.emplace(record.number, Entry{std::move(record), now});
-    while (m_log.size() > m_maxLogRecords) {
+    while (m_log.size() > m_maxLogRecords)
         m_log.erase(m_log.begin());
-    }
     m_changed.notify_all();
     return m_lastRequest;
 }
@@ -50,17 +49,15 @@ uint64_t State::Arrived(RequestRecord record, Fault* pFault, uint64_t* pFaultId,
 void State::Started(uint64_t number, int status) {
     std::lock_guard<std::mutex> lock(m_mutex);
     const auto found = m_log.find(number);
-    if (found != m_log.end()) {
+    if (found != m_log.end())
         found->second.record.status = status;
-    }
 }
 
 void State::Sent(uint64_t number, int64_t bodyBytes) {
     std::lock_guard<std::mutex> lock(m_mutex);
     const auto found = m_log.find(number);
-    if (found != m_log.end()) {
+    if (found != m_log.end())
         found->second.record.bodyBytesSent = bodyBytes;
-    }
 }
 
 void State::Finished(uint64_t number, bool complete) {
@@ -69,9 +66,8 @@ void State::Finished(uint64_t number, bool complete) {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         const auto found = m_log.find(number);
-        if (found == m_log.end()) {
+        if (found == m_log.end())
             return;
-        }
         Entry& entry = found->second;
         entry.record.finished = true;
         entry.record.complete = complete;
@@ -80,16 +76,14 @@ void State::Finished(uint64_t number, bool complete) {
         observer = m_observer;
         m_changed.notify_all();
     }
-    if (observer) {
+    if (observer)
         observer(record);
-    }
 }
 
 bool State::Stalled(uint64_t faultId) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_rules.count(faultId) == 0) {
+    if (m_rules.count(faultId) == 0)
         return false;
-    }
     ++m_stalled[faultId];
     m_changed.notify_all();
     return true;
@@ -97,9 +91,8 @@ bool State::Stalled(uint64_t faultId) {
 
 void State::Unstalled(uint64_t faultId) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (--m_stalled[faultId] == 0) {
+    if (--m_stalled[faultId] == 0)
         m_stalled.erase(faultId);
-    }
 }
 
 uint64_t State::AddFault(const Fault& fault) {
@@ -136,9 +129,8 @@ bool State::Matches(const Fault& fault, const RequestRecord& record) {
 
 uint64_t State::Strike(const RequestRecord& record, Fault* pFault) {
     for (auto& [id, rule] : m_rules) {
-        if (!Matches(rule.fault, record)) {
+        if (!Matches(rule.fault, record))
             continue;
-        }
         if (rule.passed < rule.fault.skip) {
             ++rule.passed;
         } else if (rule.fault.count < 0 || rule.struck < rule.fault.count) {
@@ -227,9 +219,8 @@ std::vector<RequestRecord> State::Log(const std::string& pattern) const {
     for (const auto& [number, entry] : m_log) {
         if (MatchesPattern(pattern, entry.record.path)) {
             records.push_back(entry.record);
-            if (!entry.record.finished) {
+            if (!entry.record.finished)
                 records.back().durationMs = Milliseconds(now - entry.arrival);
-            }
         }
     }
     return records;
@@ -237,9 +228,8 @@ std::vector<RequestRecord> State::Log(const std::string& pattern) const {
 
 void State::ClearLog() {
     std::lock_guard<std::mutex> lock(m_mutex);
-    for (auto entry = m_log.begin(); entry != m_log.end();) {
+    for (auto entry = m_log.begin(); entry != m_log.end();)
         entry = entry->second.record.finished ? m_log.erase(entry) : std::next(entry);
-    }
 }
 
 void State::SetObserver(std::function<void(const RequestRecord&)> observer) {
