@@ -17,6 +17,7 @@ class StopSignal;
 /// Ownership: the caller of HABArch_New deletes the record, after every object that was given it.
 /// Errors: HAB results. A null handle fails an assertion, except in HABArch_SetStopSignal.
 
+/// Throws std::bad_alloc.
 int HABArch_New(HABArch** phHABArch);
 int HABArch_Delete(HHABARCH hHABArch);
 /// Does nothing, deliberately: this television has nothing to suspend.

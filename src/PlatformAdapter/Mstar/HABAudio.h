@@ -19,6 +19,7 @@
 /// Errors: HAB results. HAB_AUDIO_FULL from Queue: nothing was taken. HAB_FAIL from Flush: a block
 /// check has counted errors. A null handle is answered with 0 and no action.
 
+/// Throws std::bad_alloc.
 int HABAudio_New(HABAudio** phHABAudio, HHABARCH hArch, HHABTIMER hTimer);
 int HABAudio_Delete(HHABAUDIO hHABAudio);
 /// The first configuration lets video start. Once the player has its media item, a track change.

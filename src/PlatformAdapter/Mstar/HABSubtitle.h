@@ -19,6 +19,7 @@
 /// Errors: HAB results. HAB_AUDIO_FULL from Queue: the text is early, present it again. HAB_FAIL
 /// from Configure: the font cannot be used.
 
+/// Throws std::bad_alloc.
 int HABSubtitle_New(HABSubtitle** phHABSubtitle, HHABARCH hArch, HHABTIMER hTimer);
 int HABSubtitle_Delete(HHABSUBTITLE hHABSubtitle);
 /// Opens the window and reads the font. The picture's size is not looked at: the window has its

@@ -12,6 +12,7 @@
 /// Units: milliseconds.
 /// Errors: HAB_FAIL for a null handle in HABTimer_SetTime and HABTimer_GetTime.
 
+/// Throws std::bad_alloc.
 int HABTimer_New(HHABTIMER* out, HHABARCH hHABArch, int kind);
 int HABTimer_Delete(HHABTIMER hHABTimer);
 int HABTimer_SetTime(HHABTIMER hHABTimer, uint32_t ms);

@@ -21,6 +21,7 @@
 /// results. HAB_VIDEO_FULL from Queue: nothing was taken. HAB_FAIL from Flush: a block check has
 /// counted errors. A null handle is answered with 0 and no action.
 
+/// Throws std::bad_alloc.
 int HABVideo_New(HABVideo** phHABVideo, HHABARCH hArch, HHABTIMER hTimer);
 /// Also stops the player and lets go of it.
 int HABVideo_Delete(HHABVIDEO hHABVideo);

@@ -1,7 +1,6 @@
 #include "PlatformAdapter/Mstar/HABArch.h"
 
 #include <algorithm>
-#include <new>
 
 #include "Common/Assert.h"
 #include "Common/Clock.h"
@@ -9,7 +8,7 @@
 
 int HABArch_New(HABArch** phHABArch) {
     OPAL_ASSERT(phHABArch != nullptr, "phHABArch != __null");
-    HABArch* pHABArch = new (std::nothrow) HABArch;
+    HABArch* pHABArch = new HABArch;  // throws where memory runs out: the session answers
     OPAL_ASSERT(pHABArch != nullptr, "pHABArch != __null");
     *phHABArch = pHABArch;
     return HAB_OK;

@@ -3,7 +3,6 @@
 #include <atomic>
 #include <boost/shared_ptr.hpp>
 #include <cstdio>
-#include <new>
 #include <vector>
 
 #include "Common/Assert.h"
@@ -168,7 +167,7 @@ int HABAudio_New(HABAudio** phHABAudio, HHABARCH hArch, HHABTIMER /*hTimer*/) {
     OPAL_ASSERT(phHABAudio != nullptr, "phHABAudio != __null");
     if (!hArch)
         return HAB_FAIL;
-    HABAudio* pHABAudio = new (std::nothrow) HABAudio;
+    HABAudio* pHABAudio = new HABAudio;  // throws where memory runs out: the session answers
     OPAL_ASSERT(pHABAudio != nullptr, "pHABAudio != __null");
     opal::FillCrcTable(pHABAudio->crcTable);
     pHABAudio->hArch = hArch;

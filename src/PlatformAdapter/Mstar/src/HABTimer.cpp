@@ -1,15 +1,14 @@
 #include "PlatformAdapter/Mstar/HABTimer.h"
 
 #include <atomic>
-#include <new>
 
 struct HABTimer {
     std::atomic<uint32_t> time{0};
 };
 
 int HABTimer_New(HHABTIMER* out, HHABARCH /*hHABArch*/, int /*kind*/) {
-    *out = new (std::nothrow) HABTimer;
-    return *out ? HAB_OK : HAB_FAIL;
+    *out = new HABTimer;
+    return HAB_OK;
 }
 
 int HABTimer_Delete(HHABTIMER hHABTimer) {

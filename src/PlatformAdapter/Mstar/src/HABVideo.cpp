@@ -3,7 +3,6 @@
 #include <atomic>
 #include <boost/shared_ptr.hpp>
 #include <cstdio>
-#include <new>
 #include <vector>
 
 #include "Common/Assert.h"
@@ -174,7 +173,7 @@ int HABVideo_New(HABVideo** phHABVideo, HHABARCH hArch, HHABTIMER hTimer) {
     OPAL_ASSERT(phHABVideo != nullptr, "phHABVideo != __null");
     if (!hArch)
         return HAB_FAIL;
-    HABVideo* pHABVideo = new (std::nothrow) HABVideo;
+    HABVideo* pHABVideo = new HABVideo;  // throws where memory runs out: the session answers
     OPAL_ASSERT(pHABVideo != nullptr, "pHABVideo != __null");
     opal::FillCrcTable(pHABVideo->crcTable);
     pHABVideo->hArch = hArch;
