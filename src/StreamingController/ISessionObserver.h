@@ -11,8 +11,8 @@
 ///
 /// Threading: all calls come from one thread of the library's, in the order in which things
 /// happened, with no lock held: a callback may take its time and call the controller. It is behind
-/// by what is queued. The queue has room for 8,192 events; beyond that events are dropped and
-/// counted, and playback never waits.
+/// by what is queued. The queue has room for 8,192 events; beyond that, and where there is no
+/// memory for one, events are dropped and counted, and playback never waits.
 /// Ownership: the application's; it stays until SetSessionObserver has returned with another one.
 /// Errors: what a callback throws is dropped.
 /// Compatibility: new operations come last and do nothing unless they are overridden.
@@ -26,8 +26,8 @@ class ISessionObserver {
     virtual void OnBuffers(const opal::BufferEvent&) {}
     virtual void OnState(const opal::StateEvent&) {}
     virtual void OnSink(const opal::SinkEvent&) {}
-    /// `total` events of this observer's were dropped so far; told with the next one that gets
-    /// through.
+    /// `total` events of this observer's were dropped so far; told where they are missing, before
+    /// the event that came after them, or at the end.
     virtual void OnDropped(uint64_t /*total*/) {}
 };
 

@@ -5,6 +5,7 @@
 #include <new>
 
 #include "StreamingController/ControllerFixture.h"
+#include "StreamingController/ISessionObserver.h"
 
 namespace {
 
@@ -105,12 +106,14 @@ TEST_F(OutOfMemoryTest, OneAllocationThatFailsIsACodeWhicheverItIs) {
     Serve(film);
     controller.reset();
     Build(true);
+    ISessionObserver observer;  // what is told of the session is allocated too
+    ASSERT_EQ(OPAL_OK, SetSessionObserver(&observer));
     RunSession();
     g_count = 0;
     RunSession();
     const int64_t all = g_count;
     ASSERT_GT(all, 1000);
-    constexpr int kSamples = 80;
+    constexpr int kSamples = 160;
     for (int sample = 0; sample < kSamples; ++sample) {
         SCOPED_TRACE(sample);
         g_count = 0;
@@ -124,6 +127,7 @@ TEST_F(OutOfMemoryTest, OneAllocationThatFailsIsACodeWhicheverItIs) {
     EXPECT_EQ(OPAL_OK, controller->Play());
     EXPECT_TRUE(Eventually([&] { return listener.Count("OnPlay 1 0 -1") > 0; }));
     EXPECT_EQ(OPAL_OK, controller->Finalize());
+    EXPECT_EQ(OPAL_OK, SetSessionObserver(nullptr));
 }
 
 }  // namespace

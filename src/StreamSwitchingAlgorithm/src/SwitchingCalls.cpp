@@ -15,15 +15,15 @@ constexpr size_t kMostLevels = 64;  // bits of openIndexes
 
 void SwitchingCalls::TellLevels(const Levels& levels, const AudioTracks& audioTracks) {
     m_openIndexes = 0;
-    if (!AreObserved())
-        return;
-    Event event = Begin(Kind::SetLevels);
-    for (const auto& level : levels)
-        event.levels.push_back({level->GetURI(), level->GetBitrate(), level->GetVBVSize()});
-    for (const auto& track : audioTracks)
-        event.audioTracks.push_back(
-            {track->GetLanguage(), track->GetReservedBandwidth(), !track->GetURI().empty()});
-    Tell(std::move(event));
+    opal::SessionEventStream::IfObserved([&] {
+        Event event = Begin(Kind::SetLevels);
+        for (const auto& level : levels)
+            event.levels.push_back({level->GetURI(), level->GetBitrate(), level->GetVBVSize()});
+        for (const auto& track : audioTracks)
+            event.audioTracks.push_back(
+                {track->GetLanguage(), track->GetReservedBandwidth(), !track->GetURI().empty()});
+        Tell(std::move(event));
+    });
 }
 
 void SwitchingCalls::TellSetter(Kind kind, int64_t value) {
@@ -45,7 +45,7 @@ void SwitchingCalls::TellDownload(OPALStreamType type,
         return;
     // The table belongs to the video's manager, so only what comes from its thread looks at it.
     if (type == OPAL_STREAM_VIDEO)
-        m_openIndexes = OpenIndexes();
+        opal::SessionEventStream::IfObserved([this] { m_openIndexes = OpenIndexes(); });
     Event event = Begin(Kind::Download);
     event.stream = type;
     event.downloadMs = message.downloadTime;

@@ -38,12 +38,10 @@ class ObserverQueue : public SessionEventSink {
         MutexLock lock(m_mutex);
         if (!m_open)
             return;
-        if (m_events.size() >= kRoom) {
+        if (!Append(std::move(event)))
             ++m_dropped;
-            return;
-        }
-        m_events.push_back({std::move(event), m_dropped});
-        m_wakeup.NotifyOne();
+        else
+            m_wakeup.NotifyOne();
     }
 
     OPALError Observe(ISessionObserver* observer) {
@@ -87,6 +85,17 @@ class ObserverQueue : public SessionEventSink {
         AnySessionEvent event;
         uint64_t droppedBefore = 0;
     };
+
+    bool Append(AnySessionEvent&& event) OPAL_REQUIRES(m_mutex) {
+        if (m_events.size() >= kRoom)
+            return false;
+        try {
+            m_events.push_back({std::move(event), m_dropped});
+            return true;
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+    }
 
     void Run(ISessionObserver& observer, uint64_t generation) {
         t_delivering = true;

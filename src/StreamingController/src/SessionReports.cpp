@@ -120,13 +120,13 @@ void SessionReports::Error(OPALError code, const std::string& text) const {
 }
 
 void SessionReports::ContentError(OPALError code, const std::string& text) const {
-    if (SessionEventStream::IsObserved()) {
+    SessionEventStream::IfObserved([&] {
         StateEvent event;
         event.state = SessionState::Error;
         event.code = code;
         event.text = text;
         Observe(std::move(event));
-    }
+    });
     Tell([&](Listener& listener) { listener.OnError(code, text.c_str()); });
 }
 

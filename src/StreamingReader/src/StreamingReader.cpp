@@ -108,15 +108,17 @@ OPALError StreamingReader::Open() {
 }
 
 void StreamingReader::TellFailure(OPALError code, bool found) const {
-    if (!opal::SessionEventStream::IsObserved() || m_stop.IsRaised())
+    if (m_stop.IsRaised())
         return;
-    opal::StateEvent event;
-    event.state = opal::SessionState::MediaFailed;
-    event.text = m_url;
-    event.code = code;
-    event.valueMs = found;
-    event.to = m_level;
-    opal::SessionEventStream::Tell(std::move(event));
+    opal::SessionEventStream::IfObserved([&] {
+        opal::StateEvent event;
+        event.state = opal::SessionState::MediaFailed;
+        event.text = m_url;
+        event.code = code;
+        event.valueMs = found;
+        event.to = m_level;
+        opal::SessionEventStream::Tell(std::move(event));
+    });
 }
 
 OPALError StreamingReader::Start() {

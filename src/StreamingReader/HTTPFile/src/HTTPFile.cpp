@@ -292,9 +292,7 @@ OPALError HTTPFile::DownloadRequest_Unlocked() {
     SetOption(curl, CURLOPT_RANGE, pending.front().BuildRangeString().c_str());
     pending.front().MarkStart();
     const bool observed = opal::SessionEventStream::IsObserved();
-    opal::RequestEvent event;
-    if (observed)
-        event = DescribeRequest_Unlocked(&pending.front());
+    opal::RequestEvent event = DescribeRequest_Unlocked(&pending.front());
     m_cancelReason = opal::RequestEnd::Jump;
     m_performing = true;
     m_runningDropped = false;
@@ -343,13 +341,16 @@ void HTTPFile::SetLabel(const opal::RequestLabel& label) {
     m_label = label;
 }
 
-/// Null: the question for the size.
+/// Null: the question for the size. Empty where nobody listens; what there is no memory for stays
+/// out.
 opal::RequestEvent HTTPFile::DescribeRequest_Unlocked(const HTTPRequest* request) const {
     opal::RequestEvent event;
-    static_cast<opal::RequestLabel&>(event) = m_label;
-    event.url = url;
-    for (size_t i = 0; request && request->GetLength(i) > 0; ++i)
-        event.ranges.emplace_back(request->GetOffset(i), request->GetLength(i));
+    opal::SessionEventStream::IfObserved([&] {
+        static_cast<opal::RequestLabel&>(event) = m_label;
+        event.url = url;
+        for (size_t i = 0; request && request->GetLength(i) > 0; ++i)
+            event.ranges.emplace_back(request->GetOffset(i), request->GetLength(i));
+    });
     return event;
 }
 
