@@ -64,6 +64,10 @@ class StreamingReader : public IStreamingReader, public HTTPRequestNotify {
         return m_pIndex.get();
     }
     boost::shared_ptr<IClusterIndex> Index();
+    /// (to - from) in frames; times in milliseconds. Times and durations come from the file and
+    /// from the application, so the arithmetic saturates, at half the range to leave callers room
+    /// for one more step.
+    static int64_t FramesBetween(int64_t from, int64_t to, int64_t frameDurationNs);
     OPALError FetchRange(int64_t offset, int64_t size, qutl::MemoryBuffer<unsigned char>& bytes)
         OPAL_REQUIRES(m_mutex);
     OPALError ReadHeaders() OPAL_REQUIRES(m_mutex);
