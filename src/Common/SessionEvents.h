@@ -189,7 +189,7 @@ enum class SessionState : int {
 
 struct StateEvent : SessionEvent {
     SessionState state = SessionState::Opening;
-    int64_t positionMs = -1;
+    int64_t positionMs = -1;  ///< as of the last BufferEvent; -1: nowhere yet
     int64_t valueMs = 0;
     int64_t endMs = 0;
     size_t from = static_cast<size_t>(-1);

@@ -194,7 +194,7 @@ OPALError StreamingController::BuildFromTicket(const std::string& tixString,
         tixString, sessionData, country, language, [this](const char* text) { Trace(text); },
         assetId, opened);
     if (code != OPAL_OK) {
-        if (opened && !m_stop.IsRaised())  // what ends because of the signal is no error to tell
+        if (opened && !EndedBySignal(code))
             m_session->reports.ContentError(code, ticket.ErrorText(code));
         return code;
     }
@@ -218,6 +218,12 @@ OPALError StreamingController::BuildFromTicket(const std::string& tixString,
     opal::RecursiveLock lock(m_mutex);
     m_sessionContent = true;
     return InitializeInternal(assetId, model);
+}
+
+/// A service's call that ends because of the signal is no error to tell. A refusal that arrives in
+/// the same moment is one.
+bool StreamingController::EndedBySignal(OPALError code) const {
+    return m_stop.IsRaised() && code == OPAL_ERROR_SERVICE_27;
 }
 
 OPALError StreamingController::InitializeInternal(const std::string& ticket,
@@ -249,7 +255,7 @@ OPALError StreamingController::InitializeInternal(const std::string& ticket,
     code = CreateVideoSink(start.level);
     if (code == OPAL_OK && m_sessionContent) {
         code = m_session->ticket.SetupStream();
-        if (code != OPAL_OK && !m_stop.IsRaised())
+        if (code != OPAL_OK && !EndedBySignal(code))
             m_session->reports.ContentError(code, m_session->ticket.ErrorText(code));
     }
     if (code == OPAL_OK)

@@ -269,6 +269,7 @@ void StreamingController::Session::ObserveBuffers(bool playing) {
     int64_t position = 0;
     if (video.Sink() && GetPosition(position) == OPAL_OK)
         event.positionMs = position;
+    reports.ObservePosition(event.positionMs);
     event.videoMs = video.BufferedDuration();
     event.audioMs = audio.BufferedDuration();
     event.subtitleMs = subtitle.BufferedDuration();

@@ -152,6 +152,9 @@ void SessionReports::Observe(SessionState state, int64_t valueMs, size_t to) con
 
 void SessionReports::Observe(StateEvent event) const {
     m_observed = event.state;
+    if (event.state == SessionState::Opening)
+        m_positionMs = -1;
+    event.positionMs = m_positionMs;
     SessionEventStream::Tell(std::move(event));
 }
 

@@ -65,6 +65,8 @@ class SessionReports {
                  size_t to = static_cast<size_t>(-1)) const;
     void Observe(StateEvent event) const;
     void ObserveFailure(OPALError code) const;
+    /// Where playback is, for the states that are told from now on.
+    void ObservePosition(int64_t positionMs) const { m_positionMs = positionMs; }
     void SlowTransfer(const playback::AbandonRule::Transfer& transfer, size_t to,
                       int bandwidth) const;
 
@@ -84,6 +86,7 @@ class SessionReports {
     const std::atomic<IStreamingControllerNotify*>& m_listener;
     const std::atomic<int64_t>& m_positionSeconds;
     mutable std::atomic<SessionState> m_observed{SessionState::Closed};  ///< the last one told
+    mutable std::atomic<int64_t> m_positionMs{-1};                       ///< last known
 };
 
 }  // namespace opal
