@@ -18,7 +18,7 @@ std::string Quote(const std::string& text) {
     return quoted + "'";
 }
 
-/// What stands in the brackets of a specification of zsh.
+/// What stands in the brackets of one option's line for zsh.
 std::string Escape(const std::string& text) {
     std::string escaped;
     for (const char c : text)

@@ -88,6 +88,8 @@ void Observer::OnRequest(const RequestEvent& event) {
         }
         if (event.purpose == RequestPurpose::Cluster && event.end == RequestEnd::Failed)
             m_failure = {event.url, event.result, false};
+        else if (event.result == OPAL_OK && event.url == m_failure.url)
+            m_failure = {};  // it was got over
     }
     Write(event);
 }

@@ -37,6 +37,8 @@ void Snapshots::OnPicture(uint32_t ptsMs) {
         m_longestGapMs = ptsMs - m_lastMs;
         m_gapEndMs = ptsMs;
     }
+    if (m_lastMs < 0)
+        m_wake.Signal();  // the first one is told at once
     m_lastMs = ptsMs;
     if (!m_live)
         return;

@@ -110,6 +110,6 @@ class StreamingWriter : public IStreamingWriter {
     std::atomic<int> m_waiting{0};  ///< ControlLocks that want m_mutex
     std::atomic<uint64_t> m_blocksTaken{0};
     std::atomic<uint64_t> m_bytesTaken{0};
-    std::atomic<uint64_t> m_blocksRefused{0};  ///< for now
+    std::atomic<uint64_t> m_blocksRefused{0};  ///< the sink asked for them again later
     std::atomic<uint64_t> m_flushes{0};
 };

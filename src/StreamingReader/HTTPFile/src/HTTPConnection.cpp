@@ -14,7 +14,7 @@ namespace opal {
 namespace {
 
 constexpr int64_t kMsPerSecond = 1000;
-constexpr int64_t kIdlePauseMs = 2;
+constexpr int kIdlePauseMs = 2;
 
 bool IsTlsFailure(CURLcode code) {
     switch (code) {
@@ -52,6 +52,7 @@ IServiceConnection::Result HTTPConnection::Connect(const std::string& url, const
     Close();
     m_stop = stop;
     m_receiveUntilMs = -1;
+    m_idleWaits = 0;
     CURL* easy = NewCurlHandle();
     if (!easy)
         return Result::kFailed;
@@ -109,7 +110,7 @@ size_t HTTPConnection::Receive(char* bytes, size_t size) {
 /// socket may be ready all the time while TLS waits for something else: hence the pause.
 bool HTTPConnection::WaitForSocket(short events) {
     if (m_idleWaits++ != 0)
-        SleepMs(kIdlePauseMs);
+        (void)poll(nullptr, 0, kIdlePauseMs);
     pollfd ready{m_handles->socket, events, 0};
     if (poll(&ready, 1, static_cast<int>(StopSignal::kSliceMs)) < 0)
         return errno == EINTR;
