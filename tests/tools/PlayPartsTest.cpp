@@ -75,7 +75,7 @@ TEST(PlayPartsTest, TheProgressLineHasWhatFits) {
     status.durationMs = status.leftMs = 30000;
     status.level = 0;
     status.levelCount = 5;
-    status.clusters = 9;
+    status.linkTooFast = true;
     const std::string whole = ProgressText(status, std::string::npos);
     EXPECT_THAT(whole, testing::HasSubstr("0:30.0 left"));
     EXPECT_THAT(whole, testing::EndsWith("link too fast to measure"));
@@ -97,11 +97,13 @@ TEST(PlayPartsTest, TimeIsCountedByLevelAndAsStalled) {
     viewing.Account(10000, State::Watching, 0);
     viewing.Account(20000, State::Other, 0);
     Summary summary;
-    summary.levels = {{1000, 0, 0}, {5000, 0, 0}};
+    summary.levels = {{1000, 640, 360}, {5000, 640, 360}};
     summary.watchedMs = viewing.WatchedMs();
     EXPECT_EQ((std::vector<int64_t>{1000, 3000}), summary.watchedMs);
     EXPECT_EQ(5000, viewing.StalledMs());
     EXPECT_EQ(4000, MeanBitrate(summary));
+    EXPECT_THAT(SummaryText(summary),
+                testing::HasSubstr("1.0 s of 640x360 at 1 kbit/s, 3.0 s of 640x360 at 5 kbit/s"));
 }
 
 TEST(PlayPartsTest, AFailureNamesItsMediaFile) {

@@ -8,7 +8,14 @@ namespace opal::play {
 struct NetworkFigures {
     uint64_t clusters = 0;          ///< cluster transfers; each is one request
     uint64_t bytes = 0;             ///< of clusters
+    uint64_t unmeasured = 0;        ///< clusters that came in less than a millisecond
     int64_t linkBitsPerSecond = 0;  ///< the library's own estimate, 0 while it has none
+
+    /// Downloads under a millisecond give the library no estimate.
+    bool IsTooFast() const {
+        constexpr uint64_t kTellingClusters = 8;
+        return linkBitsPerSecond == 0 && clusters >= kTellingClusters && 2 * unmeasured > clusters;
+    }
 };
 
 /// What a session's last events told, for the figures over the picture.

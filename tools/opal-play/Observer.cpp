@@ -80,6 +80,7 @@ void Observer::OnRequest(const RequestEvent& event) {
         m_live.bytes += static_cast<uint64_t>(event.bytes);
         if (cluster) {
             ++m_figures.clusters;
+            m_figures.unmeasured += us < 1000;
             m_figures.bytes += static_cast<uint64_t>(event.bytes);
         }
         if (cluster && event.stream == OPAL_STREAM_VIDEO && us > 0) {

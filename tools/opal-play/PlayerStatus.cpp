@@ -62,7 +62,7 @@ void Player::ShowProgress() {
         (void)m_controller->GetBufferedDuration(OPAL_STREAM_VIDEO, status.bufferedMs);
     const NetworkFigures network = m_observer.Figures();
     status.linkBitsPerSecond = network.linkBitsPerSecond;
-    status.clusters = network.clusters;
+    status.linkTooFast = network.IsTooFast();
     const int speed = RateSpeed(m_rate);
     if (m_opened && speed != 0)
         status.leftMs = std::max<int64_t>(

@@ -1,5 +1,6 @@
 #include "opal-play/Report.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
@@ -13,8 +14,6 @@ constexpr double kLeastShown = 0.95;
 constexpr double kSlowest = 0.9;
 constexpr double kFastest = 1.1;
 constexpr int64_t kShortMs = 5000;
-/// From so many clusters on, a link without an estimate is one that cannot be measured.
-constexpr uint64_t kTellingClusters = 8;
 /// Picture and sound of a film may end this far apart, and two pictures may be.
 constexpr int64_t kEndMs = 1000;
 
@@ -55,12 +54,11 @@ unsigned long long Wide(uint64_t value) {
     return value;
 }
 
-/// Downloads under a millisecond give the library no estimate, and without one it stays where it
-/// is.
+/// Without an estimate the library stays where it is.
 std::string LinkText(const Summary& summary) {
     if (summary.network.linkBitsPerSecond > 0)
         return BitrateText(summary.network.linkBitsPerSecond);
-    if (summary.network.clusters < kTellingClusters)
+    if (!summary.network.IsTooFast())
         return "not measured";
     const bool low = summary.watchedMs.size() <= 1 && summary.levels.size() > 1;
     return std::string("too fast to measure") +
@@ -73,8 +71,14 @@ std::string WatchedText(const Summary& summary) {
     for (size_t i = 0; i < summary.watchedMs.size() && i < summary.levels.size(); ++i) {
         if (summary.watchedMs[i] == 0)
             continue;
-        text += Format("%s%.1f s of %ux%u", separator, Seconds(summary.watchedMs[i]),
-                       summary.levels[i].width, summary.levels[i].height);
+        const Level& level = summary.levels[i];
+        text += Format("%s%.1f s of %ux%u", separator, Seconds(summary.watchedMs[i]), level.width,
+                       level.height);
+        const auto alike = [&](const Level& other) {
+            return other.width == level.width && other.height == level.height;
+        };
+        if (std::count_if(summary.levels.begin(), summary.levels.end(), alike) > 1)
+            text += " at " + BitrateText(level.bitrate);
         separator = ", ";
     }
     if (const int64_t mean = MeanBitrate(summary))
@@ -171,7 +175,7 @@ std::string ProgressText(const Status& status, size_t width) {
     parts.push_back(Format("buffer %.1f s", Seconds(status.bufferedMs)));
     if (status.linkBitsPerSecond > 0)
         parts.push_back("link " + BitrateText(status.linkBitsPerSecond));
-    else if (status.clusters >= kTellingClusters && status.level == 0 && status.levelCount > 1)
+    else if (status.linkTooFast && status.level == 0 && status.levelCount > 1)
         parts.push_back("link too fast to measure");
     std::string text = parts.front().substr(0, width);
     for (size_t i = 1; i < parts.size() && text.size() + 2 + parts[i].size() <= width; ++i)

@@ -36,7 +36,7 @@ struct Status {
     int64_t leftMs = -1;  ///< real time to the end at this rate; negative: not known
     int64_t bufferedMs = 0;
     int64_t linkBitsPerSecond = 0;
-    uint64_t clusters = 0;
+    bool linkTooFast = false;  ///< to measure
 };
 
 struct Snapshot {
