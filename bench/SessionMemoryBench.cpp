@@ -26,6 +26,7 @@
 #include <thread>
 
 #include "StreamingController/IStreamingController.h"
+#include "StreamingController/StreamingControllerListener.h"
 #include "TvSet.h"
 #include "bench/Figures.h"
 #include "opal-package/Presentation.h"
@@ -48,25 +49,13 @@ struct Outcome {
     int error = OPAL_OK;
 };
 
-class Listener : public IStreamingControllerNotify {
+class Listener : public StreamingControllerListener {
   public:
     std::atomic<int64_t> position{0};
     std::atomic<int> error{OPAL_OK};
 
-  private:
-    void OnPlay(OPALPlayRate, size_t, size_t) override {}
-    void OnStop() override {}
-    void OnPause() override {}
-    void OnEndOfStream() override {}
-    void OnAudioTrackChanged(size_t) override {}
-    void OnSubtitleTrackChanged(size_t) override {}
-    void OnPlayRateChanged(OPALPlayRate) override {}
-    void OnUnderflow() override {}
-    void OnVideoLevelChanged(size_t, const VideoLevelChange&, const VideoLevelChange&) override {}
     void OnPosition(int64_t ms, size_t) override { position = ms; }
     void OnError(OPALError code, const char*) override { error = code; }
-    void OnSubtitle(int64_t, int64_t, const std::string&) override {}
-    void OnBufferingProgress(size_t) override {}
 };
 
 /// A line of this process's status, in bytes.

@@ -8,6 +8,7 @@ set(OPAL_PUBLIC_HEADERS
   StreamingController/ArrangedLogSender.h
   StreamingController/ISessionObserver.h
   StreamingController/IStreamingController.h StreamingController/IStreamingControllerNotify.h
+  StreamingController/StreamingControllerListener.h
   StreamingController/StreamingControllerTypes.h)
 
 foreach(header ${OPAL_PUBLIC_HEADERS})

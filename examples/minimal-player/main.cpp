@@ -4,8 +4,9 @@
 #include <memory>
 
 #include "StreamingController/IStreamingController.h"
+#include "StreamingController/StreamingControllerListener.h"
 
-class Listener : public IStreamingControllerNotify {
+class Listener : public StreamingControllerListener {
   public:
     std::promise<int> done;
 
@@ -18,15 +19,6 @@ class Listener : public IStreamingControllerNotify {
     void OnPosition(int64_t ms, size_t) override {
         std::printf("%lld s\n", static_cast<long long>(ms / 1000));
     }
-    void OnStop() override {}
-    void OnPause() override {}
-    void OnAudioTrackChanged(size_t) override {}
-    void OnSubtitleTrackChanged(size_t) override {}
-    void OnPlayRateChanged(OPALPlayRate) override {}
-    void OnUnderflow() override {}
-    void OnVideoLevelChanged(size_t, const VideoLevelChange&, const VideoLevelChange&) override {}
-    void OnSubtitle(int64_t, int64_t, const std::string&) override {}
-    void OnBufferingProgress(size_t) override {}
 };
 
 int main(int argc, char** argv) {

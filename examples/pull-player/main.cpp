@@ -8,8 +8,9 @@
 #include <thread>
 
 #include "StreamingController/IStreamingController.h"
+#include "StreamingController/StreamingControllerListener.h"
 
-class Listener : public IStreamingControllerNotify {
+class Listener : public StreamingControllerListener {
   public:
     std::atomic<bool> failed{false};
 
@@ -17,18 +18,6 @@ class Listener : public IStreamingControllerNotify {
         if (code != OPAL_ERROR_AUDIO_UNSUPPORTED)
             failed = true;
     }
-    void OnPlay(OPALPlayRate, size_t, size_t) override {}
-    void OnEndOfStream() override {}
-    void OnPosition(int64_t, size_t) override {}
-    void OnStop() override {}
-    void OnPause() override {}
-    void OnAudioTrackChanged(size_t) override {}
-    void OnSubtitleTrackChanged(size_t) override {}
-    void OnPlayRateChanged(OPALPlayRate) override {}
-    void OnUnderflow() override {}
-    void OnVideoLevelChanged(size_t, const VideoLevelChange&, const VideoLevelChange&) override {}
-    void OnSubtitle(int64_t, int64_t, const std::string&) override {}
-    void OnBufferingProgress(size_t) override {}
 };
 
 using std::chrono::milliseconds;
