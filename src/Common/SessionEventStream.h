@@ -28,8 +28,8 @@ class SessionEventStream {
     static bool IsObserved() { return s_sink.load(std::memory_order_acquire) != nullptr; }
     /// Null: nobody listens. A sink is never destroyed, since a thread may be inside it.
     static void SetSink(SessionEventSink* sink) { s_sink.store(sink, std::memory_order_release); }
-    /// Runs `tell`, which puts an event together and tells it, where somebody listens. Never throws:
-    /// what there is no memory for is not told.
+    /// Runs `tell`, which puts an event together and tells it, where somebody listens. Never
+    /// throws: what there is no memory for is not told.
     template <typename Function>
     static void IfObserved(Function tell) noexcept {
         if (!IsObserved())

@@ -205,7 +205,6 @@ class StreamingController : public IStreamingController {
     OPALError BuildFromTicket(const std::string& tixString, const std::string& sessionData,
                               const std::string& country, const std::string& language,
                               OPALWriterModel model);
-    bool EndedBySignal(OPALError code) const;
     OPALError InitializeInternal(const std::string& ticket, OPALWriterModel model)
         OPAL_REQUIRES(m_mutex);
     OPALError CreateRuntimeHandles();

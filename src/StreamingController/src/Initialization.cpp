@@ -46,6 +46,12 @@ bool LoadAlgorithmConfigFile(const log4cxx::LoggerPtr& logger) {
     }
 }
 
+/// A service's call that ends because of the signal is no error to tell. A refusal that arrives in
+/// the same moment is one.
+bool EndedBySignal(const opal::StopSignal& stop, OPALError code) {
+    return stop.IsRaised() && code == OPAL_ERROR_SERVICE_27;
+}
+
 OPALError GiveLevelsTo(IStreamSwitchingController& switching, const ISMILParser& manifest) {
     std::vector<boost::shared_ptr<IVideoLevel>> levels;
     for (size_t i = 0; i < manifest.GetVideoLevelCount(); ++i) {
@@ -194,7 +200,7 @@ OPALError StreamingController::BuildFromTicket(const std::string& tixString,
         tixString, sessionData, country, language, [this](const char* text) { Trace(text); },
         assetId, opened);
     if (code != OPAL_OK) {
-        if (opened && !EndedBySignal(code))
+        if (opened && !EndedBySignal(m_stop, code))
             m_session->reports.ContentError(code, ticket.ErrorText(code));
         return code;
     }
@@ -218,12 +224,6 @@ OPALError StreamingController::BuildFromTicket(const std::string& tixString,
     opal::RecursiveLock lock(m_mutex);
     m_sessionContent = true;
     return InitializeInternal(assetId, model);
-}
-
-/// A service's call that ends because of the signal is no error to tell. A refusal that arrives in
-/// the same moment is one.
-bool StreamingController::EndedBySignal(OPALError code) const {
-    return m_stop.IsRaised() && code == OPAL_ERROR_SERVICE_27;
 }
 
 OPALError StreamingController::InitializeInternal(const std::string& ticket,
@@ -255,7 +255,7 @@ OPALError StreamingController::InitializeInternal(const std::string& ticket,
     code = CreateVideoSink(start.level);
     if (code == OPAL_OK && m_sessionContent) {
         code = m_session->ticket.SetupStream();
-        if (code != OPAL_OK && !EndedBySignal(code))
+        if (code != OPAL_OK && !EndedBySignal(m_stop, code))
             m_session->reports.ContentError(code, m_session->ticket.ErrorText(code));
     }
     if (code == OPAL_OK)

@@ -110,7 +110,8 @@ int HABSubtitle_New(HABSubtitle** phHABSubtitle, HHABARCH hArch, HHABTIMER hTime
     OPAL_ASSERT(phHABSubtitle != nullptr, "phHABSubtitle != __null");
     OPAL_ASSERT(hArch != nullptr, "hHABArch != __null");
     OPAL_ASSERT(hTimer != nullptr, "hHABTimer != __null");
-    HABSubtitle* pHABSubtitle = new HABSubtitle;  // throws where memory runs out: the session answers
+    HABSubtitle* pHABSubtitle =
+        new HABSubtitle;  // throws where memory runs out: the session answers
     OPAL_ASSERT(pHABSubtitle != nullptr, "pHABSubtitle != __null");
     opal::FillCrcTable(pHABSubtitle->crcTable);
     pHABSubtitle->hArch = hArch;

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <new>
 #include <sstream>
 
 #include "Common/SessionEventStream.h"
@@ -345,12 +346,16 @@ void HTTPFile::SetLabel(const opal::RequestLabel& label) {
 /// out.
 opal::RequestEvent HTTPFile::DescribeRequest_Unlocked(const HTTPRequest* request) const {
     opal::RequestEvent event;
-    opal::SessionEventStream::IfObserved([&] {
-        static_cast<opal::RequestLabel&>(event) = m_label;
+    if (!opal::SessionEventStream::IsObserved())
+        return event;
+    static_cast<opal::RequestLabel&>(event) = m_label;
+    try {
         event.url = url;
         for (size_t i = 0; request && request->GetLength(i) > 0; ++i)
             event.ranges.emplace_back(request->GetOffset(i), request->GetLength(i));
-    });
+    } catch (const std::bad_alloc&) {
+        // A transfer does not fail for what is told of it.
+    }
     return event;
 }
 
