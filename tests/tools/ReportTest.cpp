@@ -11,7 +11,10 @@
 #include "opal-report/Page.h"
 #include "opal-report/SessionReport.h"
 #include "recording/SessionReader.h"
+#include "support/CorpusReplay.h"
 #include "support/TemporaryDirectory.h"
+
+extern "C" FuzzTarget FuzzRecording;
 
 namespace opal::test {
 namespace {
@@ -144,6 +147,10 @@ TEST(SessionReportTest, RowsAsCsvAreQuotedAndNoFormulas) {
     for (const report::Table& table : report->Tables())
         expected += 2 * table.rows.size();
     EXPECT_EQ(rows, expected);
+}
+
+TEST(SessionReportTest, WhateverIsReadIsWrittenAlike) {
+    ReplayCorpora({{"recording", &FuzzRecording}}, 50);
 }
 
 TEST(SessionReportTest, ARecordingCutAnywhereIsReported) {
