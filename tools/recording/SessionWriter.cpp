@@ -90,7 +90,7 @@ const char* Write(const SwitchingCallEvent& in, Object& out) {
 }
 
 const char* Write(const LevelIndexEvent& in, Object& out) {
-    out["level"] = in.level;
+    out["level"] = Index(in.level);
     out["cluster_bytes"] = in.clusterBytes;
     return "index";
 }
