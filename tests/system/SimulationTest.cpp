@@ -24,8 +24,8 @@ constexpr uint32_t kSeed = 20180612;
 // The tolerance. A decision falls on one side of a threshold or the other by a few milliseconds of
 // transfer time, and the library's threads are not scheduled at twenty times the speed; so a switch
 // may come a cluster or two earlier or later, and a stall that one side just escapes is short.
-// Where a link hardly carries the lowest level, such a difference may grow: so one case may lie
-// outside.
+// Where a link hardly carries the lowest level, such a difference may grow: so one case in
+// ten may lie outside.
 constexpr double kMeanLevelsApart = 0.5;  ///< over the clusters of a session
 constexpr double kMeanLevelsApartInAll = 0.25;
 constexpr int kStallsApart = 1;

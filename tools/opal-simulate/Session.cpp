@@ -89,7 +89,7 @@ class Session : private BandwidthProbeNotify, private ProbedLink {
     void HandleVideoCluster();
     void SwitchLevel();
     void ContinueOpening();
-    void WakeReaders();
+    void WakeAudio();
     void Wake(Stream& stream, double waitMs = 0.0);
     void SetLevel(size_t level);
     void EnterLevel(size_t level);
@@ -131,7 +131,8 @@ class Session : private BandwidthProbeNotify, private ProbedLink {
     double m_positionMs = 0.0;
     double m_stallSinceMs = 0.0;
 
-    /// A switch that waits for the levels on the way to be opened blocks the loop.
+    /// What is still to be transferred before a switch takes effect: the levels on the way are
+    /// opened.
     std::deque<std::pair<RequestLabel, double>> m_toFetch;
     Transfer m_fetch;
     size_t m_wantedLevel = 0;
@@ -249,9 +250,9 @@ void Session::Step() {
     PollManager(m_video, true);
     if (m_film.audioBitrate > 0)
         PollManager(m_audio, false);
-    if (m_toFetch.empty() && !m_fetch.active)
-        LoopTurn();
-    else
+    const bool opening = !m_toFetch.empty();
+    LoopTurn();
+    if (opening)
         ContinueOpening();
     RecordBuffers();
 }
@@ -452,12 +453,12 @@ void Session::HandleVideoCluster() {
     if (!AtEnd(m_video))
         SwitchLevel();
     if (m_toFetch.empty())
-        WakeReaders();
+        Wake(m_video, m_waitMs);
+    WakeAudio();
 }
 
-/// The next video cluster, and audio's unless it is too far ahead.
-void Session::WakeReaders() {
-    Wake(m_video, m_waitMs);
+/// Unless it is too far ahead.
+void Session::WakeAudio() {
     if (m_film.audioBitrate == 0)
         return;
     m_audioAhead = playback::IsAudioTooFarAhead(m_audio.BufferedMs(m_positionMs),
@@ -502,8 +503,8 @@ void Session::EnterLevel(size_t level) {
     m_video.level = level;
 }
 
-/// The loop stands while the files of the levels up to the wanted one are opened, one request after
-/// the other.
+/// The files of the levels up to the wanted one are opened, one request after the other, while the
+/// loop goes on.
 void Session::ContinueOpening() {
     if (m_fetch.IsDone()) {
         Record(m_toFetch.front().first, m_fetch, RequestEnd::Complete);
@@ -519,7 +520,7 @@ void Session::ContinueOpening() {
     for (size_t i = 0; i <= m_wantedLevel; ++i)
         m_openIndexes[i] = m_indexes[i].get();
     EnterLevel(m_wantedLevel);
-    WakeReaders();
+    Wake(m_video, m_waitMs);
 }
 
 bool Session::IsReadyToStart() {
