@@ -169,7 +169,7 @@ int main(int argc, char** argv) {
             app.parse(argc, argv);
             Complete(arguments);
         } catch (const CLI::ParseError& error) {
-            return app.exit(error) == 0 ? kStopped : kBadArguments;
+            return opal::tools::ExitOfParse(app, error, kBadArguments, kCannotServe);
         } catch (const std::invalid_argument& error) {
             std::fprintf(stderr, "opal-service: %s\n", error.what());
             return kBadArguments;

@@ -19,6 +19,8 @@ class SessionEventSink {
   public:
     virtual ~SessionEventSink() = default;
     virtual void Take(AnySessionEvent&& event) = 0;
+    /// An event was lost before it came here, for want of memory.
+    virtual void Lost() noexcept = 0;
 };
 
 /// The one place where the library's parts tell what happens.
@@ -32,11 +34,13 @@ class SessionEventStream {
     /// throws: what there is no memory for is not told.
     template <typename Function>
     static void IfObserved(Function tell) noexcept {
-        if (!IsObserved())
+        SessionEventSink* const sink = s_sink.load(std::memory_order_acquire);
+        if (!sink)
             return;
         try {
             tell();
         } catch (...) {
+            sink->Lost();
         }
     }
     /// Stamps the event with the time, unless it has one. Never throws: an event for which there is
@@ -51,6 +55,7 @@ class SessionEventStream {
                 event.timeUs = NowUs();
             sink->Take(AnySessionEvent(std::move(event)));
         } catch (...) {
+            sink->Lost();
         }
     }
     /// The library's clock, microseconds since 1970.

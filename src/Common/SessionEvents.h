@@ -184,7 +184,10 @@ enum class SessionState : int {
     PlayWanted = 17,
     /// A media file cannot be used: `text` its URL, `code`; `valueMs` 1: it is there, and its
     /// header or index is at fault. The session ends if it needs the file.
-    MediaFailed = 18
+    MediaFailed = 18,
+    /// A cluster that arrived whole cannot be read: `stream`, `to` its level or track, `cluster`,
+    /// `code`. The session ends, or in the pull model the pull answers the code.
+    ClusterDamaged = 19
 };
 
 struct StateEvent : SessionEvent {
@@ -197,6 +200,8 @@ struct StateEvent : SessionEvent {
     OPALPlayRate rate = OPAL_PLAYRATE_ONEX;
     OPALError code = OPAL_OK;
     std::string text;
+    OPALStreamType stream = OPAL_STREAM_NONE;
+    int64_t cluster = -1;
 };
 
 /// What one sink of the television has taken since the session began; once a second.

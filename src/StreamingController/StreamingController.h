@@ -199,18 +199,19 @@ class StreamingController : public IStreamingController {
 
     // Initialization.cpp
     OPALError RunInitialization(const std::function<OPALError()>& build);
-    void BeginInitialization(const char* trace, int senderKind);
+    void BeginInitialization(const char* trace, int senderKind) OPAL_REQUIRES(m_mutex);
     OPALError BuildFromManifest(const std::string& url, const std::string& country,
-                                const std::string& language, OPALWriterModel model);
+                                const std::string& language, OPALWriterModel model)
+        OPAL_REQUIRES(m_mutex);
     OPALError BuildFromTicket(const std::string& tixString, const std::string& sessionData,
                               const std::string& country, const std::string& language,
-                              OPALWriterModel model);
+                              OPALWriterModel model) OPAL_REQUIRES(m_mutex);
     OPALError InitializeInternal(const std::string& ticket, OPALWriterModel model)
         OPAL_REQUIRES(m_mutex);
-    OPALError CreateRuntimeHandles();
-    OPALError OpenVideo(size_t level);
-    OPALError CreateVideoSink(size_t level);
-    bool ProbeBandwidth();
+    OPALError CreateRuntimeHandles() OPAL_REQUIRES(m_mutex);
+    OPALError OpenVideo(size_t level) OPAL_REQUIRES(m_mutex);
+    OPALError CreateVideoSink(size_t level) OPAL_REQUIRES(m_mutex);
+    bool ProbeBandwidth() OPAL_REQUIRES(m_mutex);
 
     // Shutdown.cpp
     void EndPreviousSession();

@@ -303,6 +303,9 @@ TEST_F(ProgramsTest, TellHowTheyEndedAndWithWhichCode) {
         {{OPAL_PACKAGE, "-o", bad, "--subtitles", "x.srt"}, 2, "", "x.srt"},
         {{OPAL_PACKAGE, "-o", bad, "--subtitles", "x.srt:eng", "none.mp4"}, 1, "", "none.mp4"},
         {{"/bin/sh", "-c", OPAL_PACKAGE " --dump " + noise + " >/dev/full"}, 1, "", "output"},
+        {{"/bin/sh", "-c", OPAL_PACKAGE " --help >/dev/full"}, 1, "", "output"},
+        {{"/bin/sh", "-c", OPAL_PLAY " --version >/dev/full"}, 1, "", "output"},
+        {{OPAL_PACKAGE, "-o", bad, "--base-url", "foo", "none.mp4"}, 2, "", "'foo'"},
         {{OPAL_PACKAGE, "-o", bad, "--trick-interval", "700"}, 2, "", "--trick-interval"},
         {{OPAL_PACKAGE, "-o", bad, "--preset", "warp"}, 1, "", "warp"},
         {{OPAL_PACKAGE, "-o", noise + "/x"}, 1, "", "noise.mp4/x"},
@@ -428,6 +431,26 @@ TEST_F(ProgramsTest, APauseWhilePlaybackStarvesHoldsAndAFailedClusterIsNamed) {
     Program failed(Play({"--pass-through"}));
     EXPECT_EQ(1, failed.Wait());
     EXPECT_THAT(failed.err, testing::ContainsRegex("level.*mkv: the server failed"));
+}
+
+TEST_F(ProgramsTest, ADamagedClusterIsNamedInBothModels) {
+    std::string manifest = TextOf(s_folder->File("film") + "/presentation.smil");
+    for (size_t at = 0; (at = manifest.find("/level", at)) != std::string::npos;) {
+        const std::string name = manifest.substr(at + 1, manifest.find('"', at) - at - 1);
+        std::string media = TextOf(s_folder->File("film") + "/" + name);
+        const size_t cluster = media.find("\x1F\x43\xB6\x75");
+        ASSERT_LT(cluster, media.size());
+        media.replace(cluster + 12, 300, 300, '\xFF');
+        s_folder->Write("film/hurt-" + name, media);
+        manifest.insert(at + 1, "hurt-");
+        at += name.size();
+    }
+    s_folder->Write("film/hurt.smil", manifest);
+    for (const std::string model : {"--strict", "--pull"}) {
+        Program play(Play({"--pass-through", model, s_origin->Url("hurt.smil")}, false));
+        EXPECT_NE(0, play.Wait());
+        EXPECT_THAT(play.err, testing::ContainsRegex("hurt-level.*mkv: its cluster 0 is damaged"));
+    }
 }
 
 TEST_F(ProgramsTest, KeysOnATerminalWhichIsLeftAsItWas) {

@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstdio>
 #include <iostream>
 #include <sstream>
 
@@ -112,6 +113,15 @@ void Prepare(CLI::App& app, const std::vector<std::string>& everyday) {
            "--print-document",
            [&app](const std::vector<std::string>& words) { PrintDocument(app, words); }, "")
         ->group("");
+}
+
+int ExitOfParse(const CLI::App& app, const CLI::ParseError& error, int usage, int unwritten) {
+    if (app.exit(error) != 0)
+        return usage;
+    if (std::cout.flush() && std::fflush(stdout) == 0)
+        return 0;
+    std::cerr << app.get_name() << ": standard output cannot be written" << std::endl;
+    return unwritten;
 }
 
 }  // namespace opal::tools

@@ -5,7 +5,8 @@
 
 namespace CLI {
 class App;
-}
+class ParseError;
+}  // namespace CLI
 
 namespace opal::tools {
 
@@ -19,5 +20,9 @@ namespace opal::tools {
 /// section of the man page. An option's type name tells what a shell may complete: FILE, FOLDER, or
 /// words with '|' between.
 void Prepare(CLI::App& app, const std::vector<std::string>& everyday);
+
+/// Exit code where the command line was not one to run: 0 for what was asked to be printed, or
+/// `unwritten` where that cannot be written, and `usage` for what is wrong, which is told.
+int ExitOfParse(const CLI::App& app, const CLI::ParseError& error, int usage, int unwritten);
 
 }  // namespace opal::tools

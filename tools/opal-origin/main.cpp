@@ -236,7 +236,7 @@ int main(int argc, char** argv) {
         try {
             app.parse(argc, argv);
         } catch (const CLI::ParseError& error) {
-            return app.exit(error) == 0 ? kStopped : kBadArguments;
+            return opal::tools::ExitOfParse(app, error, kBadArguments, kCannotServe);
         }
         Script script;
         std::string error;

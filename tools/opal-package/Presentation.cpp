@@ -1,6 +1,7 @@
 #include "opal-package/Presentation.h"
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -246,6 +247,17 @@ void WritePresentation(const std::string& folder, const Presentation& presentati
                        const std::string& baseUrl) {
     WriteTextFile(folder + "/" + kSidecarName, SidecarText(presentation));
     WriteTextFile(folder + "/" + kManifestName, ManifestText(presentation, baseUrl));
+}
+
+void CheckBaseUrl(const std::string& baseUrl) {
+    const bool known = baseUrl.rfind("http://", 0) == 0 || baseUrl.rfind("file://", 0) == 0;
+    const bool clean = std::all_of(baseUrl.begin(), baseUrl.end(), [](unsigned char c) {
+        return c > 0x20 && c < 0x7F && c != '"';
+    });
+    if (!known || !clean || baseUrl.size() <= std::strlen("http://"))
+        throw PackageError(Failure::Usage, "--base-url '" + baseUrl +
+                                               "' is no URL of a folder; write "
+                                               "http://HOST:PORT/PATH or file:///PATH");
 }
 
 void RewriteManifest(const std::string& folder, const std::string& baseUrl) {

@@ -60,6 +60,9 @@ Presentation ParseSidecar(const std::string& text);
 constexpr const char* kManifestName = "presentation.smil";
 constexpr const char* kSidecarName = "presentation.json";
 
+/// What a player takes as the beginning of a media file's URL; throws PackageError (Usage).
+void CheckBaseUrl(const std::string& baseUrl);
+
 /// Writes manifest and sidecar into the folder; throws PackageError (InputOutput).
 void WritePresentation(const std::string& folder, const Presentation& presentation,
                        const std::string& baseUrl);

@@ -1,9 +1,13 @@
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <string>
 
@@ -27,8 +31,8 @@ constexpr const char* kFooter = R"(Examples:
 
 Exit codes: 0 done; 1 a file cannot be read or written, or an encoder is
 missing; 2 wrong command line; 3 the source cannot be packaged; 4 --dump: the
-file is damaged; 128 and the signal's number: stopped by SIGINT or SIGTERM. The
-folder stays as it was unless the code is 0.)";
+file is damaged; 128 and the signal's number: stopped by SIGINT, SIGTERM or
+SIGHUP. The folder stays as it was unless the code is 0.)";
 
 volatile std::sig_atomic_t g_signal = 0;
 
@@ -39,6 +43,7 @@ void StopOnSignals() {
     action.sa_flags = static_cast<int>(SA_RESETHAND);
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    sigaction(SIGHUP, &action, nullptr);
 }
 
 /// A bar that stays on its line on a terminal; on a pipe a line for every tenth.
@@ -70,15 +75,42 @@ class ProgressLine {
   private:
     void ShowBar(int percent, int64_t doneMs, int64_t allMs) {
         constexpr int kWidth = 40;
+        constexpr int kColumns = 80;
         const int state = allMs > 0 ? 1 + percent : static_cast<int>(1 + doneMs / 1000);
         if (state == m_shown)
             return;
         m_shown = state;
-        const std::string bar(static_cast<size_t>(percent * kWidth / 100), '#');
-        std::printf("\r[%-*s] %3d %%  %.1f s", kWidth, bar.c_str(), percent,
-                    static_cast<double>(doneMs) / 1000);
+        char figures[64];
+        std::snprintf(figures, sizeof figures, "%3d %%  %.1f s%s", percent,
+                      static_cast<double>(doneMs) / 1000, TimeLeft(percent).c_str());
+        winsize window = {};
+        const int columns = ioctl(STDOUT_FILENO, TIOCGWINSZ, &window) == 0 && window.ws_col > 0
+                                ? window.ws_col
+                                : kColumns;
+        // The last column stays free, or the terminal would go to the next line.
+        const int width = std::min(kWidth, columns - 4 - static_cast<int>(std::strlen(figures)));
+        std::string line = figures;
+        if (width > 0) {
+            std::string bar(static_cast<size_t>(percent * width / 100), '#');
+            bar.resize(static_cast<size_t>(width), ' ');
+            line = "[" + bar + "] " + line;
+        }
+        std::printf("\r%s\033[K", line.substr(0, static_cast<size_t>(columns - 1)).c_str());
     }
 
+    /// At the pace so far.
+    std::string TimeLeft(int percent) const {
+        if (percent <= 0)
+            return "";
+        const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - m_start;
+        const auto seconds = static_cast<int64_t>(spent.count() * (100 - percent) / percent);
+        char text[32];
+        std::snprintf(text, sizeof text, "  %lld:%02lld left", static_cast<long long>(seconds / 60),
+                      static_cast<long long>(seconds % 60));
+        return text;
+    }
+
+    const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
     bool m_terminal = isatty(STDOUT_FILENO) != 0;
     int m_shown = 0;
 };
@@ -179,6 +211,7 @@ void Complete(CommandLine& line) {
 int Run(CommandLine& line) {
     if (!line.dumpFile.empty())
         return opal::package::Dump(line.dumpFile, std::cout);
+    opal::package::CheckBaseUrl(line.package.baseUrl);
     if (!line.manifestFolder.empty()) {
         opal::package::RewriteManifest(line.manifestFolder, line.package.baseUrl);
         std::printf("%s/%s now points to %s\n", line.manifestFolder.c_str(),
@@ -223,7 +256,8 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : static_cast<int>(Failure::Usage);
+        return opal::tools::ExitOfParse(app, error, static_cast<int>(Failure::Usage),
+                                        static_cast<int>(Failure::InputOutput));
     }
     try {
         const int code = Run(line);

@@ -22,7 +22,7 @@ void MoveStandardOutput(const std::string& file) {
     const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (fd < 0 || ::dup2(fd, STDOUT_FILENO) < 0)
         throw std::runtime_error(file + " cannot be written: " + std::strerror(errno) +
-                                 "; name another file with --log");
+                                 "; name another file with --output");
     ::close(fd);
 }
 

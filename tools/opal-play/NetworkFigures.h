@@ -34,8 +34,9 @@ struct LiveFigures {
 /// A media file that the library could not use.
 struct MediaFailure {
     std::string url;
-    int64_t code = 0;    ///< 0: none
-    bool found = false;  ///< the file is there; its header or index is at fault
+    int64_t code = 0;      ///< 0: none
+    bool found = false;    ///< the file is there; its header or index is at fault, or ...
+    int64_t cluster = -1;  ///< ... this cluster of it
 };
 
 }  // namespace opal::play

@@ -68,7 +68,8 @@ LiveFigures Observer::Live() const {
 
 MediaFailure Observer::FailureBehind(OPALError code) {
     std::unique_lock<std::mutex> lock(m_mutex);
-    (void)m_failed.wait_for(lock, kBehind, [&] { return m_error == code; });
+    (void)m_failed.wait_for(lock, kBehind,
+                            [&] { return m_error == code || m_failure.code == code; });
     return m_failure;
 }
 
@@ -87,8 +88,10 @@ void Observer::OnRequest(const RequestEvent& event) {
             m_live.lastBitsPerSecond = event.bytes * 8 * 1000000 / us;
             m_live.lastWaitMs = event.waitUs / 1000;
         }
+        if (cluster)
+            m_urls[{event.stream, event.index}] = event.url;
         if (event.purpose == RequestPurpose::Cluster && event.end == RequestEnd::Failed)
-            m_failure = {event.url, event.result, false};
+            m_failure = {event.url, event.result, false, -1};
         else if (event.result == OPAL_OK && event.url == m_failure.url)
             m_failure = {};  // it was got over
     }
@@ -129,7 +132,9 @@ void Observer::OnState(const StateEvent& event) {
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (event.state == SessionState::MediaFailed)
-            m_failure = {event.text, event.code, event.valueMs != 0};
+            m_failure = {event.text, event.code, event.valueMs != 0, -1};
+        if (event.state == SessionState::ClusterDamaged)
+            m_failure = {m_urls[{event.stream, event.to}], event.code, true, event.cluster};
         if (event.state == SessionState::Error)
             m_error = event.code;
         m_failed.notify_all();

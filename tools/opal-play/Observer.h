@@ -3,8 +3,10 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "StreamingController/ISessionObserver.h"
 #include "opal-play/NetworkFigures.h"
@@ -49,6 +51,7 @@ class Observer : public ISessionObserver {
     NetworkFigures m_figures;
     LiveFigures m_live;
     MediaFailure m_failure;
+    std::map<std::pair<OPALStreamType, size_t>, std::string> m_urls;  ///< of media files in use
     OPALError m_error = OPAL_OK;
 
     std::mutex m_lineMutex;  ///< taken alone

@@ -254,8 +254,7 @@ bool ParseCommandLine(int argc, char** argv, bool display, Options& options, int
         exitCode = kExitDone;
         return true;
     } catch (const CLI::ParseError& error) {
-        if (app.exit(error) == 0)
-            exitCode = kExitDone;
+        exitCode = tools::ExitOfParse(app, error, kExitUsage, kExitError);
     } catch (const UsageError& error) {
         std::cerr << "opal-play: " << error.what() << std::endl;
     }

@@ -74,6 +74,8 @@ int Player::Run() {
         Turn();
     }
     Summary summary = Summarise();
+    for (size_t i = m_errors.size(); i < summary.errors.size(); ++i)
+        m_console.Error(m_options.url + ": " + summary.errors[i]);
     Close();
     if (m_options.strict)
         summary.faults = FindFaults(summary);
@@ -421,7 +423,9 @@ void Player::SeekTo(int64_t positionMs) {
 void Player::SetRate(OPALPlayRate rate) {
     Jumped(PositionMs(), State::Buffering);
     m_rate = rate;
-    Submit("rate " + RateText(rate), [this, rate] { return m_controller->SetPlayRate(rate); });
+    Submit("rate " + RateText(rate) +
+               (rate == OPAL_PLAYRATE_ONEX ? "" : ", which needs a trick track"),
+           [this, rate] { return m_controller->SetPlayRate(rate); });
 }
 
 /// The position is what was asked for until the library tells where it landed.

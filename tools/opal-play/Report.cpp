@@ -114,16 +114,14 @@ std::string ErrorText(OPALError code) {
         {OPAL_ERROR_GENERAL, "the presentation cannot be read; check manifest and media files"},
         {OPAL_ERROR_INVALID_ARGUMENT,
          "the library does not take this; write an http:// or file:// URL"},
-        {OPAL_ERROR_OUT_OF_RANGE,
-         "the presentation has no such thing (trick rates need a trick "
-         "track)"},
+        {OPAL_ERROR_OUT_OF_RANGE, "the presentation has no such thing"},
         {OPAL_ERROR_NOT_READY, "not possible yet; try again once it plays"},
         {OPAL_ERROR_NO_MEMORY, "a cluster or header is larger than the library takes"},
         {OPAL_ERROR_RANGE, "a byte range was refused; index and media file do not match"},
         {OPAL_ERROR_HTTP_CLIENT, "the server refuses (status 4xx); check the URL"},
         {OPAL_ERROR_HTTP_SERVER, "the server failed (status 5xx); look at its log"},
         {OPAL_ERROR_TIMEOUT, "the server does not answer in time; check the network"},
-        {OPAL_ERROR_CONNECT, "no connection, or no such file; is the server running?"},
+        {OPAL_ERROR_CONNECT, "no connection, or no such regular file; is the server running?"},
         {OPAL_ERROR_LINK_DOWN, "the network link is down"},
         {OPAL_ERROR_LINK_UNKNOWN, "no connection, and the network link's state is not known"},
         {OPAL_ERROR_AUDIO_UNSUPPORTED,
@@ -144,6 +142,9 @@ std::string ErrorText(OPALError code, const MediaFailure& failure) {
         return ErrorText(code);
     if (!failure.found)
         return failure.url + ": " + ErrorText(code);
+    if (failure.cluster >= 0)
+        return failure.url + ": its cluster " + std::to_string(failure.cluster) + " is damaged (" +
+               std::to_string(code) + ")";
     const bool content = code == OPAL_ERROR_GENERAL || code == OPAL_ERROR_INVALID_ARGUMENT ||
                          code == OPAL_ERROR_OUT_OF_RANGE;
     return failure.url + ": its header or index " +
@@ -172,7 +173,7 @@ std::string ProgressText(const Status& status, size_t width) {
         parts.push_back(Format("level %zu/%zu %ux%u %s", status.level + 1, status.levelCount,
                                status.levelInfo.width, status.levelInfo.height,
                                BitrateText(status.levelInfo.bitrate).c_str()));
-    parts.push_back(Format("buffer %.1f s", Seconds(status.bufferedMs)));
+    parts.push_back(Format("buffer %.1f s", Seconds(std::max<int64_t>(status.bufferedMs, 0))));
     if (status.linkBitsPerSecond > 0)
         parts.push_back("link " + BitrateText(status.linkBitsPerSecond));
     else if (status.linkTooFast && status.level == 0 && status.levelCount > 1)
@@ -282,7 +283,7 @@ std::vector<std::string> FindFaults(const Summary& summary) {
     if (summary.outcome != Outcome::EndOfStream)
         faults.push_back("the end of the stream was not reached");
     if (!summary.errors.empty())
-        faults.push_back("an error was reported");
+        faults.push_back("an error was reported: " + summary.errors.front());
     const bool tooShortToTell =
         summary.pace == 0 && (summary.jumped || summary.durationMs < kShortMs);
     if (!tooShortToTell && !(summary.pace >= kSlowest && summary.pace <= kFastest))

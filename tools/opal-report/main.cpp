@@ -172,7 +172,7 @@ int main(int argc, char** argv) {
         try {
             app.parse(argc, argv);
         } catch (const CLI::ParseError& error) {
-            return app.exit(error) == 0 ? kDone : kBadArguments;
+            return opal::tools::ExitOfParse(app, error, kBadArguments, kFailed);
         }
         return Run(arguments);
     } catch (const std::exception& error) {

@@ -21,6 +21,7 @@ class Sink : public SessionEventSink {
         if (t_recorder)
             std::visit([](auto& told) { t_recorder->Add(std::move(told)); }, event);
     }
+    void Lost() noexcept override {}  // a recording that cannot be held is told by who writes it
 };
 
 int64_t ToUs(double ms) {

@@ -415,7 +415,7 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kExitUsage;
+        return opal::tools::ExitOfParse(app, error, kExitUsage, kExitInput);
     }
     log4cxx::Logger::getRootLogger()->setLevel(log4cxx::Level::getOff());
     static SimulatedClock clock;

@@ -15,11 +15,11 @@ constexpr const char* kRules[] = {
 constexpr const char* kCalls[] = {
     "set-levels", "set-bandwidth", "set-startup-time",  "set-audio-bitrate", "set-cluster-indexes",
     "download",   "restart",       "get-current-level", "is-video-buffered", "get-excess-buffer"};
-constexpr const char* kStates[] = {"opening",       "opened",      "playing",        "paused",
-                                   "underflow",     "seek",        "rate",           "rate-wanted",
-                                   "level",         "audio-track", "subtitle-track", "subtitle",
-                                   "end-of-stream", "stopped",     "error",          "closed",
-                                   "pause-wanted",  "play-wanted", "media-failed"};
+constexpr const char* kStates[] = {
+    "opening",        "opened",       "playing",       "paused",       "underflow",
+    "seek",           "rate",         "rate-wanted",   "level",        "audio-track",
+    "subtitle-track", "subtitle",     "end-of-stream", "stopped",      "error",
+    "closed",         "pause-wanted", "play-wanted",   "media-failed", "cluster-damaged"};
 constexpr const char* kStreams[] = {"video", "audio", "subtitle", "trick", "none"};
 constexpr const char* kRates[] = {nullptr, "1x",  "2x",  "-2x",  "4x",  "-4x",
                                   "8x",    "-8x", "16x", "-16x", "32x", "-32x"};

@@ -209,8 +209,9 @@ bool ReadInto(const Fields& in, StateEvent* event) {
     event->to = in.Index("to");
     event->code = static_cast<OPALError>(in.Small("code"));
     event->text = in.Text("text");
+    event->cluster = in.Int("cluster", -1);
     return in.Word("state", &event->state) && !in.At("state").is_null() &&
-           in.Word("rate", &event->rate);
+           in.Word("rate", &event->rate) && in.Word("stream", &event->stream);
 }
 
 bool ReadInto(const Fields& in, SinkEvent* event) {

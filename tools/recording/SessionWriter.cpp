@@ -127,6 +127,9 @@ const char* Write(const StateEvent& in, Object& out) {
         out["rate"] = Name(in.rate);
     AddNumber(out, "code", static_cast<int>(in.code));
     AddUnless(out, "text", in.text, std::string());
+    if (in.state == SessionState::ClusterDamaged)
+        out["stream"] = Name(in.stream);
+    AddUnless<int64_t>(out, "cluster", in.cluster, -1);
     return "state";
 }
 

@@ -75,7 +75,10 @@ OPALError StreamingController::InitializeFromSMILFile(const std::string& url,
                                                       const std::string& language,
                                                       OPALWriterModel model) {
     return opal::NoThrow([&] {
-        return RunInitialization([&] { return BuildFromManifest(url, country, language, model); });
+        return RunInitialization([&] {
+            m_mutex.AssertHeld();
+            return BuildFromManifest(url, country, language, model);
+        });
     });
 }
 
@@ -85,8 +88,10 @@ OPALError StreamingController::InitializeFromTIXString(const std::string& tixStr
                                                        const std::string& language,
                                                        OPALWriterModel model) {
     return opal::NoThrow([&] {
-        return RunInitialization(
-            [&] { return BuildFromTicket(tixString, sessionData, country, language, model); });
+        return RunInitialization([&] {
+            m_mutex.AssertHeld();
+            return BuildFromTicket(tixString, sessionData, country, language, model);
+        });
     });
 }
 
@@ -140,11 +145,11 @@ void StreamingController::BeginInitialization(const char* trace, int senderKind)
 OPALError StreamingController::BuildFromManifest(const std::string& url, const std::string& country,
                                                  const std::string& language,
                                                  OPALWriterModel model) {
-    if (opal::SessionEventStream::IsObserved()) {
+    opal::SessionEventStream::IfObserved([&] {
         opal::StateEvent opening;
         opening.text = url;
         m_session->reports.Observe(std::move(opening));
-    }
+    });
     BeginInitialization("Enter StreamingController::InitializeFromSMILFile : time=",
                         ObjectFactory::kNullSender);
     (void)LoadAlgorithmConfigFile(logger);
@@ -164,7 +169,6 @@ OPALError StreamingController::BuildFromManifest(const std::string& url, const s
     if (code != OPAL_OK)
         return code;
     m_timeInitDone = opal::Now();
-    opal::RecursiveLock lock(m_mutex);
     m_sessionContent = false;
     return InitializeInternal("unknown", model);
 }
@@ -221,7 +225,6 @@ OPALError StreamingController::BuildFromTicket(const std::string& tixString,
     if (code != OPAL_OK)
         return code;
     m_timeInitDone = opal::Now();
-    opal::RecursiveLock lock(m_mutex);
     m_sessionContent = true;
     return InitializeInternal(assetId, model);
 }
@@ -238,7 +241,11 @@ OPALError StreamingController::InitializeInternal(const std::string& ticket,
     if (code != OPAL_OK)
         return code;
     const opal::playback::StartDecision start = opal::playback::ChooseStart(
-        *m_pSwitching, m_pSMILParser->GetVideoLevelCount(), [this] { return ProbeBandwidth(); },
+        *m_pSwitching, m_pSMILParser->GetVideoLevelCount(),
+        [this] {
+            m_mutex.AssertHeld();
+            return ProbeBandwidth();
+        },
         [this] { return opal::ToMilliseconds(opal::Now() - m_timeEnter); });
     if (start.probeFailed)
         Trace("Probe failed using level 0");

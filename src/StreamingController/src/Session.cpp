@@ -27,6 +27,8 @@ constexpr int64_t kSinksPeriodMs = 999;
 
 }  // namespace
 
+// It binds references to what the controller's lock guards, and the compiler has no name for that
+// lock where they are used.
 StreamingController::Session::Session(StreamingController& c) OPAL_NO_THREAD_SAFETY_ANALYSIS
     : reports(c.m_pNotify, c.m_positionSeconds),
       objects{c.m_pSMILParser,   c.m_pSwitching, c.m_pReaders,    c.m_pReaderNotify, c.m_buffering,

@@ -15,8 +15,9 @@
 #include "StreamingController/src/SubtitleRoad.h"
 #include "StreamingController/src/TicketSession.h"
 
-/// The parts beside the shell, and what the session remembers between messages; under m_mutex
-/// unless a field is atomic or a part says otherwise.
+/// The parts beside the shell, and what the session remembers between messages; under the
+/// controller's m_mutex unless a field is atomic or a part says otherwise. The compiler checks the
+/// controller's operations that lead here; it has no name for that lock in these parts.
 struct StreamingController::Session {
     /// How far a change of level has come.
     struct LevelSwitch {

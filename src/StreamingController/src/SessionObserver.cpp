@@ -44,6 +44,11 @@ class ObserverQueue : public SessionEventSink {
             m_wakeup.NotifyOne();
     }
 
+    void Lost() noexcept override {
+        const MutexLock lock(m_mutex);
+        m_dropped += m_open;
+    }
+
     OPALError Observe(ISessionObserver* observer) {
         if (t_delivering)
             return OPAL_ERROR_GENERAL;
@@ -116,14 +121,19 @@ class ObserverQueue : public SessionEventSink {
                 m_events.pop_front();
             }
             const MutexUnlock unlocked(m_mutex);
-            try {
-                if (entry.droppedBefore != told)
-                    observer.OnDropped(told = entry.droppedBefore);
-                if (!last)
-                    std::visit(Deliver{observer}, entry.event);
-            } catch (...) {
-                // The observer's own affair.
-            }
+            if (entry.droppedBefore != told)
+                Call([&] { observer.OnDropped(told = entry.droppedBefore); });
+            if (!last)
+                Call([&] { std::visit(Deliver{observer}, entry.event); });
+        }
+    }
+
+    /// What a callback throws is the observer's own affair.
+    template <typename Callback>
+    static void Call(Callback callback) {
+        try {
+            callback();
+        } catch (...) {
         }
     }
 

@@ -141,6 +141,8 @@ void SessionReports::UnsupportedAudio() const {
 void SessionReports::Observe(SessionState state, int64_t valueMs, size_t to) const {
     if (m_observed.exchange(state) == SessionState::Closed && state == SessionState::Closed)
         return;  // no session is there to be closed
+    if (state == SessionState::Opening)
+        m_positionMs = -1;
     if (!SessionEventStream::IsObserved())
         return;
     StateEvent event;

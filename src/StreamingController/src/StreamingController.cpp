@@ -15,6 +15,7 @@
 #include "PlatformAdapter/Mstar/HABArch.h"
 #include "SMILParser/ISMILParser.h"
 #include "StreamSwitchingAlgorithm/IStreamSwitchingController.h"
+#include "StreamingController/src/NoThrow.h"
 #include "StreamingController/src/ProductionObjects.h"
 #include "StreamingController/src/Session.h"
 #include "StreamingDemux/EBML/IClusterBuffer.h"
@@ -133,39 +134,43 @@ OPALError StreamingController::GetVideoLevelInfo(size_t index, VideoLevelInfo& i
 }
 
 OPALError StreamingController::GetAudioTrackInfo(size_t index, AudioTrackInfo& info) {
-    info = AudioTrackInfo();
-    ObjectsLock lock(m_objectsMutex);
-    if (!m_pSMILParser)
-        return OPAL_ERROR_NOT_YET;
-    boost::shared_ptr<IAudioTrack> track;
-    const OPALError code = m_pSMILParser->GetAudioTrack(index, track);
-    if (code != OPAL_OK)
-        return code;
-    info.reservedBandwidth = track->GetReservedBandwidth();
-    info.mimeType = track->GetMimeType();
-    info.language = track->GetLanguage();
-    AudioStreamInfo stream;
-    if (m_pReaders && m_pReaders->GetAudioInfo(index, stream) == OPAL_OK) {
-        info.samplingFrequency = stream.samplingFrequency;
-        info.channels = stream.channels;
-        info.codecPrivate = stream.codecPrivate;
-    }
-    return OPAL_OK;
+    return opal::NoThrow([&]() -> OPALError {
+        info = AudioTrackInfo();
+        ObjectsLock lock(m_objectsMutex);
+        if (!m_pSMILParser)
+            return OPAL_ERROR_NOT_YET;
+        boost::shared_ptr<IAudioTrack> track;
+        const OPALError code = m_pSMILParser->GetAudioTrack(index, track);
+        if (code != OPAL_OK)
+            return code;
+        info.reservedBandwidth = track->GetReservedBandwidth();
+        info.mimeType = track->GetMimeType();
+        info.language = track->GetLanguage();
+        AudioStreamInfo stream;
+        if (m_pReaders && m_pReaders->GetAudioInfo(index, stream) == OPAL_OK) {
+            info.samplingFrequency = stream.samplingFrequency;
+            info.channels = stream.channels;
+            info.codecPrivate = stream.codecPrivate;
+        }
+        return OPAL_OK;
+    });
 }
 
 OPALError StreamingController::GetSubtitleTrackInfo(size_t index, SubtitleTrackInfo& info) {
-    info = SubtitleTrackInfo();
-    ObjectsLock lock(m_objectsMutex);
-    if (!m_pSMILParser)
-        return OPAL_ERROR_NOT_YET;
-    boost::shared_ptr<ISubtitleTrack> track;
-    const OPALError code = m_pSMILParser->GetSubtitleTrack(index, track);
-    if (code != OPAL_OK)
-        return code;
-    info.reservedBandwidth = track->GetReservedBandwidth();
-    info.mimeType = track->GetMimeType();
-    info.language = track->GetLanguage();
-    return OPAL_OK;
+    return opal::NoThrow([&]() -> OPALError {
+        info = SubtitleTrackInfo();
+        ObjectsLock lock(m_objectsMutex);
+        if (!m_pSMILParser)
+            return OPAL_ERROR_NOT_YET;
+        boost::shared_ptr<ISubtitleTrack> track;
+        const OPALError code = m_pSMILParser->GetSubtitleTrack(index, track);
+        if (code != OPAL_OK)
+            return code;
+        info.reservedBandwidth = track->GetReservedBandwidth();
+        info.mimeType = track->GetMimeType();
+        info.language = track->GetLanguage();
+        return OPAL_OK;
+    });
 }
 
 OPALError StreamingController::GetSubtitleFont(void* destination, size_t& size) {
@@ -222,25 +227,31 @@ size_t StreamingController::GetCurrentSubtitleTrack() {
 OPALError StreamingController::PullAudioBlock(qutl::MemoryBuffer<unsigned char>& data,
                                               int64_t& time, int64_t& duration, uint32_t& level,
                                               uint32_t& flags) {
-    ObjectsLock lock(m_objectsMutex);
-    return m_pAudioWriter ? m_pAudioWriter->PullBlock(data, time, duration, level, flags)
-                          : OPAL_ERROR_NOT_READY;
+    return opal::NoThrow([&]() -> OPALError {
+        ObjectsLock lock(m_objectsMutex);
+        return m_pAudioWriter ? m_pAudioWriter->PullBlock(data, time, duration, level, flags)
+                              : OPAL_ERROR_NOT_READY;
+    });
 }
 
 OPALError StreamingController::PullVideoBlock(qutl::MemoryBuffer<unsigned char>& data,
                                               int64_t& time, int64_t& duration, uint32_t& level,
                                               uint32_t& flags) {
-    ObjectsLock lock(m_objectsMutex);
-    return m_pVideoWriter ? m_pVideoWriter->PullBlock(data, time, duration, level, flags)
-                          : OPAL_ERROR_NOT_READY;
+    return opal::NoThrow([&]() -> OPALError {
+        ObjectsLock lock(m_objectsMutex);
+        return m_pVideoWriter ? m_pVideoWriter->PullBlock(data, time, duration, level, flags)
+                              : OPAL_ERROR_NOT_READY;
+    });
 }
 
 OPALError StreamingController::PullSubtitleBlock(qutl::MemoryBuffer<unsigned char>& data,
                                                  int64_t& time, int64_t& duration, uint32_t& level,
                                                  uint32_t& flags) {
-    ObjectsLock lock(m_objectsMutex);
-    return m_pSubtitleWriter ? m_pSubtitleWriter->PullBlock(data, time, duration, level, flags)
-                             : OPAL_ERROR_NOT_READY;
+    return opal::NoThrow([&]() -> OPALError {
+        ObjectsLock lock(m_objectsMutex);
+        return m_pSubtitleWriter ? m_pSubtitleWriter->PullBlock(data, time, duration, level, flags)
+                                 : OPAL_ERROR_NOT_READY;
+    });
 }
 
 OPALError StreamingController::GetPlatformPreferences(HABPreferences& preferences) {
@@ -326,14 +337,14 @@ void StreamingController::SubtitleNotify::OnSubtitle(int64_t msStart, int64_t ms
                                                      const std::string& text) {
     if (!controller)
         return;
-    if (opal::SessionEventStream::IsObserved()) {
+    opal::SessionEventStream::IfObserved([&] {
         opal::StateEvent event;
         event.state = opal::SessionState::Subtitle;
         event.valueMs = msStart;
         event.endMs = msEnd;
         event.text = text;
         controller->m_session->reports.Observe(std::move(event));
-    }
+    });
     controller->m_session->reports.Tell(
         [&](IStreamingControllerNotify& listener) { listener.OnSubtitle(msStart, msEnd, text); });
 }

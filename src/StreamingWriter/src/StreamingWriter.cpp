@@ -4,11 +4,12 @@
 #include <exception>
 #include <iterator>
 #include <limits>
+#include <utility>
 
 #include "Common/Clock.h"
+#include "Common/SessionEventStream.h"
 #include "Common/StreamingTuning.h"
 #include "PlatformAdapter/Common/IPlatform.h"
-#include "StreamingDemux/EBML/IClusterBuffer.h"
 
 namespace {
 
@@ -300,7 +301,7 @@ OPALError StreamingWriter::NextBlock(BlockNode& block) {
         return OPAL_OK;
     }
     if (result != OPAL_ERROR_END_OF_DATA && result != OPAL_ERROR_NOT_READY)
-        return result;
+        return TellDamage(result);
     return NextCluster(result == OPAL_ERROR_END_OF_DATA, block, trailer);
 }
 
@@ -335,8 +336,25 @@ OPALError StreamingWriter::NextCluster(bool exhausted, BlockNode& block, size_t 
                                           std::numeric_limits<int32_t>::max());
     if (m_pSink)
         (void)m_pSink->SetClusterTime(m_frameDuration);
+    m_cluster = info;
     result = m_pParser->SetCluster(bytes, info.level);
-    return result == OPAL_OK ? AskParser(block, trailer) : result;
+    if (result == OPAL_OK)
+        result = AskParser(block, trailer);
+    return result == OPAL_OK || result == OPAL_ERROR_END_OF_DATA ? result : TellDamage(result);
+}
+
+/// Tells the observer that the cluster in hand cannot be read.
+OPALError StreamingWriter::TellDamage(OPALError code) const {
+    opal::SessionEventStream::IfObserved([&] {
+        opal::StateEvent event;
+        event.state = opal::SessionState::ClusterDamaged;
+        event.stream = m_cluster.streamType;
+        event.to = m_cluster.level;
+        event.cluster = m_cluster.clusterIndex;
+        event.code = code;
+        opal::SessionEventStream::Tell(std::move(event));
+    });
+    return code;
 }
 
 OPALError StreamingWriter::AskParser(BlockNode& block, size_t trailer) {

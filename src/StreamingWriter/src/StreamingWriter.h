@@ -7,10 +7,9 @@
 
 #include "Common/Mutex.h"
 #include "StreamingDemux/EBML/BlockNode.h"
+#include "StreamingDemux/EBML/IClusterBuffer.h"
 #include "StreamingDemux/EBML/IClusterParser.h"
 #include "StreamingWriter/IStreamingWriter.h"
-
-struct ClusterInfo;
 
 /// See IStreamingWriter. In the push model a round queues at most 30 ms of audio or one block of
 /// anything else, and nothing is locked between rounds. Without a sink, which the pull model
@@ -76,6 +75,7 @@ class StreamingWriter : public IStreamingWriter {
     OPALError WriteBlock(size_t trailer) OPAL_REQUIRES(m_mutex);
     OPALError NextBlock(BlockNode& block) OPAL_REQUIRES(m_mutex);
     OPALError NextCluster(bool exhausted, BlockNode& block, size_t trailer) OPAL_REQUIRES(m_mutex);
+    OPALError TellDamage(OPALError code) const OPAL_REQUIRES(m_mutex);
     OPALError AskParser(BlockNode& block, size_t trailer) OPAL_REQUIRES(m_mutex);
     OPALError GetTrailer(size_t& trailer);
     void MakePresentable(BlockNode& block) const OPAL_REQUIRES(m_mutex);
@@ -98,6 +98,7 @@ class StreamingWriter : public IStreamingWriter {
     size_t m_discardLevel OPAL_GUARDED_BY(m_discardMutex) = static_cast<size_t>(-1);
     std::atomic<bool> m_disabled{false};
     BlockNode m_block OPAL_GUARDED_BY(m_mutex);
+    ClusterInfo m_cluster OPAL_GUARDED_BY(m_mutex);  ///< that the parser has
     qutl::MemoryBuffer<unsigned char> m_offered
         OPAL_GUARDED_BY(m_mutex);  ///< pull model: the sink's copy of a block
     std::atomic<OPALError> m_error{OPAL_OK};

@@ -31,8 +31,8 @@ struct Window {
     uint32_t format = SBT_NONE;
 };
 
-opal::RecursiveMutex g_windowMutex;
-using WindowLock = opal::RecursiveLock;
+opal::Mutex g_windowMutex;
+using WindowLock = opal::MutexLock;
 
 IDirectFB* m_pDFB OPAL_GUARDED_BY(g_windowMutex) = nullptr;
 IDirectFBDisplayLayer* m_pDFBLayer OPAL_GUARDED_BY(g_windowMutex) = nullptr;
@@ -52,6 +52,7 @@ bool Succeeds(const Call& call, const char* function, int line) {
                 function, line);
     return code == DFB_OK;
 }
+// Called at once, under the caller's lock, which the compiler does not see from inside a lambda.
 #define DFB_DO(call) \
     Succeeds([&]() OPAL_NO_THREAD_SAFETY_ANALYSIS { return call; }, __func__, __LINE__)
 
@@ -147,94 +148,39 @@ IDirectFBSurface* CreateLayerWindow(uint8_t id) OPAL_REQUIRES(g_windowMutex) {
     return surface;
 }
 
-}  // namespace
+// What operations of the class call of one another, with the lock held.
+namespace locked {
 
-MSrv_Kmtplayer_Subtitle::MSrv_Kmtplayer_Subtitle() {
-    std::printf("_InitDFB()\n");
-    DFBResult code = DirectFBInit(nullptr, nullptr);
-    if (code != DFB_OK) {
-        std::printf("%s <%d>:\n\t", __FILE__, __LINE__);
-        (void)DirectFBErrorFatal("error", code);
+constexpr uint8_t kOnScreen = MSrv_Kmtplayer_Subtitle::kOnScreen;
+
+bool DestroyWindow(uint8_t id) OPAL_REQUIRES(g_windowMutex) {
+    std::printf("======> DFB DestroyWindow %d\n", id);
+    // Whichever window goes, the font and the window on the screen go with it; deliberate.
+    if (g_windows[kOnScreen].pFont) {
+        std::printf("release font\n");
+        ReleaseAndForget(g_windows[kOnScreen].pFont);
     }
-}
-
-void MSrv_Kmtplayer_Subtitle::SetCallback(void* owner, SubtitleCallbackFunction callback) {
-    m_owner = owner;
-    m_callback = callback;
-}
-
-bool MSrv_Kmtplayer_Subtitle::Open() {
-    WindowLock lock(g_windowMutex);
-    if (m_bOpened) {
-        std::printf("Subtitle is already opened!\n");
+    IDirectFBSurface* surface = SurfaceOf(id);
+    if (!surface) {
+        std::printf("======> DFB DestroyWindow %d done\n", id);
         return false;
     }
-    std::printf("MSrv_Kmtplayer_Subtitle: Open\n");
-    m_bOpened = true;
-    (void)DFB_DO(DirectFBCreate(&m_pDFB));
-    if (m_pDFB)
-        KeepUntilExit(m_pDFB);
-    g_videoWidth = kWidth;
-    g_videoHeight = kHeight;
-    CreateOnScreenWindow();
-    std::printf("MSrv_Kmtplayer_Subtitle is inited done\n");
+    if (id == m_u8PrimarySurfaceID) {
+        (void)DFB_DO(surface->Clear(surface, 0, 0, 0, 0));
+        m_u8PrimarySurfaceID = kNoPrimary;
+    }
+    (void)surface->Release(surface);
+    g_windows[id] = Window();
+    if (m_pDFBWindow) {
+        ReleaseAndForget(m_pDFBWindow);
+        std::printf("======> DFB DestroyWindow[Window] %d done1\n", id);
+    }
+    // The layer stays held until Close.
+    std::printf("======> DFB DestroyWindow %d done1\n", id);
     return true;
 }
 
-bool MSrv_Kmtplayer_Subtitle::Close() {
-    WindowLock lock(g_windowMutex);
-    if (!m_bOpened) {
-        std::printf("Subtitle is already closed!\n");
-        return false;
-    }
-    TvSubtitles_Hide();
-    (void)DestroyWindow(kOnScreen);
-    if (SurfaceOf(kOffScreen))
-        (void)DestroyWindow(kOffScreen);
-    m_bOpened = false;
-    // The window before it must be gone, and the layer lives as long as what it came from.
-    ReleaseAndForget(m_pDFBLayer);
-    ReleaseAndForget(m_pDFB);
-    std::printf("Release dfb\n");
-    return true;
-}
-
-void MSrv_Kmtplayer_Subtitle::CreateOnScreenWindow() {
-    WindowLock lock(g_windowMutex);
-    std::printf("CreateOnScreenWindow ->\n");
-    (void)DestroyWindow(kOnScreen);
-    const SBT_Rect rect = {0, 0, g_videoWidth, g_videoHeight, SBT_ARGB4444};
-    (void)CreateWindow(kOnScreen, &rect, true);
-    Window& window = g_windows[kOnScreen];
-    if (window.m_pSurface) {
-        DFBFontDescription description = {};
-        description.flags = DFDESC_HEIGHT;
-        description.height = kFontHeight;
-        description.width = kFontWidth;
-        // Many televisions have no such file; only DrawText needs it.
-        if (DFB_DO(m_pDFB->CreateFont(m_pDFB, kFontFile, &description, &window.pFont)))
-            (void)DFB_DO(window.m_pSurface->SetFont(window.m_pSurface, window.pFont));
-        else
-            window.pFont = nullptr;
-    }
-    std::printf("CreateOnScreenWindow <-\n");
-}
-
-void MSrv_Kmtplayer_Subtitle::CreateOffScreenWindow() {
-    WindowLock lock(g_windowMutex);
-    std::printf("CreateOffScreenWindow ->\n");
-    (void)DestroyWindow(kOffScreen);
-    const SBT_Rect rect = {0, 0, g_videoWidth, g_videoHeight, SBT_I8};
-    (void)CreateWindow(kOffScreen, &rect, false);
-    RGBPaletteColor colors[kPaletteSize];
-    std::fill(std::begin(colors), std::end(colors), kTransparent);
-    SetPalette(kOffScreen, colors, kPaletteSize, 0);
-    std::printf("CreateOffScreenWindow <-\n");
-}
-
-bool MSrv_Kmtplayer_Subtitle::CreateWindow(uint8_t id, const SBT_Rect* rect, bool displayable,
-                                           const void*) {
-    WindowLock lock(g_windowMutex);
+bool CreateWindow(uint8_t id, const SBT_Rect* rect, bool displayable) OPAL_REQUIRES(g_windowMutex) {
     std::printf("======> DFB CreateWindow %d\n", id);
     if (id >= kWindowCount || !rect)
         return false;
@@ -264,37 +210,28 @@ bool MSrv_Kmtplayer_Subtitle::CreateWindow(uint8_t id, const SBT_Rect* rect, boo
     return true;
 }
 
-bool MSrv_Kmtplayer_Subtitle::DestroyWindow(uint8_t id, const void*) {
-    WindowLock lock(g_windowMutex);
-    std::printf("======> DFB DestroyWindow %d\n", id);
-    // Whichever window goes, the font and the window on the screen go with it; deliberate.
-    if (g_windows[kOnScreen].pFont) {
-        std::printf("release font\n");
-        ReleaseAndForget(g_windows[kOnScreen].pFont);
+void CreateOnScreenWindow() OPAL_REQUIRES(g_windowMutex) {
+    std::printf("CreateOnScreenWindow ->\n");
+    (void)DestroyWindow(kOnScreen);
+    const SBT_Rect rect = {0, 0, g_videoWidth, g_videoHeight, SBT_ARGB4444};
+    (void)CreateWindow(kOnScreen, &rect, true);
+    Window& window = g_windows[kOnScreen];
+    if (window.m_pSurface) {
+        DFBFontDescription description = {};
+        description.flags = DFDESC_HEIGHT;
+        description.height = kFontHeight;
+        description.width = kFontWidth;
+        // Many televisions have no such file; only DrawText needs it.
+        if (DFB_DO(m_pDFB->CreateFont(m_pDFB, kFontFile, &description, &window.pFont)))
+            (void)DFB_DO(window.m_pSurface->SetFont(window.m_pSurface, window.pFont));
+        else
+            window.pFont = nullptr;
     }
-    IDirectFBSurface* surface = SurfaceOf(id);
-    if (!surface) {
-        std::printf("======> DFB DestroyWindow %d done\n", id);
-        return false;
-    }
-    if (id == m_u8PrimarySurfaceID) {
-        (void)DFB_DO(surface->Clear(surface, 0, 0, 0, 0));
-        m_u8PrimarySurfaceID = kNoPrimary;
-    }
-    (void)surface->Release(surface);
-    g_windows[id] = Window();
-    if (m_pDFBWindow) {
-        ReleaseAndForget(m_pDFBWindow);
-        std::printf("======> DFB DestroyWindow[Window] %d done1\n", id);
-    }
-    // The layer stays held until Close.
-    std::printf("======> DFB DestroyWindow %d done1\n", id);
-    return true;
+    std::printf("CreateOnScreenWindow <-\n");
 }
 
-void MSrv_Kmtplayer_Subtitle::SetPalette(uint8_t id, const RGBPaletteColor* colors, uint16_t count,
-                                         uint8_t first, const void*) {
-    WindowLock lock(g_windowMutex);
+void SetPalette(uint8_t id, const RGBPaletteColor* colors, uint16_t count, uint8_t first)
+    OPAL_REQUIRES(g_windowMutex) {
     IDirectFBSurface* surface = SurfaceOf(id);
     if (!surface || !colors || count > kPaletteSize)
         return;
@@ -306,6 +243,128 @@ void MSrv_Kmtplayer_Subtitle::SetPalette(uint8_t id, const RGBPaletteColor* colo
         return;
     (void)DFB_DO(palette->SetEntries(palette, entries, count, first));
     ReleaseAndForget(palette);
+}
+
+void ClearWindowByColor(uint8_t id, const SBT_Rect* rect, const RGBPaletteColor* color)
+    OPAL_REQUIRES(g_windowMutex) {
+    IDirectFBSurface* surface = SurfaceOf(id);
+    if (!surface || !color || g_windows[id].format <= SBT_I8)
+        return;
+    const uint8_t alpha = AlphaOf(*color);
+    if (rect) {
+        (void)DFB_DO(surface->SetColor(surface, color->red, color->green, color->blue, alpha));
+        (void)DFB_DO(surface->FillRectangle(surface, rect->x, rect->y, rect->width, rect->height));
+        return;
+    }
+    (void)DFB_DO(surface->Clear(surface, color->red, color->green, color->blue, alpha));
+    FlipVideoArea(surface);
+}
+
+bool Lock(uint8_t id, EN_GRAPHIC_LOCK_TYPE type, const uint8_t** pixels)
+    OPAL_REQUIRES(g_windowMutex) {
+    std::printf("======> DFB Lock %d\n", id);
+    IDirectFBSurface* surface = SurfaceOf(id);
+    void* memory = nullptr;
+    int pitch = 0;
+    if (!surface || !pixels ||
+        !DFB_DO(surface->Lock(surface, type == GRAPHIC_LOCK_READ ? DSLF_READ : DSLF_WRITE, &memory,
+                              &pitch)))
+        return false;
+    *pixels = static_cast<const uint8_t*>(memory);
+    return true;
+}
+
+void UnLock(uint8_t id) OPAL_REQUIRES(g_windowMutex) {
+    if (IDirectFBSurface* surface = SurfaceOf(id))
+        (void)DFB_DO(surface->Unlock(surface));
+}
+
+}  // namespace locked
+
+}  // namespace
+
+MSrv_Kmtplayer_Subtitle::MSrv_Kmtplayer_Subtitle() {
+    std::printf("_InitDFB()\n");
+    DFBResult code = DirectFBInit(nullptr, nullptr);
+    if (code != DFB_OK) {
+        std::printf("%s <%d>:\n\t", __FILE__, __LINE__);
+        (void)DirectFBErrorFatal("error", code);
+    }
+}
+
+void MSrv_Kmtplayer_Subtitle::SetCallback(void* owner, SubtitleCallbackFunction callback) {
+    m_owner = owner;
+    m_callback = callback;
+}
+
+bool MSrv_Kmtplayer_Subtitle::Open() {
+    WindowLock lock(g_windowMutex);
+    if (m_bOpened) {
+        std::printf("Subtitle is already opened!\n");
+        return false;
+    }
+    std::printf("MSrv_Kmtplayer_Subtitle: Open\n");
+    m_bOpened = true;
+    (void)DFB_DO(DirectFBCreate(&m_pDFB));
+    if (m_pDFB)
+        KeepUntilExit(m_pDFB);
+    g_videoWidth = kWidth;
+    g_videoHeight = kHeight;
+    locked::CreateOnScreenWindow();
+    std::printf("MSrv_Kmtplayer_Subtitle is inited done\n");
+    return true;
+}
+
+bool MSrv_Kmtplayer_Subtitle::Close() {
+    WindowLock lock(g_windowMutex);
+    if (!m_bOpened) {
+        std::printf("Subtitle is already closed!\n");
+        return false;
+    }
+    TvSubtitles_Hide();
+    (void)locked::DestroyWindow(kOnScreen);
+    if (SurfaceOf(kOffScreen))
+        (void)locked::DestroyWindow(kOffScreen);
+    m_bOpened = false;
+    // The window before it must be gone, and the layer lives as long as what it came from.
+    ReleaseAndForget(m_pDFBLayer);
+    ReleaseAndForget(m_pDFB);
+    std::printf("Release dfb\n");
+    return true;
+}
+
+void MSrv_Kmtplayer_Subtitle::CreateOnScreenWindow() {
+    WindowLock lock(g_windowMutex);
+    locked::CreateOnScreenWindow();
+}
+
+void MSrv_Kmtplayer_Subtitle::CreateOffScreenWindow() {
+    WindowLock lock(g_windowMutex);
+    std::printf("CreateOffScreenWindow ->\n");
+    (void)locked::DestroyWindow(kOffScreen);
+    const SBT_Rect rect = {0, 0, g_videoWidth, g_videoHeight, SBT_I8};
+    (void)locked::CreateWindow(kOffScreen, &rect, false);
+    RGBPaletteColor colors[kPaletteSize];
+    std::fill(std::begin(colors), std::end(colors), kTransparent);
+    locked::SetPalette(kOffScreen, colors, kPaletteSize, 0);
+    std::printf("CreateOffScreenWindow <-\n");
+}
+
+bool MSrv_Kmtplayer_Subtitle::CreateWindow(uint8_t id, const SBT_Rect* rect, bool displayable,
+                                           const void*) {
+    WindowLock lock(g_windowMutex);
+    return locked::CreateWindow(id, rect, displayable);
+}
+
+bool MSrv_Kmtplayer_Subtitle::DestroyWindow(uint8_t id, const void*) {
+    WindowLock lock(g_windowMutex);
+    return locked::DestroyWindow(id);
+}
+
+void MSrv_Kmtplayer_Subtitle::SetPalette(uint8_t id, const RGBPaletteColor* colors, uint16_t count,
+                                         uint8_t first, const void*) {
+    WindowLock lock(g_windowMutex);
+    locked::SetPalette(id, colors, count, first);
 }
 
 void MSrv_Kmtplayer_Subtitle::Bitblt(uint8_t src, uint8_t dst, const SBT_Rect* srcRect,
@@ -337,17 +396,7 @@ void MSrv_Kmtplayer_Subtitle::ClearWindowByIndex(uint8_t id, const SBT_Rect* rec
 void MSrv_Kmtplayer_Subtitle::ClearWindowByColor(uint8_t id, const SBT_Rect* rect,
                                                  const RGBPaletteColor* color, const void*) {
     WindowLock lock(g_windowMutex);
-    IDirectFBSurface* surface = SurfaceOf(id);
-    if (!surface || !color || g_windows[id].format <= SBT_I8)
-        return;
-    const uint8_t alpha = AlphaOf(*color);
-    if (rect) {
-        (void)DFB_DO(surface->SetColor(surface, color->red, color->green, color->blue, alpha));
-        (void)DFB_DO(surface->FillRectangle(surface, rect->x, rect->y, rect->width, rect->height));
-        return;
-    }
-    (void)DFB_DO(surface->Clear(surface, color->red, color->green, color->blue, alpha));
-    FlipVideoArea(surface);
+    locked::ClearWindowByColor(id, rect, color);
 }
 
 void MSrv_Kmtplayer_Subtitle::GetVideoSize(SBT_Rect* rect) {
@@ -374,34 +423,24 @@ bool MSrv_Kmtplayer_Subtitle::GetWindowInfo(uint8_t id, SBT_Rect* info, uint16_t
 bool MSrv_Kmtplayer_Subtitle::Lock(uint8_t id, EN_GRAPHIC_LOCK_TYPE type, const uint8_t** pixels,
                                    const void*) {
     WindowLock lock(g_windowMutex);
-    std::printf("======> DFB Lock %d\n", id);
-    IDirectFBSurface* surface = SurfaceOf(id);
-    void* memory = nullptr;
-    int pitch = 0;
-    if (!surface || !pixels ||
-        !DFB_DO(surface->Lock(surface, type == GRAPHIC_LOCK_READ ? DSLF_READ : DSLF_WRITE, &memory,
-                              &pitch)))
-        return false;
-    *pixels = static_cast<const uint8_t*>(memory);
-    return true;
+    return locked::Lock(id, type, pixels);
 }
 
 void MSrv_Kmtplayer_Subtitle::UnLock(uint8_t id, const void*) {
     WindowLock lock(g_windowMutex);
-    if (IDirectFBSurface* surface = SurfaceOf(id))
-        (void)DFB_DO(surface->Unlock(surface));
+    locked::UnLock(id);
 }
 
 void MSrv_Kmtplayer_Subtitle::DrawImage(const uint8_t* image) {
     WindowLock lock(g_windowMutex);
     const uint8_t* pixels = nullptr;
-    if (Lock(kOnScreen, GRAPHIC_LOCK_WRITE, &pixels)) {
+    if (locked::Lock(kOnScreen, GRAPHIC_LOCK_WRITE, &pixels)) {
         const Window& window = g_windows[kOnScreen];
         auto* target = const_cast<uint8_t*>(pixels);  // locked for writing
         const size_t bytes = std::min(g_videoWidth, window.pitch);
         for (uint16_t y = 0; y < g_videoHeight; ++y)
             std::memcpy(target + size_t{y} * window.pitch, image + size_t{y} * kWidth, bytes);
-        UnLock(kOnScreen);
+        locked::UnLock(kOnScreen);
         FlipVideoArea(window.m_pSurface);
     } else {
         std::printf("MSrv_Kmtplayer_Subtitle::DrawImage Lock failed\n");
@@ -423,6 +462,7 @@ void MSrv_Kmtplayer_Subtitle::DrawText(const char* text, long size) {
     int lineHeight = 0;
     (void)DFB_DO(font->GetHeight(font, &lineHeight));
     (void)DFB_DO(surface->SetColor(surface, 0xFF, 0xFF, 0xFF, 0xFF));
+    // Called here alone, under the lock that the compiler does not see from inside.
     const auto draw = [&](const char* name, const char* line) OPAL_NO_THREAD_SAFETY_ANALYSIS {
         const int exactLength = static_cast<int>(std::strcspn(line, "\n"));
         if (name[4] == '2')
@@ -453,5 +493,5 @@ void MSrv_Kmtplayer_Subtitle::DrawText(const char* text, long size) {
 void MSrv_Kmtplayer_Subtitle::Clear() {
     WindowLock lock(g_windowMutex);
     TvSubtitles_Hide();
-    ClearWindowByColor(kOnScreen, nullptr, &kTransparent);
+    locked::ClearWindowByColor(kOnScreen, nullptr, &kTransparent);
 }

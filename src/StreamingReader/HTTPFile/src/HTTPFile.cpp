@@ -354,7 +354,7 @@ opal::RequestEvent HTTPFile::DescribeRequest_Unlocked(const HTTPRequest* request
         for (size_t i = 0; request && request->GetLength(i) > 0; ++i)
             event.ranges.emplace_back(request->GetOffset(i), request->GetLength(i));
     } catch (const std::bad_alloc&) {
-        // A transfer does not fail for what is told of it.
+        event.ranges.clear();  // a transfer does not fail for what is told of it
     }
     return event;
 }
