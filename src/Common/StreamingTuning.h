@@ -29,6 +29,8 @@ class StreamingTuning {
 
     /// Pause between a reader manager's looks for something to fetch, ms.
     static constexpr int64_t GetReaderPoll() { return 20; }
+    /// Of a file's index, fetched to learn how long it is; an EBML element's header has 16 at most.
+    static constexpr int64_t GetIndexHeaderBytes() { return 18; }
     /// What a sink takes ahead of its position, ms.
     static constexpr uint32_t GetVideoSinkAhead() { return 2000; }
     static constexpr uint32_t GetAudioSinkAhead() { return 1000; }

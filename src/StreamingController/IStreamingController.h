@@ -40,8 +40,9 @@
 /// again at the OnPlay that it did not ask for. (2) Seek goes on at the trick rate; Resume too.
 ///
 /// Threading: any operation from any thread. How long an operation may block:
-///  - Initialize... for as long as manifest and stream headers take to come; meanwhile guarded
-///    operations of other threads wait for it, and Finalize ends it.
+///  - Initialize... for as long as manifest and stream headers take to come; meanwhile what steers
+///    the session, GetDuration, GetPlayRate, GetDefaultTracks and GetSubtitleFont wait for it on
+///    other threads, and Finalize ends it.
 ///  - The first of Play, Resume, Seek, SetPlayRate: for as long as the first audio track takes to
 ///    open; the others of these wait with it, and nothing else does. Called back from a listener,
 ///    they do not wait: the track is opened behind them.
@@ -147,7 +148,8 @@ class IStreamingController {
     virtual OPALError PullSubtitleBlock(qutl::MemoryBuffer<unsigned char>& data, int64_t& time,
                                         int64_t& duration, uint32_t& level, uint32_t& flags) = 0;
     virtual OPALError GetPlatformPreferences(HABPreferences& preferences) = 0;
-    /// The tracks that the content service prefers, else the first; (size_t)-1 without any.
+    /// The tracks that the content service prefers, else the first; (size_t)-1 without any, and for
+    /// subtitles while they are off.
     virtual OPALError GetDefaultTracks(size_t& audio, size_t& subtitle) = 0;
     /// -4 while nothing is being buffered.
     virtual OPALError GetBufferingProgress(size_t& percent) = 0;

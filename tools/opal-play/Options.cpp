@@ -125,10 +125,11 @@ void Declare(CLI::App& app, Options& options, Words& words) {
         ->type_name("FILE");
     app.add_flag("--stats", options.stats,
                  "Key figures over the picture, in snapshots and on the terminal");
-    app.add_option("--output", options.outputFile, "FILE for what library and set print")
+    app.add_option("--output", options.outputFile, "FILE for what library and television print")
         ->type_name("FILE")
         ->capture_default_str();
-    app.add_flag("--verbose", options.verbose, "Leave what library and set print on the terminal");
+    app.add_flag("--verbose", options.verbose,
+                 "Leave what library and television print on the terminal");
     tools::Prepare(app, {"--start", "--at", "--audio-track", "--subtitles", "--window",
                          "--headless", "--snapshots", "--snapshot-at", "--stats", "--json"});
 }

@@ -24,7 +24,7 @@ constexpr double kTurnMs = playback::kTurnMs;
 constexpr double kManagerPollMs = StreamingTuning::GetReaderPoll();
 /// What opening a file transfers beside its index: the answer to the header request, the file's
 /// header, and the first bytes of the index.
-constexpr double kOpenBytes[] = {0.0, 1000.0, 18.0};
+constexpr double kOpenBytes[] = {0.0, 1000.0, StreamingTuning::GetIndexHeaderBytes()};
 constexpr double kManifestBytes = 4000.0;
 constexpr double kCuePointBytes = 20.0;
 /// How often a recording is told of the buffers.

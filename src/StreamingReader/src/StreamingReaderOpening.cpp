@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "Common/SessionEventStream.h"
+#include "Common/StreamingTuning.h"
 #include "Common/logging/Logger.h"
 #include "StreamingDemux/EBML/IClusterIndex.h"
 #include "StreamingDemux/EBML/StreamHeaderParser.h"
@@ -12,8 +13,6 @@
 namespace {
 
 constexpr int64_t kNanosecondsPerMs = 1000000;
-/// The largest EBML element header has 16 bytes.
-constexpr int64_t kElementHeaderBytes = 18;
 /// Beyond any film's; a header and an index are each held in memory whole.
 constexpr int64_t kMaxHeaderBytes = 16 * 1024 * 1024;
 constexpr uint64_t kMaxCuesBytes = 16 * 1024 * 1024;
@@ -105,7 +104,7 @@ OPALError StreamingReader::ReadHeaders() {
     if (result != OPAL_OK)
         return result;
     qutl::MemoryBuffer<unsigned char> cuesHeader;
-    result = FetchRange(cuesOffset, kElementHeaderBytes, cuesHeader);
+    result = FetchRange(cuesOffset, StreamingTuning::GetIndexHeaderBytes(), cuesHeader);
     if (result != OPAL_OK)
         return result;
     uint64_t id = 0;

@@ -345,15 +345,15 @@ OPALError StreamingWriter::NextCluster(bool exhausted, BlockNode& block, size_t 
 
 /// Tells the observer that the cluster in hand cannot be read.
 OPALError StreamingWriter::TellDamage(OPALError code) const {
-    opal::SessionEventStream::IfObserved([&] {
-        opal::StateEvent event;
-        event.state = opal::SessionState::ClusterDamaged;
-        event.stream = m_cluster.streamType;
-        event.to = m_cluster.level;
-        event.cluster = m_cluster.clusterIndex;
-        event.code = code;
-        opal::SessionEventStream::Tell(std::move(event));
-    });
+    if (!opal::SessionEventStream::IsObserved())
+        return code;
+    opal::StateEvent event;
+    event.state = opal::SessionState::ClusterDamaged;
+    event.stream = m_cluster.streamType;
+    event.to = m_cluster.level;
+    event.cluster = m_cluster.clusterIndex;
+    event.code = code;
+    opal::SessionEventStream::Tell(std::move(event));
     return code;
 }
 

@@ -79,7 +79,9 @@ uint16_t Origin::Port() const {
 }
 
 std::string Origin::Url(const std::string& path) const {
-    return "http://" + m_impl->options.address + ":" + std::to_string(Port()) + WithSlash(path);
+    const std::string& address = m_impl->options.address;
+    const std::string host = address.find(':') == std::string::npos ? address : "[" + address + "]";
+    return "http://" + host + ":" + std::to_string(Port()) + WithSlash(path);
 }
 
 void Origin::AddFile(const std::string& path, std::string bytes) {

@@ -109,6 +109,7 @@ size_t HTTPConnection::Receive(char* bytes, size_t size) {
 /// A slice at most: the signal is looked at in between. False when nothing more will come. The
 /// socket may be ready all the time while TLS waits for something else: hence the pause.
 bool HTTPConnection::WaitForSocket(short events) {
+    // Real time, as the bounds above: whoever drives the library's clock has no hand in a service.
     if (m_idleWaits++ != 0)
         (void)poll(nullptr, 0, kIdlePauseMs);
     pollfd ready{m_handles->socket, events, 0};
