@@ -21,7 +21,10 @@ class Sink : public SessionEventSink {
         if (t_recorder)
             std::visit([](auto& told) { t_recorder->Add(std::move(told)); }, event);
     }
-    void Lost() noexcept override {}  // a recording that cannot be held is told by who writes it
+    void Lost() noexcept override {
+        if (t_recorder)
+            t_recorder->CountLost();
+    }
 };
 
 int64_t ToUs(double ms) {
@@ -47,6 +50,12 @@ SessionRecorder::~SessionRecorder() {
 }
 
 void SessionRecorder::Add(recording::Record record) {
+    if (m_lost != m_lostTold) {
+        recording::DroppedEvent dropped;
+        dropped.timeUs = SessionEventStream::NowUs();
+        dropped.total = m_lostTold = m_lost;
+        m_sink(recording::ToLine(dropped, m_startUs));
+    }
     std::visit(
         [](auto& event) {
             if (event.timeUs == 0)

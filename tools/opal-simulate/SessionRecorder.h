@@ -26,6 +26,8 @@ class SessionRecorder {
 
     /// At the present simulated time, unless the record has one.
     void Add(recording::Record record);
+    /// An event was lost for want of memory; the next one is told behind that.
+    void CountLost() noexcept { ++m_lost; }
     /// A transfer that has ended now, with what it had left; `offset` in its file.
     void AddRequest(const RequestLabel& label, const Transfer& transfer, int64_t offset,
                     RequestEnd end);
@@ -41,6 +43,8 @@ class SessionRecorder {
     const LineSink m_sink;
     int64_t m_startUs = 0;
     int64_t m_linkRate = -1;
+    int64_t m_lost = 0;
+    int64_t m_lostTold = 0;
 };
 
 }  // namespace opal::simulate
